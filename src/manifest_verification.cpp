@@ -1,0 +1,430 @@
+#include "bus_client.hpp"
+#include "handles.hpp"
+#include "log.hpp"
+#include "velmora.hpp"
+
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <new>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <typeinfo>
+#include <vector>
+
+namespace
+{
+
+using namespace velmora;
+namespace fs = std::filesystem;
+
+/** Named in the lines that the steps of the operation write. */
+constexpr const char* VERIFY_IMAGE = "verifyManifestAndSignature";
+
+constexpr const char* MANIFEST_MAGIC = "$KTB";
+constexpr const char* MANIFEST_FILE = "image-ktb";
+constexpr const char* SIGNATURE_FILE = "image-ktb.sig";
+constexpr const char* RELEASE_MARKER_FILE = "/tmp/ingressRelease";
+/** A larger signature file, in bytes, has the older format. */
+constexpr std::streamoff SIGNATURE_FILE_MAX_SIZE = 511;
+
+/** r and s at the end of an image, in bytes each. */
+constexpr std::size_t SIGNATURE_NUMBER_SIZE = 48;
+constexpr std::size_t IMAGE_SIGNATURE_SIZE = 2 * SIGNATURE_NUMBER_SIZE;
+constexpr std::size_t IMAGE_BUFFER_SIZE = 4 * 1024 * 1024;
+
+constexpr std::size_t RECORD_HEADER_SIZE = 16;
+constexpr std::uint16_t RELEASE_RECORD_TYPE = 10;
+/** Offset of the release in a record's data. */
+constexpr std::uint64_t RELEASE_OFFSET = 2;
+/** The length in front of the signer's key. */
+constexpr std::size_t KEY_LENGTH_SIZE = 2;
+
+using Bytes = std::span<const std::uint8_t>;
+
+std::uint16_t loadLe16(Bytes bytes, std::size_t offset)
+{
+    return static_cast<std::uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
+}
+
+std::uint32_t loadLe32(Bytes bytes, std::size_t offset)
+{
+    return loadLe16(bytes, offset) |
+           static_cast<std::uint32_t>(loadLe16(bytes, offset + 2)) << 16;
+}
+
+/** The rest of a stream, by the stream's own reading, which reports an error
+ *  in its state and does not throw. */
+std::string readAll(std::ifstream& file)
+{
+    std::string content;
+    std::array<char, 64 * 1024> piece;
+    while (file.read(piece.data(), piece.size()), file.gcount() > 0)
+    {
+        content.append(piece.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    return content;
+}
+
+bool readExactly(std::ifstream& file, char* data, std::size_t size)
+{
+    file.read(data, static_cast<std::streamsize>(size));
+    return file.gcount() == static_cast<std::streamsize>(size);
+}
+
+std::unique_ptr<char[]> tryAllocate(std::size_t size)
+{
+    return std::unique_ptr<char[]>(new (std::nothrow) char[size]);
+}
+
+/** Walks the records for the release marker. A record that is not whole ends
+ *  the walk, and so does one without length, which would be met for ever. */
+std::optional<std::uint8_t> findRelease(Bytes manifest, std::uint64_t offset,
+                                        std::uint64_t recordCount)
+{
+    for (std::uint64_t step = 0; step <= recordCount; ++step)
+    {
+        if (offset > manifest.size() ||
+            manifest.size() - offset < RECORD_HEADER_SIZE)
+        {
+            return std::nullopt;
+        }
+        const Bytes record = manifest.subspan(static_cast<std::size_t>(offset));
+        const std::uint64_t headerLength = loadLe32(record, 4);
+        const std::uint64_t length = headerLength + loadLe32(record, 12);
+        if (length > record.size())
+        {
+            return std::nullopt;
+        }
+        if (loadLe16(record, 8) == RELEASE_RECORD_TYPE)
+        {
+            const std::uint64_t position = headerLength + RELEASE_OFFSET;
+            if (position >= record.size())
+            {
+                return std::nullopt;
+            }
+            return static_cast<std::uint8_t>(
+                record[static_cast<std::size_t>(position)] ^ record[10]);
+        }
+        if (length == 0)
+        {
+            return std::nullopt;
+        }
+        offset += length;
+    }
+    return std::nullopt;
+}
+
+void writeReleaseMarker(Bytes manifest, const manifestHeader& header)
+{
+    const auto release =
+        findRelease(manifest, header.recordOffset, header.recordCount);
+    if (release == 1 || release == 2)
+    {
+        std::ofstream(RELEASE_MARKER_FILE, std::ios::trunc)
+            << std::string_view(Decimal(*release)) << '\n';
+    }
+}
+
+struct SecurityReply
+{
+    std::uint8_t status = 0;
+    std::uint32_t unused = 0;
+    std::vector<std::uint8_t> key;
+};
+
+/** @throws whatever the binding raises */
+SecurityReply askSecurityService(const std::vector<std::uint8_t>& manifest)
+{
+    auto bus = openSystemBus();
+    auto call = bus.new_method_call(
+        "xyz.openbmc_project.securityservices",
+        "/xyz/openbmc_project/securityservices",
+        "xyz.openbmc_project.securityservices.firmwareManifest",
+        "vornFwManifestVerification");
+    call.append(true, static_cast<std::uint32_t>(manifest.size()), manifest);
+    auto message = bus.call(call);
+    SecurityReply reply;
+    message.read(reply.status, reply.unused, reply.key);
+    return reply;
+}
+
+PublicKey parseKey(Bytes reply)
+{
+    if (reply.size() < KEY_LENGTH_SIZE)
+    {
+        return nullptr;
+    }
+    const Bytes key = reply.subspan(KEY_LENGTH_SIZE);
+    const std::size_t length = loadLe16(reply, 0);
+    if (length > key.size())
+    {
+        return nullptr;
+    }
+    const unsigned char* start = key.data();
+    return PublicKey(d2i_PUBKEY(nullptr, &start, static_cast<long>(length)));
+}
+
+/** Feeds @p left bytes from the stream to the verification. An image that is
+ *  shorter than a signature makes the count wrap, and the reading ends short.
+ */
+bool digestContent(std::ifstream& image, std::uint32_t left, char* buffer,
+                   EVP_MD_CTX* context)
+{
+    while (left != 0)
+    {
+        const auto size = static_cast<std::uint32_t>(
+            std::min<std::size_t>(left, IMAGE_BUFFER_SIZE));
+        if (!readExactly(image, buffer, size))
+        {
+            stderrFailure(VERIFY_IMAGE)("Failed in reading ZRN image data");
+            return false;
+        }
+        if (EVP_DigestVerifyUpdate(context, buffer, size) <= 0)
+        {
+            stderrFailure(VERIFY_IMAGE)("Failed in EVP_DigestVerifyUpdate()");
+            return false;
+        }
+        left -= size;
+    }
+    return true;
+}
+
+/** r and s as an ECDSA signature, or null. */
+EcdsaSignature makeSignature(const unsigned char* raw)
+{
+    EcdsaSignature signature(ECDSA_SIG_new());
+    BigNumber r(BN_bin2bn(raw, SIGNATURE_NUMBER_SIZE, nullptr));
+    BigNumber s(
+        BN_bin2bn(raw + SIGNATURE_NUMBER_SIZE, SIGNATURE_NUMBER_SIZE, nullptr));
+    if (signature == nullptr || r == nullptr || s == nullptr ||
+        ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1)
+    {
+        return nullptr;
+    }
+    // Owned by the signature now.
+    static_cast<void>(r.release());
+    static_cast<void>(s.release());
+    return signature;
+}
+
+bool finishVerification(const unsigned char* raw, EVP_MD_CTX* context)
+{
+    const EcdsaSignature signature = makeSignature(raw);
+    unsigned char* encoding = nullptr;
+    const int size =
+        signature != nullptr ? i2d_ECDSA_SIG(signature.get(), &encoding) : 0;
+    const OpensslBytes der(encoding);
+    if (der == nullptr || size <= 0)
+    {
+        stderrFailure(VERIFY_IMAGE)("Signature verification failed");
+        return false;
+    }
+    if (EVP_DigestVerifyFinal(context, der.get(),
+                              static_cast<std::size_t>(size)) != 1)
+    {
+        stderrFailure(VERIFY_IMAGE)("EVP_DigestVerifyFinal()");
+        stderrFailure(VERIFY_IMAGE)("Signature verification failed");
+        return false;
+    }
+    stderrSuccess(VERIFY_IMAGE)("Signature verification is successful");
+    return true;
+}
+
+/** Checks the image's last bytes as the signature of the others.
+ *
+ *  @param imageSize in bytes
+ *  @param keyReply the security service's key array */
+bool verifyImage(std::ifstream& image, std::uint32_t imageSize, Bytes keyReply)
+{
+    // Released in the reverse order: context, key, buffer.
+    std::unique_ptr<char[]> buffer;
+    const PublicKey key = parseKey(keyReply);
+    if (key == nullptr)
+    {
+        stderrFailure(VERIFY_IMAGE)(
+            "Error in converting the public key received from TXQ to EVP PKEY");
+        return false;
+    }
+    const DigestContext context(EVP_MD_CTX_new());
+    if (context == nullptr)
+    {
+        stderrFailure(VERIFY_IMAGE)(
+            "Failed to create signature verifying context");
+        return false;
+    }
+    if (EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha512(), nullptr,
+                             key.get()) <= 0)
+    {
+        stderrFailure(VERIFY_IMAGE)("Failed in EVP_DigestVerifyInit()");
+        return false;
+    }
+    image.seekg(0, std::ios::beg);
+    buffer = tryAllocate(IMAGE_BUFFER_SIZE);
+    if (buffer == nullptr)
+    {
+        stderrFailure(VERIFY_IMAGE)(
+            "Failed to allocate buffer for signature verification");
+        return false;
+    }
+    if (!digestContent(
+            image, imageSize - static_cast<std::uint32_t>(IMAGE_SIGNATURE_SIZE),
+            buffer.get(), context.get()))
+    {
+        return false;
+    }
+    std::array<char, IMAGE_SIGNATURE_SIZE> signature;
+    if (!readExactly(image, signature.data(), signature.size()))
+    {
+        stderrFailure(VERIFY_IMAGE)("Failed to read ZRN image signature");
+        return false;
+    }
+    return finishVerification(
+        reinterpret_cast<const unsigned char*>(signature.data()),
+        context.get());
+}
+
+/** Name of the current exception's type, as the run-time type information
+ *  has it. */
+const char* currentExceptionName()
+{
+    const std::type_info* type = abi::__cxa_current_exception_type();
+    return type != nullptr ? type->name() : "null";
+}
+
+} // namespace
+
+bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
+                                  manifestHeader& header,
+                                  std::vector<std::uint8_t>& manifest)
+{
+    const std::size_t found = readAll(file).find(magic);
+    if (found == std::string::npos)
+    {
+        return false;
+    }
+    file.clear();
+    file.seekg(static_cast<std::streamoff>(found), std::ios::beg);
+    if (!readExactly(file, reinterpret_cast<char*>(&header), sizeof(header)))
+    {
+        return false;
+    }
+    std::array<std::uint8_t, sizeof(header)> stored;
+    std::memcpy(stored.data(), &header, stored.size());
+    const std::size_t length =
+        loadLe32(stored, offsetof(manifestHeader, length));
+    if (length < stored.size())
+    {
+        return false;
+    }
+    const auto storage = tryAllocate(length);
+    if (storage == nullptr)
+    {
+        stderrFailure()("Failed to allocate memory for maifest");
+        return false;
+    }
+    std::memcpy(storage.get(), stored.data(), stored.size());
+    if (!readExactly(file, storage.get() + stored.size(),
+                     length - stored.size()))
+    {
+        return false;
+    }
+    manifest.assign(storage.get(), storage.get() + length);
+    return true;
+}
+
+int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
+                                            const std::string& manifestDir)
+{
+    if (manifestDir.empty())
+    {
+        stderrFailure()("Invalid path for image-ktb");
+        return -1;
+    }
+    const std::string signaturePath = manifestDir + "/" + SIGNATURE_FILE;
+    std::ifstream signatureFile(signaturePath, std::ios::binary);
+    std::error_code ignored;
+    // A directory opens too, and its "size" would skip the verification.
+    if (!signatureFile || fs::is_directory(fs::status(signaturePath, ignored)))
+    {
+        stderrFailure()("Error opening KTB signature file");
+        return -1;
+    }
+    signatureFile.seekg(0, std::ios::end);
+    if (signatureFile.tellg() > SIGNATURE_FILE_MAX_SIZE)
+    {
+        stderrSuccess()("Older version of KTB signature file is found");
+        stderrSuccess()(
+            "Skipping signature verification for backward compatibility");
+        return 0;
+    }
+    signatureFile.close();
+
+    std::ifstream image(imagePath, std::ios::binary);
+    if (!image)
+    {
+        stderrFailure()("Error opening ZRN tar file");
+        return -1;
+    }
+    image.seekg(0, std::ios::end);
+    const std::streamoff imageSize = image.tellg();
+    // Past 32 bits the count would wrap and only a part would be verified.
+    if (imageSize < 0 || imageSize > std::numeric_limits<std::uint32_t>::max())
+    {
+        stderrFailure()("Payload size error");
+        return -1;
+    }
+    std::ifstream manifestFile(manifestDir + "/" + MANIFEST_FILE,
+                               std::ios::binary);
+    if (!manifestFile)
+    {
+        stderrFailure()("Error opening KTB file");
+        return -1;
+    }
+    manifestHeader header{};
+    std::vector<std::uint8_t> manifest;
+    if (!extractManifest(manifestFile, MANIFEST_MAGIC, header, manifest))
+    {
+        stderrFailure()(
+            "Error in reading manifest information from the payload");
+        return -1;
+    }
+
+    SecurityReply reply;
+    try
+    {
+        reply = askSecurityService(manifest);
+    }
+    catch (...)
+    {
+        cerrInfo("msg: ", currentExceptionName());
+        stderrFailure()("vornFwManifestVerification() invoke");
+        return -1;
+    }
+    if (reply.status != 0)
+    {
+        stderrFailure()(
+            "vornFwManifestVerification() method returned an error");
+        return -1;
+    }
+    if (reply.key.empty())
+    {
+        stderrFailure()("Failed in verifying manifest");
+        return -1;
+    }
+    writeReleaseMarker(manifest, header);
+    return verifyImage(image, static_cast<std::uint32_t>(imageSize), reply.key)
+               ? 0
+               : -1;
+}

@@ -1,0 +1,201 @@
+#include "handles.hpp"
+#include "log.hpp"
+#include "velmora.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace
+{
+
+using namespace velmora;
+namespace fs = std::filesystem;
+
+/** A file is digested in pieces of this many bytes. */
+constexpr std::size_t PIECE_SIZE = 10 * 1024 * 1024;
+constexpr std::size_t SHA256_SIZE = 32;
+
+/** SHA-256 in steps. A step on a context that could not be made, or that was
+ *  not initialised, fails. */
+class Sha256
+{
+  public:
+    bool init()
+    {
+        return context_ != nullptr &&
+               EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1;
+    }
+
+    bool update(const char* data, std::size_t size)
+    {
+        return context_ != nullptr &&
+               EVP_DigestUpdate(context_.get(), data, size) == 1;
+    }
+
+    bool finish()
+    {
+        return context_ != nullptr &&
+               EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) == 1;
+    }
+
+    void release()
+    {
+        context_.reset();
+    }
+
+    /** Lower-case hexadecimal text of what finish() gave. */
+    std::string text() const
+    {
+        constexpr std::string_view digits = "0123456789abcdef";
+        std::string hex;
+        hex.reserve(2 * digest_.size());
+        for (const unsigned char byte : digest_)
+        {
+            hex += digits[byte >> 4];
+            hex += digits[byte & 0xF];
+        }
+        return hex;
+    }
+
+  private:
+    DigestContext context_{EVP_MD_CTX_new()};
+    std::array<unsigned char, SHA256_SIZE> digest_{};
+};
+
+/** Reserves @p length bytes. Only one piece of them is ever filled, so no more
+ *  than that becomes resident. */
+std::unique_ptr<char[]> makeReadBuffer(std::uint64_t length)
+{
+    if (length > std::numeric_limits<std::size_t>::max())
+    {
+        throw std::bad_alloc();
+    }
+    return std::make_unique_for_overwrite<char[]>(
+        static_cast<std::size_t>(length));
+}
+
+} // namespace
+
+std::string calculateFileSHA(const std::string& filePath)
+{
+    // Opening a FIFO would block, and a directory or device has no length
+    // that could be digested.
+    std::error_code ignored;
+    if (!fs::is_regular_file(fs::status(filePath, ignored)))
+    {
+        cerrFailure();
+        return {};
+    }
+    std::ifstream file(filePath, std::ios::binary);
+    if (!file)
+    {
+        cerrFailure();
+        return {};
+    }
+    file.seekg(0, std::ios::end);
+    const std::streamoff end = file.tellg();
+    file.seekg(0, std::ios::beg);
+    if (end < 0 || !file)
+    {
+        cerrFailure();
+        return {};
+    }
+
+    // A digest that misses a step is not the file's: each failure is logged,
+    // the rest is gone through, and the text stays empty.
+    bool complete = true;
+    Sha256 sha;
+    if (!sha.init())
+    {
+        cerrFailure();
+        complete = false;
+    }
+    auto left = static_cast<std::uint64_t>(end);
+    const auto buffer = makeReadBuffer(left);
+    while (left > 0)
+    {
+        const auto size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(left, PIECE_SIZE));
+        left -= size;
+        file.read(buffer.get(), static_cast<std::streamsize>(size));
+        if (!file || !sha.update(buffer.get(), size))
+        {
+            cerrFailure();
+            complete = false;
+        }
+    }
+    file.close();
+    if (!sha.finish())
+    {
+        cerrFailure();
+        complete = false;
+    }
+    sha.release();
+
+    std::string shaString = complete ? sha.text() : std::string();
+    cerrInfo("\"Hash for file \" + filePath + \": \" + shaString.str(): ",
+             "Hash for file " + filePath + ": " + shaString);
+    return shaString;
+}
+
+std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
+{
+    if (!fs::is_directory(fs::status(payloadPath)))
+    {
+        cerrFailure();
+        return {};
+    }
+    std::vector<std::string> files;
+    for (const fs::directory_entry& entry : fs::directory_iterator(payloadPath))
+    {
+        if (!fs::is_regular_file(fs::status(entry.path())))
+        {
+            cerrFailure();
+            continue;
+        }
+        files.push_back(entry.path().string());
+    }
+    // std::string compares bytes as unsigned values, whatever the locale.
+    std::sort(files.begin(), files.end());
+
+    std::vector<std::string> digests;
+    for (const std::string& path : files)
+    {
+        std::string digest = calculateFileSHA(path);
+        if (!digest.empty())
+        {
+            digests.push_back(std::move(digest));
+        }
+    }
+
+    Sha256 sha;
+    const bool complete =
+        sha.init() &&
+        std::all_of(digests.begin(), digests.end(),
+                    [&sha](const std::string& digest)
+                    {
+                        return sha.update(digest.data(), digest.size());
+                    }) &&
+        sha.finish();
+    sha.release();
+    if (!complete)
+    {
+        cerrFailure();
+        return {};
+    }
+    std::string finalShaString = sha.text();
+    cerrInfo("\"final sha: \" + finalShaString.str(): ",
+             "final sha: " + finalShaString);
+    return finalShaString;
+}

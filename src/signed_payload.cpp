@@ -1,0 +1,740 @@
+#include "handles.hpp"
+#include "log.hpp"
+#include "quorlin.h"
+#include "velmora.hpp"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509_vfy.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+std::string metadata_algo;
+
+namespace
+{
+
+using namespace velmora;
+namespace fs = std::filesystem;
+
+/** Signing time of the last metadata block, seconds since the epoch. */
+std::int32_t metadata_timestamp = 0;
+
+/** Named in the lines that the steps of the operation write. */
+constexpr const char* VERIFY_SLOT = "verify_slot_signature";
+
+/** Parts of a signed payload's trailer, in bytes. */
+constexpr std::size_t CHAIN_SIZE = 24576;
+constexpr std::size_t METADATA_SIZE = 512;
+constexpr std::size_t SLOT_SIGNATURE_SIZE = 512;
+constexpr std::int64_t TRAILER_SIZE = 76800;
+
+/** Tokens of a metadata block that are looked at. */
+constexpr std::size_t MAX_TOKENS = 30;
+constexpr std::string_view KEY_SEPARATOR = ": ";
+
+constexpr const char* CERTCHAIN_FILE = "/var/run/velmora/Zarnholt/certchain";
+constexpr const char* PUBLICKEY_FILE = "/var/run/velmora/Zarnholt/publickey";
+constexpr const char* HASHFUNC_FILE = "/var/run/velmora/Zarnholt/hashfunc";
+constexpr const char* ROOT_CA_FILE =
+    "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
+
+/** Statuses of extract_meta_data. */
+enum MetadataStatus
+{
+    METADATA_OK = 0,
+    METADATA_EMPTY = 9,
+    METADATA_NO_VERSION = 10,
+    METADATA_NO_TIMESTAMP = 11,
+    METADATA_BAD_TIMESTAMP = 12,
+    METADATA_NO_ALGORITHM = 13,
+};
+
+/** Statuses of verify_slot_signature. */
+enum SlotStatus
+{
+    SLOT_VERIFIED = 0,
+    SLOT_BAD_ARGUMENT = 1,
+    SLOT_OPEN = 2,
+    SLOT_STAT = 3,
+    SLOT_TOO_SMALL = 4,
+    SLOT_MAP = 5,
+    SLOT_CERTIFICATE = 7,
+    SLOT_CERTIFICATE_KEY = 8,
+    SLOT_KEY_SIZE = 10,
+    SLOT_SETUP = 11,
+    SLOT_SIGNATURE = 13,
+    SLOT_UNMAP = 14,
+    SLOT_CLOSE = 15,
+    SLOT_NO_CONTEXT = 16,
+    SLOT_PUBLICKEY_FILE = 17,
+};
+
+/** The first tokens between double quotes. The block is overwritten. */
+std::vector<std::string> tokenize(std::string& block)
+{
+    std::vector<std::string> tokens;
+    char* rest = nullptr;
+    const char* token = strtok_r(block.data(), "\"", &rest);
+    while (token != nullptr)
+    {
+        tokens.emplace_back(token);
+        token = tokens.size() < MAX_TOKENS ? strtok_r(nullptr, "\"", &rest)
+                                           : nullptr;
+    }
+    return tokens;
+}
+
+/** Refuses to ask for the passphrase of an encrypted PEM block. */
+int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
+                 void* /*data*/)
+{
+    return -1;
+}
+
+/** An open payload and its mapping; what is still held goes with it. */
+class PayloadFile
+{
+  public:
+    explicit PayloadFile(const char* path) :
+        descriptor_(open(path, O_RDONLY | O_CLOEXEC))
+    {
+    }
+
+    PayloadFile(const PayloadFile&) = delete;
+    PayloadFile& operator=(const PayloadFile&) = delete;
+
+    ~PayloadFile()
+    {
+        close();
+        unmap();
+    }
+
+    bool isOpen() const
+    {
+        return descriptor_ >= 0;
+    }
+
+    bool measure()
+    {
+        struct stat status
+        {
+        };
+        if (fstat(descriptor_, &status) != 0)
+        {
+            return false;
+        }
+        size_ = status.st_size;
+        return true;
+    }
+
+    /** In 64 bits, which a mapping need not have. */
+    std::int64_t size() const
+    {
+        return size_;
+    }
+
+    bool map()
+    {
+        if (static_cast<std::uint64_t>(size_) >
+            std::numeric_limits<std::size_t>::max())
+        {
+            errno = EFBIG;
+            return false;
+        }
+        void* mapping = mmap(nullptr, static_cast<std::size_t>(size_),
+                             PROT_READ, MAP_SHARED, descriptor_, 0);
+        if (mapping == MAP_FAILED)
+        {
+            return false;
+        }
+        mapping_ = mapping;
+        return true;
+    }
+
+    const void* data() const
+    {
+        return mapping_;
+    }
+
+    /** @return false when the system refuses; it is not tried again */
+    bool unmap()
+    {
+        void* mapping = std::exchange(mapping_, nullptr);
+        return mapping == nullptr ||
+               munmap(mapping, static_cast<std::size_t>(size_)) == 0;
+    }
+
+    /** @return false when the system refuses; it is not tried again */
+    bool close()
+    {
+        const int descriptor = std::exchange(descriptor_, -1);
+        return descriptor < 0 || ::close(descriptor) == 0;
+    }
+
+  private:
+    int descriptor_;
+    std::int64_t size_ = 0;
+    void* mapping_ = nullptr;
+};
+
+/** What a slot verification makes, released in the reverse order: digest
+ *  context, certificate, key. */
+struct SlotObjects
+{
+    PublicKey key;
+    Certificate certificate;
+    DigestContext context;
+};
+
+/** Text of an error code of the library, never null. */
+const char* reason(unsigned long code)
+{
+    const char* text = ERR_reason_error_string(code);
+    return text != nullptr ? text : "";
+}
+
+const EVP_MD* chooseDigest()
+{
+    if (metadata_algo == "PS256")
+    {
+        stderrInfo(VERIFY_SLOT)("ALGO_256");
+        return EVP_sha256();
+    }
+    if (metadata_algo == "PS384")
+    {
+        stderrInfo(VERIFY_SLOT)("ALGO_384");
+        return EVP_sha384();
+    }
+    if (metadata_algo == "PS512")
+    {
+        stderrInfo(VERIFY_SLOT)("ALGO_512");
+        return EVP_sha512();
+    }
+    stderrInfo(VERIFY_SLOT)("Default-ALGO_256");
+    return EVP_sha256();
+}
+
+/** Takes the certificate's key and leaves it in its file. */
+SlotStatus prepareKey(SlotObjects& objects)
+{
+    objects.key.reset(X509_get_pubkey(objects.certificate.get()));
+    if (objects.key == nullptr)
+    {
+        stderrFailure(VERIFY_SLOT)("Error retrieving Cert public key");
+        return SLOT_CERTIFICATE_KEY;
+    }
+    stderrInfo(VERIFY_SLOT)("X509_get_pubkey is done");
+    if (!ValidateQOR::createPublicKeyFile(objects.key.get()))
+    {
+        stderrFailure(VERIFY_SLOT)("Error creating public key file");
+        return SLOT_PUBLICKEY_FILE;
+    }
+    stderrInfo(VERIFY_SLOT)("Creating public key file is done");
+    ValidateQOR::createHashFuncFile();
+    stderrInfo(VERIFY_SLOT)("Creating hash function file is done");
+
+    const int size = EVP_PKEY_get_size(objects.key.get());
+    stderrInfo(VERIFY_SLOT)("RSA Key length[%d]", size);
+    if (size != static_cast<int>(SLOT_SIGNATURE_SIZE))
+    {
+        stderrFailure(VERIFY_SLOT)(
+            "RSA Key length[%d]is not match with SLOT_SIGNATURE_SIZE", size);
+        return SLOT_KEY_SIZE;
+    }
+    return SLOT_VERIFIED;
+}
+
+/** Sets up RSA-PSS with a salt of the digest's length. */
+SlotStatus prepareVerification(SlotObjects& objects)
+{
+    const EVP_MD* digest = chooseDigest();
+    objects.context.reset(EVP_MD_CTX_new());
+    if (objects.context == nullptr)
+    {
+        stderrFailure(VERIFY_SLOT)("EVP_MD_CTX_create is failed");
+        return SLOT_NO_CONTEXT;
+    }
+    EVP_PKEY_CTX* keyContext = nullptr;
+    if (EVP_DigestVerifyInit(objects.context.get(), &keyContext, digest,
+                             nullptr, objects.key.get()) <= 0)
+    {
+        const unsigned long error = ERR_get_error();
+        stderrFailure(VERIFY_SLOT)(
+            "EVP_DigestVerifyInit failed,err[%lu]errmsg[%s]", error,
+            reason(error));
+        return SLOT_SETUP;
+    }
+    if (EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) <= 0)
+    {
+        stderrFailure(VERIFY_SLOT)("Setting RSA padding mode failed");
+        return SLOT_SETUP;
+    }
+    if (EVP_PKEY_CTX_set_rsa_pss_saltlen(keyContext, RSA_PSS_SALTLEN_DIGEST) <=
+        0)
+    {
+        stderrFailure(VERIFY_SLOT)("Setting RSA PSS salt length failed");
+        return SLOT_SETUP;
+    }
+    return SLOT_VERIFIED;
+}
+
+SlotStatus checkSignature(const SlotObjects& objects,
+                          const std::string& signature,
+                          const PayloadFile& payload, std::size_t signedSize)
+{
+    if (EVP_DigestVerifyUpdate(objects.context.get(), payload.data(),
+                               signedSize) <= 0)
+    {
+        const unsigned long error = ERR_get_error();
+        stderrFailure(VERIFY_SLOT)(
+            "EVP_DigestVerifyUpdate failed,err[%lu]errmsg[%s]", error,
+            reason(error));
+        return SLOT_SIGNATURE;
+    }
+    stderrInfo(VERIFY_SLOT)("EVP_DigestVerifyUpdate is done");
+    ERR_clear_error();
+    const int result = EVP_DigestVerifyFinal(
+        objects.context.get(),
+        reinterpret_cast<const unsigned char*>(signature.data()),
+        SLOT_SIGNATURE_SIZE);
+    stderrInfo(VERIFY_SLOT)("EVP_DigestVerifyFinal,RC[%d]", result);
+    if (result != 1)
+    {
+        const unsigned long error = ERR_get_error();
+        stderrFailure(VERIFY_SLOT)(
+            "EVP_DigestVerifyFinal failed,err[%lu]errmsg[%s]", error,
+            reason(error));
+        return SLOT_SIGNATURE;
+    }
+    return SLOT_VERIFIED;
+}
+
+SlotStatus verifySlot(SlotObjects& objects, const std::string& signature,
+                      const PayloadFile& payload, std::size_t signedSize)
+{
+    SlotStatus status = prepareKey(objects);
+    if (status == SLOT_VERIFIED)
+    {
+        status = prepareVerification(objects);
+    }
+    if (status == SLOT_VERIFIED)
+    {
+        status = checkSignature(objects, signature, payload, signedSize);
+    }
+    return status;
+}
+
+/** The root CA is good for one call: it is removed when this goes, if not
+ *  before. */
+class RootCaFile
+{
+  public:
+    RootCaFile() = default;
+    RootCaFile(const RootCaFile&) = delete;
+    RootCaFile& operator=(const RootCaFile&) = delete;
+
+    ~RootCaFile()
+    {
+        remove();
+    }
+
+    void remove()
+    {
+        if (!std::exchange(removed_, true))
+        {
+            unlink(ROOT_CA_FILE);
+        }
+    }
+
+  private:
+    bool removed_ = false;
+};
+
+} // namespace
+
+int ValidateQOR::extract_meta_data(std::string& block)
+{
+    metadata_timestamp = 0;
+    std::vector<std::string> tokens = tokenize(block);
+    if (tokens.empty())
+    {
+        stderrFailure()("strtok returned nullptr,unable to proceed further");
+        return METADATA_EMPTY;
+    }
+    stderrInfo()("Total tokens read is %d", static_cast<int>(tokens.size()));
+
+    std::string version;
+    std::string timestamp;
+    for (std::size_t i = 0; i + 2 < tokens.size(); ++i)
+    {
+        const bool separated = tokens[i + 1] == KEY_SEPARATOR;
+        const std::string& value = tokens[i + 2];
+        if (tokens[i] == "ver")
+        {
+            stderrInfo()("Version found...");
+            if (separated)
+            {
+                version = value;
+            }
+        }
+        else if (tokens[i] == "alg")
+        {
+            stderrInfo()("Algorithm found...");
+            if (separated)
+            {
+                metadata_algo = value;
+                stderrInfo()("Metadata algorithm is %s", metadata_algo.c_str());
+            }
+        }
+        else if (tokens[i] == "sts")
+        {
+            stderrInfo()("Timestamp found...");
+            if (separated)
+            {
+                timestamp = value;
+                stderrInfo()("Metadata timestamp is %s", timestamp.c_str());
+            }
+        }
+    }
+    tokens.clear();
+
+    if (version.empty())
+    {
+        stderrFailure()("Unable to get version from metadata");
+        return METADATA_NO_VERSION;
+    }
+    if (metadata_algo.empty())
+    {
+        stderrFailure()("Unable to get algorithm from metadata");
+        return METADATA_NO_ALGORITHM;
+    }
+    if (timestamp.empty())
+    {
+        stderrFailure()("Unable to get timestamp from metadata");
+        return METADATA_NO_TIMESTAMP;
+    }
+    errno = 0;
+    const long long seconds = std::strtoll(timestamp.c_str(), nullptr, 10);
+    // Only the low 32 bits are kept, whatever they make of the value.
+    metadata_timestamp =
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
+    if (errno != 0 && metadata_timestamp == 0)
+    {
+        stderrFailure()("strtoll returned error[%d]", errno);
+        return METADATA_BAD_TIMESTAMP;
+    }
+    stderrInfo()("timestamp =%d", static_cast<int>(metadata_timestamp));
+    stderrSuccess()("Extract metadata successful");
+    return METADATA_OK;
+}
+
+X509* ValidateQOR::getX509Cert(const std::string& chain)
+{
+    stderrInfo()("Entry");
+    // The whole area is written below, so a part of one is no input either.
+    if (chain.size() < CHAIN_SIZE)
+    {
+        stderrFailure()("Invalid input argument");
+        return nullptr;
+    }
+    Bio bio(BIO_new(BIO_s_mem()));
+    if (bio == nullptr)
+    {
+        stderrFailure()("Create a memory BIO failed");
+        return nullptr;
+    }
+    const std::size_t length = std::strlen(chain.c_str());
+    if (length > std::numeric_limits<int>::max() ||
+        BIO_write(bio.get(), chain.c_str(), static_cast<int>(length)) !=
+            static_cast<int>(length))
+    {
+        stderrFailure()("Writing from buffer to BIO failed");
+        return nullptr;
+    }
+    Certificate certificate(
+        PEM_read_bio_X509(bio.get(), nullptr, noPassphrase, nullptr));
+    if (certificate == nullptr)
+    {
+        stderrFailure()("Read the PEM formatted certificate from memory into "
+                        "an X509 is failed");
+        return nullptr;
+    }
+    FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
+    if (file == nullptr)
+    {
+        stderrFailure()("Error creating certchain file");
+        return nullptr;
+    }
+    bool written =
+        std::fwrite(chain.data(), 1, CHAIN_SIZE, file.get()) >= chain.size();
+    // What the stream has buffered can still fail to reach the file.
+    written = std::fflush(file.get()) == 0 && written;
+    if (!written)
+    {
+        stderrFailure()("Error writing certchain to file");
+        file.reset();
+        std::remove(CERTCHAIN_FILE);
+        return nullptr;
+    }
+    file.reset();
+    stderrInfo()("Cert chain file created successfully");
+    bio.reset();
+    stderrSuccess()("Getting X509 Certificate successful");
+    return certificate.release();
+}
+
+bool ValidateQOR::createPublicKeyFile(EVP_PKEY* key)
+{
+    OPENSSL_init_crypto(
+        OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    const FileStream file(std::fopen(PUBLICKEY_FILE, "w"));
+    if (file == nullptr)
+    {
+        stderrFailure()("Error opening publickey file");
+        return false;
+    }
+    const Bio bio(BIO_new_fp(file.get(), BIO_NOCLOSE));
+    if (bio == nullptr)
+    {
+        stderrFailure()("Error creating a filestream for public key");
+        return false;
+    }
+    // What the stream has buffered can still fail to reach the file.
+    if (key == nullptr || PEM_write_bio_PUBKEY(bio.get(), key) != 1 ||
+        std::fflush(file.get()) != 0)
+    {
+        stderrFailure()("Error writing publickey file in PEM format");
+        return false;
+    }
+    return true;
+}
+
+void ValidateQOR::createHashFuncFile()
+{
+    std::ofstream file(HASHFUNC_FILE, std::ios::out | std::ios::trunc);
+    file << "HashType=RSA-SHA256\n";
+    file.flush();
+    file.close();
+}
+
+int ValidateQOR::verify_slot_signature(const std::string& chain,
+                                       const std::string& signature,
+                                       char* payloadPath)
+{
+    stderrInfo()("Entry");
+    if (payloadPath == nullptr || chain.empty() ||
+        signature.size() < SLOT_SIGNATURE_SIZE)
+    {
+        stderrFailure()("Invalid input parameter");
+        return SLOT_BAD_ARGUMENT;
+    }
+    PayloadFile payload(payloadPath);
+    if (!payload.isOpen())
+    {
+        stderrFailure()("File[%s]could not be opened,strerr[%s]", payloadPath,
+                        std::strerror(errno));
+        return SLOT_OPEN;
+    }
+    if (!payload.measure())
+    {
+        stderrFailure()("File[%s]could not be stat'ed,strerr[%s]", payloadPath,
+                        std::strerror(errno));
+        return SLOT_STAT;
+    }
+    if (payload.size() <= TRAILER_SIZE)
+    {
+        stderrFailure()("Rejecting FW Binary. fileSize:%zu too small",
+                        static_cast<std::size_t>(payload.size()));
+        return SLOT_TOO_SMALL;
+    }
+    if (!payload.map())
+    {
+        stderrFailure()("File[%s]mmap failed,strerr[%s]", payloadPath,
+                        std::strerror(errno));
+        return SLOT_MAP;
+    }
+    stderrInfo()("%s, fileSize: %llu", payloadPath,
+                 static_cast<unsigned long long>(payload.size()));
+    const auto len_upto_s1_ts = static_cast<std::size_t>(
+        payload.size() - TRAILER_SIZE +
+        static_cast<std::int64_t>(CHAIN_SIZE + METADATA_SIZE));
+    stderrInfo()("length upto slot1 timestamp[%zu]", len_upto_s1_ts);
+
+    SlotObjects objects;
+    objects.certificate.reset(getX509Cert(chain));
+    if (objects.certificate == nullptr)
+    {
+        stderrFailure()("convert char buffer to X509 cert format failed");
+        payload.close();
+        if (!payload.unmap())
+        {
+            const StderrLine failure = stderrFailure();
+            failure("Line[%u]munmap failed",
+                    static_cast<unsigned>(failure.line()));
+        }
+        return SLOT_CERTIFICATE;
+    }
+    stderrInfo()("getX509Cert is done");
+
+    int status = verifySlot(objects, signature, payload, len_upto_s1_ts);
+    const bool verified = status == SLOT_VERIFIED;
+    if (!payload.unmap())
+    {
+        stderrFailure()("munmap failed,strerr[%s]", std::strerror(errno));
+        status = SLOT_UNMAP;
+    }
+    if (!payload.close())
+    {
+        stderrFailure()("File %s close error,strerr[%s]", payloadPath,
+                        std::strerror(errno));
+        status = SLOT_CLOSE;
+    }
+    const auto clear = [&objects]
+    {
+        stderrInfo()("Clear ctx before exiting...");
+        objects.context.reset();
+        objects.certificate.reset();
+        objects.key.reset();
+    };
+    clear();
+    if (verified)
+    {
+        stderrSuccess()("Image slot signature verification successful");
+    }
+    return status;
+}
+
+bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
+{
+    std::ifstream payload(payloadPath, std::ios::binary);
+    if (!payload)
+    {
+        stderrFailure()("Unable to read the payload");
+        return false;
+    }
+    payload.seekg(0, std::ios::end);
+    const std::int64_t length = std::streamoff(payload.tellg());
+    payload.seekg(0, std::ios::beg);
+    if (length <= TRAILER_SIZE)
+    {
+        stderrFailure()("Payload length is invalid %llu",
+                        static_cast<unsigned long long>(length));
+        return false;
+    }
+    stderrInfo()("Payload length is %llu",
+                 static_cast<unsigned long long>(length));
+
+    const auto position = [&payload]
+    {
+        return static_cast<long long>(std::streamoff(payload.tellg()));
+    };
+    payload.seekg(length - TRAILER_SIZE, std::ios::beg);
+    stderrInfo()("Certificate Chain offset %lld", position());
+    std::string chain(CHAIN_SIZE, '\0');
+    if (!payload.read(chain.data(), CHAIN_SIZE))
+    {
+        stderrFailure()("Only %lld bytes read",
+                        static_cast<long long>(payload.gcount()));
+        cerrFailure();
+        return false;
+    }
+    stderrInfo()("Metadata offset %lld", position());
+    std::string metadata(METADATA_SIZE, '\0');
+    if (!payload.read(metadata.data(), METADATA_SIZE))
+    {
+        cerrFailure();
+        return false;
+    }
+    stderrInfo()("Signature offset %lld", position());
+    std::string signature(SLOT_SIGNATURE_SIZE, '\0');
+    if (!payload.read(signature.data(), SLOT_SIGNATURE_SIZE))
+    {
+        cerrFailure();
+        return false;
+    }
+
+    if (extract_meta_data(metadata) != METADATA_OK)
+    {
+        // What the metadata would have said is decided by the later checks.
+        stderrFailure()("extract_meta_data failed. Continuing.");
+    }
+
+    RootCaFile rootCaFile;
+    std::ifstream rootCaStream(ROOT_CA_FILE, std::ios::binary);
+    std::error_code ignored;
+    // A directory opens too, with a length that is none.
+    if (!rootCaStream || fs::is_directory(fs::status(ROOT_CA_FILE, ignored)))
+    {
+        rootCaFile.remove();
+        cerrFailure();
+        return false;
+    }
+    rootCaStream.seekg(0, std::ios::end);
+    const std::streamoff rootCaLength = rootCaStream.tellg();
+    rootCaStream.seekg(0, std::ios::beg);
+    if (rootCaLength < 1)
+    {
+        rootCaFile.remove();
+        cerrFailure();
+        return false;
+    }
+    std::string rootCa(static_cast<std::size_t>(rootCaLength), '\0');
+    rootCaStream.read(rootCa.data(), rootCaLength);
+
+    const int result =
+        verify_chain_OBMC(chain.c_str(), rootCa.c_str(),
+                          std::strlen(chain.c_str()), metadata_timestamp);
+    if (result != 0)
+    {
+        stderrInfo()("Cert Chain validation check failed.");
+        if (result > 0)
+        {
+            stderrFailure()(
+                "Certificate chain verification failed: error[%d] errstr[%s]",
+                result, X509_verify_cert_error_string(result));
+        }
+        else
+        {
+            stderrFailure()("Chain verification internal error[%d]", result);
+        }
+        rootCaFile.remove();
+        cerrFailure();
+        return false;
+    }
+    stderrInfo()("Certificate chain verfication successful");
+
+    // The path is only read, whatever its type says.
+    const int status = verify_slot_signature(
+        chain, signature, const_cast<char*>(payloadPath.c_str()));
+    if (status != SLOT_VERIFIED)
+    {
+        stderrFailure()("Signature verification failed. rc: %d", status);
+        rootCaFile.remove();
+        cerrFailure();
+        return false;
+    }
+    stderrSuccess()("Signature verification successful");
+    rootCaFile.remove();
+    return true;
+}

@@ -1,0 +1,240 @@
+#include "bus_client.hpp"
+#include "log.hpp"
+#include "package_files.hpp"
+#include "velmora.hpp"
+#include "version_purpose.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+
+#define PURPOSE(name)                                                          \
+    {                                                                          \
+        Version::VersionPurpose::name,                                         \
+            "xyz.openbmc_project.Software.Version.VersionPurpose." #name       \
+    }
+
+namespace sdbusplus::common::xyz::openbmc_project::software::details
+{
+
+constinit const std::array<std::pair<Version::VersionPurpose, std::string_view>,
+                           15>
+    mappingVersionVersionPurpose{{
+        PURPOSE(Unknown),
+        PURPOSE(Other),
+        PURPOSE(System),
+        PURPOSE(BMC),
+        PURPOSE(Host),
+        PURPOSE(PSU),
+        PURPOSE(SEPBP),
+        PURPOSE(BIOS),
+        PURPOSE(CPLD),
+        PURPOSE(TORLU),
+        PURPOSE(FLOPCPLD),
+        PURPOSE(TPM),
+        PURPOSE(RFCMCU),
+        PURPOSE(VALVEMCU),
+        PURPOSE(LEAKMCU),
+    }};
+
+} // namespace sdbusplus::common::xyz::openbmc_project::software::details
+
+#undef PURPOSE
+
+namespace
+{
+
+using namespace velmora;
+using VersionPurpose = ValidateQOR::VersionPurpose;
+using ReleaseType = ValidateQOR::ReleaseType;
+using sdbusplus::common::xyz::openbmc_project::software::details::
+    mappingVersionVersionPurpose;
+
+constexpr std::array<std::pair<ReleaseType, std::string_view>, 3> RELEASE_TYPES{
+    {
+        {ReleaseType::Other,
+         "xyz.openbmc_project.Software.Version.ReleaseType.Other"},
+        {ReleaseType::Production,
+         "xyz.openbmc_project.Software.Version.ReleaseType.Production"},
+        {ReleaseType::Prototype,
+         "xyz.openbmc_project.Software.Version.ReleaseType.Prototype"},
+    }};
+
+constexpr std::string_view BMC_COMPONENT = "113440";
+constexpr std::string_view TORLU_COMPONENT = "113033";
+
+/** Service and interface of the inventory manager have one name. */
+constexpr const char* INVENTORY_MANAGER =
+    "xyz.openbmc_project.Software.Installed.Inventory";
+constexpr const char* INVENTORY_OBJECT = "/xyz/openbmc_project/software";
+
+constexpr std::size_t INVENTORY_PREFIX_SIZE =
+    std::string_view("/xyz/openbmc_project/inventory/system/").size();
+constexpr const char* SOFTWARE_PREFIX = "/xyz/openbmc_project/software/";
+
+/** @throws std::out_of_range when there is no whole prefix to cut off */
+std::string softwarePath(const std::string& inventoryPath)
+{
+    return SOFTWARE_PREFIX + inventoryPath.substr(INVENTORY_PREFIX_SIZE);
+}
+
+template <typename Table, typename Value>
+std::string valueToString(const Table& table, Value value)
+{
+    const auto found = std::find_if(table.begin(), table.end(),
+                                    [value](const auto& entry)
+                                    {
+                                        return entry.first == value;
+                                    });
+    if (found == table.end())
+    {
+        throw std::invalid_argument(std::to_string(static_cast<int>(value)));
+    }
+    return std::string(found->second);
+}
+
+/** Calls a method of the inventory manager whose reply is not read.
+ *
+ *  @return 1 done, 0 failed
+ *  @throws sdbusplus::exception::SdBusError when the call cannot be created */
+template <typename... Texts>
+int callInventoryManager(const char* method, const Texts&... arguments)
+{
+    auto bus = openSystemBus();
+    auto call = bus.new_method_call(INVENTORY_MANAGER, INVENTORY_OBJECT,
+                                    INVENTORY_MANAGER, method);
+    call.append(arguments...);
+    try
+    {
+        bus.call(call);
+    }
+    catch (const sdbusplus::exception::SdBusError& e)
+    {
+        reportBusError(e);
+        return 0;
+    }
+    return 1;
+}
+
+} // namespace
+
+std::string velmora::purposeToString(VersionPurpose purpose)
+{
+    return valueToString(mappingVersionVersionPurpose, purpose);
+}
+
+std::string velmora::releaseTypeToString(ReleaseType releaseType)
+{
+    return valueToString(RELEASE_TYPES, releaseType);
+}
+
+VersionPurpose velmora::stringToPurpose(const std::string& text)
+{
+    for (const auto& [purpose, string] : mappingVersionVersionPurpose)
+    {
+        if (string == text)
+        {
+            return purpose;
+        }
+    }
+    throw sdbusplus::exception::InvalidEnumString();
+}
+
+VersionPurpose ValidateQOR::getImagePurpose(const std::string& packageDir)
+{
+    const std::string compID = getStrFromPkgXML(
+        (std::filesystem::path(packageDir) / descriptorFileName).string(),
+        "//Device", "componentID");
+    if (compID == BMC_COMPONENT)
+    {
+        cerrInfo("compID: ", compID);
+        return VersionPurpose::BMC;
+    }
+    if (compID == TORLU_COMPONENT)
+    {
+        cerrInfo("compID: ", compID);
+        return VersionPurpose::TORLU;
+    }
+    auto bus = openSystemBus();
+    auto call = bus.new_method_call(INVENTORY_MANAGER, INVENTORY_OBJECT,
+                                    INVENTORY_MANAGER, "getVersionPurpose");
+    call.append(compID);
+    try
+    {
+        auto reply = bus.call(call);
+        std::string purpose;
+        reply.read(purpose);
+        return stringToPurpose(purpose);
+    }
+    catch (const sdbusplus::exception::SdBusError& e)
+    {
+        reportBusError(e);
+        return VersionPurpose::Unknown;
+    }
+}
+
+int ValidateQOR::registerSWInv(const std::string& inventoryPath,
+                               const std::string& swDetail1,
+                               const std::string& swDetail2,
+                               const VersionPurpose& purpose,
+                               const ReleaseType& releaseType)
+{
+    const std::string purposeText = purposeToString(purpose);
+    const std::string releaseTypeText = releaseTypeToString(releaseType);
+    return callInventoryManager("addSWInventory", softwarePath(inventoryPath),
+                                swDetail1, swDetail2, purposeText,
+                                releaseTypeText);
+}
+
+int ValidateQOR::registerInventory(const std::string& swDetail1,
+                                   const VersionPurpose& purpose,
+                                   const ReleaseType& releaseType,
+                                   const std::string& /*ignoredText*/,
+                                   const std::string& inventoryPath,
+                                   const std::string& swDetail2)
+{
+    return registerSWInv(inventoryPath, swDetail1, swDetail2, purpose,
+                         releaseType);
+}
+
+int ValidateQOR::deRegisterSWInv(const std::string& inventoryPath)
+{
+    return callInventoryManager("removeSWInventory",
+                                softwarePath(inventoryPath));
+}
+
+int ValidateQOR::deregisterInventory(const std::string& /*swDetail1*/,
+                                     const VersionPurpose& /*purpose*/,
+                                     const ReleaseType& /*releaseType*/,
+                                     const std::string& /*ignoredText*/,
+                                     const std::string& inventoryPath)
+{
+    return deRegisterSWInv(inventoryPath);
+}
+
+std::string ValidateQOR::getInventoryModel(const std::string& inventoryPath)
+{
+    const std::string path = softwarePath(inventoryPath);
+    auto bus = openSystemBus();
+    auto call = bus.new_method_call(INVENTORY_MANAGER, path.c_str(),
+                                    "org.freedesktop.DBus.Properties", "Get");
+    call.append("xyz.openbmc_project.Software.Model", "Model");
+    try
+    {
+        auto reply = bus.call(call);
+        std::variant<std::string> model;
+        reply.read(model);
+        return std::get<std::string>(model);
+    }
+    catch (const sdbusplus::exception::SdBusError& e)
+    {
+        reportBusError(e);
+        return {};
+    }
+}
