@@ -1,0 +1,353 @@
+#include "support.hpp"
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+
+namespace velmora::test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::StartsWith;
+
+constexpr const char* MARKER = "/tmp/ingressRelease";
+
+std::string le(std::uint64_t value, int size)
+{
+    std::string bytes;
+    for (int i = 0; i < size; ++i)
+    {
+        bytes += static_cast<char>(value >> (8 * i));
+    }
+    return bytes;
+}
+
+/** One record; its data begin right behind the 16 bytes. */
+std::string record(unsigned type, unsigned mask, const std::string& data,
+                   std::uint32_t headerLength = 16)
+{
+    return le(0, 4) + le(headerLength, 4) + le(type, 2) + le(mask, 1) +
+           le(0, 1) + le(data.size(), 4) + data;
+}
+
+std::string manifestOf(const std::string& records, std::uint32_t count,
+                       std::uint32_t offset = 16)
+{
+    return "$KTB" + le(offset, 4) + le(count, 4) + le(16 + records.size(), 4) +
+           records;
+}
+
+// ---- container ---------------------------------------------------------
+
+class Manifest : public testing::Test
+{
+  protected:
+    bool extract(const std::string& content)
+    {
+        writeFile(scratch / "image-ktb", content);
+        std::ifstream file(scratch / "image-ktb", std::ios::binary);
+        bool result = false;
+        log = logOf(
+            [&]
+            {
+                result = ValidateQOR::extractManifest(file, "$KTB", header,
+                                                      manifest);
+            });
+        return result;
+    }
+
+    std::string found() const
+    {
+        return {manifest.begin(), manifest.end()};
+    }
+
+    Scratch scratch;
+    manifestHeader header{};
+    std::vector<std::uint8_t> manifest;
+    Lines log;
+};
+
+TEST_F(Manifest, FirstOneInTheFileIsCopied)
+{
+    const std::string one = manifestOf(record(3, 0, "data"), 1);
+    EXPECT_TRUE(extract("prefix $KT" + one + manifestOf("", 0) + "tail"));
+    EXPECT_EQ(found(), one);
+    EXPECT_EQ(header.recordOffset, 16U);
+    EXPECT_EQ(header.recordCount, 1U);
+    EXPECT_EQ(header.length, one.size());
+    EXPECT_TRUE(extract(manifestOf("", 0)));
+    EXPECT_EQ(manifest.size(), 16U);
+    EXPECT_THAT(log, ElementsAre());
+}
+
+TEST_F(Manifest, WhatIsNotWholeIsRefusedAndLeavesTheOutput)
+{
+    manifest = {1, 2, 3};
+    const std::string start = "$KTB" + le(16, 4) + le(1, 4);
+    for (const std::string& content :
+         {std::string(), std::string("no magic"), std::string("$KTB"),
+          start + le(15, 3), start + le(0, 4) + "xx", start + le(15, 4) + "xx",
+          start + le(17, 4), start + le(0xFFFFFFFF, 4) + std::string(84, 'x')})
+    {
+        EXPECT_FALSE(extract(content));
+        EXPECT_THAT(log, ElementsAre());
+        EXPECT_EQ(manifest.size(), 3U);
+    }
+    std::ifstream directory(scratch.path);
+    EXPECT_FALSE(
+        ValidateQOR::extractManifest(directory, "$KTB", header, manifest));
+}
+
+TEST_F(Manifest, RandomBytesDoNoHarm)
+{
+    std::mt19937 random(1);
+    for (int i = 0; i < 500; ++i)
+    {
+        std::string content = "$KTB";
+        const std::size_t size = random() % 200;
+        while (content.size() < size)
+        {
+            content += static_cast<char>(random());
+        }
+        extract(content);
+    }
+}
+
+// ---- image -------------------------------------------------------------
+
+class Image : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        fs::remove(MARKER);
+        writeFile(scratch / "image-ktb", manifestOf(record(3, 0, "data"), 1));
+        writeFile(scratch / "image-ktb.sig", std::string(511, 's'));
+        makeImage("content");
+        ASSERT_EQ(run("openssl pkey -pubin -in " +
+                      (keys() / "image-signer.pub.pem").string() +
+                      " -outform DER -out " + (scratch / "key").string()),
+                  0);
+        key = readFile(scratch / "key");
+        key = le(key.size(), 2) + key;
+    }
+
+    void makeImage(const std::string& content)
+    {
+        writeFile(scratch / "in", content);
+        pack("image " + (scratch / "in").string() + " --key " +
+             (keys() / "image-signer.pem").string() + " -o " +
+             (scratch / "image").string());
+    }
+
+    /** The operation with a service that answers with status and key. */
+    int verify(std::uint8_t status = 0)
+    {
+        const Service service(
+            SECURITY,
+            [&](sd_bus_message* call, sd_bus_message* reply)
+            {
+                const void* bytes = nullptr;
+                std::size_t size = 0;
+                int yes = 0;
+                sd_bus_message_read(call, "bu", &yes, &length);
+                sd_bus_message_read_array(call, 'y', &bytes, &size);
+                sent.assign(static_cast<const char*>(bytes), size);
+                sd_bus_message_append(reply, "yu", status, 7);
+                return sd_bus_message_append_array(reply, 'y', key.data(),
+                                                   key.size());
+            });
+        return verifyWithoutService();
+    }
+
+    int verifyWithoutService()
+    {
+        int result = 1;
+        log = logOf(
+            [&]
+            {
+                result = ValidateQOR::verifyManifestAndSignature(
+                    scratch / "image", scratch.path);
+            });
+        return result;
+    }
+
+    static std::string failure(const std::string& text)
+    {
+        return "FAILURE verifyManifestAndSignature: " + text;
+    }
+
+    Scratch scratch;
+    std::string key;
+    std::string sent;
+    std::uint32_t length = 0;
+    Lines log;
+};
+
+TEST_F(Image, VerifiesAtEverySize)
+{
+    constexpr std::size_t chunk = 4 * 1024 * 1024;
+    for (const std::size_t size : {std::size_t(0), std::size_t(1), chunk - 1,
+                                   chunk, chunk + 1, 2 * chunk})
+    {
+        makeImage(std::string(size, 'z'));
+        EXPECT_EQ(verify(), 0) << size;
+        EXPECT_THAT(log, ElementsAre("SUCCESS verifyManifestAndSignature: "
+                                     "Signature verification is successful"));
+    }
+    EXPECT_EQ(sent, readFile(scratch / "image-ktb"));
+    EXPECT_EQ(length, sent.size());
+    EXPECT_FALSE(fs::exists(MARKER));
+}
+
+TEST_F(Image, SpoiltOnesAreRefused)
+{
+    const std::string good = readFile(scratch / "image");
+    const auto bad = ElementsAre(failure("EVP_DigestVerifyFinal()"),
+                                 failure("Signature verification failed"));
+    for (const std::size_t at :
+         {std::size_t(0), good.size() - 96, good.size() - 48, good.size() - 1})
+    {
+        std::string spoilt = good;
+        spoilt[at] = static_cast<char>(spoilt[at] ^ 1);
+        writeFile(scratch / "image", spoilt);
+        EXPECT_EQ(verify(), -1);
+        EXPECT_THAT(log, bad);
+    }
+    for (const char fill : {'\0', '\xFF'})
+    {
+        writeFile(scratch / "image", "content" + std::string(96, fill));
+        EXPECT_EQ(verify(), -1);
+        EXPECT_THAT(log, bad);
+    }
+    writeFile(scratch / "image", std::string(95, 'x'));
+    EXPECT_EQ(verify(), -1);
+    EXPECT_THAT(log, ElementsAre(failure("Failed in reading ZRN image data")));
+}
+
+TEST_F(Image, PastFourGibibytesIsRefused)
+{
+    // 200 bytes more than 32 bits can count: the first 200 would be verified.
+    fs::resize_file(scratch / "image", (std::uint64_t(1) << 32) + 200);
+    EXPECT_EQ(verify(), -1);
+    EXPECT_THAT(log, ElementsAre(failure("Payload size error")));
+}
+
+TEST_F(Image, AnOlderSignatureFileSkipsEverything)
+{
+    writeFile(scratch / "image-ktb.sig", std::string(512, 's'));
+    fs::remove(scratch / "image");
+    fs::remove(scratch / "image-ktb");
+    EXPECT_EQ(verifyWithoutService(), 0);
+    EXPECT_THAT(log,
+                ElementsAre("SUCCESS verifyManifestAndSignature: Older version "
+                            "of KTB signature file is found",
+                            "SUCCESS verifyManifestAndSignature: Skipping "
+                            "signature verification for backward "
+                            "compatibility"));
+}
+
+TEST_F(Image, FilesThatCannotBeReadAreNamed)
+{
+    EXPECT_THAT(
+        logOf(
+            []
+            {
+                EXPECT_EQ(ValidateQOR::verifyManifestAndSignature("x", ""), -1);
+            }),
+        ElementsAre(failure("Invalid path for image-ktb")));
+    writeFile(scratch / "image-ktb", "$KT");
+    EXPECT_EQ(verify(), -1);
+    EXPECT_THAT(log, ElementsAre(failure("Error in reading manifest "
+                                         "information from the payload")));
+    for (const auto& [name, message] :
+         {std::pair{"image-ktb", "Error opening KTB file"},
+          {"image", "Error opening ZRN tar file"},
+          {"image-ktb.sig", "Error opening KTB signature file"}})
+    {
+        fs::remove(scratch / name);
+        EXPECT_EQ(verify(), -1);
+        EXPECT_THAT(log, ElementsAre(failure(message)));
+    }
+    fs::create_directory(scratch / "image-ktb.sig");
+    EXPECT_EQ(verify(), -1);
+}
+
+TEST_F(Image, TheServiceDecides)
+{
+    EXPECT_EQ(verify(1), -1);
+    EXPECT_THAT(log, ElementsAre(failure("vornFwManifestVerification() method "
+                                         "returned an error")));
+    const std::string good = key;
+    const auto badKey =
+        ElementsAre(failure("Error in converting the public key received from "
+                            "TXQ to EVP PKEY"));
+    for (const std::string& reply :
+         {std::string("x"), le(1, 2), le(good.size() - 1, 2) + good.substr(2),
+          le(0, 2) + good.substr(2), le(20, 2) + good.substr(2)})
+    {
+        key = reply;
+        EXPECT_EQ(verify(), -1);
+        EXPECT_THAT(log, badKey);
+    }
+    key.clear();
+    EXPECT_EQ(verify(), -1);
+    EXPECT_THAT(log, ElementsAre(failure("Failed in verifying manifest")));
+
+    const auto noAnswer =
+        ElementsAre("INFO msg: N9sdbusplus9exception10SdBusErrorE",
+                    failure("vornFwManifestVerification() invoke"));
+    EXPECT_EQ(verifyWithoutService(), -1);
+    EXPECT_THAT(log, noAnswer);
+    const Service silent(SECURITY,
+                         [](auto*, auto*)
+                         {
+                             return 0;
+                         });
+    EXPECT_EQ(verifyWithoutService(), -1);
+    EXPECT_THAT(log, noAnswer);
+}
+
+TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
+{
+    const std::string other = record(3, 0, "xyz");
+    const std::string marked = record(10, 0x30, "ab2");
+    struct Case
+    {
+        std::string manifest;
+        std::string marker;
+    };
+    std::string crossing = manifestOf(record(10, 0x30, "ab2c"), 1);
+    crossing.back() = '\0';
+    std::string endless = manifestOf(std::string(16, 0), 0xFFFFFFFF);
+    std::string wrapping = manifestOf(
+        le(0, 4) + le(0xFFFFFFF0, 4) + le(3, 4) + le(0x10, 4) + marked, 5);
+    for (const auto& [manifest, marker] : std::initializer_list<Case>{
+             {manifestOf(other + marked, 2), "2\n"},
+             {manifestOf(record(10, 0x31, "ab0"), 1), "1\n"},
+             {manifestOf("pad" + marked, 1, 19), "2\n"},
+             {manifestOf(record(10, 0, "abc"), 1), "old"},
+             {manifestOf(record(10, 0x30, "ab0"), 1), "old"},
+             {manifestOf(other + marked, 0), "old"},
+             {manifestOf(marked, 1, 0xFFFFFFFF), "old"},
+             {manifestOf(marked, 1, 20), "old"},
+             {manifestOf(record(10, 0x30, "ab2", 0xFFFFFFF0), 1), "old"},
+             {manifestOf(record(10, 0x30, "ab"), 1), "old"},
+             {endless, "old"},
+             {wrapping, "old"}})
+    {
+        writeFile(MARKER, "old");
+        writeFile(scratch / "image-ktb", manifest);
+        EXPECT_EQ(verify(), 0);
+        EXPECT_EQ(readFile(MARKER), marker);
+    }
+}
+
+} // namespace
+} // namespace velmora::test

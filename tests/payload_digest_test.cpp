@@ -1,0 +1,165 @@
+#include "support.hpp"
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <array>
+
+namespace velmora::test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+
+constexpr const char* EMPTY_DIGEST =
+    "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+
+std::string shaLine(const std::string& path, const std::string& digest)
+{
+    return "INFO \"Hash for file \" + filePath + \": \" + shaString.str(): "
+           "Hash for file " +
+           path + ": " + digest;
+}
+
+/** Digest of a file as the stock tool has it. */
+std::string stockDigest(const fs::path& path)
+{
+    const fs::path out = path.string() + ".sum";
+    run("sha256sum < " + path.string() + " | cut -d' ' -f1 | tr -d '\\n' > " +
+        out.string());
+    std::string digest = readFile(out);
+    fs::remove(out);
+    return digest;
+}
+
+class Digest : public testing::Test
+{
+  protected:
+    std::string file(const fs::path& path)
+    {
+        std::string digest;
+        log = logOf(
+            [&]
+            {
+                digest = calculateFileSHA(path);
+            });
+        return digest;
+    }
+
+    std::string directory(const fs::path& path)
+    {
+        std::string digest;
+        log = logOf(
+            [&]
+            {
+                digest = ValidateQOR::getSHAStrFromImage(path);
+            });
+        return digest;
+    }
+
+    Scratch scratch;
+    Lines log;
+};
+
+TEST_F(Digest, OfFilesAroundThePieceSize)
+{
+    writeFile(scratch / "f", "");
+    EXPECT_EQ(file(scratch / "f"), EMPTY_DIGEST);
+    EXPECT_THAT(log, ElementsAre(shaLine(scratch / "f", EMPTY_DIGEST)));
+    constexpr std::size_t piece = 10'485'760;
+    for (const std::size_t size :
+         {std::size_t(3), piece - 1, piece, piece + 1, 2 * piece + 7})
+    {
+        std::string content(size, 'x');
+        content[size / 2] = '\0';
+        content.back() = 'y';
+        writeFile(scratch / "f", content);
+        EXPECT_EQ(file(scratch / "f"), stockDigest(scratch / "f")) << size;
+    }
+}
+
+TEST_F(Digest, WhatIsNoReadableFileGivesOneFailure)
+{
+    ASSERT_EQ(mkfifo((scratch / "fifo").c_str(), 0600), 0);
+    for (const fs::path& path : {scratch / "none", scratch.path,
+                                 scratch / "fifo", fs::path("/dev/zero")})
+    {
+        EXPECT_EQ(file(path), "") << path;
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
+    }
+}
+
+TEST_F(Digest, CompositeOfKnownContents)
+{
+    EXPECT_EQ(directory(scratch.path), EMPTY_DIGEST);
+    EXPECT_THAT(log, ElementsAre("INFO \"final sha: \" + finalShaString.str(): "
+                                 "final sha: " +
+                                 std::string(EMPTY_DIGEST)));
+    writeFile(scratch / "b", "abc");
+    writeFile(scratch / "a", "");
+    constexpr const char* digest =
+        "302d3d24b187100835e04a2cd639ad14026ab49e914d2fdc80abf018000b10dd";
+    EXPECT_EQ(directory(scratch.path), digest);
+    EXPECT_EQ(directory(scratch.path.string() + "/"), digest);
+    writeFile(scratch / "a", "abc");
+    writeFile(scratch / "b", "");
+    EXPECT_EQ(
+        directory(scratch.path),
+        "17076dc047c0c18dc1ba5e0310336762a1db0b7daa275b1004887c2cca2c25b0");
+}
+
+TEST_F(Digest, CompositeFollowsTheByteOrderOfNames)
+{
+    const std::array<const char*, 8> sorted{
+        ".h", "B", "a", "a.bin", "a_b", "file10", "file2", "\x80\xff"};
+    for (auto name = sorted.rbegin(); name != sorted.rend(); ++name)
+    {
+        writeFile(scratch / *name, *name);
+    }
+    directory(scratch.path);
+    ASSERT_EQ(log.size(), sorted.size() + 1);
+    for (std::size_t i = 0; i < sorted.size(); ++i)
+    {
+        EXPECT_THAT(log[i],
+                    testing::HasSubstr((scratch / sorted[i]).string() + ": "));
+    }
+}
+
+TEST_F(Digest, CompositeLeavesOutWhatIsNoFile)
+{
+    writeFile(scratch / "b", "abc");
+    writeFile(scratch / "target", "");
+    fs::create_directory(scratch / "d");
+    fs::rename(scratch / "target", scratch / "d/target");
+    fs::create_symlink("d/target", scratch / "a");
+    fs::create_symlink("none", scratch / "dangling");
+    fs::create_directory_symlink("d", scratch / "link");
+    ASSERT_EQ(mkfifo((scratch / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(
+        directory(scratch.path),
+        "302d3d24b187100835e04a2cd639ad14026ab49e914d2fdc80abf018000b10dd");
+    EXPECT_EQ(std::count(log.begin(), log.end(), "FAILURE"), 4);
+    EXPECT_EQ(log.size(), 7U);
+}
+
+TEST_F(Digest, CompositeOfWhatIsNoDirectory)
+{
+    writeFile(scratch / "f", "");
+    for (const fs::path& path : {scratch / "f", scratch / "none"})
+    {
+        EXPECT_EQ(directory(path), "");
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
+    }
+    fs::create_symlink("loop", scratch / "loop");
+    EXPECT_THROW(directory(scratch / "loop"), fs::filesystem_error);
+    EXPECT_THROW(directory(scratch.path), fs::filesystem_error);
+}
+
+} // namespace
+} // namespace velmora::test

@@ -1,0 +1,220 @@
+#include "support.hpp"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace velmora::test
+{
+
+namespace
+{
+
+/** "Line: 12 [TEXT]" becomes "TEXT", "LEVEL: function.12: text" becomes
+ *  "LEVEL function: text"; what has no such form stays as it is. */
+std::string withoutSourceLine(const std::string& line)
+{
+    const std::size_t bracket = line.find(" [");
+    if (line.starts_with("Line: ") && line.ends_with("]") &&
+        bracket != std::string::npos)
+    {
+        return line.substr(bracket + 2, line.size() - bracket - 3);
+    }
+    const std::size_t level = line.find(": ");
+    const std::size_t dot = line.find('.', level);
+    const std::size_t colon = line.find(": ", dot);
+    const bool numbered =
+        colon != std::string::npos &&
+        line.find_first_not_of("0123456789", dot + 1) == colon;
+    return numbered ? line.substr(0, level) + " " +
+                          line.substr(level + 2, dot - level - 2) +
+                          line.substr(colon)
+                    : line;
+}
+
+} // namespace
+
+Lines logOf(const std::function<void()>& work)
+{
+    const int memory = memfd_create("log", MFD_CLOEXEC);
+    const int saved = dup(STDERR_FILENO);
+    dup2(memory, STDERR_FILENO);
+    const auto restore = [&]
+    {
+        dup2(saved, STDERR_FILENO);
+        close(saved);
+    };
+    try
+    {
+        work();
+    }
+    catch (...)
+    {
+        restore();
+        close(memory);
+        throw;
+    }
+    restore();
+    std::istringstream text(
+        readFile("/proc/self/fd/" + std::to_string(memory)));
+    close(memory);
+
+    Lines lines;
+    for (std::string line; std::getline(text, line);)
+    {
+        lines.push_back(withoutSourceLine(line));
+    }
+    return lines;
+}
+
+std::size_t descriptors()
+{
+    return static_cast<std::size_t>(std::distance(
+        fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+std::string readFile(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeFile(const fs::path& path, const std::string& content)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+int run(const std::string& command)
+{
+    const int status =
+        std::system(("(" + command + ") >/dev/null 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+fs::path keys()
+{
+    return std::getenv("VELMORA_TEST_KEYS");
+}
+
+void pack(const std::string& arguments)
+{
+    ASSERT_EQ(run(std::getenv("VELMORA_PACK") + (" " + arguments)), 0)
+        << arguments;
+}
+
+void sign(const fs::path& directory)
+{
+    ASSERT_EQ(run("gpg --homedir " + (keys() / "gnupg").string() +
+                  " --batch --yes --detach-sign -o " +
+                  (directory / "package.xml.sign").string() + " " +
+                  (directory / "package.xml").string()),
+              0);
+}
+
+void makePackage(const fs::path& directory, const PackageText& text)
+{
+    fs::create_directories(directory / "payload");
+    writeFile(directory / "payload/image", text.payload);
+    writeFile(directory / "package.xml",
+              "<Package><Device componentID=\"113440\"/>"
+              "<SoftwareComponent vendorVersion=\"1.2\" "
+              "hashAlgorithm=\"SHA256\" hash=\"" +
+                  text.hash + "\"/>" + text.model + "</Package>");
+    sign(directory);
+}
+
+Scratch::Scratch()
+{
+    std::string name = "/tmp/test-XXXXXX";
+    path = mkdtemp(name.data());
+}
+
+Scratch::~Scratch()
+{
+    fs::remove_all(path);
+}
+
+Service::Service(const std::string& name, Handler handler) :
+    handler_(std::move(handler))
+{
+    EXPECT_GE(sd_bus_open_system(&bus_), 0);
+    sd_bus_add_filter(
+        bus_, nullptr,
+        [](sd_bus_message* call, void* self, sd_bus_error*)
+        {
+            return static_cast<Service*>(self)->handle(call);
+        },
+        this);
+    EXPECT_GE(sd_bus_request_name(bus_, name.c_str(), 0), 0) << name;
+    thread_ = std::thread(&Service::work, this);
+}
+
+Service::~Service()
+{
+    stop_ = true;
+    thread_.join();
+    sd_bus_flush_close_unref(bus_);
+}
+
+void Service::work()
+{
+    while (!stop_)
+    {
+        if (sd_bus_process(bus_, nullptr) == 0)
+        {
+            sd_bus_wait(bus_, 10'000);
+        }
+    }
+}
+
+int Service::handle(sd_bus_message* call)
+{
+    if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0)
+    {
+        return 0;
+    }
+    calls.push_back(std::string(sd_bus_message_get_path(call)) + " " +
+                    sd_bus_message_get_interface(call) + " " +
+                    sd_bus_message_get_member(call));
+    for (const char* text = nullptr;
+         sd_bus_message_read_basic(call, 's', &text) > 0;)
+    {
+        calls.emplace_back(text);
+    }
+    sd_bus_message_rewind(call, 1);
+    sd_bus_message* reply = nullptr;
+    sd_bus_message_new_method_return(call, &reply);
+    const int result = handler_(call, reply);
+    if (result < 0)
+    {
+        sd_bus_reply_method_errorf(call, "com.example.Refused", "errno %d",
+                                   -result);
+    }
+    else if (result != NO_REPLY)
+    {
+        sd_bus_send(bus_, reply, nullptr);
+    }
+    sd_bus_message_unref(reply);
+    return 1;
+}
+
+Service::Handler systemIdBytes(std::vector<std::uint8_t> bytes)
+{
+    return [bytes = std::move(bytes)](sd_bus_message*, sd_bus_message* reply)
+    {
+        sd_bus_message_open_container(reply, 'v', "ay");
+        sd_bus_message_append_array(reply, 'y', bytes.data(), bytes.size());
+        return sd_bus_message_close_container(reply);
+    };
+}
+
+} // namespace velmora::test

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+/** What the tests share. They run inside the simulated BMC, where the
+ *  library's fixed places are theirs to write in. */
+
+namespace velmora::test
+{
+
+using Lines = std::vector<std::string>;
+
+/** Runs @p work and gives the lines written to stderr meanwhile, without the
+ *  source lines: "FAILURE", "SUCCESS", "INFO label value" for the cerr style,
+ *  "LEVEL function: message" for the stderr style, others as they are. */
+Lines logOf(const std::function<void()>& work);
+
+/** Open descriptors of this process. */
+std::size_t descriptors();
+
+std::string readFile(const std::filesystem::path& path);
+void writeFile(const std::filesystem::path& path, const std::string& content);
+
+/** Exit status of a shell command, whose output is thrown away. */
+int run(const std::string& command);
+
+/** Directory of the test keys that velmora-pack made. */
+std::filesystem::path keys();
+
+/** Runs velmora-pack; the test fails when it does. */
+void pack(const std::string& arguments);
+
+/** A package directory of the given content, signed with the test key. */
+struct PackageText
+{
+    std::string model = "<Model systemID=\"0A1B\"/>";
+    std::string payload = "abc";
+    /** Composite digest of one file of that content. */
+    std::string hash =
+        "dfe7a23fefeea519e9bbfdd1a6be94c4b2e4529dd6b7cbea83f9959c2621b13c";
+};
+void makePackage(const std::filesystem::path& directory,
+                 const PackageText& text = {});
+void sign(const std::filesystem::path& directory);
+
+/** An empty directory of its own for each test. */
+class Scratch
+{
+  public:
+    Scratch();
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    ~Scratch();
+
+    std::filesystem::path operator/(const std::string& name) const
+    {
+        return path / name;
+    }
+
+    std::filesystem::path path;
+};
+
+/** A service with a mind of its own: answers every call to its name by what
+ *  the handler puts in the reply, or with the errno that it returns; a
+ *  handler that returns NO_REPLY lets the caller wait. */
+class Service
+{
+  public:
+    static constexpr int NO_REPLY = 1000;
+    using Handler =
+        std::function<int(sd_bus_message* call, sd_bus_message* reply)>;
+
+    Service(const std::string& name, Handler handler);
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+    ~Service();
+
+    /** What was called: "path interface member", then each string. */
+    Lines calls;
+
+  private:
+    int handle(sd_bus_message* call);
+    void work();
+
+    Handler handler_;
+    sd_bus* bus_ = nullptr;
+    std::atomic<bool> stop_ = false;
+    std::thread thread_;
+};
+
+/** The platform service with the given property bytes. */
+Service::Handler systemIdBytes(std::vector<std::uint8_t> bytes);
+inline constexpr const char* PLATFORM = "com.vorn.bmc.smad";
+inline constexpr const char* SECURITY = "xyz.openbmc_project.securityservices";
+inline constexpr const char* INVENTORY =
+    "xyz.openbmc_project.Software.Installed.Inventory";
+
+} // namespace velmora::test
