@@ -1,5 +1,6 @@
 #pragma once
 
+#include <dirent.h>
 #include <gpgme.h>
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
@@ -70,6 +71,7 @@ using Certificate = Handle<X509, X509_free>;
 using Bio = Handle<BIO, BIO_free>;
 using BigNumber = Handle<BIGNUM, BN_free>;
 using OpensslBytes = Handle<unsigned char, freeOpensslBytes>;
+using DirectoryStream = Handle<DIR, closedir>;
 using FileStream = Handle<std::FILE, closeStream>;
 using EcdsaSignature = Handle<ECDSA_SIG, ECDSA_SIG_free>;
 

@@ -2,8 +2,11 @@
 #include "log.hpp"
 #include "velmora.hpp"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -11,9 +14,11 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace
@@ -71,6 +76,55 @@ class Sha256
   private:
     DigestContext context_{EVP_MD_CTX_new()};
     std::array<unsigned char, SHA256_SIZE> digest_{};
+};
+
+/** Entries of a directory, without "." and "..", in the order in which the
+ *  file system delivers them.
+ *
+ *  libstdc++'s directory_iterator allocates where it may not throw, and so
+ *  ends the process when memory is out. */
+class Directory
+{
+  public:
+    /** @throws fs::filesystem_error when it cannot be opened */
+    explicit Directory(fs::path path) :
+        path_(std::move(path)), stream_(opendir(path_.c_str()))
+    {
+        if (stream_ == nullptr)
+        {
+            fail("cannot open directory", errno);
+        }
+    }
+
+    /** @return path of the next entry, nothing at the end
+     *  @throws fs::filesystem_error when it cannot be read */
+    std::optional<fs::path> next()
+    {
+        errno = 0;
+        while (const dirent* entry = readdir(stream_.get()))
+        {
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..")
+            {
+                return path_ / name;
+            }
+        }
+        if (errno != 0)
+        {
+            fail("cannot read directory", errno);
+        }
+        return std::nullopt;
+    }
+
+  private:
+    [[noreturn]] void fail(const char* what, int error) const
+    {
+        throw fs::filesystem_error(
+            what, path_, std::error_code(error, std::generic_category()));
+    }
+
+    fs::path path_;
+    DirectoryStream stream_;
 };
 
 /** Reserves @p length bytes. Only one piece of them is ever filled, so no more
@@ -157,14 +211,15 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
         return {};
     }
     std::vector<std::string> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator(payloadPath))
+    Directory directory(payloadPath);
+    while (const auto path = directory.next())
     {
-        if (!fs::is_regular_file(fs::status(entry.path())))
+        if (!fs::is_regular_file(fs::status(*path)))
         {
             cerrFailure();
             continue;
         }
-        files.push_back(entry.path().string());
+        files.push_back(path->string());
     }
     // std::string compares bytes as unsigned values, whatever the locale.
     std::sort(files.begin(), files.end());

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "support.hpp"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/** Definitions of the test executable stand in front of the libraries': each
+ *  can make one call that the library makes fail, and each notes releases. */
+
+namespace velmora::test
+{
+
+/** Functions that can be made to fail. */
+std::vector<std::string> faultyFunctions();
+
+/** Runs @p work with the @p nth call of @p function failing.
+ *
+ *  An exception that the fault causes ends the work and no more.
+ *
+ *  @return whether there was such a call */
+bool withFault(const std::string& function, int nth,
+               const std::function<void()>& work);
+
+/** Objects that the library released meanwhile, in order, by the names of the
+ *  releasing functions. */
+Lines releasesOf(const std::function<void()>& work);
+
+} // namespace velmora::test

@@ -1,0 +1,374 @@
+#include "faults.hpp"
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/x509.h>
+#include <sys/wait.h>
+
+#include <map>
+#include <memory>
+
+namespace velmora::test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+
+/** An operation on good input, which must then not succeed. */
+struct Scenario
+{
+    const char* name;
+    std::function<void()> prepare;
+    std::function<bool()> accepts;
+    /** Functions whose failure is no failure of the operation. */
+    std::vector<std::string> harmless;
+};
+
+Service::Handler keyAnswer()
+{
+    run("openssl pkey -pubin -in " +
+        (keys() / "image-signer.pub.pem").string() +
+        " -outform DER -out /tmp/fault-key");
+    std::string key = readFile("/tmp/fault-key");
+    key.insert(0, {static_cast<char>(key.size()), '\0'});
+    return [key](sd_bus_message*, sd_bus_message* reply)
+    {
+        sd_bus_message_append(reply, "yu", 0, 0);
+        return sd_bus_message_append_array(reply, 'y', key.data(), key.size());
+    };
+}
+
+Service::Handler stringAnswer(const char* types)
+{
+    return [types](sd_bus_message* call, sd_bus_message* reply)
+    {
+        const bool purpose =
+            std::string(sd_bus_message_get_member(call)) == "getVersionPurpose";
+        return purpose ? sd_bus_message_append(
+                             reply, "s",
+                             "xyz.openbmc_project.Software.Version."
+                             "VersionPurpose.TPM")
+                       : sd_bus_message_append(reply, types, "s", "M1");
+    };
+}
+
+class Faults : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        makePackage(scratch / "package");
+        makePackage(scratch / "other");
+        writeFile(scratch / "other/package.xml",
+                  "<p><Device componentID='1'/></p>");
+        run("cd " + (scratch / "package").string() +
+            " && zip -qr ../package.zip . && mkdir ../out");
+        fs::create_directory(scratch / "manifest");
+        pack("manifest -o " + (scratch / "manifest").string());
+        writeFile(scratch / "body", "body");
+        pack("image " + (scratch / "body").string() + " --key " +
+             (keys() / "image-signer.pem").string() + " -o " +
+             (scratch / "image").string());
+        pack("payload " + (scratch / "body").string() + " --chain " +
+             (keys() / "chain.pem").string() + " --key " +
+             (keys() / "payload-signer.pem").string() + " --alg PS256 -o " +
+             payload);
+    }
+
+    std::vector<Scenario> scenarios()
+    {
+        const std::string path = "/xyz/openbmc_project/inventory/system/bmc";
+        return {
+            {"unZip",
+             [] {},
+             [this]
+             {
+                 return ValidateQOR::unZip(scratch / "package.zip",
+                                           scratch / "out");
+             },
+             {"waitpid"}},
+            {"validateExtractedQOR",
+             [] {},
+             [this]
+             {
+                 return ValidateQOR::validateExtractedQOR(scratch / "package");
+             },
+             {"gpgme_hash_algo_name", "gpgme_pubkey_algo_name"}},
+            {"verifyManifestAndSignature",
+             [] {},
+             [this]
+             {
+                 return ValidateQOR::verifyManifestAndSignature(
+                            scratch / "image", scratch / "manifest") == 0;
+             },
+             {}},
+            {"validateCertChainForPayload",
+             []
+             {
+                 fs::copy_file(keys() / "root-ca.pem",
+                               "/var/run/obmcupdate/"
+                               "OpenBMCSecureBootRootCA.pem",
+                               fs::copy_options::overwrite_existing);
+             },
+             [this]
+             {
+                 return ValidateQOR::validateCertChainForPayload(payload);
+             },
+             // The key has the same digest as its default.
+             {"EVP_sha256"}},
+            {"getImagePurpose",
+             [] {},
+             [this]
+             {
+                 return ValidateQOR::getImagePurpose(scratch / "other") ==
+                        ValidateQOR::VersionPurpose::TPM;
+             },
+             // The empty identifier is asked of the bus all the same.
+             {"xmlParseFile", "xmlXPathNewContext", "xmlXPathEvalExpression",
+              "xmlNodeGetContent"}},
+            {"getInventoryModel",
+             [] {},
+             [=]
+             {
+                 return ValidateQOR::getInventoryModel(path) == "M1";
+             },
+             {}},
+            {"registerSWInv",
+             [] {},
+             [=]
+             {
+                 return ValidateQOR::registerSWInv(
+                            path, "a", "b", ValidateQOR::VersionPurpose::BMC,
+                            ValidateQOR::ReleaseType::Other) == 1;
+             },
+             {}},
+        };
+    }
+
+    Scratch scratch;
+    std::string payload = scratch / "payload";
+    Service platform{PLATFORM, systemIdBytes({0x1B, 0x0A})};
+    Service security{SECURITY, keyAnswer()};
+    Service inventory{INVENTORY, stringAnswer("v")};
+};
+
+TEST_F(Faults, EveryFailedCallEndsInARefusal)
+{
+    std::map<std::string, int> met;
+    for (const Scenario& scenario : scenarios())
+    {
+        bool accepted = false;
+        const auto work = [&]
+        {
+            accepted = scenario.accepts();
+        };
+        scenario.prepare();
+        logOf(work);
+        ASSERT_TRUE(accepted) << scenario.name;
+        const std::size_t before = descriptors();
+        for (const std::string& function : faultyFunctions())
+        {
+            const bool harmless =
+                testing::Value(scenario.harmless, testing::Contains(function));
+            bool fired = true;
+            for (int nth = 1; fired; ++nth)
+            {
+                scenario.prepare();
+                accepted = false;
+                logOf(
+                    [&]
+                    {
+                        fired = withFault(function, nth, work);
+                    });
+                EXPECT_EQ(accepted, !fired || harmless)
+                    << scenario.name << ": " << function << " " << nth;
+                EXPECT_EQ(descriptors(), before)
+                    << scenario.name << ": " << function << " " << nth;
+                met[function] += fired;
+                ASSERT_LT(nth, 1000);
+                // What an unwaited extractor leaves.
+                while (waitpid(-1, nullptr, 0) > 0)
+                {
+                }
+            }
+        }
+    }
+    for (const std::string& function : faultyFunctions())
+    {
+        EXPECT_GT(met[function], 0) << function << " is never called";
+    }
+}
+
+TEST_F(Faults, SlotStatusesOfSystemCalls)
+{
+    const std::string bytes = readFile(payload);
+    const std::string chain = bytes.substr(4, 24576);
+    const std::string signature = bytes.substr(4 + 24576 + 512, 512);
+    metadata_algo = "PS256";
+    const auto statusWith = [&](const std::string& function, Lines& log)
+    {
+        int status = -1;
+        withFault(function, 1,
+                  [&]
+                  {
+                      log = logOf(
+                          [&]
+                          {
+                              status = ValidateQOR::verify_slot_signature(
+                                  chain, signature, payload.data());
+                          });
+                  });
+        return status;
+    };
+    Lines log;
+    const std::string success = "SUCCESS verify_slot_signature: Image slot "
+                                "signature verification successful";
+    for (const auto& [function, status] :
+         {std::pair{"open64", 2},
+          {"fstat64", 3},
+          {"mmap64", 5},
+          {"BIO_new", 7},
+          {"BIO_write", 7},
+          {"PEM_read_bio_X509", 7},
+          {"fwrite", 7},
+          {"fflush", 7},
+          {"X509_get_pubkey", 8},
+          {"EVP_PKEY_get_size", 10},
+          {"EVP_DigestVerifyInit", 11},
+          {"EVP_PKEY_CTX_set_rsa_padding", 11},
+          {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 11},
+          {"EVP_DigestVerifyUpdate", 13},
+          {"EVP_DigestVerifyFinal", 13},
+          {"EVP_MD_CTX_new", 16},
+          {"BIO_new_fp", 17},
+          {"PEM_write_bio_PUBKEY", 17},
+          {"munmap", 14},
+          {"close", 15}})
+    {
+        EXPECT_EQ(statusWith(function, log), status) << function;
+        EXPECT_EQ(log.back() == success, status == 14 || status == 15);
+    }
+    statusWith("munmap", log);
+    EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: munmap "
+                                       "failed,strerr[Invalid argument]"));
+    statusWith("close", log);
+    EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: File " +
+                                       payload +
+                                       " close error,strerr[Input/output "
+                                       "error]"));
+}
+
+TEST_F(Faults, DigestFailuresAreLoggedAndGiveNoDigest)
+{
+    writeFile(scratch / "f", std::string(10'485'761, 'x'));
+    const auto failures = [&](const char* function)
+    {
+        std::string digest = "none";
+        Lines log;
+        withFault(function, 1,
+                  [&]
+                  {
+                      log = logOf(
+                          [&]
+                          {
+                              digest = calculateFileSHA(scratch / "f");
+                          });
+                  });
+        EXPECT_EQ(digest, "");
+        EXPECT_THAT(log.back(), testing::HasSubstr("Hash for file "));
+        return std::count(log.begin(), log.end(), "FAILURE");
+    };
+    EXPECT_EQ(failures("EVP_MD_CTX_new"), 4);
+    EXPECT_EQ(failures("EVP_DigestInit_ex"), 4);
+    EXPECT_EQ(failures("EVP_DigestUpdate"), 1);
+    EXPECT_EQ(failures("EVP_DigestFinal_ex"), 1);
+}
+
+TEST_F(Faults, ForkFailureIsLogged)
+{
+    for (const int nth : {1, 2})
+    {
+        Lines log;
+        withFault("fork", nth,
+                  [&]
+                  {
+                      log = logOf(
+                          [&]
+                          {
+                              ValidateQOR::unZip(scratch / "package.zip",
+                                                 scratch / "out");
+                          });
+                  });
+        EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -1", "FAILURE"));
+    }
+}
+
+TEST_F(Faults, ReleasesComeInOrder)
+{
+    const auto value = [&](const char* expression)
+    {
+        return releasesOf(
+            [&]
+            {
+                ValidateQOR::getStrFromPkgXML(scratch / "package/package.xml",
+                                              expression, "componentID");
+            });
+    };
+    const auto resultFirst =
+        ElementsAre("xmlXPathFreeContext", "xmlXPathFreeObject", "xmlFreeDoc",
+                    "xmlCleanupParser");
+    const auto documentFirst =
+        ElementsAre("xmlXPathFreeContext", "xmlFreeDoc", "xmlCleanupParser",
+                    "xmlXPathFreeObject");
+    EXPECT_THAT(value("//Device"), resultFirst);
+    EXPECT_THAT(value("//Model"), resultFirst);
+    EXPECT_THAT(value("//None"), documentFirst);
+    EXPECT_THAT(value("1"), documentFirst);
+    EXPECT_THAT(value("["), ElementsAre("xmlXPathFreeContext", "xmlFreeDoc",
+                                        "xmlCleanupParser"));
+
+    EXPECT_THAT(releasesOf(
+                    [&]
+                    {
+                        ValidateQOR::validatePkgXMLSignature(
+                            scratch / "package/package.xml",
+                            scratch / "package/package.xml.sign");
+                    }),
+                ElementsAre("gpgme_release", "gpgme_data_release",
+                            "gpgme_data_release"));
+    const Lines identity = releasesOf(
+        [&]
+        {
+            ValidateQOR::validateSytemIdFromPkgXML(scratch /
+                                                   "package/package.xml");
+        });
+    EXPECT_THAT(Lines(identity.begin(), identity.begin() + 3),
+                ElementsAre("sd_bus_message_unref", "sd_bus_message_unref",
+                            "sd_bus_unref"));
+    EXPECT_THAT(Lines(identity.begin() + 3, identity.end()), resultFirst);
+
+    EXPECT_THAT(releasesOf(
+                    [&]
+                    {
+                        ValidateQOR::verifyManifestAndSignature(
+                            scratch / "image", scratch / "manifest");
+                    }),
+                ElementsAre("sd_bus_message_unref", "sd_bus_message_unref",
+                            "sd_bus_unref", "ECDSA_SIG_free", "EVP_MD_CTX_free",
+                            "EVP_PKEY_free"));
+    const std::string bytes = readFile(payload);
+    EXPECT_THAT(releasesOf(
+                    [&]
+                    {
+                        ValidateQOR::verify_slot_signature(
+                            bytes.substr(4, 24576),
+                            bytes.substr(4 + 24576 + 512, 512), payload.data());
+                    }),
+                ElementsAre("EVP_MD_CTX_free", "X509_free", "EVP_PKEY_free"));
+}
+
+} // namespace
+} // namespace velmora::test
