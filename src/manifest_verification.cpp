@@ -315,6 +315,7 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
         return false;
     }
     file.clear();
+    const std::streamoff end = file.seekg(0, std::ios::end).tellg();
     file.seekg(static_cast<std::streamoff>(found), std::ios::beg);
     if (!readExactly(file, reinterpret_cast<char*>(&header), sizeof(header)))
     {
@@ -324,7 +325,10 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
     std::memcpy(stored.data(), &header, stored.size());
     const std::size_t length =
         loadLe32(stored, offsetof(manifestHeader, length));
-    if (length < stored.size())
+    // A length that the file does not have must not cost memory either.
+    if (length < stored.size() ||
+        static_cast<std::int64_t>(length) >
+            end - static_cast<std::streamoff>(found))
     {
         return false;
     }

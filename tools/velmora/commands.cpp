@@ -139,8 +139,11 @@ Answer findRefusal(const fs::path& package, bool verbose)
     }
     if (actual != expected)
     {
-        return refused("the payload's digest is " + actual +
-                       ", the descriptor states " + expected);
+        Answer answer =
+            refused("the payload's digest is not the descriptor's");
+        answer.fields["expected digest"] = expected;
+        answer.fields["payload digest"] = actual;
+        return answer;
     }
     return refused("it changed while it was checked");
 }
@@ -223,10 +226,7 @@ Answer unpack(const Request& request)
     {
         return unchecked(request.directory + " is not a directory");
     }
-    Answer answer =
-        unpackInto(request.subject, request.directory, request.verbose);
-    answer.fields["directory"] = request.directory;
-    return answer;
+    return unpackInto(request.subject, request.directory, request.verbose);
 }
 
 Answer validate(const Request& request)

@@ -1,0 +1,173 @@
+#!/usr/bin/env bash
+# The command-line tools as a user meets them, inside the simulated BMC with
+# its own services. Arguments: velmora, velmora-pack, directory of test keys.
+set -euo pipefail
+velmora=$(readlink -f "$1")
+pack=$(readlink -f "$2")
+keys=$3
+root_ca=/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem
+failures=0
+cd "$(mktemp -d)"
+
+# expect STATUS PATTERN COMMAND...: status, and a line of output that matches.
+expect() {
+    local status=0 output
+    local expected=$1 pattern=$2
+    shift 2
+    output=$("$@" 2>&1) || status=$?
+    if [ "$status" -ne "$expected" ] || ! grep -qE -- "$pattern" <<<"$output"; then
+        printf 'FAIL: %s\n  status %d, expected %d and "%s"\n%s\n' "$*" \
+            "$status" "$expected" "$pattern" "$output"
+        failures=$((failures + 1))
+    fi
+}
+
+# One clear line on stderr that names the file, and nothing left behind.
+fails() {
+    local named=$1 before
+    shift
+    before=$(ls -A)
+    expect 1 "^velmora-pack: .*$named" "$pack" "$@"
+    if [ "$("$pack" "$@" 2>&1 >/dev/null | wc -l)" -ne 1 ]; then
+        echo "FAIL: more than one line from: $*"
+        failures=$((failures + 1))
+    fi
+    if [ "$(ls -A)" != "$before" ]; then
+        echo "FAIL: something left behind by: $*"
+        failures=$((failures + 1))
+    fi
+}
+
+package=(package --model 113440 --version 1.2 --gpg-home "$keys/gnupg"
+    --key "$(cat "$keys/fingerprint")")
+mkdir files unpacked
+echo one >files/a
+echo two >files/b
+
+# ---- packages ----------------------------------------------------------
+"$pack" "${package[@]}" --payload files --system-id 1 --system-id 0a1b -o p.zip
+expect 0 '^accepted$' "$velmora" validate p.zip
+expect 0 '"verdict": "accepted"' "$velmora" --json validate p.zip
+expect 0 'Line: [0-9]+ \[SUCCESS\]' "$velmora" validate --verbose p.zip
+expect 0 '^accepted' "$velmora" unpack p.zip unpacked
+expect 0 '^accepted$' "$velmora" validate unpacked
+expect 0 '^systems: 0001 0A1B$' "$velmora" info unpacked
+expect 0 '^model: 113440$' "$velmora" info unpacked
+expect 0 '^BMC$' "$velmora" purpose unpacked
+expected=$("$velmora" info --json unpacked | grep -o '[0-9a-f]\{64\}')
+expect 0 "^$expected\$" "$velmora" digest unpacked/payload
+expect 0 "^$(sha256sum <files/a | cut -c1-64)\$" "$velmora" digest files/a
+mkdir unpacked/payload/sub
+expect 0 'entries are not covered' "$velmora" digest unpacked/payload
+rm -r unpacked/payload/sub
+
+echo changed >unpacked/payload/a
+expect 1 "refused: the payload's digest" "$velmora" validate unpacked
+"$pack" "${package[@]}" --payload files/a --system-id 1 -o other.zip
+expect 1 'refused: it is not for this system' "$velmora" validate other.zip
+head -c 100 p.zip >cut.zip
+expect 1 'refused: it cannot be unpacked' "$velmora" validate cut.zip
+expect 3 'none.zip: could not be checked' "$velmora" validate none.zip
+expect 3 '"verdict": "unchecked"' "$velmora" --json validate none.zip
+expect 2 'Run with --help' "$velmora" validate
+expect 2 . "$velmora" inventory add x
+sed -i 's/systemID="[^"]*"/systemID="zz"/' unpacked/package.xml
+expect 3 'systemID of the descriptor is no number' "$velmora" validate unpacked
+expect 3 'system identifier cannot be read' env \
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none "$velmora" validate p.zip
+if compgen -G '/tmp/velmora-*' >/dev/null; then
+    echo "FAIL: velmora leaves its temporary directory"
+    failures=$((failures + 1))
+fi
+
+SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 1.zip
+touch files/*
+SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 2.zip
+if ! cmp -s <(unzip -lv 1.zip | grep -v -e sign -e Archive -e files) \
+    <(unzip -lv 2.zip | grep -v -e sign -e Archive -e files); then
+    echo "FAIL: packages differ beyond their signature"
+    failures=$((failures + 1))
+fi
+"$pack" package --model 113440 --version 1.2 --payload files \
+    --to-be-signed descriptor
+gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig descriptor
+expect 0 . "$pack" package --model 113440 --version 1.2 --payload files \
+    --gpg-home "$keys/gnupg" --signature sig -o elsewhere.zip
+expect 0 '^accepted$' "$velmora" validate elsewhere.zip
+expect 0 '"componentID"|componentID|113440' "$pack" inspect p.zip
+
+mkdir -p nested/sub
+echo x >nested/a
+fails nested "${package[@]}" --payload nested -o x.zip
+mkdir foreign
+echo x >$'foreign/\xc3\xa4'
+fails foreign "${package[@]}" --payload foreign -o x.zip
+fails none "${package[@]}" --payload none -o x.zip
+fails 0000 package --model 1 --version 1 --payload files \
+    --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
+    -o x.zip
+expect 2 'system-id' "$pack" "${package[@]}" --payload files --system-id wrong \
+    -o x.zip
+
+# ---- images ------------------------------------------------------------
+head -c 100000 /dev/urandom >content
+"$pack" manifest --release 1 --prefix files/a -o manifest
+"$pack" image content --key "$keys/image-signer.pem" -o image
+expect 0 '^accepted$' "$velmora" verify-image image manifest
+expect 0 '^1$' cat /tmp/ingressRelease
+expect 1 'refused: Signature verification failed' "$velmora" verify-image content manifest
+expect 3 'image-ktb: No such file' "$velmora" verify-image image files
+head -c 512 /dev/zero >manifest/image-ktb.sig
+expect 0 'accepted: NOT verified' "$velmora" verify-image image manifest
+openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
+"$pack" image content --signature der \
+    --public-key "$keys/image-signer.pub.pem" -o image2
+expect 0 'r' "$pack" inspect --as image image2
+fails payload-signer "image" content --key "$keys/payload-signer.pem" -o x
+fails content "image" content --signature content \
+    --public-key "$keys/image-signer.pub.pem" -o x
+
+# ---- payloads ----------------------------------------------------------
+payload=(payload content --chain "$keys/chain.pem")
+for algorithm in PS256 PS384 PS512; do
+    "$pack" "${payload[@]}" --key "$keys/payload-signer.pem" \
+        --alg "$algorithm" -o signed
+    cp "$keys/root-ca.pem" "$root_ca"
+    expect 0 '^accepted$' "$velmora" verify-payload signed
+    expect 0 "$algorithm" "$pack" inspect signed
+done
+expect 3 'OpenBMCSecureBootRootCA.pem: No such file' "$velmora" verify-payload signed
+cp "$keys/foreign-root.pem" "$root_ca"
+expect 1 'unable to get local issuer' "$velmora" verify-payload signed
+cp "$keys/root-ca.pem" "$root_ca"
+expect 1 'Payload length is invalid' "$velmora" verify-payload files/a
+fails image-signer "${payload[@]}" --key "$keys/image-signer.pem" --alg PS256 -o x
+fails foreign payload content --chain "$keys/foreign-root.pem" \
+    --key "$keys/payload-signer.pem" --alg PS256 -o x
+"$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 --to-be-signed range
+openssl dgst -sha512 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1 \
+    -sign "$keys/payload-signer.pem" -out pss range
+expect 0 . "$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 \
+    --signature pss -o signed2
+expect 0 '"sts"|1800000000' "$pack" inspect --json signed2
+for file in files/a content /dev/null "$keys" none; do
+    expect '1' '^velmora-pack: ' "$pack" inspect "$file"
+done
+
+# ---- inventory ---------------------------------------------------------
+path=/xyz/openbmc_project/inventory/system/x
+add=(inventory add "$path" --detail1 M --detail2 2 --purpose CPLD)
+expect 0 accepted "$velmora" "${add[@]}"
+expect 1 'refused: the service answered' "$velmora" "${add[@]}"
+expect 0 '^M$' "$velmora" inventory model "$path"
+expect 0 '"model": "M"' "$velmora" inventory model --json "$path"
+expect 0 accepted "$velmora" inventory remove "$path"
+expect 1 'refused: the service answered' "$velmora" inventory remove "$path"
+expect 3 'could not be checked' "$velmora" inventory model short
+expect 3 'no such purpose' "$velmora" inventory add "$path" --purpose None
+expect 2 . "$velmora" "${add[@]}" --release-type None
+sed -i 's/componentID="[^"]*"/componentID="7"/' unpacked/package.xml
+expect 0 '^TPM$' "$velmora" purpose unpacked
+
+[ "$failures" -eq 0 ] || exit 1
+echo "all as expected"

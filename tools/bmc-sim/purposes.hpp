@@ -1,0 +1,50 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace bmc_sim
+{
+
+/** An enumeration as its D-Bus strings tell it: a prefix and names. */
+template <std::size_t Count>
+struct BusEnumeration
+{
+    std::string_view prefix;
+    std::array<std::string_view, Count> names;
+
+    /** The D-Bus string of `text`, which is an enumerator's short name or
+     *  already its D-Bus string. */
+    [[nodiscard]] std::optional<std::string>
+        complete(std::string_view text) const
+    {
+        if (text.starts_with(prefix))
+        {
+            text.remove_prefix(prefix.size());
+        }
+        if (std::ranges::find(names, text) == names.end())
+        {
+            return std::nullopt;
+        }
+        return std::string(prefix).append(text);
+    }
+
+    [[nodiscard]] bool holds(std::string_view busString) const
+    {
+        return busString.starts_with(prefix) && complete(busString);
+    }
+};
+
+constexpr BusEnumeration<15> versionPurposes{
+    "xyz.openbmc_project.Software.Version.VersionPurpose.",
+    {"Unknown", "Other", "System", "BMC", "Host", "PSU", "SEPBP", "BIOS",
+     "CPLD", "TORLU", "FLOPCPLD", "TPM", "RFCMCU", "VALVEMCU", "LEAKMCU"}};
+
+constexpr BusEnumeration<3> releaseTypes{
+    "xyz.openbmc_project.Software.Version.ReleaseType.",
+    {"Other", "Production", "Prototype"}};
+
+} // namespace bmc_sim

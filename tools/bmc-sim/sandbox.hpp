@@ -1,0 +1,32 @@
+#pragma once
+
+#include "options.hpp"
+#include "process.hpp"
+#include "session.hpp"
+
+namespace bmc_sim
+{
+
+/** What a trial run of bubblewrap found out. */
+struct SandboxSupport
+{
+    bool available;
+    /** Options with which a sandbox can be made here. */
+    Arguments arguments;
+    /** What bubblewrap said when it cannot be made. */
+    std::string complaint;
+};
+
+SandboxSupport probeSandbox();
+
+/** Starts bmc-sim once more, with the same arguments, within the sandbox.
+ *  Gives the exit status. */
+int runInSandbox(const Options& options, const Arguments& arguments,
+                 const Arguments& support);
+
+/** First step within: takes up the caller's standard error stream. */
+void enterSandbox(const std::vector<int>& insideDescriptors);
+
+Site sandboxSite();
+
+} // namespace bmc_sim

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "bytes.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pack
+{
+
+inline constexpr std::string_view descriptorName = "package.xml";
+inline constexpr std::string_view descriptorSignatureName = "package.xml.sign";
+
+struct Descriptor
+{
+    std::string model;
+    std::string version;
+    /** The composite digest of the payload. */
+    std::string digest;
+    std::vector<std::string> systemIds;
+
+    bool operator==(const Descriptor&) const = default;
+};
+
+Buffer writeDescriptor(const Descriptor& descriptor);
+
+/** What the checker finds: the first element that carries the attribute
+ *  counts. Throws when the text is not XML. */
+Descriptor readDescriptor(Bytes xml);
+
+/** The same with the lines, for inspection. The name is for messages. */
+nlohmann::ordered_json
+    describeDescriptor(Bytes xml, std::string_view name = descriptorName);
+
+} // namespace pack

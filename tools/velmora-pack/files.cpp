@@ -1,0 +1,439 @@
+#include "files.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace pack
+{
+
+namespace
+{
+
+constexpr std::uint64_t chunkSize = 1U << 20;
+constexpr std::uint64_t progressFrom = 64U << 20;
+constexpr auto temporaryName = ".velmora-pack-XXXXXX";
+
+volatile std::sig_atomic_t deferredSignal = 0;
+
+extern "C" void deferSignal(int signal)
+{
+    deferredSignal = signal;
+}
+
+mode_t currentMask()
+{
+    const mode_t mask = umask(0);
+    umask(mask);
+    return mask;
+}
+
+fs::path directoryOf(const fs::path& target)
+{
+    const fs::path parent = target.parent_path();
+    return parent.empty() ? fs::path(".") : parent;
+}
+
+/** A trailing separator would leave the path without a file name. */
+fs::path withoutTrailingSeparator(const fs::path& path)
+{
+    return path.has_filename() || !path.has_parent_path() ? path
+                                                          : path.parent_path();
+}
+
+void synchroniseDirectory(const fs::path& directory)
+{
+    const FileDescriptor file(
+        open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some file systems cannot synchronise a directory, and say so.
+    if (file.get() < 0 || (fsync(file.get()) != 0 && errno != EINVAL))
+    {
+        throw systemError(directory.string());
+    }
+}
+
+/** A device or a directory of that name must not be replaced. */
+void expectReplaceable(const fs::path& target)
+{
+    struct stat status = {};
+    if (lstat(target.c_str(), &status) != 0)
+    {
+        if (errno != ENOENT)
+        {
+            throw systemError(target.string());
+        }
+    }
+    else if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
+    {
+        throw Error(target.string(), "exists and is not a regular file");
+    }
+}
+
+void renameTo(const fs::path& from, const fs::path& to)
+{
+    if (rename(from.c_str(), to.c_str()) != 0)
+    {
+        throw systemError(to.string());
+    }
+    synchroniseDirectory(directoryOf(to));
+}
+
+} // namespace
+
+std::string printable(std::string_view text)
+{
+    std::string line;
+    line.reserve(text.size());
+    for (const char c : text)
+    {
+        if (c >= ' ' && c <= '~')
+        {
+            line += c;
+        }
+        else
+        {
+            line += "\\x" + hex(bytesOf({&c, 1}));
+        }
+    }
+    return line;
+}
+
+Error systemError(std::string_view subject)
+{
+    return {subject, std::generic_category().message(errno)};
+}
+
+void warn(std::string_view subject, std::string_view what)
+{
+    std::cerr << "velmora-pack: warning: " << printable(subject) << ": "
+              << printable(what) << '\n';
+}
+
+Progress::Progress(std::string_view doing, std::string_view what,
+                   std::uint64_t size) :
+    label(printable(doing) + ' ' + printable(what)),
+    total(size), visible(size > progressFrom && isatty(STDERR_FILENO) != 0)
+{
+}
+
+Progress::~Progress()
+{
+    if (visible)
+    {
+        std::cerr << "\r\033[K" << std::flush;
+    }
+}
+
+void Progress::advance(std::uint64_t amount)
+{
+    done += amount;
+    if (!visible)
+    {
+        return;
+    }
+    const std::uint64_t hundredth = total / 100;
+    const auto percent =
+        static_cast<unsigned>(std::min<std::uint64_t>(done / hundredth, 100));
+    if (percent != shown)
+    {
+        shown = percent;
+        std::cerr << "\r\033[K" << label << ": " << percent << "%"
+                  << std::flush;
+    }
+}
+
+Source::Source(const fs::path& path, std::string name) :
+    label(name.empty() ? path.string() : std::move(name))
+{
+    // Opening a FIFO would wait for a writer before it could be refused.
+    file = FileDescriptor(
+        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status = {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0)
+    {
+        throw systemError(label);
+    }
+    if (!S_ISREG(status.st_mode))
+    {
+        throw Error(label, "is not a regular file");
+    }
+    length = static_cast<std::uint64_t>(status.st_size);
+}
+
+Source::Source(Bytes memory) :
+    label("memory"), data(memory), length(memory.size())
+{
+}
+
+std::optional<int> Source::descriptor() const
+{
+    return file.get() < 0 ? std::nullopt : std::optional(file.get());
+}
+
+void Source::read(std::uint64_t offset, std::span<std::byte> into) const
+{
+    if (offset > length || into.size() > length - offset)
+    {
+        throw Error(label, "ends too early");
+    }
+    if (!descriptor())
+    {
+        std::ranges::copy(
+            data.subspan(static_cast<std::size_t>(offset), into.size()),
+            into.begin());
+        return;
+    }
+    while (!into.empty())
+    {
+        const ssize_t count = pread(file.get(), into.data(), into.size(),
+                                    static_cast<off_t>(offset));
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (count < 0)
+        {
+            throw systemError(label);
+        }
+        if (count == 0)
+        {
+            throw Error(label, "became shorter while it was read");
+        }
+        into = into.subspan(static_cast<std::size_t>(count));
+        offset += static_cast<std::uint64_t>(count);
+    }
+}
+
+Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
+{
+    if (size > largestFileInMemory)
+    {
+        throw Error(label, "is too large: at most " +
+                               std::to_string(largestFileInMemory) +
+                               " bytes are read");
+    }
+    Buffer buffer(static_cast<std::size_t>(size));
+    read(offset, buffer);
+    return buffer;
+}
+
+Buffer Source::readAll() const
+{
+    return read(0, length);
+}
+
+void Source::stream(std::uint64_t offset, std::uint64_t size,
+                    std::string_view doing, const Consumer& consume) const
+{
+    Progress progress(doing, label, size);
+    Buffer chunk(static_cast<std::size_t>(std::min(size, chunkSize)));
+    while (size > 0)
+    {
+        throwIfInterrupted();
+        const std::span piece(
+            chunk.data(), static_cast<std::size_t>(std::min(size, chunkSize)));
+        read(offset, piece);
+        consume(piece);
+        progress.advance(piece.size());
+        offset += piece.size();
+        size -= piece.size();
+    }
+}
+
+SignalDeferral::SignalDeferral()
+{
+    struct sigaction action = {};
+    action.sa_handler = deferSignal;
+    action.sa_flags = SA_RESTART;
+    for (std::size_t i = 0; i < signals.size(); ++i)
+    {
+        sigaction(signals[i], nullptr, &before[i]);
+        if (before[i].sa_handler != SIG_IGN)
+        {
+            sigaction(signals[i], &action, nullptr);
+        }
+    }
+}
+
+SignalDeferral::~SignalDeferral()
+{
+    for (std::size_t i = 0; i < signals.size(); ++i)
+    {
+        sigaction(signals[i], &before[i], nullptr);
+    }
+}
+
+void throwIfInterrupted()
+{
+    if (deferredSignal != 0)
+    {
+        throw Error("interrupted", "nothing was made");
+    }
+}
+
+void raiseDeferredSignal()
+{
+    if (deferredSignal != 0)
+    {
+        raise(deferredSignal);
+    }
+}
+
+OutputFile::OutputFile(fs::path path, mode_t mode) : target(std::move(path))
+{
+    expectReplaceable(target);
+    std::string name = (directoryOf(target) / temporaryName).string();
+    file = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
+    if (file.get() < 0)
+    {
+        throw systemError(target.string());
+    }
+    temporary = name;
+    fchmod(file.get(), mode & ~currentMask());
+}
+
+OutputFile::~OutputFile()
+{
+    if (!temporary.empty())
+    {
+        unlink(temporary.c_str());
+    }
+}
+
+void OutputFile::write(Bytes bytes)
+{
+    while (!bytes.empty())
+    {
+        const ssize_t count = ::write(file.get(), bytes.data(), bytes.size());
+        if (count < 0 && errno != EINTR)
+        {
+            throw systemError(target.string());
+        }
+        bytes = bytes.subspan(
+            static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
+Source OutputFile::readBack() const
+{
+    if (fsync(file.get()) != 0)
+    {
+        throw systemError(target.string());
+    }
+    // What is checked is then what the disk holds, not what memory remembers.
+    posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+    return Source(temporary, target.string());
+}
+
+void OutputFile::commit()
+{
+    throwIfInterrupted();
+    renameTo(temporary, target);
+    temporary.clear();
+}
+
+OutputDirectory::OutputDirectory(const fs::path& path) :
+    target(withoutTrailingSeparator(path))
+{
+    std::error_code error;
+    if (fs::exists(fs::symlink_status(target, error)) &&
+        !(fs::is_directory(fs::symlink_status(target, error)) &&
+          fs::is_empty(target, error)))
+    {
+        throw Error(target.string(), "exists and is not an empty directory");
+    }
+    std::string name = (directoryOf(target) / temporaryName).string();
+    if (mkdtemp(name.data()) == nullptr)
+    {
+        throw systemError(target.string());
+    }
+    temporary = name;
+}
+
+OutputDirectory::~OutputDirectory()
+{
+    if (!temporary.empty())
+    {
+        std::error_code ignored;
+        fs::remove_all(temporary, ignored);
+    }
+}
+
+void OutputDirectory::commit()
+{
+    throwIfInterrupted();
+    if (chmod(temporary.c_str(), 0777 & ~currentMask()) != 0)
+    {
+        throw systemError(target.string());
+    }
+    synchroniseDirectory(temporary);
+    renameTo(temporary, target);
+    temporary.clear();
+}
+
+void expectCopy(const Source& copy, const Source& original, Bytes tail)
+{
+    const std::uint64_t size = original.size();
+    bool same = copy.size() == size + tail.size() &&
+                std::ranges::equal(copy.read(size, tail.size()), tail);
+    std::uint64_t offset = 0;
+    original.stream(0, same ? size : 0, "checking",
+                    [&](Bytes piece)
+                    {
+                        same =
+                            same && std::ranges::equal(
+                                        copy.read(offset, piece.size()), piece);
+                        offset += piece.size();
+                    });
+    if (!same)
+    {
+        throw Error(copy.name(), "does not hold on the disk what was written");
+    }
+}
+
+void writeFile(const fs::path& target, const Source& source, Bytes tail,
+               mode_t mode)
+{
+    OutputFile output(target, mode);
+    source.stream(0, source.size(), "copying",
+                  [&](Bytes piece)
+                  {
+                      output.write(piece);
+                  });
+    output.write(tail);
+    expectCopy(output.readBack(), source, tail);
+    output.commit();
+}
+
+std::optional<std::int32_t> sourceDateEpoch()
+{
+    const char* const text = std::getenv("SOURCE_DATE_EPOCH");
+    if (text == nullptr || *text == '\0')
+    {
+        return std::nullopt;
+    }
+    const std::string_view view(text);
+    std::int32_t seconds = 0;
+    const auto [end, error] =
+        std::from_chars(view.data(), view.data() + view.size(), seconds);
+    if (error != std::errc() || end != view.data() + view.size() || seconds < 0)
+    {
+        throw Error("SOURCE_DATE_EPOCH",
+                    "is not a number of seconds from 0 to 2147483647");
+    }
+    return seconds;
+}
+
+} // namespace pack

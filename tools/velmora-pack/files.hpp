@@ -1,0 +1,164 @@
+#pragma once
+
+#include "bytes.hpp"
+#include "error.hpp"
+#include "handles.hpp"
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+namespace pack
+{
+
+/** The largest file that is read into memory whole. */
+inline constexpr std::uint64_t largestFileInMemory = 16U << 20;
+
+using Consumer = std::function<void(Bytes)>;
+
+/** A line on the terminal that tells how far a long pass has come. */
+class Progress
+{
+  public:
+    Progress(std::string_view doing, std::string_view what, std::uint64_t size);
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress();
+
+    void advance(std::uint64_t amount);
+
+  private:
+    std::string label;
+    std::uint64_t total;
+    std::uint64_t done = 0;
+    unsigned shown = 101;
+    bool visible;
+};
+
+/** Bytes to read: a regular file, or memory. */
+class Source
+{
+  public:
+    /** The name stands for the file in messages; empty, its path does. */
+    explicit Source(const std::filesystem::path& path, std::string name = {});
+    explicit Source(Bytes memory);
+
+    const std::string& name() const
+    {
+        return label;
+    }
+    std::uint64_t size() const
+    {
+        return length;
+    }
+    /** The file's descriptor; none for memory. */
+    std::optional<int> descriptor() const;
+    Bytes memory() const
+    {
+        return data;
+    }
+
+    void read(std::uint64_t offset, std::span<std::byte> into) const;
+    Buffer read(std::uint64_t offset, std::uint64_t size) const;
+    Buffer readAll() const;
+    /** Hands a range on, piece by piece; throws when a signal asks to end. */
+    void stream(std::uint64_t offset, std::uint64_t size,
+                std::string_view doing, const Consumer& consume) const;
+
+  private:
+    std::string label;
+    FileDescriptor file;
+    Bytes data;
+    std::uint64_t length = 0;
+};
+
+/** Puts the signals off that would end the process while it has something
+ *  half-written to remove. */
+class SignalDeferral
+{
+  public:
+    SignalDeferral();
+    SignalDeferral(const SignalDeferral&) = delete;
+    SignalDeferral& operator=(const SignalDeferral&) = delete;
+    ~SignalDeferral();
+
+  private:
+    static constexpr std::array signals{SIGHUP, SIGINT, SIGTERM};
+    std::array<struct sigaction, signals.size()> before{};
+};
+
+void throwIfInterrupted();
+/** Ends the process by the signal that was put off, if there was one. */
+void raiseDeferredSignal();
+
+/** A file that appears under its name only when it is complete. */
+class OutputFile
+{
+  public:
+    static constexpr mode_t shared = 0666;
+    static constexpr mode_t secret = 0600;
+
+    explicit OutputFile(std::filesystem::path target, mode_t mode = shared);
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile();
+
+    const std::filesystem::path& path() const
+    {
+        return target;
+    }
+    int descriptor() const
+    {
+        return file.get();
+    }
+
+    void write(Bytes bytes);
+    /** What the disk holds, before it gets its name. */
+    Source readBack() const;
+    void commit();
+
+  private:
+    SignalDeferral deferral;
+    std::filesystem::path target;
+    std::filesystem::path temporary;
+    FileDescriptor file;
+};
+
+/** A directory that appears under its name only when it is complete. */
+class OutputDirectory
+{
+  public:
+    explicit OutputDirectory(const std::filesystem::path& path);
+    OutputDirectory(const OutputDirectory&) = delete;
+    OutputDirectory& operator=(const OutputDirectory&) = delete;
+    ~OutputDirectory();
+
+    const std::filesystem::path& temporaryPath() const
+    {
+        return temporary;
+    }
+    void commit();
+
+  private:
+    SignalDeferral deferral;
+    std::filesystem::path target;
+    std::filesystem::path temporary;
+};
+
+/** Throws unless the copy holds the original's bytes and then the tail. */
+void expectCopy(const Source& copy, const Source& original, Bytes tail = {});
+
+/** Writes the source and then the tail, and compares what the disk holds. */
+void writeFile(const std::filesystem::path& target, const Source& source,
+               Bytes tail = {}, mode_t mode = OutputFile::shared);
+
+/** The time that SOURCE_DATE_EPOCH gives, in seconds. */
+std::optional<std::int32_t> sourceDateEpoch();
+
+} // namespace pack

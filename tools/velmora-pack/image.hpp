@@ -1,0 +1,26 @@
+#pragma once
+
+#include "files.hpp"
+#include "signing.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+
+namespace pack
+{
+
+struct ImageOptions
+{
+    std::filesystem::path input;
+    /** Checks a signature that was made elsewhere. */
+    std::filesystem::path publicKey;
+    Signing signing;
+    std::filesystem::path output;
+};
+
+void makeImage(const ImageOptions& options);
+
+nlohmann::ordered_json describeImage(const Source& file);
+
+} // namespace pack

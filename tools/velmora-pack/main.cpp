@@ -1,0 +1,362 @@
+#include "files.hpp"
+#include "image.hpp"
+#include "inspect.hpp"
+#include "manifest.hpp"
+#include "package.hpp"
+#include "payload.hpp"
+#include "signing.hpp"
+#include "test_keys.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <new>
+
+namespace fs = std::filesystem;
+
+namespace pack
+{
+
+void report(const fs::path& made, std::string_view what)
+{
+    std::cout << "velmora-pack: " << printable(made.string()) << ": "
+              << printable(what) << '\n';
+}
+
+} // namespace pack
+
+namespace
+{
+
+constexpr int badInput = 1;
+constexpr int wrongUsage = 2;
+constexpr std::size_t systemIdDigits = 4;
+constexpr auto footer =
+    "\nExit status: 0 when done, 1 for bad input or a failure (one line on\n"
+    "standard error tells which), 2 for wrong usage.\n"
+    "\nEnvironment: SOURCE_DATE_EPOCH, seconds since 1970, is the time of the\n"
+    "members of a package and the default timestamp of a payload.";
+
+struct InspectOptions
+{
+    fs::path file;
+    /** Empty when the file is to tell. */
+    std::string kind;
+    bool json = false;
+};
+
+struct Options
+{
+    pack::PackageOptions package;
+    pack::ImageOptions image;
+    pack::ManifestOptions manifest;
+    pack::PayloadOptions payload;
+    InspectOptions inspect;
+    fs::path testKeys;
+};
+
+/** Makes of the text what the systems display: four digits, upper case. */
+std::string normaliseSystemId(std::string& text)
+{
+    const bool plain = !text.empty() && text.size() <= systemIdDigits &&
+                       std::ranges::all_of(text,
+                                           [](unsigned char c)
+                                           {
+                                               return std::isxdigit(c) != 0;
+                                           });
+    if (!plain)
+    {
+        return "not a number of 1 to 4 hexadecimal digits: " + text;
+    }
+    std::ranges::transform(text, text.begin(),
+                           [](unsigned char c)
+                           {
+                               return static_cast<char>(std::toupper(c));
+                           });
+    text.insert(0, systemIdDigits - text.size(), '0');
+    return {};
+}
+
+/** One of the three ways to a signature must be chosen, and an output given
+ *  unless nothing is signed. */
+void addSigning(CLI::App& command, pack::Signing& signing, fs::path& output,
+                const std::string& keyHelp, const std::string& signatureHelp,
+                const std::string& signedHelp)
+{
+    CLI::Option* const out =
+        command.add_option("-o,--output", output, "The file to make")
+            ->type_name("FILE");
+    CLI::Option_group* const ways =
+        command.add_option_group("Signature", "one of these");
+    ways->add_option("--key", signing.key, keyHelp)->type_name("KEY");
+    ways->add_option("--signature", signing.signature, signatureHelp)
+        ->type_name("FILE");
+    CLI::Option* const toBeSigned =
+        ways->add_option("--to-be-signed", signing.toBeSigned,
+                         "Sign nothing: write the bytes to be signed, " +
+                             signedHelp)
+            ->type_name("FILE");
+    ways->require_option(1);
+    toBeSigned->excludes(out);
+    command.callback(
+        [out, toBeSigned]
+        {
+            if (out->count() + toBeSigned->count() == 0)
+            {
+                throw CLI::RequiredError("--output");
+            }
+        });
+}
+
+void addPackage(CLI::App& app, pack::PackageOptions& options)
+{
+    CLI::App& command = *app.add_subcommand(
+        "package", "Make a package: descriptor, its OpenPGP signature and the "
+                   "payload in a ZIP");
+    command
+        .add_option("--payload", options.payload,
+                    "A file, or a directory of files without subdirectories")
+        ->type_name("PATH")
+        ->required();
+    command.add_option("--model", options.model, "The component identifier")
+        ->type_name("ID")
+        ->required();
+    command.add_option("--version", options.version, "The firmware version")
+        ->required();
+    command
+        .add_option("--system-id", options.systemIds,
+                    "A supported system, 1 to 4 hexadecimal digits; without "
+                    "any, all are")
+        ->type_name("HEX")
+        ->transform(CLI::Validator(normaliseSystemId, ""));
+    command
+        .add_option("--gpg-home", options.gpgHome,
+                    "The GnuPG home with the key, instead of gpg's own")
+        ->type_name("DIR");
+    addSigning(command, options.signing, options.output,
+               "The full fingerprint of the OpenPGP key to sign with",
+               "A detached binary OpenPGP signature that was made elsewhere; "
+               "its key must be in the GnuPG home",
+               "the descriptor, to this file");
+}
+
+void addImage(CLI::App& app, pack::ImageOptions& options)
+{
+    CLI::App& command = *app.add_subcommand(
+        "image",
+        "Sign an image with ECDSA, P-384 and SHA-512: 96 bytes are appended");
+    command.add_option("input", options.input, "The image's content")
+        ->type_name("FILE")
+        ->required();
+    CLI::Option* const publicKey =
+        command
+            .add_option("--public-key", options.publicKey,
+                        "With --signature: the signer's public key, PEM")
+            ->type_name("FILE");
+    addSigning(command, options.signing, options.output,
+               "The EC private key, PEM",
+               "A signature that was made elsewhere, DER or 96 bytes; needs "
+               "--public-key",
+               "the content, to this file");
+    CLI::Option* const signature = command.get_option("--signature");
+    signature->needs(publicKey);
+    publicKey->needs(signature);
+}
+
+void addManifest(CLI::App& app, pack::ManifestOptions& options)
+{
+    CLI::App& command = *app.add_subcommand(
+        "manifest", "Make a manifest: image-ktb and a small image-ktb.sig");
+    command
+        .add_option("--release", options.release,
+                    "The release marker, 1 or 2; without it there is none")
+        ->type_name("N")
+        ->check(CLI::IsMember({1, 2}));
+    command
+        .add_option("--prefix", options.prefix,
+                    "A file whose bytes stand before the manifest")
+        ->type_name("FILE");
+    command
+        .add_option("-o,--output", options.output,
+                    "The directory for both files; made if there is none")
+        ->type_name("DIR")
+        ->required();
+}
+
+void addPayload(CLI::App& app, pack::PayloadOptions& options)
+{
+    CLI::App& command = *app.add_subcommand(
+        "payload",
+        "Sign a payload with RSA-PSS: the trailer of 76800 bytes is appended");
+    command.add_option("input", options.input, "The payload's body")
+        ->type_name("FILE")
+        ->required();
+    command
+        .add_option("--chain", options.chain,
+                    "The signer's certificate and its chain, PEM, shorter "
+                    "than 24576 bytes")
+        ->type_name("FILE")
+        ->required();
+    command.add_option("--alg", options.algorithm, "PS256, PS384 or PS512")
+        ->type_name("NAME")
+        ->required()
+        ->check(CLI::IsMember({"PS256", "PS384", "PS512"}));
+    command
+        .add_option("--timestamp", options.timestamp,
+                    "The signing time in seconds since 1970, 1 to 2147483647; "
+                    "default SOURCE_DATE_EPOCH, or now")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(std::int32_t{1},
+                           std::numeric_limits<std::int32_t>::max()));
+    addSigning(command, options.signing, options.output,
+               "The RSA private key of 4096 bits, PEM",
+               "A signature of 512 bytes that was made elsewhere, for the "
+               "same --timestamp",
+               "body, chain and metadata, to this file");
+}
+
+void addInspect(CLI::App& app, InspectOptions& options)
+{
+    CLI::App& command = *app.add_subcommand(
+        "inspect", "Say what a file is and list its fields");
+    command.add_option("file", options.file, "The file")
+        ->type_name("FILE")
+        ->required();
+    command
+        .add_option("--as", options.kind,
+                    "What the file is: package, descriptor, manifest, image "
+                    "or payload; a signed image must be named")
+        ->type_name("KIND")
+        ->check(CLI::IsMember(
+            {"package", "descriptor", "manifest", "image", "payload"}));
+    command.add_flag("--json", options.json, "List the fields as JSON");
+}
+
+void addTestKeys(CLI::App& app, fs::path& directory)
+{
+    app.add_subcommand("test-keys",
+                       "Make keys and certificates for trying things out")
+        ->add_option("directory", directory,
+                     "The directory to make; it must be absent or empty")
+        ->type_name("DIR")
+        ->required();
+}
+
+void inspect(const InspectOptions& options)
+{
+    const auto fields =
+        pack::inspect(pack::Source(options.file), pack::kindOf(options.kind));
+    if (options.json)
+    {
+        std::cout << fields.dump(2, ' ', true,
+                                 nlohmann::json::error_handler_t::replace)
+                  << '\n';
+    }
+    else
+    {
+        std::cout << pack::renderText(fields);
+    }
+}
+
+void run(const CLI::App& app, const Options& options)
+{
+    if (app.got_subcommand("package"))
+    {
+        pack::makePackage(options.package);
+    }
+    else if (app.got_subcommand("image"))
+    {
+        pack::makeImage(options.image);
+    }
+    else if (app.got_subcommand("manifest"))
+    {
+        pack::makeManifest(options.manifest);
+    }
+    else if (app.got_subcommand("payload"))
+    {
+        pack::makePayload(options.payload);
+    }
+    else if (app.got_subcommand("inspect"))
+    {
+        inspect(options.inspect);
+    }
+    else
+    {
+        pack::makeTestKeys(options.testKeys);
+    }
+    if (!std::cout.flush())
+    {
+        throw pack::systemError("standard output");
+    }
+}
+
+int fail(std::string_view message)
+{
+    std::cerr << "velmora-pack: " << message << '\n';
+    return badInput;
+}
+
+/** Everything that goes wrong ends here, as one line. */
+int runGuarded(const CLI::App& app, const Options& options)
+{
+    try
+    {
+        run(app, options);
+        return EXIT_SUCCESS;
+    }
+    catch (const pack::Error& error)
+    {
+        return fail(error.what());
+    }
+    catch (const fs::filesystem_error& error)
+    {
+        return fail(pack::printable(error.path1().string()) + ": " +
+                    error.code().message());
+    }
+    catch (const std::bad_alloc&)
+    {
+        return fail("memory: not enough");
+    }
+    catch (const std::exception& error)
+    {
+        return fail(pack::printable(error.what()));
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // A file that grows too large, or a reader that goes away, is to give an
+    // error like any other, and leave nothing behind.
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    Options options;
+    CLI::App app("Makes and inspects what libvelmora checks: firmware "
+                 "packages, signed images, manifests and signed payloads.",
+                 "velmora-pack");
+    app.footer(footer);
+    app.require_subcommand(1);
+    addPackage(app, options.package);
+    addImage(app, options.image);
+    addManifest(app, options.manifest);
+    addPayload(app, options.payload);
+    addInspect(app, options.inspect);
+    addTestKeys(app, options.testKeys);
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage;
+    }
+    const int status = runGuarded(app, options);
+    pack::raiseDeferredSignal();
+    return status;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "bytes.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+
+namespace pack
+{
+
+inline constexpr std::string_view manifestMagic = "$KTB";
+
+struct ManifestOptions
+{
+    /** 1 or 2; 0 for a manifest without a release marker. */
+    unsigned release = 0;
+    /** Bytes that stand before the manifest. */
+    std::filesystem::path prefix;
+    std::filesystem::path output;
+};
+
+void makeManifest(const ManifestOptions& options);
+
+/** The file must hold the magic; the name is for messages. */
+nlohmann::ordered_json describeManifest(Bytes file, std::string_view name);
+
+} // namespace pack

@@ -1,0 +1,270 @@
+#include "openssl.hpp"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+namespace fs = std::filesystem;
+
+namespace pack
+{
+
+namespace
+{
+
+void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)
+{
+    if (scheme.pss)
+    {
+        require(
+            EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) > 0 &&
+                EVP_PKEY_CTX_set_rsa_pss_saltlen(context,
+                                                 RSA_PSS_SALTLEN_DIGEST) > 0,
+            "RSA-PSS cannot be set up");
+    }
+}
+
+} // namespace
+
+Error opensslError(std::string_view subject, std::string_view what)
+{
+    const char* const reason = ERR_reason_error_string(ERR_peek_error());
+    std::string text(what);
+    if (reason != nullptr)
+    {
+        text += std::string(": ") + reason;
+    }
+    ERR_clear_error();
+    return {subject, text};
+}
+
+void require(bool success, std::string_view what)
+{
+    if (!success)
+    {
+        throw opensslError("OpenSSL", what);
+    }
+}
+
+Digest::Digest(const EVP_MD* algorithm) : context(EVP_MD_CTX_new())
+{
+    require(context &&
+                EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1,
+            "the digest cannot be set up");
+}
+
+void Digest::update(Bytes bytes)
+{
+    require(EVP_DigestUpdate(context.get(), bytes.data(), bytes.size()) == 1,
+            "the digest failed");
+}
+
+Buffer Digest::finish()
+{
+    Buffer digest(EVP_MAX_MD_SIZE);
+    unsigned size = 0;
+    require(EVP_DigestFinal_ex(context.get(), unsignedData(std::span(digest)),
+                               &size) == 1,
+            "the digest failed");
+    digest.resize(size);
+    return digest;
+}
+
+std::string digestText(const Source& source, std::uint64_t offset,
+                       std::uint64_t size, const EVP_MD* algorithm)
+{
+    Digest digest(algorithm);
+    source.stream(offset, size, "digesting",
+                  [&](Bytes piece)
+                  {
+                      digest.update(piece);
+                  });
+    return hex(digest.finish());
+}
+
+Signer::Signer(EVP_PKEY* key, const SignatureScheme& scheme) :
+    context(EVP_MD_CTX_new())
+{
+    EVP_PKEY_CTX* keyContext = nullptr;
+    require(context && EVP_DigestSignInit(context.get(), &keyContext,
+                                          scheme.digest, nullptr, key) > 0,
+            "signing cannot be set up");
+    initialise(keyContext, scheme);
+}
+
+void Signer::update(Bytes bytes)
+{
+    require(EVP_DigestSignUpdate(context.get(), bytes.data(), bytes.size()) > 0,
+            "signing failed");
+}
+
+Buffer Signer::finish()
+{
+    std::size_t size = 0;
+    require(EVP_DigestSignFinal(context.get(), nullptr, &size) > 0,
+            "signing failed");
+    Buffer signature(size);
+    require(EVP_DigestSignFinal(context.get(),
+                                unsignedData(std::span(signature)), &size) > 0,
+            "signing failed");
+    signature.resize(size);
+    return signature;
+}
+
+Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
+                   EVP_PKEY* key, const SignatureScheme& scheme)
+{
+    std::optional<Signer> signer;
+    if (key != nullptr)
+    {
+        signer.emplace(key, scheme);
+    }
+    const auto write = [&](Bytes piece)
+    {
+        output.write(piece);
+        if (signer)
+        {
+            signer->update(piece);
+        }
+    };
+    source.stream(0, source.size(), key == nullptr ? "copying" : "signing",
+                  write);
+    write(tail);
+    return signer ? signer->finish() : Buffer();
+}
+
+Verifier::Verifier(EVP_PKEY* key, const SignatureScheme& scheme) :
+    context(EVP_MD_CTX_new())
+{
+    EVP_PKEY_CTX* keyContext = nullptr;
+    require(context && EVP_DigestVerifyInit(context.get(), &keyContext,
+                                            scheme.digest, nullptr, key) > 0,
+            "verification cannot be set up");
+    initialise(keyContext, scheme);
+}
+
+void Verifier::update(Bytes bytes)
+{
+    require(EVP_DigestVerifyUpdate(context.get(), bytes.data(), bytes.size()) >
+                0,
+            "verification failed");
+}
+
+bool Verifier::finish(Bytes signature)
+{
+    const int result = EVP_DigestVerifyFinal(
+        context.get(), unsignedData(signature), signature.size());
+    ERR_clear_error();
+    return result == 1;
+}
+
+Bio memoryBio(Bytes bytes)
+{
+    if (bytes.size() > largestFileInMemory)
+    {
+        throw Error("OpenSSL", "too much to read");
+    }
+    Bio bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    require(bio != nullptr, "no memory");
+    return bio;
+}
+
+Buffer contentOf(BIO* bio)
+{
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio, &data);
+    const Bytes bytes =
+        bytesOf({data, static_cast<std::size_t>(std::max(size, 0L))});
+    return {bytes.begin(), bytes.end()};
+}
+
+Key readPrivateKey(const fs::path& file)
+{
+    const Source source(file);
+    const Bio bio(BIO_new_file(file.c_str(), "r"));
+    Key key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
+                : nullptr);
+    if (!key)
+    {
+        throw opensslError(source.name(), "no private key can be read from it");
+    }
+    ERR_clear_error();
+    return key;
+}
+
+Key readPublicKey(const fs::path& file)
+{
+    const Source source(file);
+    const Buffer content = source.readAll();
+    Key key(PEM_read_bio_PUBKEY(memoryBio(content).get(), nullptr, nullptr,
+                                nullptr));
+    if (!key)
+    {
+        throw opensslError(source.name(), "no public key can be read from it");
+    }
+    return key;
+}
+
+Key publicPart(EVP_PKEY* key)
+{
+    const Bio bio(BIO_new(BIO_s_mem()));
+    require(bio && i2d_PUBKEY_bio(bio.get(), key) == 1,
+            "the public key cannot be written");
+    Key result(d2i_PUBKEY_bio(bio.get(), nullptr));
+    require(result != nullptr, "the public key cannot be read");
+    return result;
+}
+
+std::vector<Certificate> readCertificates(Bytes pem)
+{
+    const Bio bio = memoryBio(pem);
+    std::vector<Certificate> certificates;
+    while (X509* const certificate =
+               PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr))
+    {
+        certificates.emplace_back(certificate);
+    }
+    ERR_clear_error();
+    return certificates;
+}
+
+std::string nameText(const X509_NAME* name)
+{
+    const Bio bio(BIO_new(BIO_s_mem()));
+    require(bio && X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253) >= 0,
+            "a name cannot be written");
+    return std::string(textOf(contentOf(bio.get())));
+}
+
+std::string timeText(const ASN1_TIME* time)
+{
+    const Bio bio(BIO_new(BIO_s_mem()));
+    // A date that makes no sense is printed as such, not an error.
+    ASN1_TIME_print_ex(bio.get(), time, ASN1_DTFLGS_ISO8601);
+    ERR_clear_error();
+    return std::string(textOf(contentOf(bio.get())));
+}
+
+void warnOfExpiry(std::string_view subject, const X509* certificate)
+{
+    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    int days = 0;
+    int seconds = 0;
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) != 1)
+    {
+        ERR_clear_error();
+        return;
+    }
+    const std::string who =
+        "certificate " + nameText(X509_get_subject_name(certificate));
+    if (days < 0 || seconds < 0)
+    {
+        warn(subject, who + " has expired, on " + timeText(end));
+    }
+    else if (days < daysOfWarning)
+    {
+        warn(subject, who + " expires within 30 days, on " + timeText(end));
+    }
+}
+
+} // namespace pack

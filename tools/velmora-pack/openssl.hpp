@@ -1,0 +1,109 @@
+#pragma once
+
+#include "bytes.hpp"
+#include "files.hpp"
+#include "handles.hpp"
+
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace pack
+{
+
+using Bio = Handle<BIO, BIO_free_all>;
+using Certificate = Handle<X509, X509_free>;
+using DigestContext = Handle<EVP_MD_CTX, EVP_MD_CTX_free>;
+using Key = Handle<EVP_PKEY, EVP_PKEY_free>;
+
+inline void freeMemory(void* memory)
+{
+    OPENSSL_free(memory);
+}
+template <typename T>
+using Memory = Handle<T, freeMemory>;
+
+inline constexpr int daysOfWarning = 30;
+
+/** An error that OpenSSL explains; its queue is empty afterwards. */
+Error opensslError(std::string_view subject, std::string_view what);
+
+/** Throws where an OpenSSL call that is given valid input fails. */
+void require(bool success, std::string_view what);
+
+class Digest
+{
+  public:
+    explicit Digest(const EVP_MD* algorithm);
+
+    void update(Bytes bytes);
+    Buffer finish();
+
+  private:
+    DigestContext context;
+};
+
+/** The digest of a range of the source, as hexadecimal text. */
+std::string digestText(const Source& source, std::uint64_t offset,
+                       std::uint64_t size, const EVP_MD* algorithm);
+
+struct SignatureScheme
+{
+    const EVP_MD* digest;
+    /** RSA-PSS with a salt of the digest's length. */
+    bool pss;
+};
+
+class Signer
+{
+  public:
+    Signer(EVP_PKEY* key, const SignatureScheme& scheme);
+
+    void update(Bytes bytes);
+    Buffer finish();
+
+  private:
+    DigestContext context;
+};
+
+/** Writes the source and then the tail. With a key the result is the signature
+ *  over both; without one it is empty. */
+Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
+                   EVP_PKEY* key, const SignatureScheme& scheme);
+
+class Verifier
+{
+  public:
+    Verifier(EVP_PKEY* key, const SignatureScheme& scheme);
+
+    void update(Bytes bytes);
+    bool finish(Bytes signature);
+
+  private:
+    DigestContext context;
+};
+
+/** An encrypted key's passphrase is asked for on the terminal. */
+Key readPrivateKey(const std::filesystem::path& file);
+Key readPublicKey(const std::filesystem::path& file);
+/** The key without its private part. */
+Key publicPart(EVP_PKEY* key);
+
+Bio memoryBio(Bytes bytes);
+Buffer contentOf(BIO* bio);
+
+/** The certificates of a PEM text, up to the first block that is none. */
+std::vector<Certificate> readCertificates(Bytes pem);
+std::string nameText(const X509_NAME* name);
+std::string timeText(const ASN1_TIME* time);
+
+/** Warns when the certificate has expired or will within 30 days. */
+void warnOfExpiry(std::string_view subject, const X509* certificate);
+
+} // namespace pack

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "bytes.hpp"
+#include "files.hpp"
+#include "signing.hpp"
+#include "zip.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace pack
+{
+
+struct PackageOptions
+{
+    /** A file, or a directory of files. */
+    std::filesystem::path payload;
+    std::string model;
+    std::string version;
+    std::vector<std::string> systemIds;
+    std::filesystem::path gpgHome;
+    Signing signing;
+    std::filesystem::path output;
+};
+
+void makePackage(const PackageOptions& options);
+
+nlohmann::ordered_json describePackage(const Source& file);
+
+} // namespace pack

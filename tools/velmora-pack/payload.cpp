@@ -1,0 +1,439 @@
+#include "payload.hpp"
+
+#include "openssl.hpp"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <ctime>
+#include <limits>
+#include <vector>
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace pack
+{
+
+namespace
+{
+
+constexpr std::size_t trailerSize = 76800;
+constexpr std::size_t chainAreaSize = 24576;
+constexpr std::size_t metadataSize = 512;
+constexpr std::size_t slotSignatureSize = 512;
+constexpr std::size_t signedPartOfTrailer = chainAreaSize + metadataSize;
+constexpr std::size_t remainderSize =
+    trailerSize - signedPartOfTrailer - slotSignatureSize;
+constexpr int keyBits = 4096;
+constexpr std::string_view metadataVersion = "1";
+constexpr std::string_view certificateStart = "-----BEGIN CERTIFICATE-----";
+/** The checker's table of tokens holds no more. */
+constexpr std::size_t mostTokens = 30;
+
+/** Where the fields of a payload of that size begin. */
+struct Layout
+{
+    explicit Layout(std::uint64_t size) :
+        chain(size - trailerSize), metadata(chain + chainAreaSize),
+        signature(metadata + metadataSize),
+        remainder(signature + slotSignatureSize)
+    {
+    }
+
+    std::uint64_t chain;
+    std::uint64_t metadata;
+    std::uint64_t signature;
+    std::uint64_t remainder;
+};
+
+Layout layoutOf(const Source& payload)
+{
+    if (payload.size() <= trailerSize)
+    {
+        throw Error(payload.name(), "is not larger than a payload's trailer");
+    }
+    return Layout(payload.size());
+}
+
+struct Metadata
+{
+    std::string version;
+    std::string algorithm;
+    std::string timestamp;
+};
+
+std::string metadataText(const Metadata& metadata)
+{
+    return R"({"ver": ")" + metadata.version + R"(", "alg": ")" +
+           metadata.algorithm + R"(", "sts": ")" + metadata.timestamp + R"("})";
+}
+
+/** The text of a field that NUL bytes fill up. */
+std::string_view textUpToNul(Bytes field)
+{
+    const std::string_view text = textOf(field);
+    return text.substr(0, text.find('\0'));
+}
+
+/** Reads the block as the checker does: it knows double quotes, not JSON. */
+Metadata readMetadata(std::string_view text)
+{
+    std::vector<std::string_view> tokens;
+    while (tokens.size() < mostTokens)
+    {
+        const std::size_t start = text.find_first_not_of('"');
+        if (start == std::string_view::npos)
+        {
+            break;
+        }
+        text.remove_prefix(start);
+        const std::size_t end = std::min(text.find('"'), text.size());
+        tokens.push_back(text.substr(0, end));
+        text.remove_prefix(end);
+    }
+    Metadata metadata;
+    for (std::size_t i = 2; i < tokens.size(); ++i)
+    {
+        const std::string_view name = tokens[i - 2];
+        std::string* const value = name == "ver"   ? &metadata.version
+                                   : name == "alg" ? &metadata.algorithm
+                                   : name == "sts" ? &metadata.timestamp
+                                                   : nullptr;
+        if (value != nullptr && tokens[i - 1] == ": ")
+        {
+            *value = tokens[i];
+        }
+    }
+    return metadata;
+}
+
+/** Any name but these three stands for SHA-256, as it does to the checker. */
+SignatureScheme schemeOf(std::string_view algorithm)
+{
+    if (algorithm == "PS384")
+    {
+        return {EVP_sha384(), true};
+    }
+    return {algorithm == "PS512" ? EVP_sha512() : EVP_sha256(), true};
+}
+
+void expectRsa(const EVP_PKEY* key, std::string_view file)
+{
+    if (EVP_PKEY_is_a(key, "RSA") != 1 || EVP_PKEY_get_bits(key) != keyBits)
+    {
+        throw Error(file, "is not an RSA key of 4096 bits");
+    }
+}
+
+/** How many certificates the file holds. There must be nothing else: a private
+ *  key beside them would be published with the payload. */
+std::size_t countCertificates(Bytes pem, const std::string& file)
+{
+    const Bio bio = memoryBio(pem);
+    std::size_t count = 0;
+    bool only = textOf(pem).find("PRIVATE KEY") == std::string_view::npos;
+    while (only)
+    {
+        char* name = nullptr;
+        char* header = nullptr;
+        unsigned char* data = nullptr;
+        long size = 0;
+        if (PEM_read_bio(bio.get(), &name, &header, &data, &size) != 1)
+        {
+            break;
+        }
+        const Memory<char> ownedName(name);
+        const Memory<char> ownedHeader(header);
+        const Memory<unsigned char> ownedData(data);
+        only = std::string_view(name) == PEM_STRING_X509;
+        ++count;
+    }
+    const bool atEnd =
+        ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+    ERR_clear_error();
+    if (!only || !atEnd)
+    {
+        throw Error(file, "must hold certificates in PEM and nothing else");
+    }
+    return count;
+}
+
+struct Chain
+{
+    Buffer text;
+    std::vector<Certificate> certificates;
+    Key signerKey;
+};
+
+Chain readChain(const fs::path& file)
+{
+    const Source source(file);
+    if (source.size() >= chainAreaSize)
+    {
+        throw Error(source.name(),
+                    "is too long: a chain must be shorter than 24576 bytes");
+    }
+    Chain chain{source.readAll(), {}, {}};
+    if (textOf(chain.text).find('\0') != std::string_view::npos)
+    {
+        throw Error(source.name(), "contains a NUL byte");
+    }
+    const std::size_t count = countCertificates(chain.text, source.name());
+    chain.certificates = readCertificates(chain.text);
+    if (count == 0 || chain.certificates.size() != count)
+    {
+        throw Error(source.name(),
+                    "holds no certificate, or one that cannot be read");
+    }
+    chain.signerKey.reset(X509_get_pubkey(chain.certificates.front().get()));
+    if (!chain.signerKey)
+    {
+        throw opensslError(source.name(), "its first certificate has no key");
+    }
+    return chain;
+}
+
+/** The private key, if it is to sign here. In any case the first certificate's
+ *  key must be one that can have made the signature. */
+Key readSigner(const PayloadOptions& options, const Chain& chain)
+{
+    const std::string& file = options.signing.key;
+    Key key;
+    if (!file.empty())
+    {
+        key = readPrivateKey(file);
+        expectRsa(key.get(), file);
+        if (EVP_PKEY_eq(chain.signerKey.get(), key.get()) != 1)
+        {
+            throw Error(options.chain.string(),
+                        "its first certificate is not that of the key " + file);
+        }
+    }
+    expectRsa(chain.signerKey.get(),
+              options.chain.string() + ": the first certificate's key");
+    return key;
+}
+
+std::int32_t timestampOf(const PayloadOptions& options)
+{
+    if (options.timestamp)
+    {
+        return *options.timestamp;
+    }
+    const std::optional<std::int32_t> epoch = sourceDateEpoch();
+    const std::int64_t seconds =
+        epoch ? std::int64_t{*epoch} : std::int64_t{std::time(nullptr)};
+    if (seconds < 1 || seconds > std::numeric_limits<std::int32_t>::max())
+    {
+        throw Error("timestamp", "is not from 1 to 2147483647");
+    }
+    return static_cast<std::int32_t>(seconds);
+}
+
+/** The chain area and the metadata block. */
+Buffer slotHead(const Chain& chain, const Metadata& metadata)
+{
+    Buffer head(chain.text);
+    head.resize(chainAreaSize);
+    append(head, bytesOf(metadataText(metadata)));
+    head.resize(signedPartOfTrailer);
+    return head;
+}
+
+bool isZero(const Source& source, std::uint64_t offset, std::uint64_t size)
+{
+    const Buffer bytes = source.read(offset, size);
+    return std::ranges::all_of(bytes,
+                               [](std::byte byte)
+                               {
+                                   return byte == std::byte{0};
+                               });
+}
+
+bool verifySlot(const Source& payload, EVP_PKEY* key,
+                std::string_view algorithm)
+{
+    const std::uint64_t signedSize = layoutOf(payload).signature;
+    Verifier verifier(key, schemeOf(algorithm));
+    payload.stream(0, signedSize, "checking",
+                   [&](Bytes piece)
+                   {
+                       verifier.update(piece);
+                   });
+    return verifier.finish(payload.read(signedSize, slotSignatureSize));
+}
+
+void checkHead(const Source& made, std::uint64_t bodySize, Bytes head)
+{
+    const Layout layout = layoutOf(made);
+    if (layout.chain != bodySize ||
+        !std::ranges::equal(made.read(layout.chain, head.size()), head))
+    {
+        throw Error(made.name(), "does not hold on the disk what was written");
+    }
+}
+
+void checkPayload(const Source& made, std::uint64_t bodySize, Bytes head)
+{
+    checkHead(made, bodySize, head);
+    const Layout layout = layoutOf(made);
+    const Buffer chainArea = made.read(layout.chain, chainAreaSize);
+    const std::vector<Certificate> chain =
+        readCertificates(bytesOf(textUpToNul(chainArea)));
+    const Buffer block = made.read(layout.metadata, metadataSize);
+    const Metadata metadata = readMetadata(textUpToNul(block));
+    if (chain.empty() ||
+        !verifySlot(made, X509_get0_pubkey(chain.front().get()),
+                    metadata.algorithm) ||
+        !isZero(made, layout.remainder, remainderSize))
+    {
+        throw Error(made.name(),
+                    "the signature does not fit the body, the chain, the "
+                    "algorithm and the timestamp " +
+                        metadata.timestamp + "; nothing was made");
+    }
+}
+
+Buffer readSignature(const fs::path& file)
+{
+    const Source source(file);
+    if (source.size() != slotSignatureSize)
+    {
+        throw Error(source.name(), "is not a signature of 512 bytes");
+    }
+    return source.readAll();
+}
+
+Json describeKey(const X509* certificate)
+{
+    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
+    if (key == nullptr)
+    {
+        ERR_clear_error();
+        return "unknown";
+    }
+    const char* const type = EVP_PKEY_get0_type_name(key);
+    return {{"type", type == nullptr ? "unknown" : type},
+            {"bits", EVP_PKEY_get_bits(key)}};
+}
+
+Json describeCertificate(const X509* certificate)
+{
+    return {{"subject", nameText(X509_get_subject_name(certificate))},
+            {"issuer", nameText(X509_get_issuer_name(certificate))},
+            {"notBefore", timeText(X509_get0_notBefore(certificate))},
+            {"notAfter", timeText(X509_get0_notAfter(certificate))},
+            {"key", describeKey(certificate)}};
+}
+
+Json describeSignature(const Source& file, const Layout& layout,
+                       const std::vector<Certificate>& chain,
+                       std::string_view algorithm)
+{
+    Json fields{{"offset", layout.signature},
+                {"size", slotSignatureSize},
+                {"algorithm", std::string("RSA-PSS, ") +
+                                  EVP_MD_get0_name(schemeOf(algorithm).digest)},
+                {"value", hex(file.read(layout.signature, slotSignatureSize))}};
+    EVP_PKEY* const key =
+        chain.empty() ? nullptr : X509_get0_pubkey(chain.front().get());
+    if (key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
+        EVP_PKEY_get_bits(key) == keyBits)
+    {
+        fields["verifies"] = verifySlot(file, key, algorithm);
+    }
+    return fields;
+}
+
+} // namespace
+
+void makePayload(const PayloadOptions& options)
+{
+    const Source body(options.input);
+    if (body.size() == 0)
+    {
+        throw Error(body.name(), "is empty");
+    }
+    const Chain chain = readChain(options.chain);
+    const Key key = readSigner(options, chain);
+    for (const Certificate& certificate : chain.certificates)
+    {
+        warnOfExpiry(options.chain.string(), certificate.get());
+    }
+    const Metadata metadata{std::string(metadataVersion), options.algorithm,
+                            std::to_string(timestampOf(options))};
+    const Buffer head = slotHead(chain, metadata);
+    if (!options.signing.toBeSigned.empty())
+    {
+        writeFile(options.signing.toBeSigned, body, head);
+        report(options.signing.toBeSigned,
+               "signed range of a payload, timestamp " + metadata.timestamp);
+        return;
+    }
+
+    const Buffer givenSignature =
+        key ? Buffer() : readSignature(options.signing.signature);
+    OutputFile output(options.output);
+    const Buffer signature =
+        writeSigned(output, body, head, key.get(), schemeOf(options.algorithm));
+    output.write(key ? signature : givenSignature);
+    output.write(Buffer(remainderSize));
+    checkPayload(output.readBack(), body.size(), head);
+    output.commit();
+    report(options.output, "payload with " + options.algorithm +
+                               " signature and timestamp " +
+                               metadata.timestamp + ", signed and checked");
+}
+
+bool looksLikePayload(const Source& file)
+{
+    if (file.size() <= trailerSize)
+    {
+        return false;
+    }
+    const Layout layout(file.size());
+    const Buffer area = file.read(layout.chain, chainAreaSize);
+    return textUpToNul(area).find(certificateStart) != std::string_view::npos;
+}
+
+Json describePayload(const Source& file)
+{
+    const Layout layout = layoutOf(file);
+    const Buffer chainArea = file.read(layout.chain, chainAreaSize);
+    const std::string_view chainText = textUpToNul(chainArea);
+    const std::vector<Certificate> chain = readCertificates(bytesOf(chainText));
+    const Buffer block = file.read(layout.metadata, metadataSize);
+    const std::string_view text = textUpToNul(block);
+    const Metadata metadata = readMetadata(text);
+
+    Json fields;
+    fields["body"] = {
+        {"offset", 0},
+        {"size", layout.chain},
+        {"sha256", digestText(file, 0, layout.chain, EVP_sha256())}};
+    Json& area = fields["chain"] = {{"offset", layout.chain},
+                                    {"size", chainAreaSize},
+                                    {"textSize", chainText.size()}};
+    Json& certificates = area["certificates"] = Json::array();
+    for (const Certificate& certificate : chain)
+    {
+        certificates.push_back(describeCertificate(certificate.get()));
+    }
+    fields["metadata"] = {{"offset", layout.metadata},
+                          {"size", metadataSize},
+                          {"text", text},
+                          {"ver", metadata.version},
+                          {"alg", metadata.algorithm},
+                          {"sts", metadata.timestamp}};
+    fields["signature"] =
+        describeSignature(file, layout, chain, metadata.algorithm);
+    fields["remainder"] = {
+        {"offset", layout.remainder},
+        {"size", remainderSize},
+        {"zero", isZero(file, layout.remainder, remainderSize)}};
+    return fields;
+}
+
+} // namespace pack

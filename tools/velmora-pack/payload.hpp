@@ -1,0 +1,33 @@
+#pragma once
+
+#include "files.hpp"
+#include "signing.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace pack
+{
+
+struct PayloadOptions
+{
+    std::filesystem::path input;
+    std::filesystem::path chain;
+    /** PS256, PS384 or PS512. */
+    std::string algorithm;
+    std::optional<std::int32_t> timestamp;
+    Signing signing;
+    std::filesystem::path output;
+};
+
+void makePayload(const PayloadOptions& options);
+
+/** Whether the file ends with a trailer that holds a certificate chain. */
+bool looksLikePayload(const Source& file);
+nlohmann::ordered_json describePayload(const Source& file);
+
+} // namespace pack
