@@ -14,7 +14,8 @@
  *  Results. `bool`: true when the check passed or the work was done.
  *  `std::string`: empty when the value could not be obtained. `int` status: 0
  *  for success. A failure has been logged to the standard error stream before
- *  it is returned; the log alone tells its cause.
+ *  it is returned (but for extractManifest, which leaves it to its caller);
+ *  the log alone tells its cause.
  *
  *  Exceptions. Failures of the standard library (std::bad_alloc and the like)
  *  reach the caller from every operation; further ones are named where they
@@ -35,7 +36,8 @@ namespace sdbusplus::common::xyz::openbmc_project::software
 {
 
 /** Enumerations of the D-Bus interface xyz.openbmc_project.Software.Version,
- *  with this system's own purposes from BIOS on. */
+ *  with this system's own purposes from BIOS on. Not to be included together
+ *  with another definition of that interface. */
 class VELMORA_EXPORT Version
 {
   public:
@@ -256,8 +258,8 @@ class VELMORA_EXPORT ValidateQOR
      *
      *  @param chain the 24,576 bytes of the chain area; a shorter one is
      *               refused
-     *  @param signature the 512 bytes of the signature field; a shorter one is
-     *                   refused
+     *  @param signature the 512 bytes of the signature field; a shorter one
+     *                   does not verify
      *  @param payloadPath file, or null
      *  @return 0 verified; 1 bad argument, 2 open, 3 fstat, 4 payload too
      *          short, 5 mmap, 7 certificate, 8 its key, 10 key not of 4096

@@ -9,10 +9,12 @@
 #include <openssl/ecdsa.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 /** @file Owners of C objects. Stateless deleters keep a handle as small as
  *  the pointer it owns. */
@@ -54,6 +56,43 @@ inline void closeStream(std::FILE* stream)
 {
     std::fclose(stream);
 }
+
+/** One file descriptor, or none. */
+class Descriptor
+{
+  public:
+    /** @param descriptor taken over; negative for none */
+    explicit Descriptor(int descriptor) : descriptor_(descriptor)
+    {
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    ~Descriptor()
+    {
+        close();
+    }
+
+    explicit operator bool() const
+    {
+        return descriptor_ >= 0;
+    }
+
+    int get() const
+    {
+        return descriptor_;
+    }
+
+    /** @return false when the system refuses; it is not tried again */
+    bool close()
+    {
+        const int descriptor = std::exchange(descriptor_, -1);
+        return descriptor < 0 || ::close(descriptor) == 0;
+    }
+
+  private:
+    int descriptor_;
+};
 
 using XmlDocument = Handle<xmlDoc, freeDocument>;
 using XmlText = Handle<xmlChar, freeXmlText>;

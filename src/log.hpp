@@ -6,7 +6,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
+#include <initializer_list>
 #include <iostream>
 #include <string_view>
 #include <type_traits>
@@ -42,76 +42,61 @@ class Decimal
     std::size_t size_;
 };
 
-/** One line of the cerr style: collected, then given to std::cerr at once.
+/** Writes one line of the cerr style, of the parts behind its number.
  *
- *  It is written unformatted, so that neither the flags nor the locale that
- *  the process has set on std::cerr change a line, nor a line them; and
- *  without allocating, so that it can be written when memory is out. */
-class CerrLine
+ *  It is collected and given to std::cerr at once. Written unformatted, so
+ *  that neither the flags nor the locale that the process has set on
+ *  std::cerr change a line, nor a line them; and without allocating, so that
+ *  it can be written when memory is out. */
+inline void cerrLine(int line, std::initializer_list<std::string_view> parts)
 {
-  public:
-    explicit CerrLine(int line)
+    std::array<char, 512> buffer;
+    std::size_t used = 0;
+    const auto drain = [&buffer, &used]
     {
-        *this << "Line: " << Decimal(line);
-    }
-
-    CerrLine(const CerrLine&) = delete;
-    CerrLine& operator=(const CerrLine&) = delete;
-
-    ~CerrLine()
+        std::cerr.write(buffer.data(), static_cast<std::streamsize>(used));
+        used = 0;
+    };
+    const auto append = [&](std::string_view text)
     {
-        *this << "\n";
-        drain();
-        std::cerr.flush();
-    }
-
-    CerrLine& operator<<(std::string_view text)
-    {
-        if (text.size() > buffer_.size() - used_)
+        if (text.size() > buffer.size() - used)
         {
             drain();
         }
-        if (text.size() > buffer_.size())
+        if (text.size() > buffer.size())
         {
             std::cerr.write(text.data(),
                             static_cast<std::streamsize>(text.size()));
-            return *this;
+            return;
         }
-        // memcpy wants a valid pointer even for no bytes.
-        if (!text.empty())
-        {
-            std::memcpy(buffer_.data() + used_, text.data(), text.size());
-            used_ += text.size();
-        }
-        return *this;
-    }
-
-  private:
-    void drain()
+        used += text.copy(buffer.data() + used, text.size());
+    };
+    append("Line: ");
+    append(Decimal(line));
+    for (const std::string_view part : parts)
     {
-        std::cerr.write(buffer_.data(), static_cast<std::streamsize>(used_));
-        used_ = 0;
+        append(part);
     }
-
-    std::array<char, 512> buffer_;
-    std::size_t used_ = 0;
-};
+    append("\n");
+    drain();
+    std::cerr.flush();
+}
 
 inline void cerrFailure(int line = __builtin_LINE())
 {
-    CerrLine(line) << " [FAILURE]";
+    cerrLine(line, {" [FAILURE]"});
 }
 
 inline void cerrSuccess(int line = __builtin_LINE())
 {
-    CerrLine(line) << " [SUCCESS]";
+    cerrLine(line, {" [SUCCESS]"});
 }
 
 /** @param label the logged expression's text, written out, and ": " */
 inline void cerrInfo(std::string_view label, std::string_view value,
                      int line = __builtin_LINE())
 {
-    CerrLine(line) << " [INFO " << label << value << "]";
+    cerrLine(line, {" [INFO ", label, value, "]"});
 }
 
 /** Library name functions may have no name to give. */

@@ -4,6 +4,9 @@
 #include "velmora.hpp"
 
 #include <cxxabi.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -18,7 +21,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <typeinfo>
 #include <vector>
@@ -102,20 +104,21 @@ std::optional<std::uint8_t> findRelease(Bytes manifest, std::uint64_t offset,
         }
         const Bytes record = manifest.subspan(static_cast<std::size_t>(offset));
         const std::uint64_t headerLength = loadLe32(record, 4);
-        const std::uint64_t length = headerLength + loadLe32(record, 12);
+        const std::uint64_t dataLength = loadLe32(record, 12);
+        const std::uint64_t length = headerLength + dataLength;
         if (length > record.size())
         {
             return std::nullopt;
         }
         if (loadLe16(record, 8) == RELEASE_RECORD_TYPE)
         {
-            const std::uint64_t position = headerLength + RELEASE_OFFSET;
-            if (position >= record.size())
+            if (dataLength <= RELEASE_OFFSET)
             {
                 return std::nullopt;
             }
-            return static_cast<std::uint8_t>(
-                record[static_cast<std::size_t>(position)] ^ record[10]);
+            const auto position =
+                static_cast<std::size_t>(headerLength + RELEASE_OFFSET);
+            return static_cast<std::uint8_t>(record[position] ^ record[10]);
         }
         if (length == 0)
         {
@@ -126,15 +129,39 @@ std::optional<std::uint8_t> findRelease(Bytes manifest, std::uint64_t offset,
     return std::nullopt;
 }
 
-void writeReleaseMarker(Bytes manifest, const manifestHeader& header)
+/** Leaves the manifest's release marker, if it has one.
+ *
+ *  Everybody may write in the marker's directory: what somebody else has put
+ *  in its place must neither be followed nor hold up the caller. */
+void writeReleaseMarker(Bytes manifest)
 {
-    const auto release =
-        findRelease(manifest, header.recordOffset, header.recordCount);
-    if (release == 1 || release == 2)
+    if (manifest.size() < sizeof(manifestHeader))
     {
-        std::ofstream(RELEASE_MARKER_FILE, std::ios::trunc)
-            << std::string_view(Decimal(*release)) << '\n';
+        return;
     }
+    const auto release = findRelease(
+        manifest, loadLe32(manifest, offsetof(manifestHeader, recordOffset)),
+        loadLe32(manifest, offsetof(manifestHeader, recordCount)));
+    if (release != 1 && release != 2)
+    {
+        return;
+    }
+    constexpr mode_t readableByAll = 0666;
+    const Descriptor file(
+        open(RELEASE_MARKER_FILE,
+             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+             readableByAll));
+    struct stat status
+    {
+    };
+    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        ftruncate(file.get(), 0) != 0)
+    {
+        return;
+    }
+    const std::array<char, 2> text{static_cast<char>('0' + *release), '\n'};
+    [[maybe_unused]] const ssize_t written =
+        write(file.get(), text.data(), text.size());
 }
 
 struct SecurityReply
@@ -326,9 +353,8 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
     const std::size_t length =
         loadLe32(stored, offsetof(manifestHeader, length));
     // A length that the file does not have must not cost memory either.
-    if (length < stored.size() ||
-        static_cast<std::int64_t>(length) >
-            end - static_cast<std::streamoff>(found))
+    if (length < stored.size() || static_cast<std::int64_t>(length) >
+                                      end - static_cast<std::streamoff>(found))
     {
         return false;
     }
@@ -427,7 +453,7 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
         stderrFailure()("Failed in verifying manifest");
         return -1;
     }
-    writeReleaseMarker(manifest, header);
+    writeReleaseMarker(manifest);
     return verifyImage(image, static_cast<std::uint32_t>(imageSize), reply.key)
                ? 0
                : -1;

@@ -3,6 +3,9 @@
 #include "velmora.hpp"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <new>
@@ -39,19 +41,19 @@ class Sha256
     bool init()
     {
         return context_ != nullptr &&
-               EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1;
+               EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 0;
     }
 
     bool update(const char* data, std::size_t size)
     {
         return context_ != nullptr &&
-               EVP_DigestUpdate(context_.get(), data, size) == 1;
+               EVP_DigestUpdate(context_.get(), data, size) != 0;
     }
 
     bool finish()
     {
         return context_ != nullptr &&
-               EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) == 1;
+               EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) != 0;
     }
 
     void release()
@@ -76,6 +78,54 @@ class Sha256
   private:
     DigestContext context_{EVP_MD_CTX_new()};
     std::array<unsigned char, SHA256_SIZE> digest_{};
+};
+
+/** A file that is read from its start. */
+class InputFile
+{
+  public:
+    /** Does not wait for a writer where the path is a FIFO. */
+    explicit InputFile(const std::string& path) :
+        descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
+    {
+    }
+
+    /** @return bytes, nothing when it is not open or no regular file: a
+     *          directory or device has no length that could be digested */
+    std::optional<std::uint64_t> length() const
+    {
+        struct stat status
+        {
+        };
+        if (!descriptor_ || fstat(descriptor_.get(), &status) != 0 ||
+            !S_ISREG(status.st_mode))
+        {
+            return std::nullopt;
+        }
+        return static_cast<std::uint64_t>(status.st_size);
+    }
+
+    /** @return whether all of the next @p size bytes were there */
+    bool read(char* data, std::size_t size) const
+    {
+        while (size > 0)
+        {
+            const ssize_t count = ::read(descriptor_.get(), data, size);
+            if (count > 0)
+            {
+                data += count;
+                size -= static_cast<std::size_t>(count);
+            }
+            else if (count == 0 || errno != EINTR)
+            {
+                return false;
+            }
+        }
+        return true;
+    }
+
+  private:
+    Descriptor descriptor_;
 };
 
 /** Entries of a directory, without "." and "..", in the order in which the
@@ -143,24 +193,9 @@ std::unique_ptr<char[]> makeReadBuffer(std::uint64_t length)
 
 std::string calculateFileSHA(const std::string& filePath)
 {
-    // Opening a FIFO would block, and a directory or device has no length
-    // that could be digested.
-    std::error_code ignored;
-    if (!fs::is_regular_file(fs::status(filePath, ignored)))
-    {
-        cerrFailure();
-        return {};
-    }
-    std::ifstream file(filePath, std::ios::binary);
-    if (!file)
-    {
-        cerrFailure();
-        return {};
-    }
-    file.seekg(0, std::ios::end);
-    const std::streamoff end = file.tellg();
-    file.seekg(0, std::ios::beg);
-    if (end < 0 || !file)
+    const InputFile file(filePath);
+    const auto length = file.length();
+    if (!length)
     {
         cerrFailure();
         return {};
@@ -175,21 +210,18 @@ std::string calculateFileSHA(const std::string& filePath)
         cerrFailure();
         complete = false;
     }
-    auto left = static_cast<std::uint64_t>(end);
-    const auto buffer = makeReadBuffer(left);
-    while (left > 0)
+    const auto buffer = makeReadBuffer(*length);
+    for (std::uint64_t left = *length; left > 0;)
     {
         const auto size =
             static_cast<std::size_t>(std::min<std::uint64_t>(left, PIECE_SIZE));
         left -= size;
-        file.read(buffer.get(), static_cast<std::streamsize>(size));
-        if (!file || !sha.update(buffer.get(), size))
+        if (!file.read(buffer.get(), size) || !sha.update(buffer.get(), size))
         {
             cerrFailure();
             complete = false;
         }
     }
-    file.close();
     if (!sha.finish())
     {
         cerrFailure();

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -111,7 +112,8 @@ int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
     return -1;
 }
 
-/** An open payload and its mapping; what is still held goes with it. */
+/** An open payload and its mapping; what is still held goes with it, the
+ *  mapping first. */
 class PayloadFile
 {
   public:
@@ -125,13 +127,12 @@ class PayloadFile
 
     ~PayloadFile()
     {
-        close();
         unmap();
     }
 
     bool isOpen() const
     {
-        return descriptor_ >= 0;
+        return static_cast<bool>(descriptor_);
     }
 
     bool measure()
@@ -139,7 +140,7 @@ class PayloadFile
         struct stat status
         {
         };
-        if (fstat(descriptor_, &status) != 0)
+        if (fstat(descriptor_.get(), &status) != 0)
         {
             return false;
         }
@@ -162,7 +163,7 @@ class PayloadFile
             return false;
         }
         void* mapping = mmap(nullptr, static_cast<std::size_t>(size_),
-                             PROT_READ, MAP_SHARED, descriptor_, 0);
+                             PROT_READ, MAP_SHARED, descriptor_.get(), 0);
         if (mapping == MAP_FAILED)
         {
             return false;
@@ -184,23 +185,43 @@ class PayloadFile
                munmap(mapping, static_cast<std::size_t>(size_)) == 0;
     }
 
-    /** @return false when the system refuses; it is not tried again */
     bool close()
     {
-        const int descriptor = std::exchange(descriptor_, -1);
-        return descriptor < 0 || ::close(descriptor) == 0;
+        return descriptor_.close();
     }
 
   private:
-    int descriptor_;
+    Descriptor descriptor_;
     std::int64_t size_ = 0;
     void* mapping_ = nullptr;
 };
 
-/** What a slot verification makes, released in the reverse order: digest
- *  context, certificate, key. */
+/** What a slot verification makes once it has the certificate. */
 struct SlotObjects
 {
+    SlotObjects() = default;
+    SlotObjects(const SlotObjects&) = delete;
+    SlotObjects& operator=(const SlotObjects&) = delete;
+
+    ~SlotObjects()
+    {
+        release();
+    }
+
+    void release()
+    {
+        if (certificate == nullptr)
+        {
+            return;
+        }
+        // Readers of the log know this line under the name that a scope
+        // guard's lambda gives it.
+        stderrInfo("operator()")("Clear ctx before exiting...");
+        context.reset();
+        certificate.reset();
+        key.reset();
+    }
+
     PublicKey key;
     Certificate certificate;
     DigestContext context;
@@ -312,11 +333,13 @@ SlotStatus checkSignature(const SlotObjects& objects,
         return SLOT_SIGNATURE;
     }
     stderrInfo(VERIFY_SLOT)("EVP_DigestVerifyUpdate is done");
+    // A field that is too short does not verify, and is not read beyond.
+    std::array<unsigned char, SLOT_SIGNATURE_SIZE> field{};
+    std::copy_n(signature.begin(), std::min(signature.size(), field.size()),
+                field.begin());
     ERR_clear_error();
-    const int result = EVP_DigestVerifyFinal(
-        objects.context.get(),
-        reinterpret_cast<const unsigned char*>(signature.data()),
-        SLOT_SIGNATURE_SIZE);
+    const int result = EVP_DigestVerifyFinal(objects.context.get(),
+                                             field.data(), field.size());
     stderrInfo(VERIFY_SLOT)("EVP_DigestVerifyFinal,RC[%d]", result);
     if (result != 1)
     {
@@ -451,8 +474,7 @@ int ValidateQOR::extract_meta_data(std::string& block)
 X509* ValidateQOR::getX509Cert(const std::string& chain)
 {
     stderrInfo()("Entry");
-    // The whole area is written below, so a part of one is no input either.
-    if (chain.size() < CHAIN_SIZE)
+    if (chain.empty())
     {
         stderrFailure()("Invalid input argument");
         return nullptr;
@@ -477,6 +499,12 @@ X509* ValidateQOR::getX509Cert(const std::string& chain)
     {
         stderrFailure()("Read the PEM formatted certificate from memory into "
                         "an X509 is failed");
+        return nullptr;
+    }
+    // The whole area is written below; a part of one must not be read beyond.
+    if (chain.size() < CHAIN_SIZE)
+    {
+        stderrFailure()("Invalid input argument");
         return nullptr;
     }
     FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
@@ -543,12 +571,13 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
                                        char* payloadPath)
 {
     stderrInfo()("Entry");
-    if (payloadPath == nullptr || chain.empty() ||
-        signature.size() < SLOT_SIGNATURE_SIZE)
+    if (payloadPath == nullptr || chain.empty() || signature.empty())
     {
         stderrFailure()("Invalid input parameter");
         return SLOT_BAD_ARGUMENT;
     }
+    // Released after the payload on every way out.
+    SlotObjects objects;
     PayloadFile payload(payloadPath);
     if (!payload.isOpen())
     {
@@ -581,7 +610,6 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
         static_cast<std::int64_t>(CHAIN_SIZE + METADATA_SIZE));
     stderrInfo()("length upto slot1 timestamp[%zu]", len_upto_s1_ts);
 
-    SlotObjects objects;
     objects.certificate.reset(getX509Cert(chain));
     if (objects.certificate == nullptr)
     {
@@ -610,14 +638,7 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
                         std::strerror(errno));
         status = SLOT_CLOSE;
     }
-    const auto clear = [&objects]
-    {
-        stderrInfo()("Clear ctx before exiting...");
-        objects.context.reset();
-        objects.certificate.reset();
-        objects.key.reset();
-    };
-    clear();
+    objects.release();
     if (verified)
     {
         stderrSuccess()("Image slot signature verification successful");
@@ -693,14 +714,18 @@ bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
     rootCaStream.seekg(0, std::ios::end);
     const std::streamoff rootCaLength = rootCaStream.tellg();
     rootCaStream.seekg(0, std::ios::beg);
-    if (rootCaLength < 1)
+    // A string holds no more than that, and longer ones would be cut short
+    // where a length has 32 bits.
+    if (rootCaLength < 1 ||
+        rootCaLength > std::numeric_limits<std::streamsize>::max())
     {
         rootCaFile.remove();
         cerrFailure();
         return false;
     }
     std::string rootCa(static_cast<std::size_t>(rootCaLength), '\0');
-    rootCaStream.read(rootCa.data(), rootCaLength);
+    rootCaStream.read(rootCa.data(),
+                      static_cast<std::streamsize>(rootCaLength));
 
     const int result =
         verify_chain_OBMC(chain.c_str(), rootCa.c_str(),

@@ -4,6 +4,7 @@
 #include "handles.hpp"
 #include "log.hpp"
 #include "package_files.hpp"
+#include "xml_parsing.hpp"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -58,7 +60,7 @@ bool isRegularFile(const std::string& path)
 [[noreturn]] void endChild(int line = __builtin_LINE())
 {
     std::signal(SIGPIPE, SIG_IGN);
-    std::array<char, 64> text;
+    std::array<char, 64> text{};
     const int size =
         std::snprintf(text.data(), text.size(), "Line: %d [FAILURE]\n", line);
     [[maybe_unused]] const ssize_t written =
@@ -208,7 +210,7 @@ std::optional<std::uint16_t> readSystemId()
         return std::nullopt;
     }
     const auto value = static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
-    std::array<char, 8> hexSystemIDStr;
+    std::array<char, 8> hexSystemIDStr{};
     std::snprintf(hexSystemIDStr.data(), hexSystemIDStr.size(), "%04X",
                   static_cast<unsigned>(value));
     cerrInfo("hexSystemIDStr: ", hexSystemIDStr.data());
@@ -279,7 +281,7 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
         cerrFailure();
         return {};
     }
-    XmlDocument document(xmlParseFile(descriptorPath.c_str()));
+    XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
         cerrFailure();
@@ -325,7 +327,7 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     result.reset();
     document.reset();
     cerrSuccess();
-    return *value;
+    return std::move(*value);
 }
 
 std::string ValidateQOR::getImageModel(const std::string& packageDir)
@@ -411,7 +413,7 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
         cerrFailure();
         return false;
     }
-    XmlDocument document(xmlParseFile(descriptorPath.c_str()));
+    XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
         cerrFailure();

@@ -41,8 +41,8 @@ bool inLibrary(const void* address)
 
 bool failNow(const char* function, const void* caller)
 {
-    if (countdown == 0 || !watched || chosen != function || !inLibrary(caller) ||
-        --countdown != 0)
+    if (countdown == 0 || !watched || chosen != function ||
+        !inLibrary(caller) || --countdown != 0)
     {
         return false;
     }

@@ -96,7 +96,7 @@ class Faults : public testing::Test
              {
                  return ValidateQOR::validateExtractedQOR(scratch / "package");
              },
-             {"gpgme_hash_algo_name", "gpgme_pubkey_algo_name"}},
+             {"gpgme_hash_algo_name", "gpgme_pubkey_algo_name", "close"}},
             {"verifyManifestAndSignature",
              [] {},
              [this]
@@ -127,8 +127,8 @@ class Faults : public testing::Test
                         ValidateQOR::VersionPurpose::TPM;
              },
              // The empty identifier is asked of the bus all the same.
-             {"xmlParseFile", "xmlXPathNewContext", "xmlXPathEvalExpression",
-              "xmlNodeGetContent"}},
+             {"open64", "xmlParseFile", "xmlXPathNewContext",
+              "xmlXPathEvalExpression", "xmlNodeGetContent"}},
             {"getInventoryModel",
              [] {},
              [=]
@@ -304,6 +304,38 @@ TEST_F(Faults, ForkFailureIsLogged)
                   });
         EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -1", "FAILURE"));
     }
+}
+
+TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
+{
+    const std::string bytes = readFile(payload);
+    Lines log;
+    const Lines released = releasesOf(
+        [&]
+        {
+            log = logOf(
+                [&]
+                {
+                    // The first allocation inside: the stream of the hashfunc
+                    // file.
+                    withFault("operator new", 1,
+                              [&]
+                              {
+                                  ValidateQOR::createHashFuncFile();
+                              });
+                    const std::string chain = bytes.substr(4, 24576);
+                    const std::string signature =
+                        bytes.substr(4 + 24576 + 512, 512);
+                    withFault("operator new", 1,
+                              [&]
+                              {
+                                  ValidateQOR::verify_slot_signature(
+                                      chain, signature, payload.data());
+                              });
+                });
+        });
+    EXPECT_EQ(log.back(), "INFO operator(): Clear ctx before exiting...");
+    EXPECT_THAT(released, ElementsAre("X509_free", "EVP_PKEY_free"));
 }
 
 TEST_F(Faults, ReleasesComeInOrder)

@@ -1,5 +1,8 @@
 #!/bin/sh
-# Makes the test keys in a directory that does not exist yet.
+# Makes the test keys anew. Arguments: their directory, then the velmora-pack
+# command.
 set -eu
-rm -rf "$2"
-exec "$1" test-keys "$2"
+keys=$1
+shift
+rm -rf "$keys"
+exec "$@" test-keys "$keys"

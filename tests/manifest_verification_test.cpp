@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <random>
@@ -339,6 +340,7 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
              {manifestOf(marked, 1, 20), "old"},
              {manifestOf(record(10, 0x30, "ab2", 0xFFFFFFF0), 1), "old"},
              {manifestOf(record(10, 0x30, "ab"), 1), "old"},
+             {manifestOf(record(10, 0x30, "") + "ab2", 1), "old"},
              {endless, "old"},
              {wrapping, "old"}})
     {
@@ -347,6 +349,17 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
         EXPECT_EQ(verify(), 0);
         EXPECT_EQ(readFile(MARKER), marker);
     }
+    // What stands in the marker's place is neither followed nor waited for.
+    writeFile(scratch / "image-ktb", manifestOf(marked, 1));
+    fs::remove(MARKER);
+    writeFile(scratch / "precious", "precious");
+    fs::create_symlink(scratch / "precious", MARKER);
+    EXPECT_EQ(verify(), 0);
+    EXPECT_EQ(readFile(scratch / "precious"), "precious");
+    fs::remove(MARKER);
+    ASSERT_EQ(mkfifo(MARKER, 0600), 0);
+    EXPECT_EQ(verify(), 0);
+    fs::remove(MARKER);
 }
 
 } // namespace

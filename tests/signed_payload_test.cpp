@@ -394,7 +394,7 @@ TEST_F(Payload, SlotStatuses)
     EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 0);
     EXPECT_EQ(verifySlot("", goodSignature()), 1);
     EXPECT_EQ(verifySlot(goodChain(), ""), 1);
-    EXPECT_EQ(verifySlot(goodChain(), "short"), 1);
+    EXPECT_EQ(verifySlot(goodChain(), "short"), 13);
     logOf(
         [&]
         {

@@ -2,18 +2,21 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
 #include <exception>
 #include <string>
 #include <utility>
 
 /** @file Exceptions of the bus binding, for machines without sdbusplus. */
 
+// The daemon catches these types across the library's border.
+#pragma GCC visibility push(default)
+
 namespace sdbusplus::exception
 {
 
-/** A fault on the bus. The daemon catches these types across the library's
- *  border, so they keep default visibility. */
-struct [[gnu::visibility("default")]] exception : public std::exception
+/** A fault on the bus. */
+struct exception : public std::exception
 {
     /** @return the D-Bus error name, owned by the exception. */
     virtual const char* name() const noexcept = 0;
@@ -24,11 +27,12 @@ struct [[gnu::visibility("default")]] exception : public std::exception
 };
 
 /** A fault that the binding itself found. */
-struct [[gnu::visibility("default")]] internal_exception : public exception{};
+struct internal_exception : public exception
+{
+};
 
 /** A step of sd-bus that failed. */
-class [[gnu::visibility("default")]] SdBusError final :
-    public internal_exception
+class SdBusError final : public internal_exception
 {
   public:
     /** @param error a positive errno value
@@ -41,7 +45,7 @@ class [[gnu::visibility("default")]] SdBusError final :
 
     /** @param error taken over; null afterwards
      *  @param step the sd-bus function that gave it */
-    SdBusError(sd_bus_error * error, const char* step)
+    SdBusError(sd_bus_error* error, const char* step)
     {
         sd_bus_error_move(&error_, error);
         describe(step);
@@ -50,7 +54,7 @@ class [[gnu::visibility("default")]] SdBusError final :
     SdBusError(const SdBusError&) = delete;
     SdBusError& operator=(const SdBusError&) = delete;
 
-    SdBusError(SdBusError && other) noexcept : what_(std::move(other.what_))
+    SdBusError(SdBusError&& other) noexcept : what_(std::move(other.what_))
     {
         sd_bus_error_move(&error_, &other.error_);
     }
@@ -118,29 +122,31 @@ class [[gnu::visibility("default")]] SdBusError final :
 };
 
 /** A string from the bus that names no enumerator. */
-struct [[gnu::visibility("default")]] InvalidEnumString final :
-    public internal_exception{
-        const char *
-        name() const noexcept override{
-            return "xyz.openbmc_project.sdbusplus.Error.InvalidEnumString";
+class InvalidEnumString final : public internal_exception
+{
+  public:
+    const char* name() const noexcept override
+    {
+        return "xyz.openbmc_project.sdbusplus.Error.InvalidEnumString";
+    }
+
+    const char* description() const noexcept override
+    {
+        return "The string names no value of the enumeration.";
+    }
+
+    int get_errno() const noexcept override
+    {
+        return EINVAL;
+    }
+
+    const char* what() const noexcept override
+    {
+        return "xyz.openbmc_project.sdbusplus.Error.InvalidEnumString: "
+               "The string names no value of the enumeration.";
+    }
+};
+
 } // namespace sdbusplus::exception
 
-const char* description() const noexcept override
-{
-    return "The string names no value of the enumeration.";
-}
-
-int get_errno() const noexcept override
-{
-    return EINVAL;
-}
-
-const char* what() const noexcept override
-{
-    return "xyz.openbmc_project.sdbusplus.Error.InvalidEnumString: "
-           "The string names no value of the enumeration.";
-}
-}
-;
-
-} // namespace sdbusplus::exception
+#pragma GCC visibility pop
