@@ -5,7 +5,8 @@
 build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
-test_packages=(libgtest-dev libgmock-dev systemd procps)
+test_packages=(libgtest-dev libgmock-dev systemd scdoc abigail-tools
+    valgrind)
 
 say() {
     printf '%s\n' "-- $*"
@@ -42,18 +43,26 @@ need() {
     rm -f "$log"
 }
 
-# Configures a build directory once, then compiles; the compiler's output is
-# shown when it fails.
+# Configures a build directory with options, again only for those that it has
+# not been given before, then compiles; what was said is shown on a failure.
 compile() {
-    local dir=$1
+    local dir=$1 option log=$1.log new=()
     shift
-    if [ ! -e "$dir/build.ninja" ]; then
+    for option in "$@"; do
+        grep -qxF -e "$option" "$dir/dev-options" 2>/dev/null ||
+            new+=("$option")
+    done
+    if [ ! -e "$dir/build.ninja" ] || [ "${#new[@]}" -gt 0 ]; then
         say "configuring $dir"
-        meson setup "$dir" -Dwerror=true "$@" >"$dir.log" 2>&1 || {
-            cat "$dir.log" >&2
+        local reconfigure=()
+        [ ! -e "$dir/build.ninja" ] || reconfigure=(--reconfigure)
+        if ! meson setup "${reconfigure[@]}" "$dir" -Dwerror=true \
+            "${new[@]}" >"$log" 2>&1; then
+            cat "$log" >&2
             exit 1
-        }
-        rm -f "$dir.log"
+        fi
+        rm -f "$log"
+        printf '%s\n' "${new[@]}" >>"$dir/dev-options"
     fi
     say "compiling $dir"
     ninja --quiet -C "$dir"

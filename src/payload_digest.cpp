@@ -128,8 +128,8 @@ class InputFile
     Descriptor descriptor_;
 };
 
-/** Entries of a directory, without "." and "..", in the order in which the
- *  file system delivers them.
+/** Regular files of a directory, in the order in which the file system delivers
+ *  them; links are followed.
  *
  *  libstdc++'s directory_iterator allocates where it may not throw, and so
  *  ends the process when memory is out. */
@@ -137,8 +137,9 @@ class Directory
 {
   public:
     /** @throws fs::filesystem_error when it cannot be opened */
-    explicit Directory(fs::path path) :
-        path_(std::move(path)), stream_(opendir(path_.c_str()))
+    explicit Directory(const std::string& path) :
+        prefix_(path.ends_with('/') ? path : path + '/'),
+        stream_(opendir(path.c_str()))
     {
         if (stream_ == nullptr)
         {
@@ -146,9 +147,16 @@ class Directory
         }
     }
 
-    /** @return path of the next entry, nothing at the end
-     *  @throws fs::filesystem_error when it cannot be read */
-    std::optional<fs::path> next()
+    struct Entry
+    {
+        std::string path;
+        bool regular;
+    };
+
+    /** @return the next entry but "." and "..", nothing at the end
+     *  @throws fs::filesystem_error when the directory or the status of an
+     *          entry cannot be read */
+    std::optional<Entry> next()
     {
         errno = 0;
         while (const dirent* entry = readdir(stream_.get()))
@@ -156,7 +164,11 @@ class Directory
             const std::string_view name = entry->d_name;
             if (name != "." && name != "..")
             {
-                return path_ / name;
+                std::string path = prefix_;
+                path += name;
+                const bool regular = entry->d_type == DT_REG ||
+                                     fs::is_regular_file(fs::status(path));
+                return Entry{std::move(path), regular};
             }
         }
         if (errno != 0)
@@ -170,10 +182,10 @@ class Directory
     [[noreturn]] void fail(const char* what, int error) const
     {
         throw fs::filesystem_error(
-            what, path_, std::error_code(error, std::generic_category()));
+            what, prefix_, std::error_code(error, std::generic_category()));
     }
 
-    fs::path path_;
+    std::string prefix_;
     DirectoryStream stream_;
 };
 
@@ -244,14 +256,16 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
     }
     std::vector<std::string> files;
     Directory directory(payloadPath);
-    while (const auto path = directory.next())
+    while (auto entry = directory.next())
     {
-        if (!fs::is_regular_file(fs::status(*path)))
+        if (entry->regular)
+        {
+            files.push_back(std::move(entry->path));
+        }
+        else
         {
             cerrFailure();
-            continue;
         }
-        files.push_back(path->string());
     }
     // std::string compares bytes as unsigned values, whatever the locale.
     std::sort(files.begin(), files.end());

@@ -3,7 +3,9 @@
 # BMC. Arguments: build directory, example, velmora, velmora-pack, test keys,
 # whether there are man pages (true, false), compiler with its options.
 set -euo pipefail
-build=$1 example=$2 velmora=$3 pack=$4 keys=$5 man_pages=$6
+build=$1 example=$2 keys=$5 man_pages=$6
+velmora=$(readlink -f "$3")
+pack=$(readlink -f "$4")
 shift 6
 failures=0
 cd "$(mktemp -d)"
@@ -25,10 +27,9 @@ expect() {
 
 meson install -C "$build" --no-rebuild --quiet --destdir "$root"
 
-# pkg-config puts the root in front of what the file says.
 pc=$(find "$root" -name velmora.pc)
 [ -n "$pc" ] || { fail "no velmora.pc"; exit 1; }
-export PKG_CONFIG_LIBDIR=${pc%/*} PKG_CONFIG_SYSROOT_DIR=$root
+export PKG_CONFIG_LIBDIR=${pc%/*}
 prefix=$root$(pkg-config --variable=prefix velmora)
 libdir=$root$(pkg-config --variable=libdir velmora)
 installed=("$libdir"/libvelmora.so{,.1} "$prefix/include/velmora.hpp"
@@ -41,7 +42,8 @@ for file in "${installed[@]}"; do
     [ -s "$file" ] || fail "not installed: ${file#"$root"}"
 done
 
-read -ra flags <<<"$(pkg-config --cflags --libs velmora)"
+read -ra flags <<<"$(PKG_CONFIG_SYSROOT_DIR=$root \
+    pkg-config --cflags --libs velmora)"
 "$@" -std=c++20 -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror \
     "$example" "${flags[@]}" -Wl,-rpath-link,"$libdir" -o update_daemon
 # libquorlin.so.9 lies beside the library where the stand-in is used.

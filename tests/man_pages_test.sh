@@ -6,6 +6,7 @@ pages=$1
 library=$2
 shift 2
 failures=0
+helps=
 
 fail() {
     echo "FAIL: $*"
@@ -18,17 +19,18 @@ options() {
         grep -oE -- '-.*' | grep -vxE -- '-h|--help' | sort -u
 }
 
-# section PAGE HEADING: what stands below a heading, up to the next.
-section() {
-    awk -v heading="$2" '/^#/ { on = $0 == heading; next } on' "$1"
+# defined PAGE HEADING: the options that are explained below a heading.
+defined() {
+    awk -v heading="$2" '/^#/ { on = $0 == heading }
+        on && /^\t/ && last ~ /^\*-/ { print last } { last = $0 }' "$1" | options
 }
 
 # agree PAGE HEADING COMMAND...
 agree() {
     local page=$1 heading=$2 difference
     shift 2
-    difference=$(diff <("$@" --help | options) \
-        <(section "$page" "$heading" | options)) ||
+    difference=$(diff <("$@" --help | awk '/^ +-/ { print $1 }' | options) \
+        <(defined "$page" "$heading")) ||
         fail "$page, \"$heading\" against $* --help:" "$difference"
 }
 
@@ -57,10 +59,12 @@ for program; do
     difference=$(diff <(sort <<<"$commands" | sed '/^$/d') \
         <(sed -n 's/^## //p' "$page" | sort)) ||
         fail "$page, commands:" "$difference"
-    known=$({ "$program" --help; while read -ra words; do
+    helps+=$("$program" --help; while read -ra words; do
         "$program" "${words[@]}" --help
-    done <<<"$commands"; } | options)
-    unknown=$(comm -23 <(options <"$page") <(echo "$known"))
+    done <<<"$commands")
+done
+for page in "$pages"/*.1.scd; do
+    unknown=$(comm -23 <(options <"$page") <(options <<<"$helps"))
     [ -z "$unknown" ] || fail "$page names what --help does not:" "$unknown"
 done
 
@@ -73,7 +77,8 @@ done
 
 if command -v scdoc >/dev/null && command -v man >/dev/null; then
     for page in "$pages"/*.scd; do
-        warnings=$({ scdoc <"$page" | man --warnings=all -l -; } 2>&1 >/dev/null)
+        warnings=$({ scdoc <"$page" | man --warnings=all -l -; } \
+            2>&1 >/dev/null) || true
         [ -z "$warnings" ] || fail "$page does not render:" "$warnings"
     done
 else

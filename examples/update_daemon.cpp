@@ -1,0 +1,310 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <velmora.hpp>
+
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+
+/** @file One round of an update daemon: takes a package, has it judged, and
+ *  publishes what it holds.
+ *
+ *  Everything happens in $STATE_DIRECTORY, which the service manager makes for
+ *  the daemon alone. It lies where the firmware is used from, so that what was
+ *  checked is used in place and not copied once more. */
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+enum ExitStatus
+{
+    ACCEPTED = 0,
+    REFUSED = 1,
+    WRONG_USAGE = 2,
+    NOT_CHECKED = 3,
+};
+
+class Refusal : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+[[noreturn]] void failWithErrno(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+class Descriptor
+{
+  public:
+    Descriptor(const fs::path& path, int flags) :
+        descriptor_(open(path.c_str(), flags | O_CLOEXEC, 0600))
+    {
+        if (descriptor_ < 0)
+        {
+            failWithErrno(path.string());
+        }
+    }
+
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    ~Descriptor()
+    {
+        close(descriptor_);
+    }
+
+    int get() const
+    {
+        return descriptor_;
+    }
+
+  private:
+    int descriptor_;
+};
+
+/** The library's fixed files and the bus objects are for one at a time. */
+class OneAtATime
+{
+  public:
+    explicit OneAtATime(const fs::path& directory) :
+        directory_(directory, O_RDONLY | O_DIRECTORY)
+    {
+        if (flock(directory_.get(), LOCK_EX | LOCK_NB) != 0)
+        {
+            failWithErrno("another update is under way");
+        }
+    }
+
+  private:
+    Descriptor directory_;
+};
+
+/** A directory that nobody else can look into; fresh, and gone afterwards. */
+class PrivateDirectory
+{
+  public:
+    explicit PrivateDirectory(fs::path path) : path_(std::move(path))
+    {
+        fs::remove_all(path_);
+        if (mkdir(path_.c_str(), 0700) != 0)
+        {
+            failWithErrno(path_.string());
+        }
+    }
+
+    PrivateDirectory(const PrivateDirectory&) = delete;
+    PrivateDirectory& operator=(const PrivateDirectory&) = delete;
+
+    ~PrivateDirectory()
+    {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+
+    const fs::path& path() const
+    {
+        return path_;
+    }
+
+  private:
+    fs::path path_;
+};
+
+void writeAll(int descriptor, const char* data, std::size_t size)
+{
+    while (size > 0)
+    {
+        const ssize_t written = write(descriptor, data, size);
+        if (written < 0)
+        {
+            failWithErrno("cannot write the private copy");
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+/** Copies the package, which whoever sent it can still change. Its own name
+ *  never reaches the extractor, to which some characters mean more. */
+void takeOver(const fs::path& package, const fs::path& copy)
+{
+    // Opening a FIFO must not block.
+    const Descriptor from(package, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    struct stat status = {};
+    if (fstat(from.get(), &status) != 0)
+    {
+        failWithErrno(package.string());
+    }
+    if (!S_ISREG(status.st_mode))
+    {
+        throw Refusal("the package is not a regular file");
+    }
+    const Descriptor to(copy, O_WRONLY | O_CREAT | O_EXCL);
+    std::array<char, 64 * 1024> piece;
+    ssize_t size = 0;
+    while ((size = read(from.get(), piece.data(), piece.size())) > 0)
+    {
+        writeAll(to.get(), piece.data(), static_cast<std::size_t>(size));
+    }
+    if (size < 0)
+    {
+        failWithErrno(package.string());
+    }
+}
+
+bool isPartOfPackage(const std::string& name, fs::file_type type)
+{
+    if (name == "payload")
+    {
+        return type == fs::file_type::directory;
+    }
+    return type == fs::file_type::regular &&
+           (name == "package.xml" || name == "package.xml.sign");
+}
+
+/** Refuses what the signed digest does not cover: links, subdirectories of
+ *  the payload, and files beside it. */
+void expectNothingElse(const fs::path& directory)
+{
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+    {
+        if (!isPartOfPackage(entry.path().filename().string(),
+                             entry.symlink_status().type()))
+        {
+            throw Refusal("the package holds something besides descriptor, "
+                          "signature and payload directory");
+        }
+    }
+    for (const fs::directory_entry& entry :
+         fs::directory_iterator(directory / "payload"))
+    {
+        if (entry.symlink_status().type() != fs::file_type::regular)
+        {
+            throw Refusal("the payload holds something besides plain files");
+        }
+    }
+}
+
+void validate(const fs::path& copy, const fs::path& unpacked)
+{
+    if (!ValidateQOR::unZip(copy.string(), unpacked.string()))
+    {
+        throw Refusal("the package cannot be unpacked");
+    }
+    expectNothingElse(unpacked);
+    if (!ValidateQOR::validateExtractedQOR(unpacked.string()))
+    {
+        throw Refusal("the package is not for this system, not signed by a "
+                      "trusted key, or not what was signed");
+    }
+}
+
+/** An object path has letters, digits and underscores only. */
+std::string inventoryPath(std::string model)
+{
+    for (char& c : model)
+    {
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0)
+        {
+            c = '_';
+        }
+    }
+    return "/xyz/openbmc_project/inventory/system/" + model;
+}
+
+void publish(const std::string& model, const std::string& version,
+             ValidateQOR::VersionPurpose purpose)
+{
+    const std::string path = inventoryPath(model);
+    // The object of the version before, if there is one.
+    if (!ValidateQOR::getInventoryModel(path).empty() &&
+        ValidateQOR::deRegisterSWInv(path) != 1)
+    {
+        throw std::runtime_error("the version before cannot be withdrawn");
+    }
+    if (ValidateQOR::registerSWInv(path, model, version, purpose,
+                                   ValidateQOR::ReleaseType::Other) != 1)
+    {
+        throw std::runtime_error("the inventory manager does not take it");
+    }
+}
+
+void update(const fs::path& package, const fs::path& stateDirectory)
+{
+    const OneAtATime lock(stateDirectory);
+    const PrivateDirectory work(stateDirectory / "incoming");
+    const fs::path copy = work.path() / "package.zip";
+    const PrivateDirectory unpacked(work.path() / "unpacked");
+
+    takeOver(package, copy);
+    validate(copy, unpacked.path());
+
+    // Only now does the descriptor's word count.
+    const std::string directory = unpacked.path().string();
+    const std::string model = ValidateQOR::getImageModel(directory);
+    const std::string version = ValidateQOR::getImageVersion(directory);
+    if (model.empty() || version.empty())
+    {
+        throw Refusal("the descriptor names no model or no version");
+    }
+    const auto purpose = ValidateQOR::getImagePurpose(directory);
+    if (purpose == ValidateQOR::VersionPurpose::Unknown)
+    {
+        throw Refusal("nobody knows what the package is for");
+    }
+    // Here a real daemon compares the version with the installed one, which
+    // no signature does for it, and applies the files of unpacked/payload.
+    publish(model, version, purpose);
+    std::cout << "accepted: model " << model << ", version " << version
+              << std::endl;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const char* stateDirectory = std::getenv("STATE_DIRECTORY");
+    if (argc != 2 || stateDirectory == nullptr || *stateDirectory != '/')
+    {
+        std::cerr << "usage: STATE_DIRECTORY=/... update_daemon PACKAGE\n";
+        return WRONG_USAGE;
+    }
+    // An extractor whose end cannot be waited for counts as successful, and a
+    // reader of the log that has gone must not end the daemon.
+    std::signal(SIGCHLD, SIG_DFL);
+    std::signal(SIGPIPE, SIG_IGN);
+    // Options for the extractor that somebody may have set.
+    unsetenv("UNZIP");
+    unsetenv("UNZIPOPT");
+    umask(077);
+    try
+    {
+        update(argv[1], stateDirectory);
+    }
+    catch (const Refusal& refusal)
+    {
+        std::cerr << "refused: " << refusal.what() << '\n';
+        return REFUSED;
+    }
+    catch (const std::exception& e)
+    {
+        std::cerr << "could not be checked: " << e.what() << '\n';
+        return NOT_CHECKED;
+    }
+    return ACCEPTED;
+}
