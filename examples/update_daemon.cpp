@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -28,6 +29,8 @@ namespace
 {
 
 namespace fs = std::filesystem;
+
+constexpr std::size_t PIECE_SIZE = 65536;
 
 enum ExitStatus
 {
@@ -155,7 +158,7 @@ void takeOver(const fs::path& package, const fs::path& copy)
         throw Refusal("the package is not a regular file");
     }
     const Descriptor to(copy, O_WRONLY | O_CREAT | O_EXCL);
-    std::array<char, 64 * 1024> piece;
+    std::array<char, PIECE_SIZE> piece{};
     ssize_t size = 0;
     while ((size = read(from.get(), piece.data(), piece.size())) > 0)
     {

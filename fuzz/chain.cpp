@@ -18,6 +18,7 @@ constexpr std::size_t CHAIN_SIZE = 24576;
  *  text of the chain area. */
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
+    fuzz::forbidPrompts();
     fuzz::Bytes input(data, size);
     std::uint64_t time = 0;
     for (const std::uint8_t byte : fuzz::takePart(input))

@@ -44,6 +44,7 @@ pack::Buffer payloadOf(fuzz::Bytes input)
  *  payload's trailer is made from. */
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
+    fuzz::forbidPrompts();
     if (size == 0)
     {
         return 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <openssl/ui.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -51,6 +52,24 @@ inline Bytes takePart(Bytes& input)
     const Bytes part = input.first(std::min(length, input.size()));
     input = input.subspan(part.size());
     return part;
+}
+
+/** Has OpenSSL end the process where it would ask the user for something. */
+inline void forbidPrompts()
+{
+    static const bool done = []
+    {
+        UI_METHOD* const method = UI_create_method("none");
+        UI_method_set_opener(method,
+                             [](UI*)
+                             {
+                                 std::abort();
+                                 return 0;
+                             });
+        UI_set_default_method(method);
+        return true;
+    }();
+    expect(done);
 }
 
 /** A directory in memory for the files that an operation is given. */

@@ -13,8 +13,10 @@
 #include <openssl/x509_vfy.h>
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -72,11 +74,11 @@ Function* next(const char* name)
 
 // The symbol is given as text, so that the definition need not repeat what the
 // C library's header says of the function.
-#define FAULT(result, name, parameters, arguments, failure)                    \
-    extern "C" result fault_##name parameters __asm__(#name);                  \
+#define FAULT_AT(result, name, symbol, parameters, arguments, failure)         \
+    extern "C" result fault_##name parameters __asm__(symbol);                 \
     extern "C" result fault_##name parameters                                  \
     {                                                                          \
-        static auto* real = next<result parameters>(#name);                    \
+        static auto* real = next<result parameters>(symbol);                   \
         if (failNow(#name, __builtin_return_address(0)))                       \
         {                                                                      \
             return failure;                                                    \
@@ -87,6 +89,16 @@ Function* next(const char* name)
     {                                                                          \
     const bool named_##name = (names().push_back(#name), true);                \
     }
+
+#define FAULT(result, name, parameters, arguments, failure)                    \
+    FAULT_AT(result, name, #name, parameters, arguments, failure)
+
+// 32-bit systems have another function where they count time in 64 bits.
+#if defined(_TIME_BITS) && _TIME_BITS == 64 && __TIMESIZE == 32
+#define FSTAT64 "__fstat64_time64"
+#else
+#define FSTAT64 "fstat64"
+#endif
 
 #define RELEASE(result, name, type)                                            \
     extern "C" result note_##name(type* object) __asm__(#name);                \
@@ -104,7 +116,7 @@ Function* next(const char* name)
 FAULT(int, fork, (), (), failed(EAGAIN))
 FAULT(int, waitpid, (int p, int* s, int o), (p, s, o), failed(EINTR))
 FAULT(int, open64, (const char* p, int f, unsigned m), (p, f, m), failed(EACCES))
-FAULT(int, fstat64, (int d, struct stat* s), (d, s), failed(EIO))
+FAULT_AT(int, fstat64, FSTAT64, (int d, struct stat* s), (d, s), failed(EIO))
 FAULT(void*, mmap64, (void* a, size_t l, int p, int f, int d, std::int64_t o), (a, l, p, f, d, o), (failed(ENOMEM), reinterpret_cast<void*>(-1)))
 FAULT(int, munmap, (void* a, size_t l), (a, l), (real(a, l), failed(EINVAL)))
 FAULT(int, close, (int d), (d), (real(d), failed(EIO)))
@@ -187,6 +199,27 @@ extern "C" void note_xmlCleanupParser()
         releases->push_back("xmlCleanupParser");
     }
     real();
+}
+
+extern "C" int fault_execl(const char* path, const char* first, ...)
+    __asm__("execl");
+extern "C" int fault_execl(const char* path, const char* first, ...)
+{
+    if (failNow("execl", __builtin_return_address(0)))
+    {
+        return failed(ENOENT);
+    }
+    // This is the child: what is counted is the parent's.
+    countdown = 0;
+    std::vector<char*> arguments{const_cast<char*>(first)};
+    std::va_list rest;
+    va_start(rest, first);
+    while (arguments.back() != nullptr)
+    {
+        arguments.push_back(va_arg(rest, char*));
+    }
+    va_end(rest);
+    return execv(path, arguments.data());
 }
 
 // Memory fails for whatever the library calls, its own code or not.

@@ -1,10 +1,12 @@
 #include "faults.hpp"
 #include "velmora.hpp"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -304,6 +306,35 @@ TEST_F(Faults, ForkFailureIsLogged)
                   });
         EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -1", "FAILURE"));
     }
+}
+
+TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
+{
+    // What this process has buffered must not come out of the child.
+    std::fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    const int file = open((scratch / "stdout").c_str(), O_CREAT | O_RDWR, 0600);
+    dup2(file, STDOUT_FILENO);
+    std::fputs("buffered", stdout);
+    bool done = true;
+    const Lines log = logOf(
+        [&]
+        {
+            withFault("execl", 1,
+                      [&]
+                      {
+                          done = ValidateQOR::unZip(scratch / "package.zip",
+                                                    scratch / "out");
+                      });
+        });
+    std::fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    close(file);
+    EXPECT_EQ(readFile(scratch / "stdout"), "buffered");
+    EXPECT_FALSE(done);
+    EXPECT_THAT(log,
+                ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
 }
 
 TEST_F(Faults, AnExceptionReleasesInTheSameOrder)

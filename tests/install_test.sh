@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # What is installed, as another project meets it; run inside the simulated
 # BMC. Arguments: build directory, example, velmora, velmora-pack, test keys,
-# whether there are man pages (true, false), compiler with its options.
+# whether there are man pages (true, false), emulator or nothing, compiler with
+# its options.
 set -euo pipefail
 build=$1 example=$2 keys=$5 man_pages=$6
 velmora=$(readlink -f "$3")
 pack=$(readlink -f "$4")
-shift 6
+read -ra daemon <<<"$7 ./update_daemon"
+shift 7
 failures=0
 cd "$(mktemp -d)"
 root=$PWD/root
@@ -65,14 +67,14 @@ cp good.zip more.zip
 echo more >payload-more
 zip -q more.zip payload-more
 
-expect 2 'usage' ./update_daemon
-expect 1 'refused: .*not for this system' ./update_daemon other.zip
-expect 1 'refused: the payload holds' ./update_daemon linked.zip
-expect 1 'refused: the package holds' ./update_daemon more.zip
-expect 3 'none.zip' ./update_daemon none.zip
+expect 2 'usage' "${daemon[@]}"
+expect 1 'refused: .*not for this system' "${daemon[@]}" other.zip
+expect 1 'refused: the payload holds' "${daemon[@]}" linked.zip
+expect 1 'refused: the package holds' "${daemon[@]}" more.zip
+expect 3 'none.zip' "${daemon[@]}" none.zip
 expect 1 . "${model[@]}"
-expect 0 '^accepted: model 113440, version 1.2$' ./update_daemon good.zip
-expect 0 '^accepted' ./update_daemon good.zip
+expect 0 '^accepted: model 113440, version 1.2$' "${daemon[@]}" good.zip
+expect 0 '^accepted' "${daemon[@]}" good.zip
 expect 0 '^113440$' "${model[@]}"
 [ -z "$(ls -A state)" ] || fail "the example leaves $(ls -A state)"
 

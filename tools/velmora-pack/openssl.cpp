@@ -24,6 +24,13 @@ void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)
     }
 }
 
+/** Refuses to ask for the passphrase of an encrypted block. */
+int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
+                 void* /*data*/)
+{
+    return -1;
+}
+
 } // namespace
 
 Error opensslError(std::string_view subject, std::string_view what)
@@ -196,7 +203,7 @@ Key readPublicKey(const fs::path& file)
 {
     const Source source(file);
     const Buffer content = source.readAll();
-    Key key(PEM_read_bio_PUBKEY(memoryBio(content).get(), nullptr, nullptr,
+    Key key(PEM_read_bio_PUBKEY(memoryBio(content).get(), nullptr, noPassphrase,
                                 nullptr));
     if (!key)
     {
@@ -220,7 +227,7 @@ std::vector<Certificate> readCertificates(Bytes pem)
     const Bio bio = memoryBio(pem);
     std::vector<Certificate> certificates;
     while (X509* const certificate =
-               PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr))
+               PEM_read_bio_X509(bio.get(), nullptr, noPassphrase, nullptr))
     {
         certificates.emplace_back(certificate);
     }
