@@ -6,7 +6,7 @@ build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
 test_packages=(libgtest-dev libgmock-dev systemd scdoc abigail-tools
-    valgrind)
+    valgrind man-db)
 
 say() {
     printf '%s\n' "-- $*"

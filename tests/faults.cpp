@@ -201,8 +201,8 @@ extern "C" void note_xmlCleanupParser()
     real();
 }
 
-extern "C" int fault_execl(const char* path, const char* first, ...)
-    __asm__("execl");
+extern "C" int fault_execl(const char* path, const char* first,
+                           ...) __asm__("execl");
 extern "C" int fault_execl(const char* path, const char* first, ...)
 {
     if (failNow("execl", __builtin_return_address(0)))
