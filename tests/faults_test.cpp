@@ -129,7 +129,8 @@ class Faults : public testing::Test
                         ValidateQOR::VersionPurpose::TPM;
              },
              // The empty identifier is asked of the bus all the same.
-             {"open64", "xmlParseFile", "xmlXPathNewContext",
+             {"open64", "xmlParseFile", "xmlParserInputBufferCreateFd",
+              "xmlNewIOInputStream", "xmlXPathNewContext",
               "xmlXPathEvalExpression", "xmlNodeGetContent"}},
             {"getInventoryModel",
              [] {},
@@ -256,6 +257,22 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
     statusWith("munmap", log);
     EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: munmap "
                                        "failed,strerr[Invalid argument]"));
+    // A chain without a certificate: closed first, unmapped second.
+    withFault("munmap", 1,
+              [&]
+              {
+                  log = logOf(
+                      [&]
+                      {
+                          EXPECT_EQ(ValidateQOR::verify_slot_signature(
+                                        std::string(24576, '\0'), signature,
+                                        payload.data()),
+                                    7);
+                      });
+              });
+    EXPECT_THAT(log.back(),
+                testing::MatchesRegex("FAILURE verify_slot_signature: "
+                                      "Line\\[[0-9]+\\]munmap failed"));
     statusWith("close", log);
     EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: File " +
                                        payload +

@@ -84,6 +84,19 @@ TEST_F(Digest, OfFilesAroundThePieceSize)
     }
 }
 
+TEST_F(Digest, PathIsLoggedAsItWasSpelt)
+{
+    std::string path = scratch.path.string();
+    while (path.size() < 1000)
+    {
+        path += "/.";
+    }
+    path += "//f";
+    writeFile(path, "");
+    EXPECT_EQ(file(path), EMPTY_DIGEST);
+    EXPECT_THAT(log, ElementsAre(shaLine(path, EMPTY_DIGEST)));
+}
+
 TEST_F(Digest, WhatIsNoReadableFileGivesOneFailure)
 {
     ASSERT_EQ(mkfifo((scratch / "fifo").c_str(), 0600), 0);

@@ -403,6 +403,21 @@ TEST_F(Payload, SlotStatuses)
                       1);
         });
     EXPECT_EQ(verifySlot("short", goodSignature()), 7);
+    // Nobody is asked for the passphrase of an encrypted block.
+    std::string encrypted = "-----BEGIN CERTIFICATE-----\n"
+                            "Proc-Type: 4,ENCRYPTED\n"
+                            "DEK-Info: AES-256-CBC,"
+                            "00112233445566778899AABBCCDDEEFF\n\n"
+                            "AAAA\n-----END CERTIFICATE-----\n";
+    encrypted.resize(CHAIN);
+    EXPECT_EQ(verifySlot(encrypted, goodSignature()), 7);
+    EXPECT_THAT(logOf(
+                    []
+                    {
+                        EXPECT_EQ(ValidateQOR::getX509Cert(""), nullptr);
+                    }),
+                ElementsAre("INFO getX509Cert: Entry",
+                            "FAILURE getX509Cert: Invalid input argument"));
     EXPECT_EQ(verifySlot(std::string(CHAIN, '\0'), goodSignature()), 7);
     EXPECT_EQ(log.back(), "FAILURE verify_slot_signature: convert char buffer "
                           "to X509 cert format failed");

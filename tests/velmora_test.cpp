@@ -439,6 +439,17 @@ TEST_F(Identity, NoModelElementsPass)
 {
     const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
     EXPECT_TRUE(valid("<model systemID='1'/>"));
+    for (const std::string& path :
+         {(scratch / "none").string(), std::string(), scratch.path.string()})
+    {
+        EXPECT_THAT(logOf(
+                        [&]
+                        {
+                            EXPECT_FALSE(
+                                ValidateQOR::validateSytemIdFromPkgXML(path));
+                        }),
+                    ElementsAre("INFO hexSystemIDStr: 0A1B", "FAILURE"));
+    }
     EXPECT_THAT(
         log,
         ElementsAre("INFO hexSystemIDStr: 0A1B", "INFO xmlXPathNodeNr: 0",
