@@ -43,7 +43,8 @@ long countProcesses()
 {
     return std::count_if(
         fs::directory_iterator("/proc"), fs::directory_iterator(),
-        [](const fs::directory_entry& entry) {
+        [](const fs::directory_entry& entry)
+        {
             return std::isdigit(entry.path().filename().c_str()[0]) != 0;
         });
 }
@@ -55,9 +56,9 @@ long countConnections()
     sd_bus_message* reply = nullptr;
     long count = 0;
     if (sd_bus_open_system(&bus) >= 0 &&
-        sd_bus_call_method(bus, "org.freedesktop.DBus",
-                           "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                           "ListNames", nullptr, &reply, "") >= 0)
+        sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "ListNames", nullptr, &reply,
+                           "") >= 0)
     {
         const char* name = nullptr;
         sd_bus_message_enter_container(reply, 'a', "s");

@@ -139,8 +139,7 @@ Answer findRefusal(const fs::path& package, bool verbose)
     }
     if (actual != expected)
     {
-        Answer answer =
-            refused("the payload's digest is not the descriptor's");
+        Answer answer = refused("the payload's digest is not the descriptor's");
         answer.fields["expected digest"] = expected;
         answer.fields["payload digest"] = actual;
         return answer;
