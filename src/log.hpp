@@ -38,7 +38,7 @@ class Decimal
     }
 
   private:
-    std::array<char, 24> digits_;
+    std::array<char, 24> digits_{};
     std::size_t size_;
 };
 
@@ -50,7 +50,7 @@ class Decimal
  *  it can be written when memory is out. */
 inline void cerrLine(int line, std::initializer_list<std::string_view> parts)
 {
-    std::array<char, 512> buffer;
+    std::array<char, 512> buffer{};
     std::size_t used = 0;
     const auto drain = [&buffer, &used]
     {

@@ -44,7 +44,7 @@ constexpr std::streamoff SIGNATURE_FILE_MAX_SIZE = 511;
 /** r and s at the end of an image, in bytes each. */
 constexpr std::size_t SIGNATURE_NUMBER_SIZE = 48;
 constexpr std::size_t IMAGE_SIGNATURE_SIZE = 2 * SIGNATURE_NUMBER_SIZE;
-constexpr std::size_t IMAGE_BUFFER_SIZE = 4 * 1024 * 1024;
+constexpr std::size_t IMAGE_BUFFER_SIZE = std::size_t{4} * 1024 * 1024;
 
 constexpr std::size_t RECORD_HEADER_SIZE = 16;
 constexpr std::uint16_t RELEASE_RECORD_TYPE = 10;
@@ -71,7 +71,7 @@ std::uint32_t loadLe32(Bytes bytes, std::size_t offset)
 std::string readAll(std::ifstream& file)
 {
     std::string content;
-    std::array<char, 64 * 1024> piece;
+    std::array<char, 65536> piece{};
     while (file.read(piece.data(), piece.size()), file.gcount() > 0)
     {
         content.append(piece.data(), static_cast<std::size_t>(file.gcount()));
@@ -139,9 +139,11 @@ void writeReleaseMarker(Bytes manifest)
     {
         return;
     }
-    const auto release = findRelease(
-        manifest, loadLe32(manifest, offsetof(manifestHeader, recordOffset)),
-        loadLe32(manifest, offsetof(manifestHeader, recordCount)));
+    const std::uint8_t release =
+        findRelease(manifest,
+                    loadLe32(manifest, offsetof(manifestHeader, recordOffset)),
+                    loadLe32(manifest, offsetof(manifestHeader, recordCount)))
+            .value_or(0);
     if (release != 1 && release != 2)
     {
         return;
@@ -159,7 +161,7 @@ void writeReleaseMarker(Bytes manifest)
     {
         return;
     }
-    const std::array<char, 2> text{static_cast<char>('0' + *release), '\n'};
+    const std::array<char, 2> text{static_cast<char>('0' + release), '\n'};
     [[maybe_unused]] const ssize_t written =
         write(file.get(), text.data(), text.size());
 }
@@ -311,7 +313,7 @@ bool verifyImage(std::ifstream& image, std::uint32_t imageSize, Bytes keyReply)
     {
         return false;
     }
-    std::array<char, IMAGE_SIGNATURE_SIZE> signature;
+    std::array<char, IMAGE_SIGNATURE_SIZE> signature{};
     if (!readExactly(image, signature.data(), signature.size()))
     {
         stderrFailure(VERIFY_IMAGE)("Failed to read ZRN image signature");
@@ -348,7 +350,7 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
     {
         return false;
     }
-    std::array<std::uint8_t, sizeof(header)> stored;
+    std::array<std::uint8_t, sizeof(header)> stored{};
     std::memcpy(stored.data(), &header, stored.size());
     const std::size_t length =
         loadLe32(stored, offsetof(manifestHeader, length));

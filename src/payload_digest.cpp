@@ -31,7 +31,7 @@ using namespace velmora;
 namespace fs = std::filesystem;
 
 /** A file is digested in pieces of this many bytes. */
-constexpr std::size_t PIECE_SIZE = 10 * 1024 * 1024;
+constexpr std::size_t PIECE_SIZE = std::size_t{10} * 1024 * 1024;
 constexpr std::size_t SHA256_SIZE = 32;
 
 /** SHA-256 in steps. A step on a context that could not be made, or that was

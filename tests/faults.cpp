@@ -13,6 +13,7 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509_vfy.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -124,7 +125,7 @@ FAULT(int, fork, (), (), failed(EAGAIN))
 FAULT(int, waitpid, (int p, int* s, int o), (p, s, o), failed(EINTR))
 FAULT(int, open64, (const char* p, int f, unsigned m), (p, f, m), failed(EACCES))
 FAULT_AT(int, fstat64, FSTAT64, (int d, struct stat* s), (d, s), failed(EIO))
-FAULT(void*, mmap64, (void* a, size_t l, int p, int f, int d, std::int64_t o), (a, l, p, f, d, o), (failed(ENOMEM), reinterpret_cast<void*>(-1)))
+FAULT(void*, mmap64, (void* a, size_t l, int p, int f, int d, std::int64_t o), (a, l, p, f, d, o), (failed(ENOMEM), MAP_FAILED))
 FAULT(int, munmap, (void* a, size_t l), (a, l), (real(a, l), failed(EINVAL)))
 FAULT(int, close, (int d), (d), (real(d), failed(EIO)))
 FAULT(ssize_t, read, (int d, void* b, size_t n), (d, b, n), failed(EIO))

@@ -15,7 +15,6 @@ namespace
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::StartsWith;
 
 constexpr const char* MARKER = "/tmp/ingressRelease";
 
@@ -193,7 +192,7 @@ class Image : public testing::Test
 
 TEST_F(Image, VerifiesAtEverySize)
 {
-    constexpr std::size_t chunk = 4 * 1024 * 1024;
+    constexpr std::size_t chunk = 4'194'304;
     for (const std::size_t size : {std::size_t(0), std::size_t(1), chunk - 1,
                                    chunk, chunk + 1, 2 * chunk})
     {

@@ -286,7 +286,9 @@ TEST_F(Inventory, AServiceThatDoesNotAnswer)
 
 TEST_F(Inventory, NoBusAtAll)
 {
-    const std::string address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const char* set = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    ASSERT_NE(set, nullptr);
+    const std::string address = set;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     try
     {

@@ -204,12 +204,12 @@ ValidateQOR::VersionPurpose purposeFrom(const std::string& name)
 
 ValidateQOR::ReleaseType releaseTypeFrom(const std::string& name)
 {
-    using enum ValidateQOR::ReleaseType;
+    using ReleaseType = ValidateQOR::ReleaseType;
     if (name == "Production")
     {
-        return Production;
+        return ReleaseType::Production;
     }
-    return name == "Prototype" ? Prototype : Other;
+    return name == "Prototype" ? ReleaseType::Prototype : ReleaseType::Other;
 }
 
 Answer inventoryAnswer(bool done, const LibraryLog& log)

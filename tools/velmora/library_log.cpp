@@ -78,7 +78,7 @@ void flushStreams()
 std::string contentOf(int descriptor)
 {
     std::string text;
-    std::array<char, 4096> piece;
+    std::array<char, 4096> piece{};
     off_t offset = 0;
     ssize_t size = 0;
     while ((size = pread(descriptor, piece.data(), piece.size(), offset)) > 0)
