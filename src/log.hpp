@@ -50,7 +50,9 @@ class Decimal
  *  it can be written when memory is out. */
 inline void cerrLine(int line, std::initializer_list<std::string_view> parts)
 {
-    std::array<char, 512> buffer{};
+    // Filled as far as it is used.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
+    std::array<char, 512> buffer;
     std::size_t used = 0;
     const auto drain = [&buffer, &used]
     {
