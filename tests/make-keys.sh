@@ -5,4 +5,7 @@ set -eu
 keys=$1
 shift
 rm -rf "$keys"
-exec "$@" test-keys "$keys"
+if ! said=$("$@" test-keys "$keys" 2>&1); then
+    echo "$said" >&2
+    exit 1
+fi
