@@ -65,5 +65,11 @@ compile() {
         printf '%s\n' "${new[@]}" >>"$dir/dev-options"
     fi
     say "compiling $dir"
+    # First what Meson has to say anew after a change of its files.
+    if ! ninja --quiet -C "$dir" build.ninja >"$log" 2>&1; then
+        cat "$log" >&2
+        exit 1
+    fi
+    rm -f "$log"
     ninja --quiet -C "$dir"
 }

@@ -66,12 +66,11 @@ class Sha256
     std::string text() const
     {
         constexpr std::string_view digits = "0123456789abcdef";
-        std::string hex;
-        hex.reserve(2 * digest_.size());
-        for (const unsigned char byte : digest_)
+        std::string hex(2 * digest_.size(), '\0');
+        for (std::size_t i = 0; i < digest_.size(); ++i)
         {
-            hex += digits[byte >> 4];
-            hex += digits[byte & 0xF];
+            hex[2 * i] = digits[digest_[i] >> 4];
+            hex[2 * i + 1] = digits[digest_[i] & 0xF];
         }
         return hex;
     }
@@ -150,9 +149,15 @@ class Directory
 
     struct Entry
     {
-        std::string path;
+        std::string name;
         bool regular;
     };
+
+    /** Path of an entry. */
+    std::string pathOf(const std::string& name) const
+    {
+        return prefix_ + name;
+    }
 
     /** @return the next entry but "." and "..", nothing at the end
      *  @throws fs::filesystem_error when the directory or the status of an
@@ -162,14 +167,13 @@ class Directory
         errno = 0;
         while (const dirent* entry = readdir(stream_.get()))
         {
-            const std::string_view name = entry->d_name;
+            std::string name = entry->d_name;
             if (name != "." && name != "..")
             {
-                std::string path = prefix_;
-                path += name;
-                const bool regular = entry->d_type == DT_REG ||
-                                     fs::is_regular_file(fs::status(path));
-                return Entry{std::move(path), regular};
+                const bool regular =
+                    entry->d_type == DT_REG ||
+                    fs::is_regular_file(fs::status(pathOf(name)));
+                return Entry{std::move(name), regular};
             }
         }
         if (errno != 0)
@@ -274,26 +278,27 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
         cerrFailure();
         return {};
     }
-    std::vector<std::string> files;
+    std::vector<std::string> names;
     Directory directory(payloadPath);
     while (auto entry = directory.next())
     {
         if (entry->regular)
         {
-            files.push_back(std::move(entry->path));
+            names.push_back(std::move(entry->name));
         }
         else
         {
             cerrFailure();
         }
     }
-    // std::string compares bytes as unsigned values, whatever the locale.
-    std::sort(files.begin(), files.end());
+    // The paths differ in their names alone; std::string compares bytes as
+    // unsigned values, whatever the locale.
+    std::sort(names.begin(), names.end());
 
     std::vector<std::string> digests;
-    for (const std::string& path : files)
+    for (const std::string& name : names)
     {
-        std::string digest = calculateFileSHA(path);
+        std::string digest = calculateFileSHA(directory.pathOf(name));
         if (!digest.empty())
         {
             digests.push_back(std::move(digest));

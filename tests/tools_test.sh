@@ -109,6 +109,10 @@ fails 0000 package --model 1 --version 1 --payload files \
 expect 2 'system-id' "$pack" "${package[@]}" --payload files --system-id wrong \
     -o x.zip
 
+mkdir secret
+cp "$keys/image-signer.pem" secret/a
+fails secret/a "${package[@]}" --payload secret -o x.zip
+
 # ---- images ------------------------------------------------------------
 head -c 100000 /dev/urandom >content
 "$pack" manifest --release 1 --prefix files/a -o manifest
@@ -124,6 +128,9 @@ openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
     --public-key "$keys/image-signer.pub.pem" -o image2
 expect 0 'r' "$pack" inspect --as image image2
 fails payload-signer "image" content --key "$keys/payload-signer.pem" -o x
+cp "$keys/image-signer.pem" own-key
+fails own-key "image" content --key own-key -o own-key
+fails own-key "image" own-key --key "$keys/image-signer.pem" -o x
 fails content "image" content --signature content \
     --public-key "$keys/image-signer.pub.pem" -o x
 

@@ -124,7 +124,15 @@ void InventoryService::add(sd_bus_message* call)
     {
         throw Refusal(notAllowed, "Software object exists already: " + path);
     }
-    object->second.publish(sd_bus_message_get_bus(call), path.c_str());
+    try
+    {
+        object->second.publish(sd_bus_message_get_bus(call), path.c_str());
+    }
+    catch (...)
+    {
+        objects.erase(object);
+        throw;
+    }
     check(sd_bus_reply_method_return(call, nullptr), "reply");
 }
 

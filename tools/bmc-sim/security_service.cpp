@@ -75,7 +75,7 @@ void SecurityService::verifyManifest(sd_bus_message* call)
     {
         throw Refusal(unavailable, "No signer key is configured");
     }
-    const bool good = isManifest(manifest, length);
+    const bool good = enable != 0 && isManifest(manifest, length);
     const auto key = good ? packKey(signerKey) : std::vector<std::uint8_t>();
 
     sd_bus_message* created = nullptr;

@@ -436,4 +436,29 @@ std::optional<std::int32_t> sourceDateEpoch()
     return seconds;
 }
 
+void expectDistinct(const fs::path& output,
+                    std::initializer_list<fs::path> inputs)
+{
+    for (const fs::path& input : inputs)
+    {
+        std::error_code missing;
+        if (fs::equivalent(output, input, missing))
+        {
+            throw Error(output.string(), "is also an input");
+        }
+    }
+}
+
+void expectNoPrivateKey(const Source& source)
+{
+    constexpr std::uint64_t lookedAt = 65536;
+    const Buffer start = source.read(0, std::min(source.size(), lookedAt));
+    const std::string_view text = textOf(start);
+    if (text.find("PRIVATE KEY-----") != std::string_view::npos ||
+        text.find("PRIVATE KEY BLOCK-----") != std::string_view::npos)
+    {
+        throw Error(source.name(), "holds a private key");
+    }
+}
+
 } // namespace pack

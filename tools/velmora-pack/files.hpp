@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string_view>
 
@@ -160,5 +161,19 @@ void writeFile(const std::filesystem::path& target, const Source& source,
 
 /** The time that SOURCE_DATE_EPOCH gives, in seconds. */
 std::optional<std::int32_t> sourceDateEpoch();
+
+/** An output must not take the place of what it is made from.
+ *
+ *  @param output may be empty or not exist yet
+ *  @throws Error when it is one of @p inputs, of which some may be empty */
+void expectDistinct(const std::filesystem::path& output,
+                    std::initializer_list<std::filesystem::path> inputs);
+
+/** What is shipped must not hold a private key, as it would when the wrong
+ *  file was named.
+ *
+ *  @throws Error when the start of @p source has one in PEM or OpenPGP's
+ *          armour */
+void expectNoPrivateKey(const Source& source);
 
 } // namespace pack

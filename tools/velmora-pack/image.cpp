@@ -123,6 +123,12 @@ void checkImage(const Source& image, EVP_PKEY* publicKey)
 void makeImage(const ImageOptions& options)
 {
     const Source source(options.input);
+    expectNoPrivateKey(source);
+    for (const fs::path& made : {options.output, options.signing.toBeSigned})
+    {
+        expectDistinct(made, {options.input, options.publicKey,
+                              options.signing.key, options.signing.signature});
+    }
     if (source.size() > largestImage - signatureSize)
     {
         throw Error(source.name(),

@@ -199,6 +199,11 @@ void makeManifest(const ManifestOptions& options)
         throw Error(options.prefix.string(),
                     "holds \"$KTB\", where the manifest would be looked for");
     }
+    expectNoPrivateKey(Source(content));
+    for (const char* made : {"image-ktb", "image-ktb.sig"})
+    {
+        expectDistinct(options.output / made, {options.prefix});
+    }
     const SignalDeferral deferral;
     MadeDirectory directory(options.output);
     OutputFile file(options.output / "image-ktb");

@@ -106,6 +106,7 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
     for (const fs::path& file : files)
     {
         const Source source(file);
+        expectNoPrivateKey(source);
         digests[file.filename().string()] =
             digestText(source, 0, source.size(), EVP_sha256());
     }
@@ -261,6 +262,14 @@ void checkPackage(const Source& made, const PackageOptions& options,
 void makePackage(const PackageOptions& options)
 {
     const std::vector<fs::path> files = payloadFiles(options.payload);
+    for (const fs::path& made : {options.output, options.signing.toBeSigned})
+    {
+        expectDistinct(made, {options.signing.signature});
+        for (const fs::path& file : files)
+        {
+            expectDistinct(made, {file});
+        }
+    }
     const FileDigests digests = digestFiles(files);
     const Buffer descriptor =
         writeDescriptor({options.model, options.version, compositeOf(digests),

@@ -352,6 +352,12 @@ Json describeSignature(const Source& file, const Layout& layout,
 void makePayload(const PayloadOptions& options)
 {
     const Source body(options.input);
+    expectNoPrivateKey(body);
+    for (const fs::path& made : {options.output, options.signing.toBeSigned})
+    {
+        expectDistinct(made, {options.input, options.chain, options.signing.key,
+                              options.signing.signature});
+    }
     if (body.size() == 0)
     {
         throw Error(body.name(), "is empty");
