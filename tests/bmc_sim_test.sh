@@ -35,12 +35,19 @@ nothing_left() {
     fi
 }
 
+# Where the kernel forbids namespaces, each run says that it works in place.
+silent='^$'
+if [[ $("${sim[@]}" -- true 2>&1) == *"in place"* ]]; then
+    silent='in place'
+    echo "no new namespaces here: an ordinary user's run is not tried"
+fi
+
 # Expanded in the sandbox.
 # shellcheck disable=SC2016
 get='busctl --address=$DBUS_SYSTEM_BUS_ADDRESS'
-expect 0 '^$' "${sim[@]}" -- true
-expect 7 '^$' "${sim[@]}" -- sh -c 'exit 7'
-expect 143 '^$' "${sim[@]}" -- sh -c 'kill -TERM $$'
+expect 0 "$silent" "${sim[@]}" -- true
+expect 7 "$silent" "${sim[@]}" -- sh -c 'exit 7'
+expect 143 "$silent" "${sim[@]}" -- sh -c 'kill -TERM $$'
 expect 127 'none' "${sim[@]}" -- none
 expect 126 'denied' "${sim[@]}" -- /etc/passwd
 expect 2 . "${sim[@]}" --system-id wrong -- true
@@ -49,7 +56,7 @@ expect 125 'bmc-sim: .*nokey' "${sim[@]}" --signer-key nokey -- true
 expect 0 '^out$' "${sim[@]}" -- sh -c 'echo out > here; cat here'
 expect 0 '^out$' cat here
 expect 0 '^700$' "${sim[@]}" -- stat -c %a /etc/gpg/secupkey/.gnupg
-expect 0 '^$' "${sim[@]}" -- sh -c 'cd /var/run/velmora/Zarnholt && cd \
+expect 0 "$silent" "${sim[@]}" -- sh -c 'cd /var/run/velmora/Zarnholt && cd \
     /var/run/obmcupdate && echo 1 > /tmp/ingressRelease'
 expect 0 'ay 2 28 10' "${sim[@]}" --system-id 0A1C -- sh -c "$get get-property \
     com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
@@ -89,7 +96,7 @@ if [ "$(id -u)" -eq 0 ]; then
     cp "${sim[2]}" "$work/bmc-sim"
     chmod 755 "$work"
     user=(env "BMC_SIM_TEST=$$" setpriv --reuid=65534 --regid=65534 --clear-groups)
-    expect 0 '^65534$' "${user[@]}" "$work/bmc-sim" -- id -u
+    [ "$silent" != '^$' ] || expect 0 '^65534$' "${user[@]}" "$work/bmc-sim" -- id -u
     expect 125 'root' "${user[@]}" "$work/bmc-sim" --in-place -- true
     nothing_left "an ordinary user's run"
 else
