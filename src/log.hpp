@@ -81,7 +81,11 @@ inline void cerrLine(int line, std::initializer_list<std::string_view> parts)
     }
     append("\n");
     drain();
-    std::cerr.flush();
+    // Usually the stream has done so already, after the write.
+    if ((std::cerr.flags() & std::ios::unitbuf) == 0)
+    {
+        std::cerr.flush();
+    }
 }
 
 inline void cerrFailure(int line = __builtin_LINE())

@@ -296,6 +296,7 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
     std::sort(names.begin(), names.end());
 
     std::vector<std::string> digests;
+    digests.reserve(names.size());
     for (const std::string& name : names)
     {
         std::string digest = calculateFileSHA(directory.pathOf(name));

@@ -157,10 +157,13 @@ void writePublic(const fs::path& file, Bytes content)
     writeFile(file, Source(content));
 }
 
+/** Readers of PEM pass over what stands before a block. */
+constexpr const char* keyMark = "TEST, do not trust\n";
+
 void writePrivateKey(const fs::path& file, const EVP_PKEY* key)
 {
     const Bio bio(BIO_new(BIO_s_mem()));
-    require(bio &&
+    require(bio && BIO_puts(bio.get(), keyMark) > 0 &&
                 PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr,
                                               0, nullptr, nullptr) == 1,
             "a private key cannot be written");
@@ -175,7 +178,8 @@ void writePrivateKey(const fs::path& file, const EVP_PKEY* key)
 void writePublicKey(const fs::path& file, const EVP_PKEY* key)
 {
     const Bio bio(BIO_new(BIO_s_mem()));
-    require(bio && PEM_write_bio_PUBKEY(bio.get(), key) == 1,
+    require(bio && BIO_puts(bio.get(), keyMark) > 0 &&
+                PEM_write_bio_PUBKEY(bio.get(), key) == 1,
             "a public key cannot be written");
     writePublic(file, contentOf(bio.get()));
 }
