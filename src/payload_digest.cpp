@@ -66,13 +66,13 @@ class Sha256
     std::string text() const
     {
         constexpr std::string_view digits = "0123456789abcdef";
-        std::string hex(2 * digest_.size(), '\0');
+        std::array<char, 2 * SHA256_SIZE> hex{};
         for (std::size_t i = 0; i < digest_.size(); ++i)
         {
             hex[2 * i] = digits[digest_[i] >> 4];
             hex[2 * i + 1] = digits[digest_[i] & 0xF];
         }
-        return hex;
+        return {hex.data(), hex.size()};
     }
 
   private:
@@ -80,7 +80,7 @@ class Sha256
     std::array<unsigned char, SHA256_SIZE> digest_{};
 };
 
-/** A file that is read from its start. */
+/** A file that is read piece by piece. */
 class InputFile
 {
   public:
@@ -90,30 +90,33 @@ class InputFile
     {
     }
 
-    /** @return bytes, nothing when it is not open or no regular file: a
-     *          directory or device has no length that could be digested */
+    /** @return bytes, nothing when it is not open or has no length */
     std::optional<std::uint64_t> length() const
     {
-        struct stat status
-        {
-        };
-        if (!descriptor_ || fstat(descriptor_.get(), &status) != 0 ||
-            !S_ISREG(status.st_mode))
+        const off_t end =
+            descriptor_ ? lseek(descriptor_.get(), 0, SEEK_END) : off_t{-1};
+        // Directories and devices mostly tell none or an absurd one. For all
+        // files, fstat would cost as much as the digest of a small one.
+        const bool usual = end > 0 && end < off_t{PIECE_SIZE};
+        if (end < 0 || (!usual && !isRegular()))
         {
             return std::nullopt;
         }
-        return static_cast<std::uint64_t>(status.st_size);
+        return static_cast<std::uint64_t>(end);
     }
 
-    /** @return whether all of the next @p size bytes were there */
-    bool read(char* data, std::size_t size) const
+    /** @param offset of the first byte, from the start of the file
+     *  @return whether all @p size bytes from there on could be read */
+    bool read(char* data, std::size_t size, std::uint64_t offset) const
     {
         while (size > 0)
         {
-            const ssize_t count = ::read(descriptor_.get(), data, size);
+            const ssize_t count = pread(descriptor_.get(), data, size,
+                                        static_cast<off_t>(offset));
             if (count > 0)
             {
                 data += count;
+                offset += static_cast<std::uint64_t>(count);
                 size -= static_cast<std::size_t>(count);
             }
             else if (count == 0 || errno != EINTR)
@@ -125,6 +128,15 @@ class InputFile
     }
 
   private:
+    bool isRegular() const
+    {
+        struct stat status
+        {
+        };
+        return fstat(descriptor_.get(), &status) == 0 &&
+               S_ISREG(status.st_mode);
+    }
+
     Descriptor descriptor_;
 };
 
@@ -154,9 +166,9 @@ class Directory
     };
 
     /** Path of an entry. */
-    std::string pathOf(const std::string& name) const
+    std::string pathOf(std::string_view name) const
     {
-        return prefix_ + name;
+        return std::string(prefix_).append(name);
     }
 
     /** @return the next entry but "." and "..", nothing at the end
@@ -167,13 +179,12 @@ class Directory
         errno = 0;
         while (const dirent* entry = readdir(stream_.get()))
         {
-            std::string name = entry->d_name;
+            const std::string_view name = entry->d_name;
             if (name != "." && name != "..")
             {
-                const bool regular =
-                    entry->d_type == DT_REG ||
-                    fs::is_regular_file(fs::status(pathOf(name)));
-                return Entry{std::move(name), regular};
+                return Entry{std::string(name),
+                             entry->d_type == DT_REG ||
+                                 fs::is_regular_file(fs::status(pathOf(name)))};
             }
         }
         if (errno != 0)
@@ -245,12 +256,12 @@ std::string calculateFileSHA(const std::string& filePath)
         complete = false;
     }
     const auto buffer = makeReadBuffer(*length);
-    for (std::uint64_t left = *length; left > 0;)
+    for (std::uint64_t offset = 0; offset < *length; offset += PIECE_SIZE)
     {
-        const auto size =
-            static_cast<std::size_t>(std::min<std::uint64_t>(left, PIECE_SIZE));
-        left -= size;
-        if (!file.read(buffer.get(), size) || !sha.update(buffer.get(), size))
+        const auto size = static_cast<std::size_t>(
+            std::min<std::uint64_t>(*length - offset, PIECE_SIZE));
+        if (!file.read(buffer.get(), size, offset) ||
+            !sha.update(buffer.get(), size))
         {
             cerrFailure();
             complete = false;
