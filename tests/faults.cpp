@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace
 {
@@ -31,6 +32,8 @@ namespace
 std::string chosen;
 int countdown = 0;
 bool fired = false;
+/** Takes the place of the failure. */
+std::function<void()> interruption;
 /** Faults are for the thread of the test, not for its services. */
 thread_local bool watched = false;
 velmora::test::Lines* releases = nullptr;
@@ -57,6 +60,11 @@ bool failNow(const char* function, const void* caller)
         return false;
     }
     fired = true;
+    if (interruption)
+    {
+        interruption();
+        return false;
+    }
     return true;
 }
 
@@ -172,7 +180,7 @@ FAULT(gpgme_error_t, gpgme_new, (gpgme_ctx_t* c), (c), GPG_ERR_ENOMEM)
 FAULT(gpgme_error_t, gpgme_ctx_set_engine_info, (gpgme_ctx_t c, gpgme_protocol_t p, const char* f, const char* h), (c, p, f, h), GPG_ERR_ENOMEM)
 FAULT(gpgme_error_t, gpgme_data_new_from_file, (gpgme_data_t* d, const char* f, int c), (d, f, c), GPG_ERR_EIO)
 FAULT(gpgme_error_t, gpgme_op_verify, (gpgme_ctx_t c, gpgme_data_t s, gpgme_data_t t, gpgme_data_t p), (c, s, t, p), GPG_ERR_GENERAL)
-FAULT(gpgme_verify_result_t, gpgme_op_verify_result, (gpgme_ctx_t c), (c), nullptr)
+FAULT(gpgme_verify_result_t, gpgme_op_verify_result, (gpgme_ctx_t c), (c), static_cast<gpgme_verify_result_t>(velmora::test::insteadOfResult))
 FAULT(const char*, gpgme_hash_algo_name, (gpgme_hash_algo_t a), (a), nullptr)
 FAULT(const char*, gpgme_pubkey_algo_name, (gpgme_pubkey_algo_t a), (a), nullptr)
 
@@ -180,7 +188,7 @@ FAULT(xmlDocPtr, xmlParseFile, (const char* p), (p), nullptr)
 FAULT(xmlParserInputBufferPtr, xmlParserInputBufferCreateFd, (int d, xmlCharEncoding e), (d, e), nullptr)
 FAULT(xmlParserInputPtr, xmlNewIOInputStream, (xmlParserCtxtPtr c, xmlParserInputBufferPtr b, xmlCharEncoding e), (c, b, e), nullptr)
 FAULT(xmlXPathContextPtr, xmlXPathNewContext, (xmlDocPtr d), (d), nullptr)
-FAULT(xmlXPathObjectPtr, xmlXPathEvalExpression, (const xmlChar* e, xmlXPathContextPtr c), (e, c), nullptr)
+FAULT(xmlXPathObjectPtr, xmlXPathEvalExpression, (const xmlChar* e, xmlXPathContextPtr c), (e, c), static_cast<xmlXPathObjectPtr>(velmora::test::insteadOfResult))
 FAULT(xmlChar*, xmlNodeGetContent, (const xmlNode* n), (n), nullptr)
 
 FAULT(int, sd_bus_default_system, (sd_bus** b), (b), -ENOMEM)
@@ -324,6 +332,18 @@ bool withFault(const std::string& function, int nth,
     watched = false;
     return fired;
 }
+
+bool withInterruption(const std::string& function, int nth,
+                      std::function<void()> before,
+                      const std::function<void()>& work)
+{
+    interruption = std::move(before);
+    const bool met = withFault(function, nth, work);
+    interruption = nullptr;
+    return met;
+}
+
+void* insteadOfResult = nullptr;
 
 Lines releasesOf(const std::function<void()>& work)
 {

@@ -23,6 +23,18 @@ std::vector<std::string> faultyFunctions();
 bool withFault(const std::string& function, int nth,
                const std::function<void()>& work);
 
+/** Runs @p work with @p before run in front of the @p nth call of @p function,
+ *  which is then made.
+ *
+ *  @return whether there was such a call */
+bool withInterruption(const std::string& function, int nth,
+                      std::function<void()> before,
+                      const std::function<void()>& work);
+
+/** What gpgme_op_verify_result and xmlXPathEvalExpression give when they are
+ *  made to fail; owned as their results are. */
+extern void* insteadOfResult;
+
 /** Objects that the library released meanwhile, in order, by the names of the
  *  releasing functions. */
 Lines releasesOf(const std::function<void()>& work);

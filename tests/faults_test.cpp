@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <gpgme.h>
 #include <gtest/gtest.h>
+#include <libxml/xpathInternals.h>
 #include <openssl/x509.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -352,6 +354,138 @@ TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
     EXPECT_FALSE(done);
     EXPECT_THAT(log,
                 ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
+}
+
+TEST_F(Faults, ResultsWithoutContentAreRefused)
+{
+    const std::string descriptor = scratch / "package/package.xml";
+    const auto logWith = [&](const char* function, void* result,
+                             const std::function<bool()>& accepts)
+    {
+        insteadOfResult = result;
+        const Lines log = logOf(
+            [&]
+            {
+                withFault(function, 1,
+                          [&]
+                          {
+                              EXPECT_FALSE(accepts());
+                          });
+            });
+        insteadOfResult = nullptr;
+        return log;
+    };
+    _gpgme_op_verify_result noSignature{};
+    EXPECT_THAT(logWith("gpgme_op_verify_result", &noSignature,
+                        [&]
+                        {
+                            return ValidateQOR::validatePkgXMLSignature(
+                                descriptor, descriptor + ".sign");
+                        }),
+                ElementsAre("FAILURE"));
+
+    const auto withoutTable = []
+    {
+        xmlXPathObject* result = xmlXPathNewNodeSet(nullptr);
+        result->nodesetval->nodeNr = 1;
+        return result;
+    };
+    EXPECT_THAT(logWith("xmlXPathEvalExpression", withoutTable(),
+                        [&]
+                        {
+                            return !ValidateQOR::getStrFromPkgXML(
+                                        descriptor, "//Device", "componentID")
+                                        .empty();
+                        }),
+                ElementsAre("FAILURE"));
+    EXPECT_THAT(logWith("xmlXPathEvalExpression", withoutTable(),
+                        [&]
+                        {
+                            return ValidateQOR::validateSytemIdFromPkgXML(
+                                descriptor);
+                        }),
+                ElementsAre("INFO hexSystemIDStr: 0A1B",
+                            testing::HasSubstr("validation will continue."),
+                            "INFO xmlXPathNodeNr: 1", "FAILURE"));
+}
+
+TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
+{
+    // The fields of the payload begin behind its four bytes of body.
+    const auto cutAt = [&](std::size_t size, int nthRead)
+    {
+        fs::copy_file(payload, scratch / "shrinks",
+                      fs::copy_options::overwrite_existing);
+        return logOf(
+            [&]
+            {
+                EXPECT_TRUE(withInterruption(
+                    "read", nthRead,
+                    [&]
+                    {
+                        fs::resize_file(scratch / "shrinks", size);
+                    },
+                    [&]
+                    {
+                        EXPECT_FALSE(ValidateQOR::validateCertChainForPayload(
+                            scratch / "shrinks"));
+                    }));
+            });
+    };
+    const auto info = [](const std::string& text)
+    {
+        return "INFO validateCertChainForPayload: " + text;
+    };
+    const std::string length = info("Payload length is 76804");
+    const std::string chain = info("Certificate Chain offset 4");
+    const std::string metadata = info("Metadata offset 24580");
+    EXPECT_THAT(cutAt(1004, 1),
+                ElementsAre(length, chain,
+                            "FAILURE validateCertChainForPayload: Only 1000 "
+                            "bytes read",
+                            "FAILURE"));
+    EXPECT_THAT(cutAt(24580 + 511, 2),
+                ElementsAre(length, chain, metadata, "FAILURE"));
+    EXPECT_THAT(cutAt(24580 + 512 + 511, 2),
+                ElementsAre(length, chain, metadata,
+                            info("Signature offset 25092"), "FAILURE"));
+
+    const auto size = fs::file_size(scratch / "image");
+    EXPECT_THAT(
+        logOf(
+            [&]
+            {
+                EXPECT_TRUE(withInterruption(
+                    "sd_bus_call", 1,
+                    [&]
+                    {
+                        fs::resize_file(scratch / "image", size - 1);
+                    },
+                    [&]
+                    {
+                        EXPECT_EQ(ValidateQOR::verifyManifestAndSignature(
+                                      scratch / "image", scratch / "manifest"),
+                                  -1);
+                    }));
+            }),
+        ElementsAre("FAILURE verifyManifestAndSignature: Failed to read ZRN "
+                    "image signature"));
+
+    writeFile(scratch / "f", "1234");
+    EXPECT_TRUE(withInterruption(
+        "pread64", 1,
+        [&]
+        {
+            fs::resize_file(scratch / "f", 3);
+        },
+        [&]
+        {
+            logOf(
+                [&]
+                {
+                    EXPECT_EQ(calculateFileSHA(scratch / "f"), "");
+                });
+        }));
 }
 
 TEST_F(Faults, AnExceptionReleasesInTheSameOrder)

@@ -422,6 +422,7 @@ TEST_F(Payload, SlotStatuses)
     EXPECT_EQ(log.back(), "FAILURE verify_slot_signature: convert char buffer "
                           "to X509 cert format failed");
     EXPECT_EQ(verifySlot(goodChain() + "x", goodSignature()), 7);
+    EXPECT_EQ(verifySlot(goodChain().substr(0, CHAIN - 1), goodSignature()), 7);
     EXPECT_FALSE(fs::exists(RUN_TIME / "certchain"));
 
     fs::remove(RUN_TIME / "publickey");
