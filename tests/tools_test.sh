@@ -69,7 +69,7 @@ head -c 100 p.zip >cut.zip
 expect 1 'refused: it cannot be unpacked' "$velmora" validate cut.zip
 expect 3 'none.zip: could not be checked' "$velmora" validate none.zip
 expect 3 '"verdict": "unchecked"' "$velmora" --json validate none.zip
-expect 2 'Run with --help' "$velmora" validate
+expect 2 '^velmora: PACKAGE is required' "$velmora" validate
 expect 2 . "$velmora" inventory add x
 sed -i 's/systemID="[^"]*"/systemID="zz"/' unpacked/package.xml
 expect 3 'systemID of the descriptor is no number' "$velmora" validate unpacked
@@ -143,6 +143,25 @@ for algorithm in PS256 PS384 PS512; do
     expect 0 '^accepted$' "$velmora" verify-payload signed
     expect 0 "$algorithm" "$pack" inspect signed
 done
+"$pack" payload p.zip --chain "$keys/chain.pem" \
+    --key "$keys/payload-signer.pem" --alg PS256 --timestamp 1000000000 -o zip
+expect 0 '^kind: signed payload' "$pack" inspect zip
+expect 0 '^kind: package' "$pack" inspect p.zip
+expect 0 '^kind: detached OpenPGP signature' "$pack" inspect sig
+cat "$keys/chain.pem" "$keys/foreign-root.pem" >long
+expect 0 'warning.*foreign.* not the issuer' "$pack" payload content \
+    --chain long --key "$keys/payload-signer.pem" --alg PS256 -o warned
+expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload content \
+    --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
+    --timestamp 1000000000 -o warned
+cp p.zip twice.zip
+python3 - twice.zip <<'PY'
+import sys, warnings, zipfile
+warnings.simplefilter("ignore")
+with zipfile.ZipFile(sys.argv[1], "a") as package:
+    package.writestr("package.xml", "<Package/>")
+PY
+expect 0 'package.xml is there more than once' "$pack" inspect twice.zip
 expect 3 'OpenBMCSecureBootRootCA.pem: No such file' "$velmora" verify-payload signed
 cp "$keys/foreign-root.pem" "$root_ca"
 expect 1 'unable to get local issuer' "$velmora" verify-payload signed

@@ -340,6 +340,18 @@ Source OutputFile::readBack() const
 void OutputFile::commit()
 {
     throwIfInterrupted();
+    giveName();
+}
+
+void OutputFile::commitBoth(OutputFile& first, OutputFile& second)
+{
+    throwIfInterrupted();
+    first.giveName();
+    second.giveName();
+}
+
+void OutputFile::giveName()
+{
     renameTo(temporary, target);
     temporary.clear();
 }

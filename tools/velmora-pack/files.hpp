@@ -123,8 +123,12 @@ class OutputFile
     /** What the disk holds, before it gets its name. */
     Source readBack() const;
     void commit();
+    /** Gives both files their names; a signal comes before or after. */
+    static void commitBoth(OutputFile& first, OutputFile& second);
 
   private:
+    void giveName();
+
     SignalDeferral deferral;
     std::filesystem::path target;
     std::filesystem::path temporary;

@@ -5,6 +5,7 @@
 #include "manifest.hpp"
 #include "package.hpp"
 #include "payload.hpp"
+#include "signature_packet.hpp"
 
 #include <algorithm>
 #include <array>
@@ -21,18 +22,30 @@ namespace
 constexpr std::size_t startSize = 256;
 constexpr std::size_t indentWidth = 2;
 
+bool isSignature(Bytes bytes)
+{
+    const Json signatures = describeSignatures(bytes);
+    return !signatures.empty() &&
+           std::ranges::all_of(signatures,
+                               [](const Json& signature)
+                               {
+                                   return signature.contains("algorithm");
+                               });
+}
+
 Kind recognise(const Source& file)
 {
     const Buffer start =
         file.read(0, std::min<std::uint64_t>(file.size(), startSize));
     const std::string_view text = textOf(start);
-    if (text.starts_with("PK\3\4") || text.starts_with("PK\5\6"))
-    {
-        return Kind::package;
-    }
+    // Its body can be of any other kind, and so begin like that.
     if (looksLikePayload(file))
     {
         return Kind::payload;
+    }
+    if (text.starts_with("PK\3\4") || text.starts_with("PK\5\6"))
+    {
+        return Kind::package;
     }
     const std::size_t first = text.find_first_not_of("\xef\xbb\xbf \t\r\n");
     if (first != std::string_view::npos && text[first] == '<')
@@ -43,6 +56,10 @@ Kind recognise(const Source& file)
         textOf(file.readAll()).find(manifestMagic) != std::string_view::npos)
     {
         return Kind::manifest;
+    }
+    if (file.size() <= largestSignature && isSignature(file.readAll()))
+    {
+        return Kind::signature;
     }
     throw Error(file.name(), "is of no kind that can be recognised (a signed "
                              "image needs --as image)");
@@ -62,6 +79,8 @@ const char* titleOf(Kind kind)
             return "signed image";
         case Kind::payload:
             return "signed payload";
+        case Kind::signature:
+            return "detached OpenPGP signature";
     }
     return "";
 }
@@ -80,6 +99,8 @@ Json describe(const Source& file, Kind kind)
             return describeImage(file);
         case Kind::payload:
             return describePayload(file);
+        case Kind::signature:
+            return {{"signatures", describeSignatures(file.readAll())}};
     }
     return {};
 }
@@ -134,12 +155,13 @@ void renderInto(std::string& text, const Json& fields, std::size_t indent)
 
 std::optional<Kind> kindOf(std::string_view name)
 {
-    constexpr std::array<std::pair<std::string_view, Kind>, 5> kinds{{
+    constexpr std::array<std::pair<std::string_view, Kind>, 6> kinds{{
         {"package", Kind::package},
         {"descriptor", Kind::descriptor},
         {"manifest", Kind::manifest},
         {"image", Kind::image},
         {"payload", Kind::payload},
+        {"signature", Kind::signature},
     }};
     const auto* const found = std::ranges::find(
         kinds, name, &std::pair<std::string_view, Kind>::first);

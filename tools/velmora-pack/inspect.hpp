@@ -18,6 +18,7 @@ enum class Kind
     manifest,
     image,
     payload,
+    signature,
 };
 
 /** The kind of that name, if there is one. */

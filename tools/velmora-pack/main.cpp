@@ -228,11 +228,11 @@ void addInspect(CLI::App& app, InspectOptions& options)
         ->required();
     command
         .add_option("--as", options.kind,
-                    "What the file is: package, descriptor, manifest, image "
-                    "or payload; a signed image must be named")
+                    "What the file is: package, descriptor, manifest, image, "
+                    "payload or signature; a signed image must be named")
         ->type_name("KIND")
-        ->check(CLI::IsMember(
-            {"package", "descriptor", "manifest", "image", "payload"}));
+        ->check(CLI::IsMember({"package", "descriptor", "manifest", "image",
+                               "payload", "signature"}));
     command.add_flag("--json", options.json, "List the fields as JSON");
 }
 
@@ -341,6 +341,12 @@ int main(int argc, char** argv)
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
     app.footer(footer);
+    app.failure_message(
+        [](const CLI::App*, const CLI::Error& error)
+        {
+            return std::string("velmora-pack: ") + error.what() +
+                   " (--help lists the options)\n";
+        });
     app.require_subcommand(1);
     addPackage(app, options.package);
     addImage(app, options.image);

@@ -212,9 +212,8 @@ void makeManifest(const ManifestOptions& options)
     expectCopy(file.readBack(), Source(content));
     signature.write(bytesOf(signatureFile));
     expectCopy(signature.readBack(), Source(bytesOf(signatureFile)));
-    file.commit();
+    OutputFile::commitBoth(file, signature);
     directory.keep();
-    signature.commit();
     report(options.output,
            "image-ktb and image-ktb.sig" +
                (options.release == 0

@@ -274,4 +274,19 @@ void warnOfExpiry(std::string_view subject, const X509* certificate)
     }
 }
 
+void warnUnlessValidAt(std::string_view subject, const X509* certificate,
+                       std::int32_t seconds)
+{
+    std::time_t time = seconds;
+    const ASN1_TIME* const start = X509_get0_notBefore(certificate);
+    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    if (X509_cmp_time(start, &time) > 0 || X509_cmp_time(end, &time) < 0)
+    {
+        warn(subject,
+             "certificate " + nameText(X509_get_subject_name(certificate)) +
+                 " is valid from " + timeText(start) + " to " + timeText(end) +
+                 ", and so not at the timestamp " + std::to_string(seconds));
+    }
+}
+
 } // namespace pack

@@ -9,6 +9,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -105,5 +106,10 @@ std::string timeText(const ASN1_TIME* time);
 
 /** Warns when the certificate has expired or will within 30 days. */
 void warnOfExpiry(std::string_view subject, const X509* certificate);
+
+/** Warns when the certificate is not valid at that time, in seconds since
+ *  1970. */
+void warnUnlessValidAt(std::string_view subject, const X509* certificate,
+                       std::int32_t seconds);
 
 } // namespace pack

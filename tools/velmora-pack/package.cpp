@@ -20,7 +20,6 @@ namespace
 
 constexpr std::string_view payloadPrefix = "payload/";
 constexpr std::size_t longestFileName = 255;
-constexpr std::uint64_t largestSignature = 64U << 10;
 
 /** Digests of the payload's files under their names, in byte order. */
 using FileDigests = std::map<std::string, std::string>;
@@ -135,6 +134,17 @@ void classify(Contents& contents, const Member& member)
     std::string_view name = member.place.name;
     if (name == descriptorName || name == descriptorSignatureName)
     {
+        const auto count =
+            std::ranges::count(contents.members, name,
+                               [](const Member& other)
+                               {
+                                   return std::string_view(other.place.name);
+                               });
+        if (count > 1)
+        {
+            contents.remarks.push_back("member " + member.place.name +
+                                       " is there more than once");
+        }
         return;
     }
     if (!name.starts_with(payloadPrefix))

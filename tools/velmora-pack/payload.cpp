@@ -4,6 +4,7 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <ctime>
@@ -232,6 +233,34 @@ std::int32_t timestampOf(const PayloadOptions& options)
     return static_cast<std::int32_t>(seconds);
 }
 
+/** Says what a machine is likely to refuse. */
+void warnOfChain(const std::string& file,
+                 const std::vector<Certificate>& certificates,
+                 std::int32_t timestamp)
+{
+    for (const Certificate& certificate : certificates)
+    {
+        warnOfExpiry(file, certificate.get());
+        warnUnlessValidAt(file, certificate.get(), timestamp);
+        const bool related =
+            certificate == certificates.front() ||
+            std::ranges::any_of(certificates,
+                                [&](const Certificate& other)
+                                {
+                                    return other != certificate &&
+                                           X509_check_issued(certificate.get(),
+                                                             other.get()) ==
+                                               X509_V_OK;
+                                });
+        if (!related)
+        {
+            warn(file, "certificate " +
+                           nameText(X509_get_subject_name(certificate.get())) +
+                           " is not the issuer of another one in the chain");
+        }
+    }
+}
+
 /** The chain area and the metadata block. */
 Buffer slotHead(const Chain& chain, const Metadata& metadata)
 {
@@ -364,12 +393,10 @@ void makePayload(const PayloadOptions& options)
     }
     const Chain chain = readChain(options.chain);
     const Key key = readSigner(options, chain);
-    for (const Certificate& certificate : chain.certificates)
-    {
-        warnOfExpiry(options.chain.string(), certificate.get());
-    }
+    const std::int32_t timestamp = timestampOf(options);
+    warnOfChain(options.chain.string(), chain.certificates, timestamp);
     const Metadata metadata{std::string(metadataVersion), options.algorithm,
-                            std::to_string(timestampOf(options))};
+                            std::to_string(timestamp)};
     const Buffer head = slotHead(chain, metadata);
     if (!options.signing.toBeSigned.empty())
     {
@@ -401,7 +428,11 @@ bool looksLikePayload(const Source& file)
     }
     const Layout layout(file.size());
     const Buffer area = file.read(layout.chain, chainAreaSize);
-    return textUpToNul(area).find(certificateStart) != std::string_view::npos;
+    const Buffer block = file.read(layout.metadata, metadataSize);
+    const Metadata metadata = readMetadata(textUpToNul(block));
+    return textUpToNul(area).find(certificateStart) != std::string_view::npos &&
+           !(metadata.version + metadata.algorithm + metadata.timestamp)
+                .empty();
 }
 
 Json describePayload(const Source& file)

@@ -4,8 +4,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
+
 namespace pack
 {
+
+/** No detached signature of a descriptor comes near it, in bytes. */
+inline constexpr std::uint64_t largestSignature = 64U << 10;
 
 /** The fields of the OpenPGP signatures in a detached, binary signature. */
 nlohmann::ordered_json describeSignatures(Bytes file);

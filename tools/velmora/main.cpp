@@ -138,6 +138,12 @@ class CommandLine
         app_.add_flag("-v,--verbose", request.verbose,
                       "Show the library's log on stderr");
         app_.add_flag("--json", json, "Answer with one JSON object");
+        app_.failure_message(
+            [](const CLI::App*, const CLI::Error& error)
+            {
+                return std::string("velmora: ") + error.what() +
+                       " (--help lists the options)\n";
+            });
         addPackageCommands();
         addFirmwareCommands();
         addInventoryCommands();
