@@ -24,7 +24,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <utility>
 
 namespace
 {
@@ -313,8 +312,10 @@ std::vector<std::string> faultyFunctions()
 }
 
 bool withFault(const std::string& function, int nth,
-               const std::function<void()>& work)
+               const std::function<void()>& work,
+               const std::function<void()>& before)
 {
+    interruption = before;
     chosen = function;
     fired = false;
     watched = true;
@@ -331,16 +332,6 @@ bool withFault(const std::string& function, int nth,
     countdown = 0;
     watched = false;
     return fired;
-}
-
-bool withInterruption(const std::string& function, int nth,
-                      std::function<void()> before,
-                      const std::function<void()>& work)
-{
-    interruption = std::move(before);
-    const bool met = withFault(function, nth, work);
-    interruption = nullptr;
-    return met;
 }
 
 void* insteadOfResult = nullptr;

@@ -15,21 +15,15 @@ namespace velmora::test
 /** Functions that can be made to fail. */
 std::vector<std::string> faultyFunctions();
 
-/** Runs @p work with the @p nth call of @p function failing.
+/** Runs @p work with the @p nth call of @p function failing, or with
+ *  @p before run in front of that call, which is then made.
  *
  *  An exception that the fault causes ends the work and no more.
  *
  *  @return whether there was such a call */
 bool withFault(const std::string& function, int nth,
-               const std::function<void()>& work);
-
-/** Runs @p work with @p before run in front of the @p nth call of @p function,
- *  which is then made.
- *
- *  @return whether there was such a call */
-bool withInterruption(const std::string& function, int nth,
-                      std::function<void()> before,
-                      const std::function<void()>& work);
+               const std::function<void()>& work,
+               const std::function<void()>& before = {});
 
 /** What gpgme_op_verify_result and xmlXPathEvalExpression give when they are
  *  made to fail; owned as their results are. */

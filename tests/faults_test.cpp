@@ -59,6 +59,18 @@ Service::Handler stringAnswer(const char* types)
     };
 }
 
+/** The lines of the work with that fault in it. */
+Lines logWith(const std::string& function, int nth,
+              const std::function<void()>& work,
+              const std::function<void()>& before = {})
+{
+    return logOf(
+        [&]
+        {
+            EXPECT_TRUE(withFault(function, nth, work, before));
+        });
+}
+
 class Faults : public testing::Test
 {
   protected:
@@ -213,22 +225,19 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
     const std::string chain = bytes.substr(4, 24576);
     const std::string signature = bytes.substr(4 + 24576 + 512, 512);
     metadata_algo = "PS256";
-    const auto statusWith = [&](const std::string& function, Lines& log)
+    Lines log;
+    const auto statusWith =
+        [&](const std::string& function, const std::string& area)
     {
         int status = -1;
-        withFault(function, 1,
-                  [&]
-                  {
-                      log = logOf(
-                          [&]
-                          {
-                              status = ValidateQOR::verify_slot_signature(
-                                  chain, signature, payload.data());
-                          });
-                  });
+        log = logWith(function, 1,
+                      [&]
+                      {
+                          status = ValidateQOR::verify_slot_signature(
+                              area, signature, payload.data());
+                      });
         return status;
     };
-    Lines log;
     const std::string success = "SUCCESS verify_slot_signature: Image slot "
                                 "signature verification successful";
     for (const auto& [function, status] :
@@ -253,29 +262,18 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
           {"munmap", 14},
           {"close", 15}})
     {
-        EXPECT_EQ(statusWith(function, log), status) << function;
+        EXPECT_EQ(statusWith(function, chain), status) << function;
         EXPECT_EQ(log.back() == success, status == 14 || status == 15);
     }
-    statusWith("munmap", log);
+    statusWith("munmap", chain);
     EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: munmap "
                                        "failed,strerr[Invalid argument]"));
     // A chain without a certificate: closed first, unmapped second.
-    withFault("munmap", 1,
-              [&]
-              {
-                  log = logOf(
-                      [&]
-                      {
-                          EXPECT_EQ(ValidateQOR::verify_slot_signature(
-                                        std::string(24576, '\0'), signature,
-                                        payload.data()),
-                                    7);
-                      });
-              });
+    EXPECT_EQ(statusWith("munmap", std::string(24576, '\0')), 7);
     EXPECT_THAT(log.back(),
                 testing::MatchesRegex("FAILURE verify_slot_signature: "
                                       "Line\\[[0-9]+\\]munmap failed"));
-    statusWith("close", log);
+    statusWith("close", chain);
     EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: File " +
                                        payload +
                                        " close error,strerr[Input/output "
@@ -287,18 +285,13 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveNoDigest)
     writeFile(scratch / "f", std::string(10'485'761, 'x'));
     const auto failures = [&](const char* function)
     {
-        std::string digest = "none";
-        Lines log;
-        withFault(function, 1,
-                  [&]
-                  {
-                      log = logOf(
-                          [&]
-                          {
-                              digest = calculateFileSHA(scratch / "f");
-                          });
-                  });
-        EXPECT_EQ(digest, "");
+        const Lines log =
+            logWith(function, 1,
+                    [&]
+                    {
+                        EXPECT_EQ(calculateFileSHA(scratch / "f"), "")
+                            << function;
+                    });
         EXPECT_THAT(log.back(), testing::HasSubstr("Hash for file "));
         return std::count(log.begin(), log.end(), "FAILURE");
     };
@@ -312,18 +305,13 @@ TEST_F(Faults, ForkFailureIsLogged)
 {
     for (const int nth : {1, 2})
     {
-        Lines log;
-        withFault("fork", nth,
-                  [&]
-                  {
-                      log = logOf(
-                          [&]
-                          {
-                              ValidateQOR::unZip(scratch / "package.zip",
-                                                 scratch / "out");
-                          });
-                  });
-        EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -1", "FAILURE"));
+        EXPECT_THAT(logWith("fork", nth,
+                            [&]
+                            {
+                                ValidateQOR::unZip(scratch / "package.zip",
+                                                   scratch / "out");
+                            }),
+                    ElementsAre("INFO pidUnzip: -1", "FAILURE"));
     }
 }
 
@@ -335,15 +323,15 @@ TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
     const int file = open((scratch / "stdout").c_str(), O_CREAT | O_RDWR, 0600);
     dup2(file, STDOUT_FILENO);
     std::fputs("buffered", stdout);
-    bool done = true;
+    // The call is met in the child, not here.
     const Lines log = logOf(
         [&]
         {
             withFault("execl", 1,
                       [&]
                       {
-                          done = ValidateQOR::unZip(scratch / "package.zip",
-                                                    scratch / "out");
+                          EXPECT_FALSE(ValidateQOR::unZip(
+                              scratch / "package.zip", scratch / "out"));
                       });
         });
     std::fflush(stdout);
@@ -351,7 +339,6 @@ TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
     close(saved);
     close(file);
     EXPECT_EQ(readFile(scratch / "stdout"), "buffered");
-    EXPECT_FALSE(done);
     EXPECT_THAT(log,
                 ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
 }
@@ -359,133 +346,96 @@ TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
 TEST_F(Faults, ResultsWithoutContentAreRefused)
 {
     const std::string descriptor = scratch / "package/package.xml";
-    const auto logWith = [&](const char* function, void* result,
-                             const std::function<bool()>& accepts)
-    {
-        insteadOfResult = result;
-        const Lines log = logOf(
-            [&]
-            {
-                withFault(function, 1,
-                          [&]
-                          {
-                              EXPECT_FALSE(accepts());
-                          });
-            });
-        insteadOfResult = nullptr;
-        return log;
-    };
     _gpgme_op_verify_result noSignature{};
-    EXPECT_THAT(logWith("gpgme_op_verify_result", &noSignature,
+    insteadOfResult = &noSignature;
+    EXPECT_THAT(logWith("gpgme_op_verify_result", 1,
                         [&]
                         {
-                            return ValidateQOR::validatePkgXMLSignature(
-                                descriptor, descriptor + ".sign");
+                            EXPECT_FALSE(ValidateQOR::validatePkgXMLSignature(
+                                descriptor, descriptor + ".sign"));
                         }),
                 ElementsAre("FAILURE"));
 
-    const auto withoutTable = []
+    const auto logWithoutTable = [](const std::function<void()>& work)
     {
-        xmlXPathObject* result = xmlXPathNewNodeSet(nullptr);
-        result->nodesetval->nodeNr = 1;
-        return result;
+        xmlXPathObject* nodes = xmlXPathNewNodeSet(nullptr);
+        nodes->nodesetval->nodeNr = 1;
+        insteadOfResult = nodes;
+        return logWith("xmlXPathEvalExpression", 1, work);
     };
-    EXPECT_THAT(logWith("xmlXPathEvalExpression", withoutTable(),
-                        [&]
-                        {
-                            return !ValidateQOR::getStrFromPkgXML(
-                                        descriptor, "//Device", "componentID")
-                                        .empty();
-                        }),
+    EXPECT_THAT(logWithoutTable(
+                    [&]
+                    {
+                        EXPECT_EQ(ValidateQOR::getStrFromPkgXML(
+                                      descriptor, "//Device", "componentID"),
+                                  "");
+                    }),
                 ElementsAre("FAILURE"));
-    EXPECT_THAT(logWith("xmlXPathEvalExpression", withoutTable(),
-                        [&]
-                        {
-                            return ValidateQOR::validateSytemIdFromPkgXML(
-                                descriptor);
-                        }),
+    EXPECT_THAT(logWithoutTable(
+                    [&]
+                    {
+                        EXPECT_FALSE(
+                            ValidateQOR::validateSytemIdFromPkgXML(descriptor));
+                    }),
                 ElementsAre("INFO hexSystemIDStr: 0A1B",
                             testing::HasSubstr("validation will continue."),
                             "INFO xmlXPathNodeNr: 1", "FAILURE"));
+    insteadOfResult = nullptr;
 }
 
 TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
 {
-    // The fields of the payload begin behind its four bytes of body.
-    const auto cutAt = [&](std::size_t size, int nthRead)
+    const auto shrink = [](const std::string& path, std::uintmax_t size)
     {
-        fs::copy_file(payload, scratch / "shrinks",
-                      fs::copy_options::overwrite_existing);
-        return logOf(
+        return [=]
+        {
+            fs::resize_file(path, size);
+        };
+    };
+    // The trailer begins behind four bytes of body.
+    const std::string good = readFile(payload);
+    const auto cutAt = [&](std::uintmax_t size, int nthRead)
+    {
+        writeFile(payload, good);
+        return logWith(
+            "read", nthRead,
             [&]
             {
-                EXPECT_TRUE(withInterruption(
-                    "read", nthRead,
-                    [&]
-                    {
-                        fs::resize_file(scratch / "shrinks", size);
-                    },
-                    [&]
-                    {
-                        EXPECT_FALSE(ValidateQOR::validateCertChainForPayload(
-                            scratch / "shrinks"));
-                    }));
-            });
+                EXPECT_FALSE(ValidateQOR::validateCertChainForPayload(payload));
+            },
+            shrink(payload, size));
     };
-    const auto info = [](const std::string& text)
-    {
-        return "INFO validateCertChainForPayload: " + text;
-    };
-    const std::string length = info("Payload length is 76804");
-    const std::string chain = info("Certificate Chain offset 4");
-    const std::string metadata = info("Metadata offset 24580");
-    EXPECT_THAT(cutAt(1004, 1),
-                ElementsAre(length, chain,
-                            "FAILURE validateCertChainForPayload: Only 1000 "
-                            "bytes read",
-                            "FAILURE"));
-    EXPECT_THAT(cutAt(24580 + 511, 2),
-                ElementsAre(length, chain, metadata, "FAILURE"));
-    EXPECT_THAT(cutAt(24580 + 512 + 511, 2),
-                ElementsAre(length, chain, metadata,
-                            info("Signature offset 25092"), "FAILURE"));
+    const std::string info = "INFO validateCertChainForPayload: ";
+    Lines lines{
+        info + "Payload length is 76804", info + "Certificate Chain offset 4",
+        "FAILURE validateCertChainForPayload: Only 1000 bytes read", "FAILURE"};
+    EXPECT_EQ(cutAt(1004, 1), lines);
+    lines[2] = info + "Metadata offset 24580";
+    EXPECT_EQ(cutAt(24580 + 511, 2), lines);
+    lines.insert(lines.begin() + 3, info + "Signature offset 25092");
+    EXPECT_EQ(cutAt(25092 + 511, 2), lines);
 
-    const auto size = fs::file_size(scratch / "image");
-    EXPECT_THAT(
-        logOf(
-            [&]
-            {
-                EXPECT_TRUE(withInterruption(
+    const std::string image = scratch / "image";
+    EXPECT_THAT(logWith(
                     "sd_bus_call", 1,
                     [&]
                     {
-                        fs::resize_file(scratch / "image", size - 1);
-                    },
-                    [&]
-                    {
                         EXPECT_EQ(ValidateQOR::verifyManifestAndSignature(
-                                      scratch / "image", scratch / "manifest"),
+                                      image, scratch / "manifest"),
                                   -1);
-                    }));
-            }),
-        ElementsAre("FAILURE verifyManifestAndSignature: Failed to read ZRN "
-                    "image signature"));
-
-    writeFile(scratch / "f", "1234");
-    EXPECT_TRUE(withInterruption(
-        "pread64", 1,
-        [&]
-        {
-            fs::resize_file(scratch / "f", 3);
-        },
-        [&]
-        {
-            logOf(
-                [&]
-                {
-                    EXPECT_EQ(calculateFileSHA(scratch / "f"), "");
-                });
-        }));
+                    },
+                    shrink(image, fs::file_size(image) - 1)),
+                ElementsAre("FAILURE verifyManifestAndSignature: Failed to "
+                            "read ZRN image signature"));
+    EXPECT_EQ(logWith(
+                  "pread64", 1,
+                  [&]
+                  {
+                      EXPECT_EQ(calculateFileSHA(image), "");
+                  },
+                  shrink(image, 3))
+                  .front(),
+              "FAILURE");
 }
 
 TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
