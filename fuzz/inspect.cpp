@@ -69,6 +69,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         case 'y':
             kind = pack::Kind::payload;
             break;
+        case 's':
+            kind = pack::Kind::signature;
+            break;
         default:
             // The file is to tell.
             break;
