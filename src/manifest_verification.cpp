@@ -255,12 +255,9 @@ bool finishVerification(const unsigned char* raw, EVP_MD_CTX* context)
     const int size =
         signature != nullptr ? i2d_ECDSA_SIG(signature.get(), &encoding) : 0;
     const OpensslBytes der(encoding);
-    if (der == nullptr || size <= 0)
-    {
-        stderrFailure(VERIFY_IMAGE)("Signature verification failed");
-        return false;
-    }
-    if (EVP_DigestVerifyFinal(context, der.get(),
+    // One that could not be made does not verify either.
+    if (der == nullptr || size <= 0 ||
+        EVP_DigestVerifyFinal(context, der.get(),
                               static_cast<std::size_t>(size)) != 1)
     {
         stderrFailure(VERIFY_IMAGE)("EVP_DigestVerifyFinal()");
@@ -354,16 +351,16 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
     std::memcpy(stored.data(), &header, stored.size());
     const std::size_t length =
         loadLe32(stored, offsetof(manifestHeader, length));
-    // A length that the file does not have must not cost memory either.
-    if (length < stored.size() || static_cast<std::int64_t>(length) >
-                                      end - static_cast<std::streamoff>(found))
-    {
-        return false;
-    }
+    // Only reserved so far: it costs no memory where the file ends early.
     const auto storage = tryAllocate(length);
     if (storage == nullptr)
     {
         stderrFailure()("Failed to allocate memory for maifest");
+        return false;
+    }
+    if (length < stored.size() || static_cast<std::int64_t>(length) >
+                                      end - static_cast<std::streamoff>(found))
+    {
         return false;
     }
     std::memcpy(storage.get(), stored.data(), stored.size());

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -183,8 +184,7 @@ class Directory
             if (name != "." && name != "..")
             {
                 return Entry{std::string(name),
-                             entry->d_type == DT_REG ||
-                                 fs::is_regular_file(fs::status(pathOf(name)))};
+                             isFile(name, entry->d_type == DT_REG)};
             }
         }
         if (errno != 0)
@@ -195,6 +195,21 @@ class Directory
     }
 
   private:
+    /** @param listed whether the directory lists it as a file. Its status then
+     *         costs as much as its digest and says the same, wherever there is
+     *         one: that takes the right to search the directory, which the
+     *         first entry shows for all, and a path that is short enough. */
+    bool isFile(std::string_view name, bool listed)
+    {
+        if (listed && searched_ && prefix_.size() + name.size() < PATH_MAX)
+        {
+            return true;
+        }
+        const fs::file_status status = fs::status(pathOf(name));
+        searched_ = true;
+        return fs::is_regular_file(status);
+    }
+
     [[noreturn]] void fail(const char* what, int error) const
     {
         throw fs::filesystem_error(
@@ -203,6 +218,7 @@ class Directory
 
     std::string prefix_;
     DirectoryStream stream_;
+    bool searched_ = false;
 };
 
 /** Asks for large pages where a buffer is filled again and again; without them

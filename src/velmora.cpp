@@ -89,8 +89,9 @@ pid_t extract(const std::string& packagePath, const std::string& destination,
     return pidUnzip;
 }
 
-/** Text of the first child of a node's attribute, if there is one. */
-std::optional<std::string> attributeText(xmlNode* node, const char* name)
+/** Text of the first child of a node's attribute, if there is one; null where
+ *  the parser cannot give it. */
+std::optional<XmlText> attributeText(xmlNode* node, const char* name)
 {
     const xmlAttr* attribute =
         xmlHasProp(node, reinterpret_cast<const xmlChar*>(name));
@@ -98,12 +99,29 @@ std::optional<std::string> attributeText(xmlNode* node, const char* name)
     {
         return std::nullopt;
     }
-    const XmlText content(xmlNodeGetContent(attribute->children));
-    if (content == nullptr)
+    return XmlText(xmlNodeGetContent(attribute->children));
+}
+
+std::string toString(const XmlText& text)
+{
+    return text != nullptr ? reinterpret_cast<const char*>(text.get()) : "";
+}
+
+/** Text of the first of the nodes that have the attribute. */
+std::optional<std::string> firstValue(const xmlNodeSet& nodes, const char* name)
+{
+    for (int i = 0; i < nodes.nodeNr; ++i)
     {
-        return std::string();
+        const auto text = nodes.nodeTab[i] != nullptr
+                              ? attributeText(nodes.nodeTab[i], name)
+                              : std::nullopt;
+        if (text)
+        {
+            return *text != nullptr ? std::optional(toString(*text))
+                                    : std::nullopt;
+        }
     }
-    return std::string(reinterpret_cast<const char*>(content.get()));
+    return std::nullopt;
 }
 
 std::string joined(const std::string& directory, const fs::path& name)
@@ -229,10 +247,10 @@ std::optional<std::string> findSystemId(const xmlNodeSet& nodes,
         {
             continue;
         }
-        auto text = attributeText(nodes.nodeTab[i], "systemID");
-        if (text && std::stoi(*text, nullptr, 16) == systemId)
+        const auto text = attributeText(nodes.nodeTab[i], "systemID");
+        if (text && std::stoi(toString(*text), nullptr, 16) == systemId)
         {
-            return text;
+            return toString(*text);
         }
     }
     return std::nullopt;
@@ -311,14 +329,7 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
         return {};
     }
 
-    std::optional<std::string> value;
-    for (int i = 0; i < nodes->nodeNr && !value; ++i)
-    {
-        if (nodes->nodeTab[i] != nullptr)
-        {
-            value = attributeText(nodes->nodeTab[i], attribute.c_str());
-        }
-    }
+    auto value = firstValue(*nodes, attribute.c_str());
     if (!value)
     {
         cerrFailure();

@@ -5,6 +5,7 @@
 #include <libxml/parserInternals.h>
 
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -17,6 +18,10 @@ namespace
 /** All that the entities of a document may hold, in bytes. Each use of one
  *  costs a copy. */
 constexpr std::size_t MAX_ENTITY_TEXT = 4096;
+/** The same for the defaults of attributes. Each counts for more than its text:
+ *  it is compared with all others at every element of its name. */
+constexpr std::size_t MAX_DEFAULT_TEXT = 512;
+constexpr std::size_t DEFAULT_COST = 32;
 
 /** Stands in front of the parser's loader during one parse.
  *
@@ -110,7 +115,13 @@ class GuardedParse
     {
         if (value != nullptr)
         {
-            refuse(context);
+            const std::size_t size =
+                std::strlen(reinterpret_cast<const char*>(value));
+            current_->defaultText_ += size + DEFAULT_COST;
+            if (current_->defaultText_ > MAX_DEFAULT_TEXT)
+            {
+                refuse(context);
+            }
         }
         // Also where refused: it takes the enumeration over.
         xmlSAX2AttributeDecl(context, element, name, type, kind, value, values);
@@ -131,6 +142,7 @@ class GuardedParse
     xmlExternalEntityLoader previousLoader_;
     GuardedParse* previous_;
     std::size_t entityText_ = 0;
+    std::size_t defaultText_ = 0;
 };
 
 } // namespace

@@ -12,7 +12,7 @@ namespace velmora
  *  Only the file itself is read, as it stands: nothing else that it names, and
  *  nothing is decompressed. What makes a small document a large one, or a
  *  short parse a long one, ends the parse: parameter entities, entities within
- *  entities, large entities, defaults of attributes.
+ *  entities, large entities, more than a few short defaults of attributes.
  *
  *  @return null when the parser has no document */
 XmlDocument parseDescriptor(const std::string& path);

@@ -363,14 +363,14 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
         insteadOfResult = nodes;
         return logWith("xmlXPathEvalExpression", 1, work);
     };
-    EXPECT_THAT(logWithoutTable(
-                    [&]
-                    {
-                        EXPECT_EQ(ValidateQOR::getStrFromPkgXML(
-                                      descriptor, "//Device", "componentID"),
-                                  "");
-                    }),
-                ElementsAre("FAILURE"));
+    const auto query = [&]
+    {
+        EXPECT_EQ(ValidateQOR::getStrFromPkgXML(descriptor, "//Device",
+                                                "componentID"),
+                  "");
+    };
+    EXPECT_THAT(logWithoutTable(query), ElementsAre("FAILURE"));
+    EXPECT_THAT(logWith("xmlNodeGetContent", 1, query), ElementsAre("FAILURE"));
     EXPECT_THAT(logWithoutTable(
                     [&]
                     {

@@ -93,7 +93,7 @@ TEST_F(Manifest, WhatIsNotWholeIsRefusedAndLeavesTheOutput)
     for (const std::string& content :
          {std::string(), std::string("no magic"), std::string("$KTB"),
           start + le(15, 3), start + le(0, 4) + "xx", start + le(15, 4) + "xx",
-          start + le(17, 4), start + le(0xFFFFFFFF, 4) + std::string(84, 'x')})
+          start + le(17, 4), start + le(0xFFFFFFF, 4) + std::string(84, 'x')})
     {
         EXPECT_FALSE(extract(content));
         EXPECT_THAT(log, ElementsAre());

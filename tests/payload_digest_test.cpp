@@ -3,11 +3,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
+#include <climits>
 
 namespace velmora::test
 {
@@ -37,6 +39,34 @@ std::string stockDigest(const fs::path& path)
     fs::remove(out);
     return digest;
 }
+
+/** Takes from this thread, while it lives, what lets root pass by modes. */
+class WithoutCapabilities
+{
+  public:
+    WithoutCapabilities()
+    {
+        syscall(SYS_capget, &header_, before_.data());
+        auto none = before_;
+        for (auto& set : none)
+        {
+            set.effective = 0;
+        }
+        syscall(SYS_capset, &header_, none.data());
+    }
+
+    WithoutCapabilities(const WithoutCapabilities&) = delete;
+    WithoutCapabilities& operator=(const WithoutCapabilities&) = delete;
+
+    ~WithoutCapabilities()
+    {
+        syscall(SYS_capset, &header_, before_.data());
+    }
+
+  private:
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> before_{};
+};
 
 class Digest : public testing::Test
 {
@@ -167,6 +197,30 @@ TEST_F(Digest, CompositeLeavesOutWhatIsNoFile)
         "302d3d24b187100835e04a2cd639ad14026ab49e914d2fdc80abf018000b10dd");
     EXPECT_EQ(std::count(log.begin(), log.end(), "FAILURE"), 4);
     EXPECT_EQ(log.size(), 7U);
+}
+
+TEST_F(Digest, CompositeNeedsTheStatusOfEveryEntry)
+{
+    // Neither is a right, nor a path, for what the directory lists.
+    writeFile(scratch / "f", "");
+    fs::permissions(scratch.path, fs::perms::owner_read);
+    {
+        const WithoutCapabilities ordinary;
+        EXPECT_THROW(directory(scratch.path), fs::filesystem_error);
+    }
+    fs::permissions(scratch.path, fs::perms::owner_all);
+
+    fs::path deep = scratch.path;
+    while (deep.native().size() < PATH_MAX - 256)
+    {
+        deep /= std::string(200, 'd');
+        fs::create_directory(deep);
+    }
+    const fs::path before = fs::current_path();
+    fs::current_path(deep);
+    writeFile(std::string(255, 'f'), "");
+    fs::current_path(before);
+    EXPECT_THROW(directory(deep), fs::filesystem_error);
 }
 
 TEST_F(Digest, CompositeOfWhatIsNoDirectory)

@@ -202,7 +202,8 @@ TEST_F(Descriptor, HostileDocumentsEnd)
           doubling("% ") + "%e38;]><p><q a='1'/></p>",
           "<!DOCTYPE p [<!ENTITY a '" + std::string(5000, '0') +
               "'>]><p><q a='&a;'/></p>",
-          std::string("<!DOCTYPE p [<!ATTLIST q a CDATA '1'>]><p><q/></p>"),
+          "<!DOCTYPE p [<!ATTLIST q a CDATA '" + std::string(500, '1') +
+              "'>]><p><q/></p>",
           std::string(1'000'000, '<')})
     {
         EXPECT_EQ(query(document, "//q", "a"), "");
@@ -211,6 +212,11 @@ TEST_F(Descriptor, HostileDocumentsEnd)
     EXPECT_EQ(query("<!DOCTYPE p [<!ENTITY v '1.0'>]><p><q a='&v;'/></p>",
                     "//q", "a"),
               "1.0");
+    // A default is no attribute of the element.
+    EXPECT_EQ(query("<!DOCTYPE p [<!ATTLIST q a CDATA 'd' b CDATA #FIXED ''>]>"
+                    "<p><q/><q a='1'/></p>",
+                    "//q", "a"),
+              "1");
     writeFile(scratch / "plain", "<p><q a='1'/></p>");
     ASSERT_EQ(run("gzip -c " + (scratch / "plain").string() + " > " +
                   (scratch / "plain.gz").string()),

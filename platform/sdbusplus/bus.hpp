@@ -36,10 +36,18 @@ class bus
         return message_t(raw);
     }
 
-    /** @copydoc message::message::call */
+    /** Sends a method call and waits for its reply.
+     *  @param timeout microseconds; 0 is sd-bus's default
+     *  @throws exception::SdBusError ("sd_bus_call") with the error reply */
     message_t call(message_t& m, std::uint64_t timeout = 0)
     {
-        return m.call(timeout);
+        sd_bus_error error{};
+        sd_bus_message* reply = nullptr;
+        if (sd_bus_call(raw_.get(), m.get(), timeout, &error, &reply) < 0)
+        {
+            throw exception::SdBusError(&error, "sd_bus_call");
+        }
+        return message_t(reply);
     }
 
   private:

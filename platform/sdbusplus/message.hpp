@@ -148,19 +148,10 @@ class message
         (details::read(raw_.get(), args), ...);
     }
 
-    /** Sends this method call and waits for its reply.
-     *  @param timeout microseconds; 0 is sd-bus's default
-     *  @throws exception::SdBusError ("sd_bus_call") with the error reply */
-    message call(std::uint64_t timeout = 0)
+    /** The message itself, still owned. */
+    sd_bus_message* get() const
     {
-        sd_bus_error error{};
-        sd_bus_message* reply = nullptr;
-        if (sd_bus_call(sd_bus_message_get_bus(raw_.get()), raw_.get(), timeout,
-                        &error, &reply) < 0)
-        {
-            throw exception::SdBusError(&error, "sd_bus_call");
-        }
-        return message(reply);
+        return raw_.get();
     }
 
   private:
