@@ -40,33 +40,18 @@ std::string stockDigest(const fs::path& path)
     return digest;
 }
 
-/** Takes from this thread, while it lives, what lets root pass by modes. */
-class WithoutCapabilities
+/** Runs the work without what lets root pass by modes. */
+void asOrdinaryUser(const std::function<void()>& work)
 {
-  public:
-    WithoutCapabilities()
-    {
-        syscall(SYS_capget, &header_, before_.data());
-        auto none = before_;
-        for (auto& set : none)
-        {
-            set.effective = 0;
-        }
-        syscall(SYS_capset, &header_, none.data());
-    }
-
-    WithoutCapabilities(const WithoutCapabilities&) = delete;
-    WithoutCapabilities& operator=(const WithoutCapabilities&) = delete;
-
-    ~WithoutCapabilities()
-    {
-        syscall(SYS_capset, &header_, before_.data());
-    }
-
-  private:
-    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, 2> before_{};
-};
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> before{};
+    syscall(SYS_capget, &header, before.data());
+    auto none = before;
+    none[0].effective = none[1].effective = 0;
+    syscall(SYS_capset, &header, none.data());
+    work();
+    syscall(SYS_capset, &header, before.data());
+}
 
 class Digest : public testing::Test
 {
@@ -204,10 +189,11 @@ TEST_F(Digest, CompositeNeedsTheStatusOfEveryEntry)
     // Neither is a right, nor a path, for what the directory lists.
     writeFile(scratch / "f", "");
     fs::permissions(scratch.path, fs::perms::owner_read);
-    {
-        const WithoutCapabilities ordinary;
-        EXPECT_THROW(directory(scratch.path), fs::filesystem_error);
-    }
+    asOrdinaryUser(
+        [&]
+        {
+            EXPECT_THROW(directory(scratch.path), fs::filesystem_error);
+        });
     fs::permissions(scratch.path, fs::perms::owner_all);
 
     fs::path deep = scratch.path;
