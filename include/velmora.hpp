@@ -216,7 +216,8 @@ class VELMORA_EXPORT ValidateQOR
      *              part on failure
      *  @param[out] manifest `header.length` bytes, header included; left as it
      *              is on failure
-     *  @return false when there is no magic, or no whole manifest behind it */
+     *  @return false when there is no magic, no whole manifest behind it, or no
+     *          storage for its length */
     static bool extractManifest(std::ifstream& file, const std::string& magic,
                                 manifestHeader& header,
                                 std::vector<std::uint8_t>& manifest);
