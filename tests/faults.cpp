@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 namespace
 {
@@ -51,8 +52,13 @@ bool inLibrary(const void* address)
             (chosen == "read" && in("libstdc++.so")));
 }
 
-bool failNow(const char* function, const void* caller)
+bool failNow(std::string_view function, const void* caller)
 {
+    if (releases != nullptr && (function == "munmap" || function == "close") &&
+        inLibrary(caller))
+    {
+        releases->emplace_back(function);
+    }
     if (countdown == 0 || !watched || chosen != function ||
         !inLibrary(caller) || --countdown != 0)
     {

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <map>
 #include <memory>
 
@@ -299,6 +300,22 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveNoDigest)
     EXPECT_EQ(failures("EVP_DigestInit_ex"), 4);
     EXPECT_EQ(failures("EVP_DigestUpdate"), 1);
     EXPECT_EQ(failures("EVP_DigestFinal_ex"), 1);
+
+    // The second context is that of the composite.
+    fs::create_directory(scratch / "d");
+    writeFile(scratch / "d/f", "x");
+    for (const char* function : {"EVP_MD_CTX_new", "EVP_DigestInit_ex",
+                                 "EVP_DigestUpdate", "EVP_DigestFinal_ex"})
+    {
+        const Lines log = logWith(
+            function, 2,
+            [&]
+            {
+                EXPECT_EQ(ValidateQOR::getSHAStrFromImage(scratch / "d"), "");
+            });
+        EXPECT_EQ(log.size(), 2U) << function;
+        EXPECT_EQ(log.back(), "FAILURE");
+    }
 }
 
 TEST_F(Faults, ForkFailureIsLogged)
@@ -313,6 +330,26 @@ TEST_F(Faults, ForkFailureIsLogged)
                             }),
                     ElementsAre("INFO pidUnzip: -1", "FAILURE"));
     }
+}
+
+TEST_F(Faults, OnlyAnExitCodeFailsAnExtraction)
+{
+    Lines log = logOf(
+        [&]
+        {
+            withFault(
+                "execl", 1,
+                [&]
+                {
+                    EXPECT_TRUE(ValidateQOR::unZip(scratch / "package.zip",
+                                                   scratch / "out"));
+                },
+                []
+                {
+                    raise(SIGKILL);
+                });
+        });
+    EXPECT_THAT(log, ElementsAre("SUCCESS"));
 }
 
 TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
@@ -467,7 +504,8 @@ TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
                 });
         });
     EXPECT_EQ(log.back(), "INFO operator(): Clear ctx before exiting...");
-    EXPECT_THAT(released, ElementsAre("X509_free", "EVP_PKEY_free"));
+    EXPECT_THAT(released,
+                ElementsAre("munmap", "close", "X509_free", "EVP_PKEY_free"));
 }
 
 TEST_F(Faults, ReleasesComeInOrder)
@@ -531,7 +569,23 @@ TEST_F(Faults, ReleasesComeInOrder)
                             bytes.substr(4, 24576),
                             bytes.substr(4 + 24576 + 512, 512), payload.data());
                     }),
-                ElementsAre("EVP_MD_CTX_free", "X509_free", "EVP_PKEY_free"));
+                ElementsAre("munmap", "close", "EVP_MD_CTX_free", "X509_free",
+                            "EVP_PKEY_free"));
+    EXPECT_THAT(releasesOf(
+                    [&]
+                    {
+                        ValidateQOR::verify_slot_signature(
+                            std::string(24576, '\0'), "s", payload.data());
+                    }),
+                ElementsAre("close", "munmap"));
+    writeFile(scratch / "package/package.xml", "<p/>");
+    const Lines noModel = releasesOf(
+        [&]
+        {
+            ValidateQOR::validateSytemIdFromPkgXML(scratch /
+                                                   "package/package.xml");
+        });
+    EXPECT_THAT(Lines(noModel.begin() + 3, noModel.end()), documentFirst);
 }
 
 } // namespace

@@ -279,6 +279,7 @@ TEST_F(Image, FilesThatCannotBeReadAreNamed)
     }
     fs::create_directory(scratch / "image-ktb.sig");
     EXPECT_EQ(verify(), -1);
+    EXPECT_THAT(log, ElementsAre(failure("Error opening KTB signature file")));
 }
 
 TEST_F(Image, TheServiceDecides)
@@ -325,8 +326,8 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
         std::string manifest;
         std::string marker;
     };
-    std::string crossing = manifestOf(record(10, 0x30, "ab2c"), 1);
-    crossing.back() = '\0';
+    std::string crossing = manifestOf(marked, 1);
+    crossing[16 + 12] = 4;
     std::string endless = manifestOf(std::string(16, 0), 0xFFFFFFFF);
     std::string wrapping = manifestOf(
         le(0, 4) + le(0xFFFFFFF0, 4) + le(3, 4) + le(0x10, 4) + marked, 5);
@@ -342,6 +343,7 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
              {manifestOf(record(10, 0x30, "ab2", 0xFFFFFFF0), 1), "old"},
              {manifestOf(record(10, 0x30, "ab"), 1), "old"},
              {manifestOf(record(10, 0x30, "") + "ab2", 1), "old"},
+             {crossing, "old"},
              {endless, "old"},
              {wrapping, "old"}})
     {
@@ -350,8 +352,14 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
         EXPECT_EQ(verify(), 0);
         EXPECT_EQ(readFile(MARKER), marker);
     }
-    // What stands in the marker's place is neither followed nor waited for.
+    // The image does not matter to it.
+    const std::string good = readFile(scratch / "image");
+    writeFile(scratch / "image", good + "x");
     writeFile(scratch / "image-ktb", manifestOf(marked, 1));
+    EXPECT_EQ(verify(), -1);
+    EXPECT_EQ(readFile(MARKER), "2\n");
+    writeFile(scratch / "image", good);
+    // What stands in the marker's place is neither followed nor waited for.
     fs::remove(MARKER);
     writeFile(scratch / "precious", "precious");
     fs::create_symlink(scratch / "precious", MARKER);

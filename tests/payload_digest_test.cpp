@@ -143,6 +143,7 @@ TEST_F(Digest, CompositeOfKnownContents)
         "302d3d24b187100835e04a2cd639ad14026ab49e914d2fdc80abf018000b10dd";
     EXPECT_EQ(directory(scratch.path), digest);
     EXPECT_EQ(directory(scratch.path.string() + "/"), digest);
+    EXPECT_EQ(log.front(), shaLine(scratch / "a", EMPTY_DIGEST));
     writeFile(scratch / "a", "abc");
     writeFile(scratch / "b", "");
     EXPECT_EQ(

@@ -378,6 +378,13 @@ TEST_F(Payload, ChainsThatDoNotHold)
         EXPECT_EQ(log[log.size() - 2],
                   top("Chain verification internal error[-1]"));
     }
+    // It must hold at the time of signing.
+    SetUp();
+    std::string early = good;
+    early.replace(early.find("sts", slot()) + 7, 10, "1000000000");
+    EXPECT_FALSE(valid(early));
+    EXPECT_THAT(log, Contains(StartsWith(top("Certificate chain verification "
+                                             "failed: error[9] "))));
     // Without a timestamp the chain is checked at the epoch.
     SetUp();
     std::string untimed = good;

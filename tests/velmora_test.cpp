@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
@@ -229,7 +230,16 @@ TEST_F(Descriptor, HostileDocumentsEnd)
     }
     EXPECT_EQ(query(nested, "//q", "a"), "");
 
+    EXPECT_EQ(query("<!DOCTYPE p [<!ENTITY a '" + std::string(3000, '0') +
+                        "'><!ENTITY b '" + std::string(3000, '1') +
+                        "'>]><p><q a='1'/></p>",
+                    "//q", "a"),
+              "");
+
     writeFile(scratch / "secret", "secret");
+    // What the process has set is back behind each query.
+    const auto loader = xmlGetExternalEntityLoader();
+    xmlSetExternalEntityLoader(xmlNoNetExternalEntityLoader);
     xmlSubstituteEntitiesDefault(1);
     EXPECT_EQ(query("<!DOCTYPE p [<!ENTITY s SYSTEM '" +
                         (scratch / "secret").string() +
@@ -237,6 +247,8 @@ TEST_F(Descriptor, HostileDocumentsEnd)
                     "//q[contains(., 'secret')]", "a"),
               "");
     xmlSubstituteEntitiesDefault(0);
+    EXPECT_EQ(xmlGetExternalEntityLoader(), &xmlNoNetExternalEntityLoader);
+    xmlSetExternalEntityLoader(loader);
     std::string many = "<p>";
     for (int i = 0; i < 100'000; ++i)
     {
@@ -382,6 +394,30 @@ TEST_F(Signature, AGoodSignatureByAKeyWithoutTrustIsRefused)
                 Contains("INFO gpgme_strerror(gpgmeSig->status): Success"));
     EXPECT_EQ(log.back(), "FAILURE");
     ASSERT_EQ(run(home + "--yes --delete-keys stranger"), 0);
+}
+
+TEST_F(Signature, AnExpiredOneIsRefused)
+{
+    // Good, by a trusted key, and so "green", but no longer valid.
+    ASSERT_EQ(run("gpg --homedir " + (keys() / "gnupg").string() +
+                  " --batch --yes --default-sig-expire seconds=1"
+                  " --detach-sign -o " +
+                  signature.string() + " " + descriptor.string() +
+                  " && sleep 2"),
+              0);
+    EXPECT_FALSE(valid());
+    EXPECT_THAT(log, Contains("INFO gpgme_strerror(gpgmeSig->status): "
+                              "Signature expired"));
+    EXPECT_EQ(log.back(), "FAILURE");
+}
+
+TEST_F(Signature, TheLocaleIsTheEnvironments)
+{
+    setenv("LC_ALL", "C.UTF-8", 1);
+    EXPECT_TRUE(valid());
+    EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8");
+    unsetenv("LC_ALL");
+    std::setlocale(LC_ALL, "C");
 }
 
 // ---- system identity ---------------------------------------------------
