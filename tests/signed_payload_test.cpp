@@ -270,6 +270,7 @@ TEST_F(Payload, GoodOneIsAcceptedAndLeavesItsFiles)
     EXPECT_EQ(readFile(RUN_TIME / "certchain"), goodChain());
     EXPECT_THAT(readFile(RUN_TIME / "publickey"),
                 StartsWith("-----BEGIN PUBLIC KEY-----\n"));
+    ValidateQOR::createHashFuncFile();
     EXPECT_EQ(readFile(RUN_TIME / "hashfunc"), "HashType=RSA-SHA256\n");
 }
 

@@ -126,6 +126,7 @@ void makePackage(const fs::path& directory, const PackageText& text)
     writeFile(directory / "payload/image", text.payload);
     writeFile(directory / "package.xml",
               "<Package><Device componentID=\"113440\"/>"
+              "<SoftwareComponent hashAlgorithm=\"MD5\" hash=\"0\"/>"
               "<SoftwareComponent vendorVersion=\"1.2\" "
               "hashAlgorithm=\"SHA256\" hash=\"" +
                   text.hash + "\"/>" + text.model + "</Package>");
