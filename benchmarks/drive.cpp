@@ -6,6 +6,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -114,11 +115,12 @@ int main(int argc, char** argv)
 {
     constexpr int settled = 100;
     constexpr long slackKib = 256;
-    if (argc < 3)
+    const int count = argc > 2 ? std::atoi(argv[2]) : 0;
+    if (count < 1)
     {
+        std::puts("usage: velmora-drive metadata|validate COUNT [DIR]");
         return 2;
     }
-    const int count = std::stoi(argv[2]);
     Holdings first;
     for (int i = 1; i <= count; ++i)
     {
@@ -135,6 +137,7 @@ int main(int argc, char** argv)
     }
     if (count <= settled)
     {
+        std::puts("nothing measured: that takes more than 100 rounds");
         return 0;
     }
     Holdings last = measure();

@@ -71,5 +71,5 @@ compile() {
         exit 1
     fi
     rm -f "$log"
-    ninja --quiet -C "$dir"
+    ninja --quiet -C "$dir" | sed '/^ninja: no work to do\.$/d'
 }

@@ -11,6 +11,9 @@ read -ra daemon <<<"$7 ./update_daemon"
 shift 7
 failures=0
 cd "$(mktemp -d)"
+# An agent of its own: another sandbox's would end with that.
+cp -r "$keys" keys
+keys=$PWD/keys
 root=$PWD/root
 
 fail() {

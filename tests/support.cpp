@@ -102,7 +102,12 @@ int run(const std::string& command)
 
 fs::path keys()
 {
-    return std::getenv("VELMORA_TEST_KEYS");
+    // A copy, so that its gpg agent is not that of another sandbox.
+    static const Scratch copy;
+    static const int copied =
+        run("cp -r \"$VELMORA_TEST_KEYS\" " + (copy / "keys").string());
+    EXPECT_EQ(copied, 0);
+    return copy / "keys";
 }
 
 void pack(const std::string& arguments)

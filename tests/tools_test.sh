@@ -8,6 +8,9 @@ keys=$3
 root_ca=/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem
 failures=0
 cd "$(mktemp -d)"
+# An agent of its own: another sandbox's would end with that.
+cp -r "$keys" keys
+keys=$PWD/keys
 
 # expect STATUS PATTERN COMMAND...: status, and a line of output that matches.
 expect() {
