@@ -4,8 +4,8 @@
 Usage: abi.py LIBRARY LIST [--update]
 
 The list has the dynamic symbols, as nm shows them, and, where libabigail is
-installed, the signatures of the functions behind them and the layout of the
-project's own types. Without libabigail the symbols alone are compared.
+installed, the signatures of the functions behind them, the types of the
+variables and the layout of the project's own types. Without libabigail the symbols alone are compared.
 """
 
 import difflib
@@ -78,6 +78,12 @@ def signatures(library):
                                    for parameter in node.findall("parameter"))
             result = types.name(node.find("return").get("type-id"))
             lines.add(f"function {result} {node.get('name')}({parameters})")
+    variables = {node.get("name")
+                 for node in corpus.find("elf-variable-symbols")}
+    for node in corpus.iter("var-decl"):
+        if node.get("mangled-name") in variables:
+            lines.add(f"variable {types.name(node.get('type-id'))} "
+                      f"{node.get('name')}")
     return sorted(lines)
 
 

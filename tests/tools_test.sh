@@ -150,6 +150,7 @@ done
     --key "$keys/payload-signer.pem" --alg PS256 --timestamp 1000000000 -o zip
 expect 0 '^kind: signed payload' "$pack" inspect zip
 expect 0 '^kind: package' "$pack" inspect p.zip
+expect 1 'is not a binary OpenPGP signature' "$pack" inspect --as signature p.zip
 expect 0 '^kind: detached OpenPGP signature' "$pack" inspect sig
 cat "$keys/chain.pem" "$keys/foreign-root.pem" >long
 expect 0 'warning.*foreign.* not the issuer' "$pack" payload content \

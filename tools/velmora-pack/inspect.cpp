@@ -38,14 +38,20 @@ Kind recognise(const Source& file)
     const Buffer start =
         file.read(0, std::min<std::uint64_t>(file.size(), startSize));
     const std::string_view text = textOf(start);
-    // Its body can be of any other kind, and so begin like that.
-    if (looksLikePayload(file))
+    // A payload's body can be of any other kind, and so begin like that; a
+    // package can hold a chain where a payload has one.
+    const PayloadMarks marks = payloadMarks(file);
+    if (marks.chain && marks.metadata)
     {
         return Kind::payload;
     }
     if (text.starts_with("PK\3\4") || text.starts_with("PK\5\6"))
     {
         return Kind::package;
+    }
+    if (marks.chain)
+    {
+        return Kind::payload;
     }
     const std::size_t first = text.find_first_not_of("\xef\xbb\xbf \t\r\n");
     if (first != std::string_view::npos && text[first] == '<')
@@ -85,6 +91,17 @@ const char* titleOf(Kind kind)
     return "";
 }
 
+Json describeDetachedSignature(const Source& file)
+{
+    const Buffer content = file.readAll();
+    if (!isSignature(content))
+    {
+        throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
+                                 "--dearmor makes one of an armoured one)");
+    }
+    return {{"signatures", describeSignatures(content)}};
+}
+
 Json describe(const Source& file, Kind kind)
 {
     switch (kind)
@@ -100,7 +117,7 @@ Json describe(const Source& file, Kind kind)
         case Kind::payload:
             return describePayload(file);
         case Kind::signature:
-            return {{"signatures", describeSignatures(file.readAll())}};
+            return describeDetachedSignature(file);
     }
     return {};
 }

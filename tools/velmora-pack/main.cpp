@@ -344,8 +344,8 @@ int main(int argc, char** argv)
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error)
         {
-            return std::string("velmora-pack: ") + error.what() +
-                   " (--help lists the options)\n";
+            return "velmora-pack: " + pack::printable(error.what()) +
+                   " (--help tells more)\n";
         });
     app.require_subcommand(1);
     addPackage(app, options.package);

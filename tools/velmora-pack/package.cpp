@@ -140,7 +140,7 @@ void classify(Contents& contents, const Member& member)
                                {
                                    return std::string_view(other.place.name);
                                });
-        if (count > 1)
+        if (count == 2)
         {
             contents.remarks.push_back("member " + member.place.name +
                                        " is there more than once");

@@ -420,19 +420,19 @@ void makePayload(const PayloadOptions& options)
                                metadata.timestamp + ", signed and checked");
 }
 
-bool looksLikePayload(const Source& file)
+PayloadMarks payloadMarks(const Source& file)
 {
     if (file.size() <= trailerSize)
     {
-        return false;
+        return {};
     }
     const Layout layout(file.size());
     const Buffer area = file.read(layout.chain, chainAreaSize);
     const Buffer block = file.read(layout.metadata, metadataSize);
     const Metadata metadata = readMetadata(textUpToNul(block));
-    return textUpToNul(area).find(certificateStart) != std::string_view::npos &&
-           !(metadata.version + metadata.algorithm + metadata.timestamp)
-                .empty();
+    return {
+        textUpToNul(area).find(certificateStart) != std::string_view::npos,
+        !(metadata.version + metadata.algorithm + metadata.timestamp).empty()};
 }
 
 Json describePayload(const Source& file)

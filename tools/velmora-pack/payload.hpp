@@ -26,8 +26,13 @@ struct PayloadOptions
 
 void makePayload(const PayloadOptions& options);
 
-/** Whether the file ends with a trailer that holds a certificate chain. */
-bool looksLikePayload(const Source& file);
+/** What of a trailer a file has at its end. */
+struct PayloadMarks
+{
+    bool chain = false;
+    bool metadata = false;
+};
+PayloadMarks payloadMarks(const Source& file);
 nlohmann::ordered_json describePayload(const Source& file);
 
 } // namespace pack

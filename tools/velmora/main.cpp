@@ -4,6 +4,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <exception>
 #include <functional>
@@ -141,8 +143,15 @@ class CommandLine
         app_.failure_message(
             [](const CLI::App*, const CLI::Error& error)
             {
-                return std::string("velmora: ") + error.what() +
-                       " (--help lists the options)\n";
+                std::string text = error.what();
+                std::ranges::replace_if(
+                    text,
+                    [](unsigned char c)
+                    {
+                        return std::iscntrl(c) != 0;
+                    },
+                    '?');
+                return "velmora: " + text + " (--help tells more)\n";
             });
         addPackageCommands();
         addFirmwareCommands();
