@@ -102,9 +102,12 @@ extern VELMORA_EXPORT std::string metadata_algo;
 
 /** SHA-256 digest of one regular file.
  *
- *  @param filePath opened as it is, relative paths from the working directory
+ *  @param filePath a regular file; opened as it is, relative paths from the
+ *         working directory
  *  @return 64 lower-case hexadecimal characters; empty when the file cannot be
- *          opened or read whole, is not a regular file, or the digest fails
+ *          opened or read whole, or the digest fails, and for a directory, a
+ *          FIFO and a device (but one that has a length, below 10 MiB, is read
+ *          like a file)
  *  @throws std::bad_alloc when no buffer of the file's length (only reserved,
  *          not filled) can be had */
 VELMORA_EXPORT std::string calculateFileSHA(const std::string& filePath);

@@ -4,7 +4,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,29 +91,20 @@ class InputFile
     {
     }
 
-    /** @return bytes, nothing when it is not open or no regular file: a
-     *          directory or device has no length that could be digested */
+    /** @return bytes, nothing when it is not open or has no length */
     std::optional<std::uint64_t> length() const
     {
-        // For a regular file the kernel itself answers this, with what is left
-        // behind the position, in a third of the time that fstat takes; that
-        // would be as long as the digest of a small file. Others are asked in
-        // full.
-        int left = 0;
-        if (descriptor_ && ioctl(descriptor_.get(), FIONREAD, &left) == 0 &&
-            left > 0 && left < int{PIECE_SIZE})
-        {
-            return static_cast<std::uint64_t>(left);
-        }
-        struct stat status
-        {
-        };
-        if (!descriptor_ || fstat(descriptor_.get(), &status) != 0 ||
-            !S_ISREG(status.st_mode))
+        const off_t end =
+            descriptor_ ? lseek(descriptor_.get(), 0, SEEK_END) : off_t{-1};
+        // Directories and devices mostly tell none or an absurd one; what is
+        // left of them cannot be read, or is read like a file. To ask for the
+        // status of each file would cost as much as the digest of a small one.
+        const bool usual = end > 0 && end < off_t{PIECE_SIZE};
+        if (end < 0 || (!usual && !isRegular()))
         {
             return std::nullopt;
         }
-        return static_cast<std::uint64_t>(status.st_size);
+        return static_cast<std::uint64_t>(end);
     }
 
     /** @param offset of the first byte, from the start of the file
@@ -140,6 +130,15 @@ class InputFile
     }
 
   private:
+    bool isRegular() const
+    {
+        struct stat status
+        {
+        };
+        return fstat(descriptor_.get(), &status) == 0 &&
+               S_ISREG(status.st_mode);
+    }
+
     Descriptor descriptor_;
 };
 
