@@ -81,6 +81,13 @@ std::string normaliseSystemId(std::string& text)
     return {};
 }
 
+/** An option or, without dashes, an argument that names a file. */
+CLI::Option* addPath(CLI::App& command, const std::string& name, fs::path& path,
+                     const std::string& help, const std::string& type = "FILE")
+{
+    return command.add_option(name, path, help)->type_name(type);
+}
+
 /** One of the three ways to a signature must be chosen, and an output given
  *  unless nothing is signed. */
 void addSigning(CLI::App& command, pack::Signing& signing, fs::path& output,
@@ -88,8 +95,7 @@ void addSigning(CLI::App& command, pack::Signing& signing, fs::path& output,
                 const std::string& signedHelp)
 {
     CLI::Option* const out =
-        command.add_option("-o,--output", output, "The file to make")
-            ->type_name("FILE");
+        addPath(command, "-o,--output", output, "The file to make");
     CLI::Option_group* const ways =
         command.add_option_group("Signature", "one of these");
     ways->add_option("--key", signing.key, keyHelp)->type_name("KEY");
@@ -117,10 +123,8 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
     CLI::App& command = *app.add_subcommand(
         "package", "Make a package: descriptor, its OpenPGP signature and the "
                    "payload in a ZIP");
-    command
-        .add_option("--payload", options.payload,
-                    "A file, or a directory of files without subdirectories")
-        ->type_name("PATH")
+    addPath(command, "--payload", options.payload,
+            "A file, or a directory of files without subdirectories", "PATH")
         ->required();
     command.add_option("--model", options.model, "The component identifier")
         ->type_name("ID")
@@ -133,10 +137,8 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
                     "any, all are")
         ->type_name("HEX")
         ->transform(CLI::Validator(normaliseSystemId, ""));
-    command
-        .add_option("--gpg-home", options.gpgHome,
-                    "The GnuPG home with the key, instead of gpg's own")
-        ->type_name("DIR");
+    addPath(command, "--gpg-home", options.gpgHome,
+            "The GnuPG home with the key, instead of gpg's own", "DIR");
     addSigning(command, options.signing, options.output,
                "The full fingerprint of the OpenPGP key to sign with",
                "A detached binary OpenPGP signature that was made elsewhere; "
@@ -149,14 +151,10 @@ void addImage(CLI::App& app, pack::ImageOptions& options)
     CLI::App& command = *app.add_subcommand(
         "image",
         "Sign an image with ECDSA, P-384 and SHA-512: 96 bytes are appended");
-    command.add_option("input", options.input, "The image's content")
-        ->type_name("FILE")
-        ->required();
+    addPath(command, "input", options.input, "The image's content")->required();
     CLI::Option* const publicKey =
-        command
-            .add_option("--public-key", options.publicKey,
-                        "With --signature: the signer's public key, PEM")
-            ->type_name("FILE");
+        addPath(command, "--public-key", options.publicKey,
+                "With --signature: the signer's public key, PEM");
     addSigning(command, options.signing, options.output,
                "The EC private key, PEM",
                "A signature that was made elsewhere, DER or 96 bytes; needs "
@@ -176,14 +174,10 @@ void addManifest(CLI::App& app, pack::ManifestOptions& options)
                     "The release marker, 1 or 2; without it there is none")
         ->type_name("N")
         ->check(CLI::IsMember({1, 2}));
-    command
-        .add_option("--prefix", options.prefix,
-                    "A file whose bytes stand before the manifest")
-        ->type_name("FILE");
-    command
-        .add_option("-o,--output", options.output,
-                    "The directory for both files; made if there is none")
-        ->type_name("DIR")
+    addPath(command, "--prefix", options.prefix,
+            "A file whose bytes stand before the manifest");
+    addPath(command, "-o,--output", options.output,
+            "The directory for both files; made if there is none", "DIR")
         ->required();
 }
 
@@ -192,14 +186,10 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
     CLI::App& command = *app.add_subcommand(
         "payload",
         "Sign a payload with RSA-PSS: the trailer of 76800 bytes is appended");
-    command.add_option("input", options.input, "The payload's body")
-        ->type_name("FILE")
-        ->required();
-    command
-        .add_option("--chain", options.chain,
-                    "The signer's certificate and its chain, PEM, shorter "
-                    "than 24576 bytes")
-        ->type_name("FILE")
+    addPath(command, "input", options.input, "The payload's body")->required();
+    addPath(command, "--chain", options.chain,
+            "The signer's certificate and its chain, PEM, shorter "
+            "than 24576 bytes")
         ->required();
     command.add_option("--alg", options.algorithm, "PS256, PS384 or PS512")
         ->type_name("NAME")
@@ -223,9 +213,7 @@ void addInspect(CLI::App& app, InspectOptions& options)
 {
     CLI::App& command = *app.add_subcommand(
         "inspect", "Say what a file is and list its fields");
-    command.add_option("file", options.file, "The file")
-        ->type_name("FILE")
-        ->required();
+    addPath(command, "file", options.file, "The file")->required();
     command
         .add_option("--as", options.kind,
                     "What the file is: package, descriptor, manifest, image, "
