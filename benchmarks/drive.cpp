@@ -45,9 +45,7 @@ long countProcesses()
     return std::count_if(
         fs::directory_iterator("/proc"), fs::directory_iterator(),
         [](const fs::directory_entry& entry)
-        {
-            return std::isdigit(entry.path().filename().c_str()[0]) != 0;
-        });
+        { return std::isdigit(entry.path().filename().c_str()[0]) != 0; });
 }
 
 /** Connections on the bus; the one that asks is among them each time. */

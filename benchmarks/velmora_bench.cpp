@@ -198,22 +198,13 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     add("file digest/raw",
-        [](benchmark::State& s)
-        {
-            rawDigest(s, EVP_sha256(), "big");
-        });
+        [](benchmark::State& s) { rawDigest(s, EVP_sha256(), "big"); });
     add("file digest/library", fileDigest);
     add("image/raw",
-        [](benchmark::State& s)
-        {
-            rawDigest(s, EVP_sha512(), "image");
-        });
+        [](benchmark::State& s) { rawDigest(s, EVP_sha512(), "image"); });
     add("image/library", image);
     add("slot/raw",
-        [](benchmark::State& s)
-        {
-            rawDigest(s, EVP_sha384(), "payload");
-        });
+        [](benchmark::State& s) { rawDigest(s, EVP_sha384(), "payload"); });
     add("slot/library", slot);
     add("composite/raw", bareComposite);
     add("composite/library", composite);

@@ -66,15 +66,9 @@ class Descriptor
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
 
-    ~Descriptor()
-    {
-        close(descriptor_);
-    }
+    ~Descriptor() { close(descriptor_); }
 
-    int get() const
-    {
-        return descriptor_;
-    }
+    int get() const { return descriptor_; }
 
   private:
     int descriptor_;
@@ -119,10 +113,7 @@ class PrivateDirectory
         fs::remove_all(path_, ignored);
     }
 
-    const fs::path& path() const
-    {
-        return path_;
-    }
+    const fs::path& path() const { return path_; }
 
   private:
     fs::path path_;

@@ -33,10 +33,7 @@ sd_bus* connection()
 
 } // namespace
 
-void fuzz::answerCalls(Answer answer)
-{
-    currentAnswer = std::move(answer);
-}
+void fuzz::answerCalls(Answer answer) { currentAnswer = std::move(answer); }
 
 // These stand in front of the bus library's own.
 

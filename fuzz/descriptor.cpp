@@ -41,9 +41,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     }
     fuzz::answerCalls(
         [](sd_bus_message* reply)
-        {
-            sd_bus_message_append(reply, "v", "ay", 2, 0x1b, 0x0a);
-        });
+        { sd_bus_message_append(reply, "v", "ay", 2, 0x1b, 0x0a); });
     try
     {
         ValidateQOR::validateSytemIdFromPkgXML(descriptor.path());

@@ -84,12 +84,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
                                                  : std::as_bytes(input)),
                           kind);
         fields.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
-        fuzz::expect(std::ranges::all_of(pack::renderText(fields),
-                                         [](char c)
-                                         {
-                                             return c == '\n' ||
-                                                    (c >= ' ' && c <= '~');
-                                         }));
+        fuzz::expect(std::ranges::all_of(
+            pack::renderText(fields),
+            [](char c) { return c == '\n' || (c >= ' ' && c <= '~'); }));
     }
     catch (const pack::Error&)
     {

@@ -34,10 +34,7 @@ inline void expect(bool claim)
     }
 }
 
-inline std::string textOf(Bytes bytes)
-{
-    return {bytes.begin(), bytes.end()};
-}
+inline std::string textOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
 
 /** Takes a part off the front of the input: two bytes of length,
  *  little-endian, and as many of the bytes behind them as there are. */
@@ -76,10 +73,7 @@ inline void forbidPrompts()
 class Scratch
 {
   public:
-    Scratch()
-    {
-        expect(mkdtemp(path_.data()) != nullptr);
-    }
+    Scratch() { expect(mkdtemp(path_.data()) != nullptr); }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
     ~Scratch()
@@ -88,10 +82,7 @@ class Scratch
         std::filesystem::remove_all(path_, ignored);
     }
 
-    const std::string& path() const
-    {
-        return path_;
-    }
+    const std::string& path() const { return path_; }
 
   private:
     std::string path_ = "/tmp/fuzz-XXXXXX";
@@ -108,10 +99,7 @@ class InputFile
     }
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
-    ~InputFile()
-    {
-        close(descriptor_);
-    }
+    ~InputFile() { close(descriptor_); }
 
     void set(Bytes content)
     {
@@ -119,10 +107,7 @@ class InputFile
                    static_cast<ssize_t>(content.size()) &&
                ftruncate(descriptor_, static_cast<off_t>(content.size())) == 0);
     }
-    const std::string& path() const
-    {
-        return path_;
-    }
+    const std::string& path() const { return path_; }
 
   private:
     std::string path_;

@@ -42,46 +42,26 @@ inline void freeDocument(xmlDoc* document)
     xmlCleanupParser();
 }
 
-inline void freeXmlText(xmlChar* text)
-{
-    xmlFree(text);
-}
+inline void freeXmlText(xmlChar* text) { xmlFree(text); }
 
-inline void freeOpensslBytes(unsigned char* bytes)
-{
-    OPENSSL_free(bytes);
-}
+inline void freeOpensslBytes(unsigned char* bytes) { OPENSSL_free(bytes); }
 
-inline void closeStream(std::FILE* stream)
-{
-    std::fclose(stream);
-}
+inline void closeStream(std::FILE* stream) { std::fclose(stream); }
 
 /** One file descriptor, or none. */
 class Descriptor
 {
   public:
     /** @param descriptor taken over; negative for none */
-    explicit Descriptor(int descriptor) : descriptor_(descriptor)
-    {
-    }
+    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
 
-    ~Descriptor()
-    {
-        close();
-    }
+    ~Descriptor() { close(); }
 
-    explicit operator bool() const
-    {
-        return descriptor_ >= 0;
-    }
+    explicit operator bool() const { return descriptor_ >= 0; }
 
-    int get() const
-    {
-        return descriptor_;
-    }
+    int get() const { return descriptor_; }
 
     /** @return false when the system refuses; it is not tried again */
     bool close()

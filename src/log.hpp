@@ -32,10 +32,7 @@ class Decimal
         size_ = static_cast<std::size_t>(result.ptr - digits_.data());
     }
 
-    operator std::string_view() const
-    {
-        return {digits_.data(), size_};
-    }
+    operator std::string_view() const { return {digits_.data(), size_}; }
 
   private:
     std::array<char, 24> digits_{};
@@ -140,10 +137,7 @@ class StderrLine
     }
 
     /** For the one message that names its own line. */
-    int line() const
-    {
-        return line_;
-    }
+    int line() const { return line_; }
 
   private:
     const char* level_;

@@ -153,9 +153,7 @@ void writeReleaseMarker(Bytes manifest)
         open(RELEASE_MARKER_FILE,
              O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
              readableByAll));
-    struct stat status
-    {
-    };
+    struct stat status{};
     if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
         ftruncate(file.get(), 0) != 0)
     {

@@ -58,10 +58,7 @@ class Sha256
                EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) != 0;
     }
 
-    void release()
-    {
-        context_.reset();
-    }
+    void release() { context_.reset(); }
 
     /** Lower-case hexadecimal text of what finish() gave. */
     std::string text() const
@@ -132,9 +129,7 @@ class InputFile
   private:
     bool isRegular() const
     {
-        struct stat status
-        {
-        };
+        struct stat status{};
         return fstat(descriptor_.get(), &status) == 0 &&
                S_ISREG(status.st_mode);
     }
@@ -339,9 +334,7 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
         sha.init() &&
         std::all_of(digests.begin(), digests.end(),
                     [&sha](const std::string& digest)
-                    {
-                        return sha.update(digest.data(), digest.size());
-                    }) &&
+                    { return sha.update(digest.data(), digest.size()); }) &&
         sha.finish();
     sha.release();
     if (!complete)

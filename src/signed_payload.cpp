@@ -125,21 +125,13 @@ class PayloadFile
     PayloadFile(const PayloadFile&) = delete;
     PayloadFile& operator=(const PayloadFile&) = delete;
 
-    ~PayloadFile()
-    {
-        unmap();
-    }
+    ~PayloadFile() { unmap(); }
 
-    bool isOpen() const
-    {
-        return static_cast<bool>(descriptor_);
-    }
+    bool isOpen() const { return static_cast<bool>(descriptor_); }
 
     bool measure()
     {
-        struct stat status
-        {
-        };
+        struct stat status{};
         if (fstat(descriptor_.get(), &status) != 0)
         {
             return false;
@@ -149,10 +141,7 @@ class PayloadFile
     }
 
     /** In 64 bits, which a mapping need not have. */
-    std::int64_t size() const
-    {
-        return size_;
-    }
+    std::int64_t size() const { return size_; }
 
     bool map()
     {
@@ -172,10 +161,7 @@ class PayloadFile
         return true;
     }
 
-    const void* data() const
-    {
-        return mapping_;
-    }
+    const void* data() const { return mapping_; }
 
     /** @return false when the system refuses; it is not tried again */
     bool unmap()
@@ -185,10 +171,7 @@ class PayloadFile
                munmap(mapping, static_cast<std::size_t>(size_)) == 0;
     }
 
-    bool close()
-    {
-        return descriptor_.close();
-    }
+    bool close() { return descriptor_.close(); }
 
   private:
     Descriptor descriptor_;
@@ -203,10 +186,7 @@ struct SlotObjects
     SlotObjects(const SlotObjects&) = delete;
     SlotObjects& operator=(const SlotObjects&) = delete;
 
-    ~SlotObjects()
-    {
-        release();
-    }
+    ~SlotObjects() { release(); }
 
     void release()
     {
@@ -376,10 +356,7 @@ class RootCaFile
     RootCaFile(const RootCaFile&) = delete;
     RootCaFile& operator=(const RootCaFile&) = delete;
 
-    ~RootCaFile()
-    {
-        remove();
-    }
+    ~RootCaFile() { remove(); }
 
     void remove()
     {
@@ -667,9 +644,7 @@ bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
                  static_cast<unsigned long long>(length));
 
     const auto position = [&payload]
-    {
-        return static_cast<long long>(std::streamoff(payload.tellg()));
-    };
+    { return static_cast<long long>(std::streamoff(payload.tellg())); };
     payload.seekg(length - TRAILER_SIZE, std::ios::beg);
     stderrInfo()("Certificate Chain offset %lld", position());
     std::string chain(CHAIN_SIZE, '\0');

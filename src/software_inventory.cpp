@@ -15,10 +15,8 @@
 #include <variant>
 
 #define PURPOSE(name)                                                          \
-    {                                                                          \
-        Version::VersionPurpose::name,                                         \
-            "xyz.openbmc_project.Software.Version.VersionPurpose." #name       \
-    }
+    {Version::VersionPurpose::name,                                            \
+     "xyz.openbmc_project.Software.Version.VersionPurpose." #name}
 
 namespace sdbusplus::common::xyz::openbmc_project::software::details
 {
@@ -87,11 +85,9 @@ std::string softwarePath(const std::string& inventoryPath)
 template <typename Table, typename Value>
 std::string valueToString(const Table& table, Value value)
 {
-    const auto found = std::find_if(table.begin(), table.end(),
-                                    [value](const auto& entry)
-                                    {
-                                        return entry.first == value;
-                                    });
+    const auto found =
+        std::find_if(table.begin(), table.end(), [value](const auto& entry)
+                     { return entry.first == value; });
     if (found == table.end())
     {
         throw std::invalid_argument(std::to_string(static_cast<int>(value)));

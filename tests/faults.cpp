@@ -44,9 +44,7 @@ bool inLibrary(const void* address)
 {
     Dl_info info{};
     const auto in = [&info](const char* name)
-    {
-        return std::strstr(info.dli_fname, name) != nullptr;
-    };
+    { return std::strstr(info.dli_fname, name) != nullptr; };
     return dladdr(address, &info) != 0 &&
            (in("libvelmora.so") || in("libquorlin.so") ||
             (chosen == "read" && in("libstdc++.so")));
@@ -272,10 +270,7 @@ void* operator new(std::size_t size)
     return memory;
 }
 
-void* operator new[](std::size_t size)
-{
-    return operator new(size);
-}
+void* operator new[](std::size_t size) { return operator new(size); }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
@@ -287,20 +282,11 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
     return allocate(size);
 }
 
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
+void operator delete(void* memory) noexcept { std::free(memory); }
 
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
+void operator delete[](void* memory) noexcept { std::free(memory); }
 
 void operator delete[](void* memory, std::size_t) noexcept
 {

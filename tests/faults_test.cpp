@@ -65,11 +65,7 @@ Lines logWith(const std::string& function, int nth,
               const std::function<void()>& work,
               const std::function<void()>& before = {})
 {
-    return logOf(
-        [&]
-        {
-            EXPECT_TRUE(withFault(function, nth, work, before));
-        });
+    return logOf([&] { EXPECT_TRUE(withFault(function, nth, work, before)); });
 }
 
 class Faults : public testing::Test
@@ -110,9 +106,7 @@ class Faults : public testing::Test
             {"validateExtractedQOR",
              [] {},
              [this]
-             {
-                 return ValidateQOR::validateExtractedQOR(scratch / "package");
-             },
+             { return ValidateQOR::validateExtractedQOR(scratch / "package"); },
              {"gpgme_hash_algo_name", "gpgme_pubkey_algo_name", "close"}},
             {"verifyManifestAndSignature",
              [] {},
@@ -131,9 +125,7 @@ class Faults : public testing::Test
                                fs::copy_options::overwrite_existing);
              },
              [this]
-             {
-                 return ValidateQOR::validateCertChainForPayload(payload);
-             },
+             { return ValidateQOR::validateCertChainForPayload(payload); },
              // The key has the same digest as its default.
              {"EVP_sha256"}},
             {"getImagePurpose",
@@ -149,10 +141,7 @@ class Faults : public testing::Test
               "xmlXPathEvalExpression", "xmlNodeGetContent"}},
             {"getInventoryModel",
              [] {},
-             [=]
-             {
-                 return ValidateQOR::getInventoryModel(path) == "M1";
-             },
+             [=] { return ValidateQOR::getInventoryModel(path) == "M1"; },
              {}},
             {"registerSWInv",
              [] {},
@@ -179,10 +168,7 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
     for (const Scenario& scenario : scenarios())
     {
         bool accepted = false;
-        const auto work = [&]
-        {
-            accepted = scenario.accepts();
-        };
+        const auto work = [&] { accepted = scenario.accepts(); };
         scenario.prepare();
         logOf(work);
         ASSERT_TRUE(accepted) << scenario.name;
@@ -196,11 +182,7 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
             {
                 scenario.prepare();
                 accepted = false;
-                logOf(
-                    [&]
-                    {
-                        fired = withFault(function, nth, work);
-                    });
+                logOf([&] { fired = withFault(function, nth, work); });
                 EXPECT_EQ(accepted, !fired || harmless)
                     << scenario.name << ": " << function << " " << nth;
                 EXPECT_EQ(descriptors(), before)
@@ -286,13 +268,9 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveNoDigest)
     writeFile(scratch / "f", std::string(10'485'761, 'x'));
     const auto failures = [&](const char* function)
     {
-        const Lines log =
-            logWith(function, 1,
-                    [&]
-                    {
-                        EXPECT_EQ(calculateFileSHA(scratch / "f"), "")
-                            << function;
-                    });
+        const Lines log = logWith(
+            function, 1, [&]
+            { EXPECT_EQ(calculateFileSHA(scratch / "f"), "") << function; });
         EXPECT_THAT(log.back(), testing::HasSubstr("Hash for file "));
         return std::count(log.begin(), log.end(), "FAILURE");
     };
@@ -308,11 +286,8 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveNoDigest)
                                  "EVP_DigestUpdate", "EVP_DigestFinal_ex"})
     {
         const Lines log = logWith(
-            function, 2,
-            [&]
-            {
-                EXPECT_EQ(ValidateQOR::getSHAStrFromImage(scratch / "d"), "");
-            });
+            function, 2, [&]
+            { EXPECT_EQ(ValidateQOR::getSHAStrFromImage(scratch / "d"), ""); });
         EXPECT_EQ(log.size(), 2U) << function;
         EXPECT_EQ(log.back(), "FAILURE");
     }
@@ -344,10 +319,7 @@ TEST_F(Faults, OnlyAnExitCodeFailsAnExtraction)
                     EXPECT_TRUE(ValidateQOR::unZip(scratch / "package.zip",
                                                    scratch / "out"));
                 },
-                []
-                {
-                    raise(SIGKILL);
-                });
+                [] { raise(SIGKILL); });
         });
     EXPECT_THAT(log, ElementsAre("SUCCESS"));
 }
@@ -423,12 +395,7 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
 TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
 {
     const auto shrink = [](const std::string& path, std::uintmax_t size)
-    {
-        return [=]
-        {
-            fs::resize_file(path, size);
-        };
-    };
+    { return [=] { fs::resize_file(path, size); }; };
     // The trailer begins behind four bytes of body.
     const std::string good = readFile(payload);
     const auto cutAt = [&](std::uintmax_t size, int nthRead)
@@ -465,11 +432,7 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
                 ElementsAre("FAILURE verifyManifestAndSignature: Failed to "
                             "read ZRN image signature"));
     EXPECT_EQ(logWith(
-                  "pread64", 1,
-                  [&]
-                  {
-                      EXPECT_EQ(calculateFileSHA(image), "");
-                  },
+                  "pread64", 1, [&] { EXPECT_EQ(calculateFileSHA(image), ""); },
                   shrink(image, 3))
                   .front(),
               "FAILURE");
@@ -488,10 +451,7 @@ TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
                     // The first allocation inside: the stream of the hashfunc
                     // file.
                     withFault("operator new", 1,
-                              [&]
-                              {
-                                  ValidateQOR::createHashFuncFile();
-                              });
+                              [&] { ValidateQOR::createHashFuncFile(); });
                     const std::string chain = bytes.substr(4, 24576);
                     const std::string signature =
                         bytes.substr(4 + 24576 + 512, 512);

@@ -62,10 +62,7 @@ class Manifest : public testing::Test
         return result;
     }
 
-    std::string found() const
-    {
-        return {manifest.begin(), manifest.end()};
-    }
+    std::string found() const { return {manifest.begin(), manifest.end()}; }
 
     Scratch scratch;
     manifestHeader header{};
@@ -308,11 +305,7 @@ TEST_F(Image, TheServiceDecides)
                     failure("vornFwManifestVerification() invoke"));
     EXPECT_EQ(verifyWithoutService(), -1);
     EXPECT_THAT(log, noAnswer);
-    const Service silent(SECURITY,
-                         [](auto*, auto*)
-                         {
-                             return 0;
-                         });
+    const Service silent(SECURITY, [](auto*, auto*) { return 0; });
     EXPECT_EQ(verifyWithoutService(), -1);
     EXPECT_THAT(log, noAnswer);
 }

@@ -59,22 +59,14 @@ class Digest : public testing::Test
     std::string file(const fs::path& path)
     {
         std::string digest;
-        log = logOf(
-            [&]
-            {
-                digest = calculateFileSHA(path);
-            });
+        log = logOf([&] { digest = calculateFileSHA(path); });
         return digest;
     }
 
     std::string directory(const fs::path& path)
     {
         std::string digest;
-        log = logOf(
-            [&]
-            {
-                digest = ValidateQOR::getSHAStrFromImage(path);
-            });
+        log = logOf([&] { digest = ValidateQOR::getSHAStrFromImage(path); });
         return digest;
     }
 
@@ -191,10 +183,7 @@ TEST_F(Digest, CompositeNeedsTheStatusOfEveryEntry)
     writeFile(scratch / "f", "");
     fs::permissions(scratch.path, fs::perms::owner_read);
     asOrdinaryUser(
-        [&]
-        {
-            EXPECT_THROW(directory(scratch.path), fs::filesystem_error);
-        });
+        [&] { EXPECT_THROW(directory(scratch.path), fs::filesystem_error); });
     fs::permissions(scratch.path, fs::perms::owner_all);
 
     fs::path deep = scratch.path;

@@ -32,11 +32,7 @@ class Metadata : public testing::Test
     {
         text.resize(512);
         int status = -1;
-        log = logOf(
-            [&]
-            {
-                status = ValidateQOR::extract_meta_data(text);
-            });
+        log = logOf([&] { status = ValidateQOR::extract_meta_data(text); });
         EXPECT_EQ(text.size(), 512U);
         block = text;
         return status;
@@ -82,11 +78,7 @@ TEST_F(Metadata, StatusesInTheirOrder)
     EXPECT_EQ(extract(""), 9);
     EXPECT_EQ(extract("\"\"\"\""), 9);
     std::string none;
-    logOf(
-        [&]
-        {
-            EXPECT_EQ(ValidateQOR::extract_meta_data(none), 9);
-        });
+    logOf([&] { EXPECT_EQ(ValidateQOR::extract_meta_data(none), 9); });
     EXPECT_EQ(extract("{}"), 10);
     EXPECT_EQ(extract("\"ver\":\"1\"," + algorithm + field("sts", "1")), 10);
     EXPECT_THAT(log, Contains(info("Version found...")));
@@ -169,20 +161,14 @@ class Payload : public testing::Test
         }
     }
 
-    static std::size_t slot()
-    {
-        return good.size() - TRAILER;
-    }
+    static std::size_t slot() { return good.size() - TRAILER; }
 
     bool valid(const std::string& content)
     {
         writeFile(path, content);
         bool result = true;
         log = logOf(
-            [&]
-            {
-                result = ValidateQOR::validateCertChainForPayload(path);
-            });
+            [&] { result = ValidateQOR::validateCertChainForPayload(path); });
         return result;
     }
 
@@ -198,10 +184,7 @@ class Payload : public testing::Test
         return status;
     }
 
-    static std::string goodChain()
-    {
-        return good.substr(slot(), CHAIN);
-    }
+    static std::string goodChain() { return good.substr(slot(), CHAIN); }
 
     static std::string goodSignature()
     {
@@ -226,9 +209,7 @@ TEST_F(Payload, GoodOneIsAcceptedAndLeavesItsFiles)
     EXPECT_TRUE(valid(good));
     const auto line = [](const std::string& level, const std::string& function,
                          const std::string& text)
-    {
-        return level + " " + function + ": " + text;
-    };
+    { return level + " " + function + ": " + text; };
     const std::string up = "validateCertChainForPayload";
     const std::string slotName = "verify_slot_signature";
     const std::string size = std::to_string(good.size());
@@ -419,11 +400,7 @@ TEST_F(Payload, SlotStatuses)
                             "AAAA\n-----END CERTIFICATE-----\n";
     encrypted.resize(CHAIN);
     EXPECT_EQ(verifySlot(encrypted, goodSignature()), 7);
-    EXPECT_THAT(logOf(
-                    []
-                    {
-                        EXPECT_EQ(ValidateQOR::getX509Cert(""), nullptr);
-                    }),
+    EXPECT_THAT(logOf([] { EXPECT_EQ(ValidateQOR::getX509Cert(""), nullptr); }),
                 ElementsAre("INFO getX509Cert: Entry",
                             "FAILURE getX509Cert: Invalid input argument"));
     EXPECT_EQ(verifySlot(std::string(CHAIN, '\0'), goodSignature()), 7);

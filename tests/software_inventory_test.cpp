@@ -29,15 +29,10 @@ constexpr const char* MANAGER_CALL =
 Service::Handler answer(const std::string& text)
 {
     return [text](auto*, sd_bus_message* reply)
-    {
-        return sd_bus_message_append(reply, "s", text.c_str());
-    };
+    { return sd_bus_message_append(reply, "s", text.c_str()); };
 }
 
-int done(sd_bus_message*, sd_bus_message*)
-{
-    return 0;
-}
+int done(sd_bus_message*, sd_bus_message*) { return 0; }
 
 class Inventory : public testing::Test
 {
@@ -47,11 +42,8 @@ class Inventory : public testing::Test
         writeFile(scratch / "package.xml",
                   "<p><Device componentID='" + component + "'/></p>");
         Purpose purpose = Purpose::Other;
-        log = logOf(
-            [&]
-            {
-                purpose = ValidateQOR::getImagePurpose(scratch.path);
-            });
+        log = logOf([&]
+                    { purpose = ValidateQOR::getImagePurpose(scratch.path); });
         return purpose;
     }
 
@@ -71,11 +63,7 @@ class Inventory : public testing::Test
     std::string modelOf(const std::string& path)
     {
         std::string model;
-        log = logOf(
-            [&]
-            {
-                model = ValidateQOR::getInventoryModel(path);
-            });
+        log = logOf([&] { model = ValidateQOR::getInventoryModel(path); });
         return model;
     }
 
@@ -107,11 +95,7 @@ TEST_F(Inventory, OtherComponentsAreAsked)
             EXPECT_EQ(purposeOf(component), Purpose::LEAKMCU);
         }
         EXPECT_EQ(static_cast<int>(Purpose::LEAKMCU), 14);
-        logOf(
-            [&]
-            {
-                ValidateQOR::getImagePurpose("/nonexistent");
-            });
+        logOf([&] { ValidateQOR::getImagePurpose("/nonexistent"); });
         EXPECT_THAT(
             service.calls,
             ElementsAre(
@@ -126,11 +110,8 @@ TEST_F(Inventory, OtherComponentsAreAsked)
         EXPECT_THROW(purposeOf("1"), InvalidEnumString) << text;
     }
     {
-        const Service service(INVENTORY,
-                              [](auto*, sd_bus_message* reply)
-                              {
-                                  return sd_bus_message_append(reply, "u", 3);
-                              });
+        const Service service(INVENTORY, [](auto*, sd_bus_message* reply)
+                              { return sd_bus_message_append(reply, "u", 3); });
         EXPECT_EQ(purposeOf("1"), Purpose::Unknown);
         EXPECT_THAT(
             log, ElementsAre("SUCCESS",
@@ -189,38 +170,19 @@ TEST_F(Inventory, FaultsOfTheCaller)
         }
     };
     throwsText(std::invalid_argument(""), "3",
-               [&]
-               {
-                   registerBmc("short", Purpose::BMC, Release(3));
-               });
+               [&] { registerBmc("short", Purpose::BMC, Release(3)); });
     throwsText(std::invalid_argument(""), "-1",
-               [&]
-               {
-                   registerBmc("short", Purpose(-1));
-               });
+               [&] { registerBmc("short", Purpose(-1)); });
     throwsText(std::invalid_argument(""), "15",
-               [&]
-               {
-                   registerBmc(BMC_PATH, Purpose(15));
-               });
+               [&] { registerBmc(BMC_PATH, Purpose(15)); });
     const std::string outOfRange =
         "basic_string::substr: __pos (which is 38) > this->size() (which is "
         "5)";
     throwsText(std::out_of_range(""), outOfRange,
-               [&]
-               {
-                   registerBmc("short");
-               });
+               [&] { registerBmc("short"); });
+    throwsText(std::out_of_range(""), outOfRange, [&] { modelOf("short"); });
     throwsText(std::out_of_range(""), outOfRange,
-               [&]
-               {
-                   modelOf("short");
-               });
-    throwsText(std::out_of_range(""), outOfRange,
-               []
-               {
-                   ValidateQOR::deRegisterSWInv("short");
-               });
+               [] { ValidateQOR::deRegisterSWInv("short"); });
     // The prefix alone is no object path.
     EXPECT_THROW(modelOf(BMC_PATH.substr(0, 38)), SdBusError);
 }
@@ -230,9 +192,7 @@ TEST_F(Inventory, ModelIsRead)
     const auto variant = [](const char* type, auto value)
     {
         return [=](auto*, sd_bus_message* reply)
-        {
-            return sd_bus_message_append(reply, "v", type, value);
-        };
+        { return sd_bus_message_append(reply, "v", type, value); };
     };
     {
         const Service service(INVENTORY, variant("s", "M1"));
@@ -253,17 +213,10 @@ TEST_F(Inventory, FailedCallsAreLogged)
     EXPECT_THAT(log, unknownService);
     EXPECT_EQ(modelOf(BMC_PATH), "");
     EXPECT_THAT(log, unknownService);
-    EXPECT_THAT(logOf(
-                    []
-                    {
-                        EXPECT_EQ(ValidateQOR::deRegisterSWInv(BMC_PATH), 0);
-                    }),
-                unknownService);
-    const Service service(INVENTORY,
-                          [](auto*, auto*)
-                          {
-                              return -EEXIST;
-                          });
+    EXPECT_THAT(
+        logOf([] { EXPECT_EQ(ValidateQOR::deRegisterSWInv(BMC_PATH), 0); }),
+        unknownService);
+    const Service service(INVENTORY, [](auto*, auto*) { return -EEXIST; });
     EXPECT_EQ(registerBmc(BMC_PATH), 0);
     EXPECT_THAT(log, ElementsAre("INFO e.what(): sd_bus_call: "
                                  "com.example.Refused: errno 17",
@@ -274,10 +227,7 @@ TEST_F(Inventory, AServiceThatDoesNotAnswer)
 {
     setenv("SYSTEMD_BUS_TIMEOUT", "200ms", 1);
     const Service service(INVENTORY,
-                          [](auto*, auto*)
-                          {
-                              return Service::NO_REPLY;
-                          });
+                          [](auto*, auto*) { return Service::NO_REPLY; });
     EXPECT_EQ(registerBmc(BMC_PATH), 0);
     unsetenv("SYSTEMD_BUS_TIMEOUT");
     EXPECT_THAT(log.front(), StartsWith("INFO e.what(): sd_bus_call: "));

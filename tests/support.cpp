@@ -144,22 +144,15 @@ Scratch::Scratch()
     path = mkdtemp(name.data());
 }
 
-Scratch::~Scratch()
-{
-    fs::remove_all(path);
-}
+Scratch::~Scratch() { fs::remove_all(path); }
 
 Service::Service(const std::string& name, Handler handler) :
     handler_(std::move(handler))
 {
     EXPECT_GE(sd_bus_open_system(&bus_), 0);
     sd_bus_add_filter(
-        bus_, nullptr,
-        [](sd_bus_message* call, void* self, sd_bus_error*)
-        {
-            return static_cast<Service*>(self)->handle(call);
-        },
-        this);
+        bus_, nullptr, [](sd_bus_message* call, void* self, sd_bus_error*)
+        { return static_cast<Service*>(self)->handle(call); }, this);
     EXPECT_GE(sd_bus_request_name(bus_, name.c_str(), 0), 0) << name;
     thread_ = std::thread(&Service::work, this);
 }

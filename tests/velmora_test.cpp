@@ -32,11 +32,7 @@ TEST(Log, StreamStateOfTheProcessDoesNotMatter)
     std::cerr.fill('*');
     const auto hostile = std::cerr.flags();
     EXPECT_THAT(
-        logOf(
-            []
-            {
-                ValidateQOR::unZip("/nonexistent", "/tmp");
-            }),
+        logOf([] { ValidateQOR::unZip("/nonexistent", "/tmp"); }),
         ElementsAre(StartsWith("unzip:"), "INFO pidStatus: 2304", "FAILURE"));
     EXPECT_EQ(std::cerr.flags(), hostile);
     EXPECT_EQ(std::cerr.width(), 30);
@@ -97,11 +93,7 @@ TEST(Unzip, AnIgnoredChildCountsAsExtracted)
     // The wait fails and leaves the status as it was.
     auto* const before = std::signal(SIGCHLD, SIG_IGN);
     bool done = false;
-    logOf(
-        [&]
-        {
-            done = ValidateQOR::unZip("/nonexistent", "/tmp");
-        });
+    logOf([&] { done = ValidateQOR::unZip("/nonexistent", "/tmp"); });
     std::signal(SIGCHLD, before);
     EXPECT_TRUE(done);
 }
@@ -283,10 +275,7 @@ TEST_F(Descriptor, ModelAndVersion)
 class Signature : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        makePackage(scratch.path);
-    }
+    void SetUp() override { makePackage(scratch.path); }
 
     bool valid()
     {
@@ -430,11 +419,8 @@ class Identity : public testing::Test
         const fs::path path = scratch / "package.xml";
         writeFile(path, "<p>" + models + "</p>");
         bool result = false;
-        log = logOf(
-            [&]
-            {
-                result = ValidateQOR::validateSytemIdFromPkgXML(path);
-            });
+        log = logOf([&]
+                    { result = ValidateQOR::validateSytemIdFromPkgXML(path); });
         return result;
     }
 
@@ -525,30 +511,19 @@ TEST_F(Identity, BusFailuresComeBeforeTheDescriptor)
         EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
     {
-        const Service service(PLATFORM,
-                              [](auto*, sd_bus_message* reply)
-                              {
-                                  return sd_bus_message_append(reply, "v", "s",
-                                                               "0A1B");
-                              });
+        const Service service(
+            PLATFORM, [](auto*, sd_bus_message* reply)
+            { return sd_bus_message_append(reply, "v", "s", "0A1B"); });
         EXPECT_FALSE(valid(""));
         EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
     {
-        const Service service(PLATFORM,
-                              [](auto*, auto*)
-                              {
-                                  return 0;
-                              });
+        const Service service(PLATFORM, [](auto*, auto*) { return 0; });
         EXPECT_FALSE(valid(""));
         EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
     {
-        const Service service(PLATFORM,
-                              [](auto*, auto*)
-                              {
-                                  return -EACCES;
-                              });
+        const Service service(PLATFORM, [](auto*, auto*) { return -EACCES; });
         EXPECT_FALSE(valid(""));
         EXPECT_THAT(log, ElementsAre("INFO e.what(): sd_bus_call: "
                                      "com.example.Refused: errno 13",
@@ -565,10 +540,7 @@ class Package : public testing::Test
     {
         bool result = false;
         log = logOf(
-            [&]
-            {
-                result = ValidateQOR::validateExtractedQOR(scratch.path);
-            });
+            [&] { result = ValidateQOR::validateExtractedQOR(scratch.path); });
         return result;
     }
 

@@ -43,16 +43,10 @@ constexpr int INTERNAL_ERROR = -1;
 class ErrorMark
 {
   public:
-    ErrorMark()
-    {
-        ERR_set_mark();
-    }
+    ErrorMark() { ERR_set_mark(); }
     ErrorMark(const ErrorMark&) = delete;
     ErrorMark& operator=(const ErrorMark&) = delete;
-    ~ErrorMark()
-    {
-        ERR_pop_to_mark();
-    }
+    ~ErrorMark() { ERR_pop_to_mark(); }
 };
 
 /** An encrypted block must not make a daemon ask for a passphrase. */

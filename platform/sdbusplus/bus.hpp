@@ -19,9 +19,7 @@ class bus
 {
   public:
     /** @param raw a connection whose reference is taken over, or null */
-    explicit bus(sd_bus* raw) : raw_(raw)
-    {
-    }
+    explicit bus(sd_bus* raw) : raw_(raw) {}
 
     /** @throws exception::SdBusError ("sd_bus_message_new_method_call"),
      *          also where the connection could not be opened */
@@ -55,10 +53,7 @@ class bus
     // connection on this thread.
     struct Unref
     {
-        void operator()(sd_bus* raw) const
-        {
-            sd_bus_unref(raw);
-        }
+        void operator()(sd_bus* raw) const { sd_bus_unref(raw); }
     };
     std::unique_ptr<sd_bus, Unref> raw_;
 };

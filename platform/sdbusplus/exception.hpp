@@ -70,30 +70,18 @@ class SdBusError final : public internal_exception
         return *this;
     }
 
-    ~SdBusError() override
-    {
-        sd_bus_error_free(&error_);
-    }
+    ~SdBusError() override { sd_bus_error_free(&error_); }
 
-    const char* name() const noexcept override
-    {
-        return error_.name;
-    }
+    const char* name() const noexcept override { return error_.name; }
 
-    const char* description() const noexcept override
-    {
-        return error_.message;
-    }
+    const char* description() const noexcept override { return error_.message; }
 
     int get_errno() const noexcept override
     {
         return sd_bus_error_get_errno(&error_);
     }
 
-    const char* what() const noexcept override
-    {
-        return what_.c_str();
-    }
+    const char* what() const noexcept override { return what_.c_str(); }
 
   private:
     void describe(const char* step)
@@ -135,10 +123,7 @@ class InvalidEnumString final : public internal_exception
         return "The string names no value of the enumeration.";
     }
 
-    int get_errno() const noexcept override
-    {
-        return EINVAL;
-    }
+    int get_errno() const noexcept override { return EINVAL; }
 
     const char* what() const noexcept override
     {

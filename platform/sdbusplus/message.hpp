@@ -128,9 +128,7 @@ class message
 {
   public:
     /** @param raw a message whose reference is taken over, or null */
-    explicit message(sd_bus_message* raw = nullptr) : raw_(raw)
-    {
-    }
+    explicit message(sd_bus_message* raw = nullptr) : raw_(raw) {}
 
     /** Appends the arguments in order, each with its own D-Bus type. As with
      *  the binding, the results of appending are not looked at. */
@@ -149,10 +147,7 @@ class message
     }
 
     /** The message itself, still owned. */
-    sd_bus_message* get() const
-    {
-        return raw_.get();
-    }
+    sd_bus_message* get() const { return raw_.get(); }
 
   private:
     struct Unref

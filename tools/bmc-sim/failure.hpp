@@ -24,10 +24,7 @@ class Failure : public std::runtime_error
     {
     }
 
-    [[nodiscard]] int status() const noexcept
-    {
-        return exitStatus;
-    }
+    [[nodiscard]] int status() const noexcept { return exitStatus; }
 
   private:
     int exitStatus;

@@ -22,9 +22,7 @@ class FileDescriptor
 {
   public:
     FileDescriptor() = default;
-    explicit FileDescriptor(int descriptor) noexcept : number(descriptor)
-    {
-    }
+    explicit FileDescriptor(int descriptor) noexcept : number(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept :
         number(std::exchange(other.number, -1))
     {
@@ -36,15 +34,9 @@ class FileDescriptor
     }
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor()
-    {
-        reset();
-    }
+    ~FileDescriptor() { reset(); }
 
-    [[nodiscard]] int get() const noexcept
-    {
-        return number;
-    }
+    [[nodiscard]] int get() const noexcept { return number; }
 
     void reset() noexcept
     {

@@ -12,7 +12,7 @@ constexpr std::string_view softwarePrefix = "/xyz/openbmc_project/software/";
 constexpr auto modelInterfaceName = "xyz.openbmc_project.Software.Model";
 constexpr auto versionInterfaceName = "xyz.openbmc_project.Software.Version";
 
-template <const std::string SoftwareObject::*Text>
+template <const std::string SoftwareObject::* Text>
 int getText(sd_bus*, const char*, const char*, const char*,
             sd_bus_message* reply, void* object, sd_bus_error*) noexcept
 {

@@ -13,8 +13,8 @@ class SoftwareObject
   public:
     SoftwareObject(const char* softwareModel, const char* softwareVersion,
                    const char* versionPurpose, const char* type) :
-        model(softwareModel),
-        version(softwareVersion), purpose(versionPurpose), releaseType(type)
+        model(softwareModel), version(softwareVersion), purpose(versionPurpose),
+        releaseType(type)
     {
     }
 

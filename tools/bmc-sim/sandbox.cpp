@@ -45,20 +45,14 @@ bool isWithin(const fs::path& path, const fs::path& tree)
 
 bool isHidden(const fs::path& path)
 {
-    return std::ranges::any_of(hiddenTrees,
-                               [&path](const char* tree)
-                               {
-                                   return isWithin(path, tree);
-                               });
+    return std::ranges::any_of(hiddenTrees, [&path](const char* tree)
+                               { return isWithin(path, tree); });
 }
 
 bool hidesPlace(const fs::path& directory)
 {
-    return std::ranges::any_of(keptPlaces,
-                               [&directory](const char* place)
-                               {
-                                   return isWithin(place, directory);
-                               });
+    return std::ranges::any_of(keptPlaces, [&directory](const char* place)
+                               { return isWithin(place, directory); });
 }
 
 fs::path resolved(const fs::path& path)
@@ -235,9 +229,7 @@ class InputFiles
     void add(const fs::path& name, const std::string& copy)
     {
         FileDescriptor file(open(name.c_str(), O_RDONLY | O_CLOEXEC));
-        struct stat status
-        {
-        };
+        struct stat status{};
         if (file.get() < 0 || fstat(file.get(), &status) < 0)
         {
             throw systemFailure(name);

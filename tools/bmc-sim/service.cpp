@@ -14,12 +14,7 @@ namespace
 std::string quoted(std::string text)
 {
     std::ranges::replace_if(
-        text,
-        [](unsigned char c)
-        {
-            return std::iscntrl(c) != 0;
-        },
-        '?');
+        text, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
     return " \"" + text + '"';
 }
 

@@ -31,10 +31,7 @@ class Refusal : public std::runtime_error
     {
     }
 
-    [[nodiscard]] const char* name() const noexcept
-    {
-        return busName;
-    }
+    [[nodiscard]] const char* name() const noexcept { return busName; }
 
   private:
     const char* busName;

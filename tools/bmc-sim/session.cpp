@@ -96,10 +96,7 @@ int runSession(const Options& options, const Site& site)
     const pid_t command = spawn(
         {.arguments = options.command, .isCommand = true, .isBound = true});
     return supervise(command,
-                     [command](int signal)
-                     {
-                         signalTree(command, signal);
-                     });
+                     [command](int signal) { signalTree(command, signal); });
 }
 
 } // namespace bmc_sim

@@ -20,10 +20,7 @@ using Certificate = std::unique_ptr<X509, Releaser<X509_free>>;
 using Key = std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY_free>>;
 
 /** For a private key that is locked: nobody is asked for a passphrase. */
-int noPassphrase(char*, int, int, void*)
-{
-    return -1;
-}
+int noPassphrase(char*, int, int, void*) { return -1; }
 
 Key readKey(BIO* file)
 {

@@ -32,10 +32,7 @@ using XmlDocument = Handle<xmlDoc, xmlFreeDoc>;
 using XPathContext = Handle<xmlXPathContext, xmlXPathFreeContext>;
 using XPathResult = Handle<xmlXPathObject, xmlXPathFreeObject>;
 
-void freeText(xmlChar* text)
-{
-    xmlFree(text);
-}
+void freeText(xmlChar* text) { xmlFree(text); }
 using XmlText = Handle<xmlChar, freeText>;
 
 /** A value, and the line on which its element begins. */

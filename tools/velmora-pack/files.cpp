@@ -28,10 +28,7 @@ constexpr auto temporaryName = ".velmora-pack-XXXXXX";
 
 volatile std::sig_atomic_t deferredSignal = 0;
 
-extern "C" void deferSignal(int signal)
-{
-    deferredSignal = signal;
-}
+extern "C" void deferSignal(int signal) { deferredSignal = signal; }
 
 mode_t currentMask()
 {
@@ -123,8 +120,8 @@ void warn(std::string_view subject, std::string_view what)
 
 Progress::Progress(std::string_view doing, std::string_view what,
                    std::uint64_t size) :
-    label(printable(doing) + ' ' + printable(what)),
-    total(size), visible(size > progressFrom && isatty(STDERR_FILENO) != 0)
+    label(printable(doing) + ' ' + printable(what)), total(size),
+    visible(size > progressFrom && isatty(STDERR_FILENO) != 0)
 {
 }
 
@@ -229,10 +226,7 @@ Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
     return buffer;
 }
 
-Buffer Source::readAll() const
-{
-    return read(0, length);
-}
+Buffer Source::readAll() const { return read(0, length); }
 
 void Source::stream(std::uint64_t offset, std::uint64_t size,
                     std::string_view doing, const Consumer& consume) const
@@ -420,10 +414,7 @@ void writeFile(const fs::path& target, const Source& source, Bytes tail,
 {
     OutputFile output(target, mode);
     source.stream(0, source.size(), "copying",
-                  [&](Bytes piece)
-                  {
-                      output.write(piece);
-                  });
+                  [&](Bytes piece) { output.write(piece); });
     output.write(tail);
     expectCopy(output.readBack(), source, tail);
     output.commit();

@@ -50,20 +50,11 @@ class Source
     explicit Source(const std::filesystem::path& path, std::string name = {});
     explicit Source(Bytes memory);
 
-    const std::string& name() const
-    {
-        return label;
-    }
-    std::uint64_t size() const
-    {
-        return length;
-    }
+    const std::string& name() const { return label; }
+    std::uint64_t size() const { return length; }
     /** The file's descriptor; none for memory. */
     std::optional<int> descriptor() const;
-    Bytes memory() const
-    {
-        return data;
-    }
+    Bytes memory() const { return data; }
 
     void read(std::uint64_t offset, std::span<std::byte> into) const;
     Buffer read(std::uint64_t offset, std::uint64_t size) const;
@@ -110,14 +101,8 @@ class OutputFile
     OutputFile& operator=(const OutputFile&) = delete;
     ~OutputFile();
 
-    const std::filesystem::path& path() const
-    {
-        return target;
-    }
-    int descriptor() const
-    {
-        return file.get();
-    }
+    const std::filesystem::path& path() const { return target; }
+    int descriptor() const { return file.get(); }
 
     void write(Bytes bytes);
     /** What the disk holds, before it gets its name. */
@@ -144,10 +129,7 @@ class OutputDirectory
     OutputDirectory& operator=(const OutputDirectory&) = delete;
     ~OutputDirectory();
 
-    const std::filesystem::path& temporaryPath() const
-    {
-        return temporary;
-    }
+    const std::filesystem::path& temporaryPath() const { return temporary; }
     void commit();
 
   private:

@@ -26,9 +26,7 @@ class FileDescriptor
 {
   public:
     FileDescriptor() = default;
-    explicit FileDescriptor(int opened) : descriptor(opened)
-    {
-    }
+    explicit FileDescriptor(int opened) : descriptor(opened) {}
     FileDescriptor(FileDescriptor&& other) noexcept :
         descriptor(std::exchange(other.descriptor, -1))
     {
@@ -46,10 +44,7 @@ class FileDescriptor
         }
     }
 
-    int get() const
-    {
-        return descriptor;
-    }
+    int get() const { return descriptor; }
 
   private:
     int descriptor = -1;

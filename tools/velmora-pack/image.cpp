@@ -32,10 +32,7 @@ constexpr std::uint64_t largestImage =
 using BigNumber = Handle<BIGNUM, BN_free>;
 using EcdsaSignature = Handle<ECDSA_SIG, ECDSA_SIG_free>;
 
-SignatureScheme scheme()
-{
-    return {EVP_sha512(), false};
-}
+SignatureScheme scheme() { return {EVP_sha512(), false}; }
 
 void expectCurve(const EVP_PKEY* key, const std::string& file)
 {
@@ -107,10 +104,7 @@ void checkImage(const Source& image, EVP_PKEY* publicKey)
     const std::uint64_t content = image.size() - signatureSize;
     Verifier verifier(publicKey, scheme());
     image.stream(0, content, "checking",
-                 [&](Bytes piece)
-                 {
-                     verifier.update(piece);
-                 });
+                 [&](Bytes piece) { verifier.update(piece); });
     if (!verifier.finish(derFromRaw(image.read(content, signatureSize))))
     {
         throw Error(image.name(), "the signature does not fit the content "

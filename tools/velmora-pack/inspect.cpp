@@ -26,11 +26,8 @@ bool isSignature(Bytes bytes)
 {
     const Json signatures = describeSignatures(bytes);
     return !signatures.empty() &&
-           std::ranges::all_of(signatures,
-                               [](const Json& signature)
-                               {
-                                   return signature.contains("algorithm");
-                               });
+           std::ranges::all_of(signatures, [](const Json& signature)
+                               { return signature.contains("algorithm"); });
 }
 
 Kind recognise(const Source& file)

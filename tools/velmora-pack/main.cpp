@@ -63,20 +63,14 @@ struct Options
 std::string normaliseSystemId(std::string& text)
 {
     const bool plain = !text.empty() && text.size() <= systemIdDigits &&
-                       std::ranges::all_of(text,
-                                           [](unsigned char c)
-                                           {
-                                               return std::isxdigit(c) != 0;
-                                           });
+                       std::ranges::all_of(text, [](unsigned char c)
+                                           { return std::isxdigit(c) != 0; });
     if (!plain)
     {
         return "not a number of 1 to 4 hexadecimal digits: " + text;
     }
-    std::ranges::transform(text, text.begin(),
-                           [](unsigned char c)
-                           {
-                               return static_cast<char>(std::toupper(c));
-                           });
+    std::ranges::transform(text, text.begin(), [](unsigned char c)
+                           { return static_cast<char>(std::toupper(c)); });
     text.insert(0, systemIdDigits - text.size(), '0');
     return {};
 }

@@ -75,10 +75,7 @@ struct Record
     std::uint8_t mask;
     std::uint32_t dataLength;
 
-    std::uint64_t end() const
-    {
-        return offset + headerLength + dataLength;
-    }
+    std::uint64_t end() const { return offset + headerLength + dataLength; }
 };
 
 /** Empty when the record does not lie within the manifest. */
@@ -175,10 +172,7 @@ class MadeDirectory
             rmdir(path.c_str());
         }
     }
-    void keep()
-    {
-        made = false;
-    }
+    void keep() { made = false; }
 
   private:
     fs::path path;

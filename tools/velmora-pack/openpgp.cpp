@@ -30,10 +30,7 @@ using Data = Handle<std::remove_pointer_t<gpgme_data_t>, gpgme_data_release>;
 
 struct OpenPgpMemoryReleaser
 {
-    void operator()(char* memory) const
-    {
-        gpgme_free(memory);
-    }
+    void operator()(char* memory) const { gpgme_free(memory); }
 };
 
 Data emptyData()
@@ -70,22 +67,16 @@ Buffer contentOf(Data data)
 bool isFingerprint(const std::string& text)
 {
     return text.size() == fingerprintLength &&
-           std::ranges::all_of(text,
-                               [](unsigned char c)
-                               {
-                                   return std::isxdigit(c) != 0;
-                               });
+           std::ranges::all_of(text, [](unsigned char c)
+                               { return std::isxdigit(c) != 0; });
 }
 
 } // namespace
 
 bool sameFingerprint(const std::string& left, const std::string& right)
 {
-    return std::ranges::equal(left, right,
-                              [](unsigned char a, unsigned char b)
-                              {
-                                  return std::toupper(a) == std::toupper(b);
-                              });
+    return std::ranges::equal(left, right, [](unsigned char a, unsigned char b)
+                              { return std::toupper(a) == std::toupper(b); });
 }
 
 OpenPgp::OpenPgp(fs::path directory) : home(std::move(directory))

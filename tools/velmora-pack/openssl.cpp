@@ -82,10 +82,7 @@ std::string digestText(const Source& source, std::uint64_t offset,
 {
     Digest digest(algorithm);
     source.stream(offset, size, "digesting",
-                  [&](Bytes piece)
-                  {
-                      digest.update(piece);
-                  });
+                  [&](Bytes piece) { digest.update(piece); });
     return hex(digest.finish());
 }
 

@@ -23,10 +23,7 @@ using Certificate = Handle<X509, X509_free>;
 using DigestContext = Handle<EVP_MD_CTX, EVP_MD_CTX_free>;
 using Key = Handle<EVP_PKEY, EVP_PKEY_free>;
 
-inline void freeMemory(void* memory)
-{
-    OPENSSL_free(memory);
-}
+inline void freeMemory(void* memory) { OPENSSL_free(memory); }
 template <typename T>
 using Memory = Handle<T, freeMemory>;
 

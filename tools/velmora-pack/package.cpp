@@ -46,11 +46,8 @@ bool hasVersionNumber(std::string_view name)
 void expectPortable(const fs::path& file)
 {
     const std::string name = file.filename().string();
-    const bool plain = std::ranges::all_of(name,
-                                           [](char c)
-                                           {
-                                               return c >= ' ' && c <= '~';
-                                           });
+    const bool plain =
+        std::ranges::all_of(name, [](char c) { return c >= ' ' && c <= '~'; });
     if (!plain)
     {
         throw Error(file.string(),
@@ -135,11 +132,8 @@ void classify(Contents& contents, const Member& member)
     if (name == descriptorName || name == descriptorSignatureName)
     {
         const auto count =
-            std::ranges::count(contents.members, name,
-                               [](const Member& other)
-                               {
-                                   return std::string_view(other.place.name);
-                               });
+            std::ranges::count(contents.members, name, [](const Member& other)
+                               { return std::string_view(other.place.name); });
         if (count == 2)
         {
             contents.remarks.push_back("member " + member.place.name +

@@ -274,11 +274,8 @@ Buffer slotHead(const Chain& chain, const Metadata& metadata)
 bool isZero(const Source& source, std::uint64_t offset, std::uint64_t size)
 {
     const Buffer bytes = source.read(offset, size);
-    return std::ranges::all_of(bytes,
-                               [](std::byte byte)
-                               {
-                                   return byte == std::byte{0};
-                               });
+    return std::ranges::all_of(bytes, [](std::byte byte)
+                               { return byte == std::byte{0}; });
 }
 
 bool verifySlot(const Source& payload, EVP_PKEY* key,
@@ -287,10 +284,7 @@ bool verifySlot(const Source& payload, EVP_PKEY* key,
     const std::uint64_t signedSize = layoutOf(payload).signature;
     Verifier verifier(key, schemeOf(algorithm));
     payload.stream(0, signedSize, "checking",
-                   [&](Bytes piece)
-                   {
-                       verifier.update(piece);
-                   });
+                   [&](Bytes piece) { verifier.update(piece); });
     return verifier.finish(payload.read(signedSize, slotSignatureSize));
 }
 

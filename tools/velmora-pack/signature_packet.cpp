@@ -24,22 +24,11 @@ constexpr std::size_t mostSignatures = 16;
 class Reader
 {
   public:
-    explicit Reader(Bytes bytes) : rest(bytes)
-    {
-    }
+    explicit Reader(Bytes bytes) : rest(bytes) {}
 
-    bool atEnd() const
-    {
-        return rest.empty();
-    }
-    std::size_t remaining() const
-    {
-        return rest.size();
-    }
-    Bytes remainder() const
-    {
-        return rest;
-    }
+    bool atEnd() const { return rest.empty(); }
+    std::size_t remaining() const { return rest.size(); }
+    Bytes remainder() const { return rest; }
     std::optional<std::uint32_t> number(std::size_t width)
     {
         const auto bytes = take(width);

@@ -36,24 +36,16 @@ using Extension = Handle<X509_EXTENSION, X509_EXTENSION_free>;
 using Store = Handle<X509_STORE, X509_STORE_free>;
 using StoreContext = Handle<X509_STORE_CTX, X509_STORE_CTX_free>;
 
-void freeStack(STACK_OF(X509) * stack)
-{
-    sk_X509_free(stack);
-}
+void freeStack(STACK_OF(X509) * stack) { sk_X509_free(stack); }
 
 /** Stops the agent before its home goes or moves. */
 class AgentGuard
 {
   public:
-    explicit AgentGuard(OpenPgp& home) : openPgp(home)
-    {
-    }
+    explicit AgentGuard(OpenPgp& home) : openPgp(home) {}
     AgentGuard(const AgentGuard&) = delete;
     AgentGuard& operator=(const AgentGuard&) = delete;
-    ~AgentGuard()
-    {
-        openPgp.stopAgent();
-    }
+    ~AgentGuard() { openPgp.stopAgent(); }
 
   private:
     OpenPgp& openPgp;

@@ -215,10 +215,7 @@ void ZipWriter::add(const std::string& name, const Source& source)
     check(archive_write_finish_entry(writer.get()));
 }
 
-void ZipWriter::finish()
-{
-    check(archive_write_close(writer.get()));
-}
+void ZipWriter::finish() { check(archive_write_close(writer.get())); }
 
 void readZip(const Source& source,
              const std::function<Consumer(const ZipMember&)>& visit)

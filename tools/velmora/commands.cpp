@@ -63,12 +63,9 @@ Answer busAnswer(const std::string& error)
         "DBus.Error.ServiceUnknown", "DBus.Error.NameHasNoOwner",
         "DBus.Error.NoReply",        "DBus.Error.Timeout",
         "DBus.Error.Disconnected",   "System.Error."};
-    const bool answered =
-        std::none_of(unanswered.begin(), unanswered.end(),
-                     [&error](std::string_view name)
-                     {
-                         return error.find(name) != std::string::npos;
-                     });
+    const bool answered = std::none_of(
+        unanswered.begin(), unanswered.end(), [&error](std::string_view name)
+        { return error.find(name) != std::string::npos; });
     return answered ? refused("the service answered: " + error)
                     : unchecked("the bus did not answer: " + error);
 }
@@ -85,12 +82,9 @@ Answer findRefusal(const fs::path& package, bool verbose)
     {
         return refused("it has no package.xml");
     }
-    const LibraryLog identity =
-        caught(verbose,
-               [&]
-               {
-                   passed = ValidateQOR::validateSytemIdFromPkgXML(descriptor);
-               });
+    const LibraryLog identity = caught(
+        verbose,
+        [&] { passed = ValidateQOR::validateSytemIdFromPkgXML(descriptor); });
     if (!passed)
     {
         if (!identity.busError().empty())
@@ -128,11 +122,7 @@ Answer findRefusal(const fs::path& package, bool verbose)
     {
         return refused("the descriptor states no SHA256 digest");
     }
-    caught(verbose,
-           [&]
-           {
-               actual = ValidateQOR::getSHAStrFromImage(payload);
-           });
+    caught(verbose, [&] { actual = ValidateQOR::getSHAStrFromImage(payload); });
     if (actual.empty())
     {
         return refused("it has no payload directory that can be digested");
@@ -150,12 +140,8 @@ Answer findRefusal(const fs::path& package, bool verbose)
 Answer validateDirectory(const fs::path& package, bool verbose)
 {
     bool valid = false;
-    const LibraryLog log =
-        caught(verbose,
-               [&]
-               {
-                   valid = ValidateQOR::validateExtractedQOR(package);
-               });
+    const LibraryLog log = caught(
+        verbose, [&] { valid = ValidateQOR::validateExtractedQOR(package); });
     if (valid)
     {
         return accepted();
@@ -171,11 +157,7 @@ Answer unpackInto(const std::string& package, const std::string& directory,
         return unchecked(why);
     }
     bool done = false;
-    caught(verbose,
-           [&]
-           {
-               done = ValidateQOR::unZip(package, directory);
-           });
+    caught(verbose, [&] { done = ValidateQOR::unZip(package, directory); });
     if (!done)
     {
         return refused("it cannot be unpacked, or lacks package.xml or "
@@ -369,11 +351,8 @@ Answer verifyPayload(const Request& request)
     }
     bool valid = false;
     const LibraryLog log = caught(
-        request.verbose,
-        [&]
-        {
-            valid = ValidateQOR::validateCertChainForPayload(request.subject);
-        });
+        request.verbose, [&]
+        { valid = ValidateQOR::validateCertChainForPayload(request.subject); });
     if (valid)
     {
         return accepted();
@@ -390,10 +369,7 @@ Answer purpose(const Request& request)
     auto value = ValidateQOR::VersionPurpose::Unknown;
     const LibraryLog log =
         caught(request.verbose,
-               [&]
-               {
-                   value = ValidateQOR::getImagePurpose(request.subject);
-               });
+               [&] { value = ValidateQOR::getImagePurpose(request.subject); });
     if (!log.busError().empty())
     {
         return busAnswer(log.busError());
@@ -425,10 +401,7 @@ Answer removeFromInventory(const Request& request)
     int done = 0;
     const LibraryLog log =
         caught(request.verbose,
-               [&]
-               {
-                   done = ValidateQOR::deRegisterSWInv(request.subject);
-               });
+               [&] { done = ValidateQOR::deRegisterSWInv(request.subject); });
     return inventoryAnswer(done == 1, log);
 }
 
@@ -436,11 +409,8 @@ Answer inventoryModel(const Request& request)
 {
     std::string model;
     const LibraryLog log =
-        caught(request.verbose,
-               [&]
-               {
-                   model = ValidateQOR::getInventoryModel(request.subject);
-               });
+        caught(request.verbose, [&]
+               { model = ValidateQOR::getInventoryModel(request.subject); });
     if (!log.busError().empty())
     {
         return busAnswer(log.busError());

@@ -33,15 +33,9 @@ class Descriptor
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor()
-    {
-        close(descriptor_);
-    }
+    ~Descriptor() { close(descriptor_); }
 
-    int get() const
-    {
-        return descriptor_;
-    }
+    int get() const { return descriptor_; }
 
   private:
     int descriptor_;
@@ -58,10 +52,7 @@ class Redirection
     }
     Redirection(const Redirection&) = delete;
     Redirection& operator=(const Redirection&) = delete;
-    ~Redirection()
-    {
-        dup2(saved_.get(), from_);
-    }
+    ~Redirection() { dup2(saved_.get(), from_); }
 
   private:
     int from_;

@@ -12,14 +12,9 @@ namespace velmora::front
 class LibraryLog
 {
   public:
-    explicit LibraryLog(std::string text) : text_(std::move(text))
-    {
-    }
+    explicit LibraryLog(std::string text) : text_(std::move(text)) {}
 
-    const std::string& text() const
-    {
-        return text_;
-    }
+    const std::string& text() const { return text_; }
 
     bool has(const std::string& part) const
     {

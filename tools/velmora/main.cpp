@@ -145,11 +145,7 @@ class CommandLine
             {
                 std::string text = error.what();
                 std::ranges::replace_if(
-                    text,
-                    [](unsigned char c)
-                    {
-                        return std::iscntrl(c) != 0;
-                    },
+                    text, [](unsigned char c) { return std::iscntrl(c) != 0; },
                     '?');
                 return "velmora: " + text + " (--help tells more)\n";
             });
@@ -158,10 +154,7 @@ class CommandLine
         addInventoryCommands();
     }
 
-    void parse(int argc, char** argv)
-    {
-        app_.parse(argc, argv);
-    }
+    void parse(int argc, char** argv) { app_.parse(argc, argv); }
 
     int exit(const CLI::ParseError& e) const
     {

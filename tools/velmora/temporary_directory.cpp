@@ -17,10 +17,7 @@ namespace
 
 volatile std::sig_atomic_t signalSeen = 0;
 
-void remember(int signal)
-{
-    signalSeen = signal;
-}
+void remember(int signal) { signalSeen = signal; }
 
 } // namespace
 
@@ -56,9 +53,7 @@ TemporaryDirectory::~TemporaryDirectory()
 
 void deferSignals()
 {
-    struct sigaction action
-    {
-    };
+    struct sigaction action{};
     action.sa_handler = remember;
     action.sa_flags = SA_RESTART;
     for (const int signal : {SIGHUP, SIGINT, SIGTERM})
@@ -67,9 +62,6 @@ void deferSignals()
     }
 }
 
-int deferredSignal()
-{
-    return signalSeen;
-}
+int deferredSignal() { return signalSeen; }
 
 } // namespace velmora::front

@@ -15,10 +15,7 @@ class TemporaryDirectory
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
     ~TemporaryDirectory();
 
-    const std::filesystem::path& path() const
-    {
-        return path_;
-    }
+    const std::filesystem::path& path() const { return path_; }
 
   private:
     std::filesystem::path path_;
