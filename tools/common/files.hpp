@@ -1,0 +1,59 @@
+#pragma once
+
+#include "handles.hpp"
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace tools
+{
+
+/** A private directory that is gone, with its content, when this is. */
+class TemporaryDirectory
+{
+  public:
+    /** Makes one where TMPDIR says. */
+    TemporaryDirectory();
+    /** @param pattern its path, which ends in XXXXXX
+     *  @throws Error when it cannot be made */
+    explicit TemporaryDirectory(std::string pattern);
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    ~TemporaryDirectory();
+
+    const std::filesystem::path& path() const { return path_; }
+
+    /** Lets it stay: it has got another name. */
+    void release() { path_.clear(); }
+
+  private:
+    std::filesystem::path path_;
+};
+
+/** A file in memory that no path leads to.
+ *
+ *  @throws Error when it cannot be made */
+FileDescriptor memoryFile(std::string_view content = {});
+
+/** What is left to read.
+ *
+ *  @param name stands for the file in messages
+ *  @throws Error when it cannot be read */
+std::string readAll(const FileDescriptor& file, std::string_view name);
+
+/** @throws Error when not all can be written */
+void writeAll(const FileDescriptor& file, std::string_view content,
+              std::string_view name);
+
+/** A file's whole content.
+ *
+ *  @throws Error when it cannot be had */
+std::string readFile(const std::filesystem::path& path);
+
+/** Makes or overwrites a file.
+ *
+ *  @throws Error when it cannot be written */
+void writeFile(const std::filesystem::path& path, std::string_view content);
+
+} // namespace tools
