@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
+#include <system_error>
 
 namespace velmora
 {
@@ -9,5 +11,18 @@ namespace velmora
 extern const std::filesystem::path descriptorFileName;
 extern const std::filesystem::path signatureFileName;
 extern const std::filesystem::path payloadName;
+
+inline std::string joined(const std::string& directory,
+                          const std::filesystem::path& name)
+{
+    return (std::filesystem::path(directory) / name).string();
+}
+
+inline bool isRegularFile(const std::string& path)
+{
+    std::error_code ignored;
+    return std::filesystem::is_regular_file(
+        std::filesystem::status(path, ignored));
+}
 
 } // namespace velmora

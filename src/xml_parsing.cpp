@@ -153,4 +153,20 @@ XmlDocument parseDescriptor(const std::string& path)
     return XmlDocument(xmlParseFile(path.c_str()));
 }
 
+std::optional<XmlText> attributeText(xmlNode* node, const char* name)
+{
+    const xmlAttr* attribute =
+        xmlHasProp(node, reinterpret_cast<const xmlChar*>(name));
+    if (attribute == nullptr || attribute->children == nullptr)
+    {
+        return std::nullopt;
+    }
+    return XmlText(xmlNodeGetContent(attribute->children));
+}
+
+std::string toString(const XmlText& text)
+{
+    return text != nullptr ? reinterpret_cast<const char*>(text.get()) : "";
+}
+
 } // namespace velmora

@@ -2,6 +2,7 @@
 
 #include "handles.hpp"
 
+#include <optional>
 #include <string>
 
 namespace velmora
@@ -16,5 +17,11 @@ namespace velmora
  *
  *  @return null when the parser has no document */
 XmlDocument parseDescriptor(const std::string& path);
+
+/** Text of the first child of a node's attribute, if there is one; null where
+ *  the parser cannot give it. */
+std::optional<XmlText> attributeText(xmlNode* node, const char* name);
+
+std::string toString(const XmlText& text);
 
 } // namespace velmora

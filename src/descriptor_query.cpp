@@ -1,0 +1,101 @@
+#include "handles.hpp"
+#include "log.hpp"
+#include "package_files.hpp"
+#include "velmora.hpp"
+#include "xml_parsing.hpp"
+
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace
+{
+
+using namespace velmora;
+
+/** Text of the first of the nodes that have the attribute. */
+std::optional<std::string> firstValue(const xmlNodeSet& nodes, const char* name)
+{
+    for (int i = 0; i < nodes.nodeNr; ++i)
+    {
+        const auto text = nodes.nodeTab[i] != nullptr
+                              ? attributeText(nodes.nodeTab[i], name)
+                              : std::nullopt;
+        if (text)
+        {
+            return *text != nullptr ? std::optional(toString(*text))
+                                    : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
+                                          const char* expression,
+                                          const std::string& attribute)
+{
+    if (!isRegularFile(descriptorPath))
+    {
+        cerrFailure();
+        return {};
+    }
+    if (expression == nullptr)
+    {
+        cerrFailure();
+        return {};
+    }
+    XmlDocument document = parseDescriptor(descriptorPath);
+    if (document == nullptr)
+    {
+        cerrFailure();
+        return {};
+    }
+    XPathContext context(xmlXPathNewContext(document.get()));
+    if (context == nullptr)
+    {
+        cerrFailure();
+        return {};
+    }
+    XPathResult result(xmlXPathEvalExpression(
+        reinterpret_cast<const xmlChar*>(expression), context.get()));
+    context.reset();
+    if (result == nullptr)
+    {
+        cerrFailure();
+        return {};
+    }
+    const xmlNodeSet* nodes = result->nodesetval;
+    if (nodes == nullptr || nodes->nodeNr <= 0 || nodes->nodeTab == nullptr)
+    {
+        cerrFailure();
+        // Without nodes the result does not need the document, which goes
+        // first here.
+        document.reset();
+        return {};
+    }
+
+    auto value = firstValue(*nodes, attribute.c_str());
+    if (!value)
+    {
+        cerrFailure();
+        return {};
+    }
+    result.reset();
+    document.reset();
+    cerrSuccess();
+    return std::move(*value);
+}
+
+std::string ValidateQOR::getImageModel(const std::string& packageDir)
+{
+    return getStrFromPkgXML(joined(packageDir, descriptorFileName), "//Device",
+                            "componentID");
+}
+
+std::string ValidateQOR::getImageVersion(const std::string& packageDir)
+{
+    return getStrFromPkgXML(joined(packageDir, descriptorFileName),
+                            "//SoftwareComponent", "vendorVersion");
+}

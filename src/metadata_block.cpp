@@ -1,0 +1,129 @@
+#include "log.hpp"
+#include "signed_payload.hpp"
+#include "velmora.hpp"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+std::string metadata_algo;
+
+std::int32_t velmora::metadata_timestamp = 0;
+
+namespace
+{
+
+using namespace velmora;
+
+/** Tokens of a metadata block that are looked at. */
+constexpr std::size_t MAX_TOKENS = 30;
+constexpr std::string_view KEY_SEPARATOR = ": ";
+
+/** Statuses of extract_meta_data. */
+enum MetadataStatus
+{
+    METADATA_OK = 0,
+    METADATA_EMPTY = 9,
+    METADATA_NO_VERSION = 10,
+    METADATA_NO_TIMESTAMP = 11,
+    METADATA_BAD_TIMESTAMP = 12,
+    METADATA_NO_ALGORITHM = 13,
+};
+
+/** The first tokens between double quotes. The block is overwritten. */
+std::vector<std::string> tokenize(std::string& block)
+{
+    std::vector<std::string> tokens;
+    char* rest = nullptr;
+    const char* token = strtok_r(block.data(), "\"", &rest);
+    while (token != nullptr)
+    {
+        tokens.emplace_back(token);
+        token = tokens.size() < MAX_TOKENS ? strtok_r(nullptr, "\"", &rest)
+                                           : nullptr;
+    }
+    return tokens;
+}
+
+} // namespace
+
+int ValidateQOR::extract_meta_data(std::string& block)
+{
+    metadata_timestamp = 0;
+    std::vector<std::string> tokens = tokenize(block);
+    if (tokens.empty())
+    {
+        stderrFailure()("strtok returned nullptr,unable to proceed further");
+        return METADATA_EMPTY;
+    }
+    stderrInfo()("Total tokens read is %d", static_cast<int>(tokens.size()));
+
+    std::string version;
+    std::string timestamp;
+    for (std::size_t i = 0; i + 2 < tokens.size(); ++i)
+    {
+        const bool separated = tokens[i + 1] == KEY_SEPARATOR;
+        const std::string& value = tokens[i + 2];
+        if (tokens[i] == "ver")
+        {
+            stderrInfo()("Version found...");
+            if (separated)
+            {
+                version = value;
+            }
+        }
+        else if (tokens[i] == "alg")
+        {
+            stderrInfo()("Algorithm found...");
+            if (separated)
+            {
+                metadata_algo = value;
+                stderrInfo()("Metadata algorithm is %s", metadata_algo.c_str());
+            }
+        }
+        else if (tokens[i] == "sts")
+        {
+            stderrInfo()("Timestamp found...");
+            if (separated)
+            {
+                timestamp = value;
+                stderrInfo()("Metadata timestamp is %s", timestamp.c_str());
+            }
+        }
+    }
+    tokens.clear();
+
+    if (version.empty())
+    {
+        stderrFailure()("Unable to get version from metadata");
+        return METADATA_NO_VERSION;
+    }
+    if (metadata_algo.empty())
+    {
+        stderrFailure()("Unable to get algorithm from metadata");
+        return METADATA_NO_ALGORITHM;
+    }
+    if (timestamp.empty())
+    {
+        stderrFailure()("Unable to get timestamp from metadata");
+        return METADATA_NO_TIMESTAMP;
+    }
+    errno = 0;
+    const long long seconds = std::strtoll(timestamp.c_str(), nullptr, 10);
+    // Only the low 32 bits are kept, whatever they make of the value.
+    metadata_timestamp =
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
+    if (errno != 0 && metadata_timestamp == 0)
+    {
+        stderrFailure()("strtoll returned error[%d]", errno);
+        return METADATA_BAD_TIMESTAMP;
+    }
+    stderrInfo()("timestamp =%d", static_cast<int>(metadata_timestamp));
+    stderrSuccess()("Extract metadata successful");
+    return METADATA_OK;
+}
