@@ -199,5 +199,21 @@ expect 2 . "$velmora" "${add[@]}" --release-type None
 sed -i 's/componentID="[^"]*"/componentID="7"/' unpacked/package.xml
 expect 0 '^TPM$' "$velmora" purpose unpacked
 
+# ---- terminals and signals ---------------------------------------------
+sed -i $'s/componentID="[^"]*"/componentID="\u009b\u202ex\u00e4"/' unpacked/package.xml
+expect 0 $'^model: \\\\xc2\\\\x9b\\\\xe2\\\\x80\\\\xaex\u00e4$' "$velmora" info unpacked
+expect 3 '^velmora: a.x0ab.xff.xed.xa0.x80: could' "$velmora" digest \
+    $'a\nb\xff\xed\xa0\x80'
+# Large enough to be under way when the signal comes.
+truncate -s 256M large
+ulimit -c 0
+expect 0 'digest|[0-9a-f]{64}' sh -c \
+    'trap "" HUP; "$0" digest large & sleep 0.1; kill -HUP $!; wait $!' "$velmora"
+for signal in HUP QUIT; do
+    expect 124 '^velmora-pack: interrupted' timeout -s "$signal" 0.1 "$pack" \
+        image large --key "$keys/image-signer.pem" -o signed-large
+    expect 1 '^$' compgen -G '.velmora-pack-*'
+done
+
 [ "$failures" -eq 0 ] || exit 1
 echo "all as expected"

@@ -1,7 +1,8 @@
 #include "commands.hpp"
 
+#include "common/files.hpp"
+#include "common/signals.hpp"
 #include "library_log.hpp"
-#include "temporary_directory.hpp"
 #include "velmora.hpp"
 
 #include <unistd.h>
@@ -220,11 +221,12 @@ Answer validate(const Request& request)
     {
         return validateDirectory(request.subject, request.verbose);
     }
-    const TemporaryDirectory unpacked;
+    const tools::TemporaryDirectory unpacked;
     Answer answer =
         unpackInto(request.subject, unpacked.path(), request.verbose);
     // An interrupted extractor counts as successful.
-    if (answer.verdict == Verdict::accepted && deferredSignal() == 0)
+    if (answer.verdict == Verdict::accepted &&
+        tools::SignalCleanup::seen() == 0)
     {
         answer = validateDirectory(unpacked.path(), request.verbose);
     }

@@ -1,17 +1,16 @@
 #include "library_log.hpp"
 
-#include <sys/mman.h>
+#include "common/error.hpp"
+#include "common/files.hpp"
+
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string_view>
-#include <system_error>
-#include <utility>
 
 namespace velmora::front
 {
@@ -19,35 +18,17 @@ namespace velmora::front
 namespace
 {
 
-/** One file descriptor. */
-class Descriptor
-{
-  public:
-    /** @throws std::system_error when @p descriptor is negative */
-    Descriptor(int descriptor, const char* what) : descriptor_(descriptor)
-    {
-        if (descriptor_ < 0)
-        {
-            throw std::system_error(errno, std::generic_category(), what);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(descriptor_); }
-
-    int get() const { return descriptor_; }
-
-  private:
-    int descriptor_;
-};
-
 /** Leads a standard descriptor elsewhere while it lives. */
 class Redirection
 {
   public:
     Redirection(int from, int to) :
-        from_(from), saved_(dup(from), "cannot redirect the log")
+        from_(from), saved_(fcntl(from, F_DUPFD_CLOEXEC, STDERR_FILENO + 1))
     {
+        if (saved_.get() < 0)
+        {
+            throw tools::systemError("the log cannot be led elsewhere");
+        }
         dup2(to, from_);
     }
     Redirection(const Redirection&) = delete;
@@ -56,7 +37,7 @@ class Redirection
 
   private:
     int from_;
-    Descriptor saved_;
+    tools::FileDescriptor saved_;
 };
 
 void flushStreams()
@@ -64,20 +45,6 @@ void flushStreams()
     std::cout.flush();
     std::cerr.flush();
     std::fflush(nullptr);
-}
-
-std::string contentOf(int descriptor)
-{
-    std::string text;
-    std::array<char, 4096> piece{};
-    off_t offset = 0;
-    ssize_t size = 0;
-    while ((size = pread(descriptor, piece.data(), piece.size(), offset)) > 0)
-    {
-        text.append(piece.data(), static_cast<std::size_t>(size));
-        offset += size;
-    }
-    return text;
 }
 
 /** What stands between the last @p start and the next @p end. */
@@ -122,8 +89,7 @@ std::size_t LibraryLog::failures() const
 
 LibraryLog caught(bool verbose, const std::function<void()>& work)
 {
-    const Descriptor memory(memfd_create("velmora-log", MFD_CLOEXEC),
-                            "cannot keep the log");
+    const tools::FileDescriptor memory = tools::memoryFile();
     std::exception_ptr thrown;
     flushStreams();
     {
@@ -139,7 +105,8 @@ LibraryLog caught(bool verbose, const std::function<void()>& work)
         }
         flushStreams();
     }
-    LibraryLog log(contentOf(memory.get()));
+    lseek(memory.get(), 0, SEEK_SET);
+    LibraryLog log(tools::readAll(memory, "the log"));
     if (verbose)
     {
         std::cerr << log.text();

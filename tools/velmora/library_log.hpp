@@ -39,7 +39,7 @@ class LibraryLog
  *  answer. The text goes to stderr afterwards when @p verbose, also when the
  *  work throws.
  *
- *  @throws std::system_error when the descriptors cannot be had; whatever the
+ *  @throws tools::Error when the descriptors cannot be had; whatever the
  *          work throws */
 LibraryLog caught(bool verbose, const std::function<void()>& work);
 

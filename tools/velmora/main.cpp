@@ -1,12 +1,11 @@
 #include "commands.hpp"
-#include "temporary_directory.hpp"
+#include "common/error.hpp"
+#include "common/signals.hpp"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cctype>
-#include <csignal>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -17,6 +16,7 @@ namespace
 {
 
 using namespace velmora::front;
+using tools::printable;
 
 constexpr int WRONG_USAGE = 2;
 constexpr int KILLED_BY_SIGNAL = 128;
@@ -28,26 +28,6 @@ constexpr const char* EXIT_STATUSES =
     "  2  wrong usage\n"
     "  3  could not be checked: a service that does not answer, an exception\n"
     "     of the library, a missing or unreadable file\n";
-
-/** Text from a package may hold what moves a terminal's cursor. */
-std::string printable(const std::string& text)
-{
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string result;
-    for (const char c : text)
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F)
-        {
-            result += {'\\', 'x', digits[byte >> 4], digits[byte & 0xF]};
-        }
-        else
-        {
-            result += c;
-        }
-    }
-    return result;
-}
 
 std::string fieldText(const nlohmann::ordered_json& field)
 {
@@ -143,11 +123,8 @@ class CommandLine
         app_.failure_message(
             [](const CLI::App*, const CLI::Error& error)
             {
-                std::string text = error.what();
-                std::ranges::replace_if(
-                    text, [](unsigned char c) { return std::iscntrl(c) != 0; },
-                    '?');
-                return "velmora: " + text + " (--help tells more)\n";
+                return "velmora: " + printable(error.what()) +
+                       " (--help tells more)\n";
             });
         addPackageCommands();
         addFirmwareCommands();
@@ -290,11 +267,11 @@ try
     {
         return line.exit(e);
     }
-    deferSignals();
+    const tools::SignalCleanup cleanup;
     const Answer answer = run(line);
-    if (deferredSignal() != 0)
+    if (const int signal = tools::SignalCleanup::seen(); signal != 0)
     {
-        return KILLED_BY_SIGNAL + deferredSignal();
+        return KILLED_BY_SIGNAL + signal;
     }
     if (line.json)
     {
@@ -314,6 +291,6 @@ try
 }
 catch (const std::exception& e)
 {
-    std::cerr << "velmora: " << e.what() << '\n';
+    std::cerr << "velmora: " << printable(e.what()) << '\n';
     return static_cast<int>(Verdict::unchecked);
 }
