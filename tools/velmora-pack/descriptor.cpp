@@ -2,7 +2,6 @@
 
 #include "error.hpp"
 #include "files.hpp"
-#include "handles.hpp"
 
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>

@@ -7,11 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <limits>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -25,10 +23,6 @@ namespace
 constexpr std::uint64_t chunkSize = 1U << 20;
 constexpr std::uint64_t progressFrom = 64U << 20;
 constexpr auto temporaryName = ".velmora-pack-XXXXXX";
-
-volatile std::sig_atomic_t deferredSignal = 0;
-
-extern "C" void deferSignal(int signal) { deferredSignal = signal; }
 
 mode_t currentMask()
 {
@@ -88,29 +82,6 @@ void renameTo(const fs::path& from, const fs::path& to)
 }
 
 } // namespace
-
-std::string printable(std::string_view text)
-{
-    std::string line;
-    line.reserve(text.size());
-    for (const char c : text)
-    {
-        if (c >= ' ' && c <= '~')
-        {
-            line += c;
-        }
-        else
-        {
-            line += "\\x" + hex(bytesOf({&c, 1}));
-        }
-    }
-    return line;
-}
-
-Error systemError(std::string_view subject)
-{
-    return {subject, std::generic_category().message(errno)};
-}
 
 void warn(std::string_view subject, std::string_view what)
 {
@@ -246,42 +217,11 @@ void Source::stream(std::uint64_t offset, std::uint64_t size,
     }
 }
 
-SignalDeferral::SignalDeferral()
-{
-    struct sigaction action = {};
-    action.sa_handler = deferSignal;
-    action.sa_flags = SA_RESTART;
-    for (std::size_t i = 0; i < signals.size(); ++i)
-    {
-        sigaction(signals[i], nullptr, &before[i]);
-        if (before[i].sa_handler != SIG_IGN)
-        {
-            sigaction(signals[i], &action, nullptr);
-        }
-    }
-}
-
-SignalDeferral::~SignalDeferral()
-{
-    for (std::size_t i = 0; i < signals.size(); ++i)
-    {
-        sigaction(signals[i], &before[i], nullptr);
-    }
-}
-
 void throwIfInterrupted()
 {
-    if (deferredSignal != 0)
+    if (tools::SignalCleanup::seen() != 0)
     {
         throw Error("interrupted", "nothing was made");
-    }
-}
-
-void raiseDeferredSignal()
-{
-    if (deferredSignal != 0)
-    {
-        raise(deferredSignal);
     }
 }
 
@@ -308,16 +248,7 @@ OutputFile::~OutputFile()
 
 void OutputFile::write(Bytes bytes)
 {
-    while (!bytes.empty())
-    {
-        const ssize_t count = ::write(file.get(), bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR)
-        {
-            throw systemError(target.string());
-        }
-        bytes = bytes.subspan(
-            static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
+    tools::writeAll(file, textOf(bytes), target.string());
 }
 
 Source OutputFile::readBack() const
@@ -360,33 +291,19 @@ OutputDirectory::OutputDirectory(const fs::path& path) :
     {
         throw Error(target.string(), "exists and is not an empty directory");
     }
-    std::string name = (directoryOf(target) / temporaryName).string();
-    if (mkdtemp(name.data()) == nullptr)
-    {
-        throw systemError(target.string());
-    }
-    temporary = name;
-}
-
-OutputDirectory::~OutputDirectory()
-{
-    if (!temporary.empty())
-    {
-        std::error_code ignored;
-        fs::remove_all(temporary, ignored);
-    }
+    temporary.emplace(directoryOf(target) / temporaryName);
 }
 
 void OutputDirectory::commit()
 {
     throwIfInterrupted();
-    if (chmod(temporary.c_str(), 0777 & ~currentMask()) != 0)
+    if (chmod(temporaryPath().c_str(), 0777 & ~currentMask()) != 0)
     {
         throw systemError(target.string());
     }
-    synchroniseDirectory(temporary);
-    renameTo(temporary, target);
-    temporary.clear();
+    synchroniseDirectory(temporaryPath());
+    renameTo(temporaryPath(), target);
+    temporary->release();
 }
 
 void expectCopy(const Source& copy, const Source& original, Bytes tail)

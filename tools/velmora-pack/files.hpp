@@ -1,13 +1,12 @@
 #pragma once
 
 #include "bytes.hpp"
+#include "common/files.hpp"
+#include "common/signals.hpp"
 #include "error.hpp"
-#include "handles.hpp"
 
-#include <signal.h>
 #include <sys/types.h>
 
-#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -70,25 +69,8 @@ class Source
     std::uint64_t length = 0;
 };
 
-/** Puts the signals off that would end the process while it has something
- *  half-written to remove. */
-class SignalDeferral
-{
-  public:
-    SignalDeferral();
-    SignalDeferral(const SignalDeferral&) = delete;
-    SignalDeferral& operator=(const SignalDeferral&) = delete;
-    ~SignalDeferral();
-
-  private:
-    static constexpr std::array signals{SIGHUP, SIGINT, SIGTERM};
-    std::array<struct sigaction, signals.size()> before{};
-};
-
+/** @throws Error when a signal has asked to end */
 void throwIfInterrupted();
-/** Ends the process by the signal that was put off, if there was one. */
-void raiseDeferredSignal();
-
 /** A file that appears under its name only when it is complete. */
 class OutputFile
 {
@@ -114,7 +96,7 @@ class OutputFile
   private:
     void giveName();
 
-    SignalDeferral deferral;
+    tools::SignalCleanup cleanup;
     std::filesystem::path target;
     std::filesystem::path temporary;
     FileDescriptor file;
@@ -125,17 +107,17 @@ class OutputDirectory
 {
   public:
     explicit OutputDirectory(const std::filesystem::path& path);
-    OutputDirectory(const OutputDirectory&) = delete;
-    OutputDirectory& operator=(const OutputDirectory&) = delete;
-    ~OutputDirectory();
 
-    const std::filesystem::path& temporaryPath() const { return temporary; }
+    const std::filesystem::path& temporaryPath() const
+    {
+        return temporary->path();
+    }
     void commit();
 
   private:
-    SignalDeferral deferral;
+    tools::SignalCleanup cleanup;
     std::filesystem::path target;
-    std::filesystem::path temporary;
+    std::optional<tools::TemporaryDirectory> temporary;
 };
 
 /** Throws unless the copy holds the original's bytes and then the tail. */

@@ -345,6 +345,6 @@ int main(int argc, char** argv)
         return app.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage;
     }
     const int status = runGuarded(app, options);
-    pack::raiseDeferredSignal();
+    tools::SignalCleanup::raiseSeen();
     return status;
 }

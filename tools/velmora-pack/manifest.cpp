@@ -198,7 +198,7 @@ void makeManifest(const ManifestOptions& options)
     {
         expectDistinct(options.output / made, {options.prefix});
     }
-    const SignalDeferral deferral;
+    const tools::SignalCleanup cleanup;
     MadeDirectory directory(options.output);
     OutputFile file(options.output / "image-ktb");
     OutputFile signature(options.output / "image-ktb.sig");

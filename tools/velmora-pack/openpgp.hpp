@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bytes.hpp"
-#include "handles.hpp"
+#include "error.hpp"
 
 #include <gpgme.h>
 

@@ -2,7 +2,6 @@
 
 #include "bytes.hpp"
 #include "files.hpp"
-#include "handles.hpp"
 
 #include <archive.h>
 
