@@ -6,6 +6,7 @@
 #include "session.hpp"
 
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 
 namespace bmc_sim
@@ -34,6 +35,11 @@ int run(const Arguments& arguments)
         holdSignals();
         enterSandbox(options.insideDescriptors);
         return runSession(options, sandboxSite());
+    }
+    if (options.serves)
+    {
+        serveSystemBus(options);
+        return EXIT_SUCCESS;
     }
     if (options.inPlace)
     {

@@ -58,6 +58,7 @@ struct RawOptions
     std::string systemId = "0A1B";
     std::vector<std::string> purposes;
     std::vector<std::string> absentServices;
+    std::vector<std::string> servedServices;
 };
 
 template <typename Value>
@@ -91,6 +92,13 @@ void declareOptions(CLI::App& app, Options& options, RawOptions& raw)
                    "(repeatable)")
         ->type_name("SERVICE")
         ->allow_extra_args(false)
+        ->check(CLI::IsMember(
+            {platformService, securityService, inventoryService}));
+    app.add_option("--serve", raw.servedServices,
+                   "Run services (platform, security, inventory) on the "
+                   "system bus that is there, without sandbox and COMMAND")
+        ->type_name("SERVICE...")
+        ->excludes("--without")
         ->check(CLI::IsMember(
             {platformService, securityService, inventoryService}));
     addRepeatable(app, "--bind", options.writableDirectories, "DIR",
@@ -176,11 +184,27 @@ Options parseOptions(const std::vector<std::string>& arguments)
     // What follows the separator is COMMAND's, whatever it looks like.
     const auto separator = std::ranges::find(arguments, "--");
     parseWith(app, {arguments.begin(), separator});
-    if (arguments.end() - separator < 2)
+    options.serves = !raw.servedServices.empty();
+    if (options.serves)
+    {
+        for (const char* name :
+             {platformService, securityService, inventoryService})
+        {
+            if (std::ranges::find(raw.servedServices, name) ==
+                raw.servedServices.end())
+            {
+                raw.absentServices.emplace_back(name);
+            }
+        }
+    }
+    else if (arguments.end() - separator < 2)
     {
         throw Failure("no COMMAND: it stands behind --", exitUsage);
     }
-    options.command.assign(separator + 1, arguments.end());
+    if (!options.serves)
+    {
+        options.command.assign(separator + 1, arguments.end());
+    }
     options.systemId = parseSystemId(raw.systemId);
     options.purposes = parsePurposes(raw.purposes);
     options.absentServices.insert(raw.absentServices.begin(),

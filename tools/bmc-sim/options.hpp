@@ -29,6 +29,8 @@ struct Options
     std::set<std::string> absentServices;
     std::vector<std::filesystem::path> writableDirectories;
     bool verbose = false;
+    /** Whether the services run on the system bus that is there. */
+    bool serves = false;
     bool inPlace = false;
 
     /** Given by bmc-sim to itself alone, when it starts itself within the

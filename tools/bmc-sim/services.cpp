@@ -7,6 +7,8 @@
 #include "security_service.hpp"
 #include "service.hpp"
 
+#include <systemd/sd-daemon.h>
+
 namespace bmc_sim
 {
 namespace
@@ -69,7 +71,8 @@ Bus start(Service& service, sd_event* loop, const char* label,
     return bus;
 }
 
-void serve(const ServiceSettings& settings, FileDescriptor& report)
+template <typename Report>
+void serve(const ServiceSettings& settings, const Report& reportReady)
 {
     sd_event* created = nullptr;
     check(sd_event_new(&created), "event loop");
@@ -85,10 +88,7 @@ void serve(const ServiceSettings& settings, FileDescriptor& report)
     const Bus inventoryBus =
         start(inventory, loop.get(), inventoryService, settings);
 
-    check(static_cast<int>(
-              write(report.get(), readyReport.data(), readyReport.size())),
-          "report");
-    report.reset();
+    reportReady();
     check(sd_event_loop(loop.get()), "event loop");
 }
 
@@ -97,7 +97,14 @@ void serve(const ServiceSettings& settings, FileDescriptor& report)
 {
     try
     {
-        serve(settings, report);
+        serve(settings,
+              [&report]
+              {
+                  check(static_cast<int>(write(report.get(), readyReport.data(),
+                                               readyReport.size())),
+                        "report");
+                  report.reset();
+              });
     }
     catch (const std::exception& error)
     {
@@ -110,6 +117,11 @@ void serve(const ServiceSettings& settings, FileDescriptor& report)
 }
 
 } // namespace
+
+void runServices(const ServiceSettings& settings)
+{
+    serve(settings, [] { sd_notify(0, "READY=1"); });
+}
 
 void startServices(const ServiceSettings& settings)
 {

@@ -19,6 +19,10 @@ struct ServiceSettings
     bool verbose;
 };
 
+/** Runs the services in this process, on the system bus of the environment;
+ *  tells systemd when they own their names. */
+void runServices(const ServiceSettings& settings);
+
 /** Starts the services in a process of their own, on the system bus of the
  *  environment, and waits until they own their names. */
 void startServices(const ServiceSettings& settings);

@@ -77,6 +77,12 @@ std::string keyringCopy(std::size_t index)
     return "keyring-" + std::to_string(index);
 }
 
+void serveSystemBus(const Options& options)
+{
+    runServices(
+        serviceSettings(options, {.workDirectory = {}, .hasCopies = false}));
+}
+
 int runSession(const Options& options, const Site& site)
 {
     const ServiceSettings settings = serviceSettings(options, site);

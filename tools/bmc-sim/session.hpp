@@ -22,6 +22,10 @@ std::string keyringCopy(std::size_t index);
 constexpr auto rootCaCopy = "root-ca";
 constexpr auto signerKeyCopy = "signer-key";
 
+/** Runs the services on the system bus that is there until a signal ends
+ *  them. */
+void serveSystemBus(const Options& options);
+
 /** Puts keys and CA in place, starts bus and services, and runs COMMAND.
  *  Gives the exit status. */
 int runSession(const Options& options, const Site& site);
