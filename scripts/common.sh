@@ -3,7 +3,8 @@
 # shellcheck disable=SC2034 # The lists are used by those that source this.
 
 build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
-    libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev)
+    libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev
+    libelf-dev)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
 test_packages=(libgtest-dev libgmock-dev systemd scdoc abigail-tools
     valgrind man-db)

@@ -1,6 +1,7 @@
 #include "commands.hpp"
 #include "common/error.hpp"
 #include "common/signals.hpp"
+#include "explain.hpp"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -67,10 +68,7 @@ void printJson(const std::string& command, const Request& request,
     object["verdict"] = word(answer.verdict);
     object["reason"] = answer.reason;
     object.update(answer.fields);
-    // Paths and package texts need not be UTF-8.
-    std::cout << object.dump(2, ' ', false,
-                             nlohmann::json::error_handler_t::replace)
-              << '\n';
+    std::cout << asText(object) << '\n';
 }
 
 void printText(const std::string& command, const Request& request,
@@ -129,6 +127,7 @@ class CommandLine
         addPackageCommands();
         addFirmwareCommands();
         addInventoryCommands();
+        addExplain();
     }
 
     void parse(int argc, char** argv) { app_.parse(argc, argv); }
@@ -140,6 +139,8 @@ class CommandLine
 
     Request request;
     bool json = false;
+    bool isExplain = false;
+    std::string library;
     /** Name and function of the chosen command. */
     std::string name;
     std::function<Answer(const Request&)> run;
@@ -234,6 +235,19 @@ class CommandLine
         sub->add_option("PATH", request.subject, pathHelp)->required();
     }
 
+    void addExplain()
+    {
+        CLI::App* sub =
+            app_.add_subcommand("explain", "Say what the library's log means");
+        sub->fallthrough();
+        sub->callback([this] { isExplain = true; });
+        sub->add_option("LOG", request.subject,
+                        "File; without it or for -, standard input");
+        sub->add_option("--library", library,
+                        "Library of the build that wrote the log; by default "
+                        "the one that velmora runs with");
+    }
+
     CLI::App app_{"Checks firmware-update packages as the BMC does.",
                   "velmora"};
 };
@@ -266,6 +280,14 @@ try
     catch (const CLI::ParseError& e)
     {
         return line.exit(e);
+    }
+    if (line.isExplain)
+    {
+        return explain(line.request.subject.empty() ? "-"
+                                                    : line.request.subject,
+                       line.library, line.json)
+                   ? 0
+                   : static_cast<int>(Verdict::unchecked);
     }
     const tools::SignalCleanup cleanup;
     const Answer answer = run(line);

@@ -1,0 +1,145 @@
+#include "explain.hpp"
+
+#include "common/error.hpp"
+#include "common/handles.hpp"
+#include "explanation.hpp"
+
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+
+#include <cctype>
+#include <iomanip>
+#include <iostream>
+
+namespace velmora::front
+{
+
+namespace
+{
+
+/** Where the places in the source stand, so that they can be skipped. */
+constexpr int TEXT_WIDTH = 60;
+
+/** "exitCode" as "exit code". */
+std::string inWords(const std::string& name)
+{
+    std::string words;
+    for (const char c : name)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        words += std::isupper(byte) != 0 ? " " : "";
+        words += static_cast<char>(std::tolower(byte));
+    }
+    return words;
+}
+
+void printLine(const std::string& text, const Site& site)
+{
+    std::cout << std::left << std::setw(site.file.empty() ? 0 : TEXT_WIDTH)
+              << tools::printable(text);
+    if (!site.file.empty())
+    {
+        std::cout << ' ' << tools::printable(site.file) << ':' << site.line;
+    }
+    std::cout << '\n';
+}
+
+void printText(const Operation& operation)
+{
+    printLine((operation.refused ? "refused: " : "passed: ") +
+                  operation.site.text,
+              operation.site);
+    for (const Site& note : operation.notes)
+    {
+        printLine("    note: " + note.text, note);
+    }
+    for (const auto& [name, text, isTelling] : operation.details)
+    {
+        std::cout << "    " << inWords(name) << ": " << tools::printable(text)
+                  << '\n';
+    }
+    for (const Site& echo : operation.echoes)
+    {
+        printLine("    so: " + echo.text, echo);
+    }
+}
+
+nlohmann::ordered_json asJson(const Operation& operation)
+{
+    nlohmann::ordered_json object;
+    object["verdict"] = operation.refused ? "refused" : "passed";
+    object["reason"] = operation.reason();
+    object["cause"] = asJson(operation.site);
+    for (const auto& [name, sites] : {std::pair("echoes", &operation.echoes),
+                                      std::pair("notes", &operation.notes)})
+    {
+        object[name] = nlohmann::ordered_json::array();
+        for (const Site& site : *sites)
+        {
+            object[name].push_back(asJson(site));
+        }
+    }
+    object["details"] = detailsAsJson(operation);
+    return object;
+}
+
+} // namespace
+
+nlohmann::ordered_json asJson(const Site& site)
+{
+    return {{"file", site.file},
+            {"line", site.line},
+            {"number", site.number},
+            {"text", site.text}};
+}
+
+nlohmann::ordered_json detailsAsJson(const Operation& operation)
+{
+    auto object = nlohmann::ordered_json::object();
+    for (const auto& [name, text, isTelling] : operation.details)
+    {
+        object[name] = text;
+    }
+    return object;
+}
+
+bool explain(const std::string& log, const std::string& library, bool json)
+{
+    const CauseTable causes(library.empty() ? linkedLibrary() : library);
+    const tools::FileDescriptor file(
+        open(log == "-" ? "/dev/stdin" : log.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0)
+    {
+        throw tools::systemError(log);
+    }
+    const char* separator = "[";
+    Explainer explainer(causes,
+                        [json, &separator](const Operation& operation)
+                        {
+                            if (!json)
+                            {
+                                printText(operation);
+                                return;
+                            }
+                            std::cout << separator << asText(asJson(operation));
+                            separator = ",\n";
+                        });
+    explainer.read(file.get(), log);
+    if (json)
+    {
+        std::cout << (*separator == '[' ? "[" : "") << "]\n";
+    }
+    if (explainer.unknown() > 0)
+    {
+        std::cout.flush();
+        std::cerr << "velmora: " << explainer.unknown() << " of "
+                  << explainer.failures() << " failures are not in "
+                  << tools::printable(causes.library()) << " (build-id "
+                  << causes.buildId()
+                  << "): another build wrote them; name its library with "
+                     "--library\n";
+    }
+    return explainer.unknown() == 0;
+}
+
+} // namespace velmora::front
