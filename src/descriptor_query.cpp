@@ -1,3 +1,5 @@
+#define LOG_BLOCK 3000
+
 #include "handles.hpp"
 #include "log.hpp"
 #include "package_files.hpp"
@@ -38,24 +40,24 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
 {
     if (!isRegularFile(descriptorPath))
     {
-        cerrFailure();
+        LOG_FAILURE("the descriptor is missing or no regular file");
         return {};
     }
     if (expression == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("no expression was given");
         return {};
     }
     XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("the descriptor is not well-formed, or beyond a limit");
         return {};
     }
     XPathContext context(xmlXPathNewContext(document.get()));
     if (context == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("no XPath context could be made");
         return {};
     }
     XPathResult result(xmlXPathEvalExpression(
@@ -63,13 +65,13 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     context.reset();
     if (result == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("the XPath expression is invalid");
         return {};
     }
     const xmlNodeSet* nodes = result->nodesetval;
     if (nodes == nullptr || nodes->nodeNr <= 0 || nodes->nodeTab == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("the expression selects nothing in the descriptor");
         // Without nodes the result does not need the document, which goes
         // first here.
         document.reset();
@@ -79,12 +81,12 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     auto value = firstValue(*nodes, attribute.c_str());
     if (!value)
     {
-        cerrFailure();
+        LOG_FAILURE("no selected element has the attribute");
         return {};
     }
     result.reset();
     document.reset();
-    cerrSuccess();
+    LOG_SUCCESS();
     return std::move(*value);
 }
 

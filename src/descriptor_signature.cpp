@@ -1,3 +1,5 @@
+#define LOG_BLOCK 4000
+
 #include "handles.hpp"
 #include "log.hpp"
 #include "package_files.hpp"
@@ -73,20 +75,20 @@ gpgme_error_t verify(const std::string& descriptorPath,
 
 void logSignature(int signCount, const _gpgme_signature& gpgmeSig)
 {
-    cerrInfo("signCount: ", signCount);
-    cerrInfo("gpgme_strerror(gpgmeSig->status): ",
+    LOG_INFO("signCount: ", signCount);
+    LOG_INFO("gpgme_strerror(gpgmeSig->status): ",
              gpgme_strerror(gpgmeSig.status));
-    cerrInfo("gpgmeSig->summary: ", static_cast<int>(gpgmeSig.summary));
-    cerrInfo("gpgmeSig->timestamp: ", gpgmeSig.timestamp);
-    cerrInfo("gpgmeSig->exp_timestamp: ", gpgmeSig.exp_timestamp);
-    cerrInfo("gpgmeSig->wrong_key_usage: ", +gpgmeSig.wrong_key_usage);
-    cerrInfo("gpgmeSig->pka_trust: ", +gpgmeSig.pka_trust);
-    cerrInfo("gpgmeSig->chain_model: ", +gpgmeSig.chain_model);
-    cerrInfo("gpgmeSig->validity: ", static_cast<int>(gpgmeSig.validity));
-    cerrInfo("gpgmeSig->validity_reason: ", gpgmeSig.validity_reason);
-    cerrInfo("gpgme_hash_algo_name(gpgmeSig->hash_algo): ",
+    LOG_INFO("gpgmeSig->summary: ", static_cast<int>(gpgmeSig.summary));
+    LOG_INFO("gpgmeSig->timestamp: ", gpgmeSig.timestamp);
+    LOG_INFO("gpgmeSig->exp_timestamp: ", gpgmeSig.exp_timestamp);
+    LOG_INFO("gpgmeSig->wrong_key_usage: ", +gpgmeSig.wrong_key_usage);
+    LOG_INFO("gpgmeSig->pka_trust: ", +gpgmeSig.pka_trust);
+    LOG_INFO("gpgmeSig->chain_model: ", +gpgmeSig.chain_model);
+    LOG_INFO("gpgmeSig->validity: ", static_cast<int>(gpgmeSig.validity));
+    LOG_INFO("gpgmeSig->validity_reason: ", gpgmeSig.validity_reason);
+    LOG_INFO("gpgme_hash_algo_name(gpgmeSig->hash_algo): ",
              gpgme_hash_algo_name(gpgmeSig.hash_algo));
-    cerrInfo("gpgme_pubkey_algo_name (gpgmeSig->pubkey_algo): ",
+    LOG_INFO("gpgme_pubkey_algo_name (gpgmeSig->pubkey_algo): ",
              gpgme_pubkey_algo_name(gpgmeSig.pubkey_algo));
 }
 
@@ -95,9 +97,14 @@ void logSignature(int signCount, const _gpgme_signature& gpgmeSig)
 bool ValidateQOR::validatePkgXMLSignature(const std::string& descriptorPath,
                                           const std::string& signaturePath)
 {
-    if (!isRegularFile(descriptorPath) || !isRegularFile(signaturePath))
+    if (!isRegularFile(descriptorPath))
     {
-        cerrFailure();
+        LOG_FAILURE("the descriptor is missing or no regular file");
+        return false;
+    }
+    if (!isRegularFile(signaturePath))
+    {
+        LOG_FAILURE("the signature file is missing or no regular file");
         return false;
     }
     gpgme_check_version(nullptr);
@@ -109,21 +116,21 @@ bool ValidateQOR::validatePkgXMLSignature(const std::string& descriptorPath,
         verify(descriptorPath, signaturePath, verification);
     if (error != 0)
     {
-        cerrInfo("gpgmeStrErr: ", gpgme_strerror(error));
-        cerrFailure();
+        LOG_INFO("gpgmeStrErr: ", gpgme_strerror(error));
+        LOG_FAILURE("the signature could not be checked");
         return false;
     }
     const gpgme_verify_result_t verified =
         gpgme_op_verify_result(verification.context.get());
     if (verified == nullptr)
     {
-        cerrInfo("err: ", "gpgme_op_verify_result failed");
-        cerrFailure();
+        LOG_INFO("err: ", "gpgme_op_verify_result failed");
+        LOG_FAILURE("GnuPG gave no result");
         return false;
     }
     if (verified->signatures == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("the signature file holds no signature");
         return false;
     }
     int signCount = 0;
@@ -133,10 +140,10 @@ bool ValidateQOR::validatePkgXMLSignature(const std::string& descriptorPath,
         logSignature(++signCount, *gpgmeSig);
         if ((gpgmeSig->summary & GPGME_SIGSUM_VALID) != 0)
         {
-            cerrSuccess();
+            LOG_SUCCESS();
             return true;
         }
     }
-    cerrFailure();
+    LOG_FAILURE("no signature is fully valid");
     return false;
 }

@@ -49,29 +49,45 @@ inline void freeOpensslBytes(unsigned char* bytes) { OPENSSL_free(bytes); }
 inline void closeStream(std::FILE* stream) { std::fclose(stream); }
 
 /** One file descriptor, or none. */
-class Descriptor
+class FileDescriptor
 {
   public:
-    /** @param descriptor taken over; negative for none */
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
+    /** @param number taken over; negative for none */
+    explicit FileDescriptor(int number) : number_(number) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
 
-    ~Descriptor() { close(); }
+    ~FileDescriptor() { close(); }
 
-    explicit operator bool() const { return descriptor_ >= 0; }
+    explicit operator bool() const { return number_ >= 0; }
 
-    int get() const { return descriptor_; }
+    int get() const { return number_; }
 
-    /** @return false when the system refuses; it is not tried again */
+    /** @return false when the system refuses; the number is gone all the same
+     */
     bool close()
     {
-        const int descriptor = std::exchange(descriptor_, -1);
-        return descriptor < 0 || ::close(descriptor) == 0;
+        const int number = std::exchange(number_, -1);
+        return number < 0 || ::close(number) == 0;
     }
 
   private:
-    int descriptor_;
+    int number_;
+};
+
+/** Does something at the end of a scope, whichever way it is left. */
+template <typename Action>
+class ScopeGuard
+{
+  public:
+    explicit ScopeGuard(Action action) : action_(std::move(action)) {}
+    ScopeGuard(const ScopeGuard&) = delete;
+    ScopeGuard& operator=(const ScopeGuard&) = delete;
+
+    ~ScopeGuard() { action_(); }
+
+  private:
+    Action action_;
 };
 
 using XmlDocument = Handle<xmlDoc, freeDocument>;

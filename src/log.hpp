@@ -9,16 +9,91 @@
 #include <initializer_list>
 #include <iostream>
 #include <string_view>
-#include <type_traits>
 
-/** @file The two log styles.
+/** @file The two log styles, and the causes behind their lines.
  *
- *  The call site is taken by default arguments: `__builtin_FUNCTION` gives the
- *  unqualified name ("operator()" inside a lambda), which
- *  std::source_location does not. */
+ *  A line is known by its number alone, so a number must stand for one
+ *  statement in the whole library: each source unit has a block of a thousand,
+ *  which it defines as LOG_BLOCK, and the number is that plus the source line.
+ *
+ *  What a failure means is not written to the log. It stands where the failure
+ *  is logged, and goes from there into the section ".velmora.causes" of the
+ *  library, as "FILE BLOCK LINE KIND TEXT" with a NUL behind it. The kind is
+ *  "cause"; "echo" where only somebody else's failure is passed on; or "note"
+ *  where nothing is refused for it. */
+
+#ifndef LOG_BLOCK
+#error "LOG_BLOCK must be defined before log.hpp is included"
+#endif
+
+#define LOG_TEXT_OF(argument) #argument
+#define LOG_TEXT(argument) LOG_TEXT_OF(argument)
+
+#define LOG_NUMBER (LOG_BLOCK + __LINE__)
+
+/** Not for templates and inline functions: the compiler has no place for them
+ *  in a section of ours. */
+#define LOG_RECORD(kind, text)                                                 \
+    static_assert(__LINE__ < 1000 && sizeof("" text) > 1);                     \
+    [[gnu::section(".velmora.causes"),                                         \
+      gnu::used]] static const char record[] = __FILE_NAME__                   \
+        " " LOG_TEXT(LOG_BLOCK) " " LOG_TEXT(__LINE__) " " kind " " text
+
+/** @name The cerr style
+ *  @param cause, what literal text for the record */
+///@{
+#define LOG_CERR_FAILURE(kind, text)                                           \
+    do                                                                         \
+    {                                                                          \
+        LOG_RECORD(kind, text);                                                \
+        velmora::writeLine(LOG_NUMBER, {" [FAILURE]"});                        \
+    } while (false)
+#define LOG_FAILURE(cause) LOG_CERR_FAILURE("cause", cause)
+#define LOG_PASSED_ON(what) LOG_CERR_FAILURE("echo", what)
+#define LOG_HARMLESS(what) LOG_CERR_FAILURE("note", what)
+#define LOG_SUCCESS() velmora::writeLine(LOG_NUMBER, {" [SUCCESS]"})
+/** @param label the logged expression's text, written out, and ": " */
+#define LOG_INFO(label, value) velmora::writeInfo(LOG_NUMBER, label, value)
+
+/** Number of a FAILURE line that a child process writes by itself. */
+#define LOG_CHILD_FAILURE(cause)                                               \
+    []                                                                         \
+    {                                                                          \
+        LOG_RECORD("cause", cause);                                            \
+        return LOG_NUMBER;                                                     \
+    }()
+///@}
+
+/** @name The stderr style
+ *  @param cause, what literal text for the record
+ *  @param ... the line's own message: a printf format and its arguments */
+///@{
+#define PRINT_STDERR_FAILURE(kind, text, ...)                                  \
+    do                                                                         \
+    {                                                                          \
+        LOG_RECORD(kind, text);                                                \
+        PRINT_LINE("FAILURE", __VA_ARGS__);                                    \
+    } while (false)
+#define PRINT_FAILURE(cause, ...)                                              \
+    PRINT_STDERR_FAILURE("cause", cause, __VA_ARGS__)
+#define PRINT_PASSED_ON(what, ...)                                             \
+    PRINT_STDERR_FAILURE("echo", what, __VA_ARGS__)
+#define PRINT_HARMLESS(what, ...)                                              \
+    PRINT_STDERR_FAILURE("note", what, __VA_ARGS__)
+#define PRINT_INFO(...) PRINT_LINE("INFO", __VA_ARGS__)
+#define PRINT_SUCCESS(...) PRINT_LINE("SUCCESS", __VA_ARGS__)
+#define PRINT_LINE(level, ...)                                                 \
+    velmora::printLine(level, LOGGED_AS != nullptr ? LOGGED_AS : __func__,     \
+                       LOG_NUMBER, __VA_ARGS__)
+///@}
 
 namespace velmora
 {
+
+/** Name in the lines of the stderr style; null for that of the function that
+ *  logs. A class whose functions are the steps of an operation has a constant
+ *  of this name, with the operation's. */
+inline constexpr const char* LOGGED_AS = nullptr;
 
 /** An integer as decimal text, whatever the locale and stream flags. */
 class Decimal
@@ -41,126 +116,74 @@ class Decimal
 
 /** Writes one line of the cerr style, of the parts behind its number.
  *
- *  It is collected and given to std::cerr at once. Written unformatted, so
- *  that neither the flags nor the locale that the process has set on
- *  std::cerr change a line, nor a line them; and without allocating, so that
- *  it can be written when memory is out. */
-inline void cerrLine(int line, std::initializer_list<std::string_view> parts)
+ *  A line goes to std::cerr in one piece where it fits the buffer. It is
+ *  written unformatted, so that the flags and the locale that the process has
+ *  set on std::cerr do not change it. Nothing is allocated, so that it can be
+ *  written when memory is out. */
+inline void writeLine(int number, std::initializer_list<std::string_view> parts)
 {
     // Filled as far as it is used.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
     std::array<char, 512> buffer;
     std::size_t used = 0;
-    const auto drain = [&buffer, &used]
-    {
-        std::cerr.write(buffer.data(), static_cast<std::streamsize>(used));
-        used = 0;
-    };
     const auto append = [&](std::string_view text)
     {
-        if (text.size() > buffer.size() - used)
+        while (!text.empty())
         {
-            drain();
+            const std::size_t count =
+                text.copy(buffer.data() + used, buffer.size() - used);
+            used += count;
+            text.remove_prefix(count);
+            if (used == buffer.size())
+            {
+                std::cerr.write(buffer.data(),
+                                static_cast<std::streamsize>(used));
+                used = 0;
+            }
         }
-        if (text.size() > buffer.size())
-        {
-            std::cerr.write(text.data(),
-                            static_cast<std::streamsize>(text.size()));
-            return;
-        }
-        used += text.copy(buffer.data() + used, text.size());
     };
     append("Line: ");
-    append(Decimal(line));
+    append(Decimal(number));
     for (const std::string_view part : parts)
     {
         append(part);
     }
     append("\n");
-    drain();
-    // Usually the stream has done so already, after the write.
-    if ((std::cerr.flags() & std::ios::unitbuf) == 0)
-    {
-        std::cerr.flush();
-    }
+    std::cerr.write(buffer.data(), static_cast<std::streamsize>(used));
+    std::cerr.flush();
 }
 
-inline void cerrFailure(int line = __builtin_LINE())
+inline void writeInfo(int number, std::string_view label,
+                      std::string_view value)
 {
-    cerrLine(line, {" [FAILURE]"});
-}
-
-inline void cerrSuccess(int line = __builtin_LINE())
-{
-    cerrLine(line, {" [SUCCESS]"});
-}
-
-/** @param label the logged expression's text, written out, and ": " */
-inline void cerrInfo(std::string_view label, std::string_view value,
-                     int line = __builtin_LINE())
-{
-    cerrLine(line, {" [INFO ", label, value, "]"});
+    writeLine(number, {" [INFO ", label, value, "]"});
 }
 
 /** Library name functions may have no name to give. */
-inline void cerrInfo(std::string_view label, const char* value,
-                     int line = __builtin_LINE())
+inline void writeInfo(int number, std::string_view label, const char* value)
 {
-    cerrInfo(label, std::string_view(value != nullptr ? value : "(none)"),
-             line);
+    writeInfo(number, label,
+              std::string_view(value != nullptr ? value : "(none)"));
 }
 
 template <std::integral Number>
-void cerrInfo(std::string_view label, Number value, int line = __builtin_LINE())
+void writeInfo(int number, std::string_view label, Number value)
 {
-    cerrInfo(label, std::string_view(Decimal(value)), line);
+    writeInfo(number, label, std::string_view(Decimal(value)));
 }
 
-/** The call site of a stderr-style line; calling it writes the line. */
-class StderrLine
+/** Writes one line of the stderr style. */
+[[gnu::format(printf, 4, 5)]] inline void printLine(const char* level,
+                                                    const char* operation,
+                                                    int number,
+                                                    const char* format, ...)
 {
-  public:
-    StderrLine(const char* level, const char* function, int line) :
-        level_(level), function_(function), line_(line)
-    {
-    }
-
-    void operator()(const char* format, ...) const
-        __attribute__((format(printf, 2, 3)))
-    {
-        std::fprintf(stderr, "%s: %s.%d: ", level_, function_, line_);
-        std::va_list arguments;
-        va_start(arguments, format);
-        std::vfprintf(stderr, format, arguments);
-        va_end(arguments);
-        std::fputc('\n', stderr);
-    }
-
-    /** For the one message that names its own line. */
-    int line() const { return line_; }
-
-  private:
-    const char* level_;
-    const char* function_;
-    int line_;
-};
-
-inline StderrLine stderrFailure(const char* function = __builtin_FUNCTION(),
-                                int line = __builtin_LINE())
-{
-    return {"FAILURE", function, line};
-}
-
-inline StderrLine stderrInfo(const char* function = __builtin_FUNCTION(),
-                             int line = __builtin_LINE())
-{
-    return {"INFO", function, line};
-}
-
-inline StderrLine stderrSuccess(const char* function = __builtin_FUNCTION(),
-                                int line = __builtin_LINE())
-{
-    return {"SUCCESS", function, line};
+    std::fprintf(stderr, "%s: %s.%d: ", level, operation, number);
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    std::fputc('\n', stderr);
 }
 
 } // namespace velmora

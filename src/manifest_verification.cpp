@@ -1,6 +1,9 @@
+#define LOG_BLOCK 7000
+
 #include "bus_client.hpp"
 #include "handles.hpp"
 #include "log.hpp"
+#include "package_files.hpp"
 #include "velmora.hpp"
 
 #include <cxxabi.h>
@@ -13,7 +16,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <memory>
@@ -21,7 +23,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <system_error>
 #include <typeinfo>
 #include <vector>
 
@@ -29,10 +30,6 @@ namespace
 {
 
 using namespace velmora;
-namespace fs = std::filesystem;
-
-/** Named in the lines that the steps of the operation write. */
-constexpr const char* VERIFY_IMAGE = "verifyManifestAndSignature";
 
 constexpr const char* MANIFEST_MAGIC = "$KTB";
 constexpr const char* MANIFEST_FILE = "image-ktb";
@@ -91,7 +88,7 @@ std::unique_ptr<char[]> tryAllocate(std::size_t size)
 }
 
 /** Walks the records for the release marker. A record that is not whole ends
- *  the walk, and so does one without length, which would be met for ever. */
+ *  the walk. So does one without length, which would lead to itself. */
 std::optional<std::uint8_t> findRelease(Bytes manifest, std::uint64_t offset,
                                         std::uint64_t recordCount)
 {
@@ -131,8 +128,9 @@ std::optional<std::uint8_t> findRelease(Bytes manifest, std::uint64_t offset,
 
 /** Leaves the manifest's release marker, if it has one.
  *
- *  Everybody may write in the marker's directory: what somebody else has put
- *  in its place must neither be followed nor hold up the caller. */
+ *  Everybody may write in the marker's directory. Somebody may have put a
+ *  link, another name of a file that is not ours, or a FIFO in its place: none
+ *  of them is written to, or waited for. */
 void writeReleaseMarker(Bytes manifest)
 {
     if (manifest.size() < sizeof(manifestHeader))
@@ -149,13 +147,13 @@ void writeReleaseMarker(Bytes manifest)
         return;
     }
     constexpr mode_t readableByAll = 0666;
-    const Descriptor file(
+    const FileDescriptor file(
         open(RELEASE_MARKER_FILE,
              O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
              readableByAll));
     struct stat status{};
     if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        ftruncate(file.get(), 0) != 0)
+        status.st_nlink != 1 || ftruncate(file.get(), 0) != 0)
     {
         return;
     }
@@ -171,22 +169,6 @@ struct SecurityReply
     std::vector<std::uint8_t> key;
 };
 
-/** @throws whatever the binding raises */
-SecurityReply askSecurityService(const std::vector<std::uint8_t>& manifest)
-{
-    auto bus = openSystemBus();
-    auto call = bus.new_method_call(
-        "xyz.openbmc_project.securityservices",
-        "/xyz/openbmc_project/securityservices",
-        "xyz.openbmc_project.securityservices.firmwareManifest",
-        "vornFwManifestVerification");
-    call.append(true, static_cast<std::uint32_t>(manifest.size()), manifest);
-    auto message = bus.call(call);
-    SecurityReply reply;
-    message.read(reply.status, reply.unused, reply.key);
-    return reply;
-}
-
 PublicKey parseKey(Bytes reply)
 {
     if (reply.size() < KEY_LENGTH_SIZE)
@@ -201,31 +183,6 @@ PublicKey parseKey(Bytes reply)
     }
     const unsigned char* start = key.data();
     return PublicKey(d2i_PUBKEY(nullptr, &start, static_cast<long>(length)));
-}
-
-/** Feeds @p left bytes from the stream to the verification. An image that is
- *  shorter than a signature makes the count wrap, and the reading ends short.
- */
-bool digestContent(std::ifstream& image, std::uint32_t left, char* buffer,
-                   EVP_MD_CTX* context)
-{
-    while (left != 0)
-    {
-        const auto size = static_cast<std::uint32_t>(
-            std::min<std::size_t>(left, IMAGE_BUFFER_SIZE));
-        if (!readExactly(image, buffer, size))
-        {
-            stderrFailure(VERIFY_IMAGE)("Failed in reading ZRN image data");
-            return false;
-        }
-        if (EVP_DigestVerifyUpdate(context, buffer, size) <= 0)
-        {
-            stderrFailure(VERIFY_IMAGE)("Failed in EVP_DigestVerifyUpdate()");
-            return false;
-        }
-        left -= size;
-    }
-    return true;
 }
 
 /** r and s as an ECDSA signature, or null. */
@@ -246,79 +203,6 @@ EcdsaSignature makeSignature(const unsigned char* raw)
     return signature;
 }
 
-bool finishVerification(const unsigned char* raw, EVP_MD_CTX* context)
-{
-    const EcdsaSignature signature = makeSignature(raw);
-    unsigned char* encoding = nullptr;
-    const int size =
-        signature != nullptr ? i2d_ECDSA_SIG(signature.get(), &encoding) : 0;
-    const OpensslBytes der(encoding);
-    // One that could not be made does not verify either.
-    if (der == nullptr || size <= 0 ||
-        EVP_DigestVerifyFinal(context, der.get(),
-                              static_cast<std::size_t>(size)) != 1)
-    {
-        stderrFailure(VERIFY_IMAGE)("EVP_DigestVerifyFinal()");
-        stderrFailure(VERIFY_IMAGE)("Signature verification failed");
-        return false;
-    }
-    stderrSuccess(VERIFY_IMAGE)("Signature verification is successful");
-    return true;
-}
-
-/** Checks the image's last bytes as the signature of the others.
- *
- *  @param imageSize in bytes
- *  @param keyReply the security service's key array */
-bool verifyImage(std::ifstream& image, std::uint32_t imageSize, Bytes keyReply)
-{
-    // Released in the reverse order: context, key, buffer.
-    std::unique_ptr<char[]> buffer;
-    const PublicKey key = parseKey(keyReply);
-    if (key == nullptr)
-    {
-        stderrFailure(VERIFY_IMAGE)(
-            "Error in converting the public key received from TXQ to EVP PKEY");
-        return false;
-    }
-    const DigestContext context(EVP_MD_CTX_new());
-    if (context == nullptr)
-    {
-        stderrFailure(VERIFY_IMAGE)(
-            "Failed to create signature verifying context");
-        return false;
-    }
-    if (EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha512(), nullptr,
-                             key.get()) <= 0)
-    {
-        stderrFailure(VERIFY_IMAGE)("Failed in EVP_DigestVerifyInit()");
-        return false;
-    }
-    image.seekg(0, std::ios::beg);
-    buffer = tryAllocate(IMAGE_BUFFER_SIZE);
-    if (buffer == nullptr)
-    {
-        stderrFailure(VERIFY_IMAGE)(
-            "Failed to allocate buffer for signature verification");
-        return false;
-    }
-    if (!digestContent(
-            image, imageSize - static_cast<std::uint32_t>(IMAGE_SIGNATURE_SIZE),
-            buffer.get(), context.get()))
-    {
-        return false;
-    }
-    std::array<char, IMAGE_SIGNATURE_SIZE> signature{};
-    if (!readExactly(image, signature.data(), signature.size()))
-    {
-        stderrFailure(VERIFY_IMAGE)("Failed to read ZRN image signature");
-        return false;
-    }
-    return finishVerification(
-        reinterpret_cast<const unsigned char*>(signature.data()),
-        context.get());
-}
-
 /** Name of the current exception's type, as the run-time type information
  *  has it. */
 const char* currentExceptionName()
@@ -326,6 +210,165 @@ const char* currentExceptionName()
     const std::type_info* type = abi::__cxa_current_exception_type();
     return type != nullptr ? type->name() : "null";
 }
+
+/** The steps of the operation, in its order. */
+class ImageVerification
+{
+  public:
+    static constexpr const char* LOGGED_AS = "verifyManifestAndSignature";
+
+    static std::optional<SecurityReply>
+        askSecurityService(const std::vector<std::uint8_t>& manifest)
+    {
+        try
+        {
+            auto bus = openSystemBus();
+            auto call = bus.new_method_call(
+                "xyz.openbmc_project.securityservices",
+                "/xyz/openbmc_project/securityservices",
+                "xyz.openbmc_project.securityservices.firmwareManifest",
+                "vornFwManifestVerification");
+            call.append(true, static_cast<std::uint32_t>(manifest.size()),
+                        manifest);
+            auto message = bus.call(call);
+            SecurityReply reply;
+            message.read(reply.status, reply.unused, reply.key);
+            return reply;
+        }
+        catch (...)
+        {
+            LOG_INFO("msg: ", currentExceptionName());
+            PRINT_FAILURE("the security service could not be asked",
+                          "vornFwManifestVerification() invoke");
+            return std::nullopt;
+        }
+    }
+
+    /** Whether the service has verified the manifest. */
+    static bool isAccepted(const SecurityReply& reply)
+    {
+        if (reply.status != 0)
+        {
+            PRINT_FAILURE(
+                "the security service refused the manifest",
+                "vornFwManifestVerification() method returned an error");
+            return false;
+        }
+        if (reply.key.empty())
+        {
+            PRINT_FAILURE("the security service gave no key",
+                          "Failed in verifying manifest");
+            return false;
+        }
+        return true;
+    }
+
+    /** Checks the image's last bytes as the signature of the others.
+     *
+     *  @param imageSize in bytes
+     *  @param keyReply the security service's key array */
+    static bool verifyImage(std::ifstream& image, std::uint32_t imageSize,
+                            Bytes keyReply)
+    {
+        // Released in the reverse order: context, key, buffer.
+        std::unique_ptr<char[]> buffer;
+        const PublicKey key = parseKey(keyReply);
+        if (key == nullptr)
+        {
+            PRINT_FAILURE("the security service's key cannot be read",
+                          "Error in converting the public key received from "
+                          "TXQ to EVP PKEY");
+            return false;
+        }
+        const DigestContext context(EVP_MD_CTX_new());
+        if (context == nullptr)
+        {
+            PRINT_FAILURE("no digest context could be made",
+                          "Failed to create signature verifying context");
+            return false;
+        }
+        if (EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha512(), nullptr,
+                                 key.get()) <= 0)
+        {
+            PRINT_FAILURE("the key is not usable for ECDSA with SHA-512",
+                          "Failed in EVP_DigestVerifyInit()");
+            return false;
+        }
+        image.seekg(0, std::ios::beg);
+        buffer = tryAllocate(IMAGE_BUFFER_SIZE);
+        if (buffer == nullptr)
+        {
+            PRINT_FAILURE(
+                "no memory for the image's buffer",
+                "Failed to allocate buffer for signature verification");
+            return false;
+        }
+        return digestContent(image,
+                             imageSize - std::uint32_t{IMAGE_SIGNATURE_SIZE},
+                             buffer.get(), context.get()) &&
+               verifySignature(image, context.get());
+    }
+
+  private:
+    /** Feeds @p left bytes from the stream to the verification. An image that
+     *  is shorter than a signature makes the count wrap, and the reading ends
+     *  short. */
+    static bool digestContent(std::ifstream& image, std::uint32_t left,
+                              char* buffer, EVP_MD_CTX* context)
+    {
+        while (left != 0)
+        {
+            const auto size = static_cast<std::uint32_t>(
+                std::min<std::size_t>(left, IMAGE_BUFFER_SIZE));
+            if (!readExactly(image, buffer, size))
+            {
+                PRINT_FAILURE("the image is too short, or cannot be read",
+                              "Failed in reading ZRN image data");
+                return false;
+            }
+            if (EVP_DigestVerifyUpdate(context, buffer, size) <= 0)
+            {
+                PRINT_FAILURE("the image could not be digested",
+                              "Failed in EVP_DigestVerifyUpdate()");
+                return false;
+            }
+            left -= size;
+        }
+        return true;
+    }
+
+    static bool verifySignature(std::ifstream& image, EVP_MD_CTX* context)
+    {
+        std::array<char, IMAGE_SIGNATURE_SIZE> raw{};
+        if (!readExactly(image, raw.data(), raw.size()))
+        {
+            PRINT_FAILURE("the image's signature cannot be read",
+                          "Failed to read ZRN image signature");
+            return false;
+        }
+        const EcdsaSignature signature =
+            makeSignature(reinterpret_cast<const unsigned char*>(raw.data()));
+        unsigned char* encoding = nullptr;
+        const int size = signature != nullptr
+                             ? i2d_ECDSA_SIG(signature.get(), &encoding)
+                             : 0;
+        const OpensslBytes der(encoding);
+        // One that could not be made does not verify either.
+        if (der == nullptr || size <= 0 ||
+            EVP_DigestVerifyFinal(context, der.get(),
+                                  static_cast<std::size_t>(size)) != 1)
+        {
+            PRINT_FAILURE("the image's signature does not verify with the key "
+                          "that the security service gave",
+                          "EVP_DigestVerifyFinal()");
+            PRINT_PASSED_ON("the image is refused",
+                            "Signature verification failed");
+            return false;
+        }
+        PRINT_SUCCESS("Signature verification is successful");
+        return true;
+    }
+};
 
 } // namespace
 
@@ -353,7 +396,8 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
     const auto storage = tryAllocate(length);
     if (storage == nullptr)
     {
-        stderrFailure()("Failed to allocate memory for maifest");
+        PRINT_FAILURE("no memory for a manifest of the stated length",
+                      "Failed to allocate memory for maifest");
         return false;
     }
     if (length < stored.size() || static_cast<std::int64_t>(length) >
@@ -376,23 +420,28 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
 {
     if (manifestDir.empty())
     {
-        stderrFailure()("Invalid path for image-ktb");
+        PRINT_FAILURE("no manifest directory was given",
+                      "Invalid path for image-ktb");
         return -1;
     }
     const std::string signaturePath = manifestDir + "/" + SIGNATURE_FILE;
-    std::ifstream signatureFile(signaturePath, std::ios::binary);
-    std::error_code ignored;
-    // A directory opens too, and its "size" would skip the verification.
-    if (!signatureFile || fs::is_directory(fs::status(signaturePath, ignored)))
+    std::ifstream signatureFile;
+    // Anything else may have a size too, which would skip the verification.
+    if (isRegularFile(signaturePath))
     {
-        stderrFailure()("Error opening KTB signature file");
+        signatureFile.open(signaturePath, std::ios::binary);
+    }
+    if (!signatureFile.is_open())
+    {
+        PRINT_FAILURE("image-ktb.sig is missing or no regular file",
+                      "Error opening KTB signature file");
         return -1;
     }
     signatureFile.seekg(0, std::ios::end);
     if (signatureFile.tellg() > SIGNATURE_FILE_MAX_SIZE)
     {
-        stderrSuccess()("Older version of KTB signature file is found");
-        stderrSuccess()(
+        PRINT_SUCCESS("Older version of KTB signature file is found");
+        PRINT_SUCCESS(
             "Skipping signature verification for backward compatibility");
         return 0;
     }
@@ -401,7 +450,8 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
     std::ifstream image(imagePath, std::ios::binary);
     if (!image)
     {
-        stderrFailure()("Error opening ZRN tar file");
+        PRINT_FAILURE("the image cannot be opened",
+                      "Error opening ZRN tar file");
         return -1;
     }
     image.seekg(0, std::ios::end);
@@ -409,49 +459,33 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
     // Past 32 bits the count would wrap and only a part would be verified.
     if (imageSize < 0 || imageSize > std::numeric_limits<std::uint32_t>::max())
     {
-        stderrFailure()("Payload size error");
+        PRINT_FAILURE("the image has no length, or 4 GiB or more",
+                      "Payload size error");
         return -1;
     }
     std::ifstream manifestFile(manifestDir + "/" + MANIFEST_FILE,
                                std::ios::binary);
     if (!manifestFile)
     {
-        stderrFailure()("Error opening KTB file");
+        PRINT_FAILURE("image-ktb cannot be opened", "Error opening KTB file");
         return -1;
     }
     manifestHeader header{};
     std::vector<std::uint8_t> manifest;
     if (!extractManifest(manifestFile, MANIFEST_MAGIC, header, manifest))
     {
-        stderrFailure()(
-            "Error in reading manifest information from the payload");
+        PRINT_FAILURE("image-ktb holds no whole manifest",
+                      "Error in reading manifest information from the payload");
         return -1;
     }
 
-    SecurityReply reply;
-    try
+    const auto reply = ImageVerification::askSecurityService(manifest);
+    if (!reply || !ImageVerification::isAccepted(*reply))
     {
-        reply = askSecurityService(manifest);
-    }
-    catch (...)
-    {
-        cerrInfo("msg: ", currentExceptionName());
-        stderrFailure()("vornFwManifestVerification() invoke");
-        return -1;
-    }
-    if (reply.status != 0)
-    {
-        stderrFailure()(
-            "vornFwManifestVerification() method returned an error");
-        return -1;
-    }
-    if (reply.key.empty())
-    {
-        stderrFailure()("Failed in verifying manifest");
         return -1;
     }
     writeReleaseMarker(manifest);
-    return verifyImage(image, static_cast<std::uint32_t>(imageSize), reply.key)
-               ? 0
-               : -1;
+    const bool verified = ImageVerification::verifyImage(
+        image, static_cast<std::uint32_t>(imageSize), reply->key);
+    return verified ? 0 : -1;
 }

@@ -1,3 +1,5 @@
+#define LOG_BLOCK 8000
+
 #include "log.hpp"
 #include "signed_payload.hpp"
 #include "velmora.hpp"
@@ -50,6 +52,53 @@ std::vector<std::string> tokenize(std::string& block)
     return tokens;
 }
 
+/** What the operation takes from the tokens, besides the algorithm. */
+class Values
+{
+  public:
+    static constexpr const char* LOGGED_AS = "extract_meta_data";
+
+    /** Sets metadata_algo where an algorithm is named. A key has two tokens
+     *  behind it: the separator and the value. */
+    explicit Values(const std::vector<std::string>& tokens)
+    {
+        for (std::size_t i = 0; i + 2 < tokens.size(); ++i)
+        {
+            const bool separated = tokens[i + 1] == KEY_SEPARATOR;
+            const std::string& value = tokens[i + 2];
+            if (tokens[i] == "ver")
+            {
+                PRINT_INFO("Version found...");
+                if (separated)
+                {
+                    version = value;
+                }
+            }
+            else if (tokens[i] == "alg")
+            {
+                PRINT_INFO("Algorithm found...");
+                if (separated)
+                {
+                    metadata_algo = value;
+                    PRINT_INFO("Metadata algorithm is %s", value.c_str());
+                }
+            }
+            else if (tokens[i] == "sts")
+            {
+                PRINT_INFO("Timestamp found...");
+                if (separated)
+                {
+                    timestamp = value;
+                    PRINT_INFO("Metadata timestamp is %s", value.c_str());
+                }
+            }
+        }
+    }
+
+    std::string version;
+    std::string timestamp;
+};
+
 } // namespace
 
 int ValidateQOR::extract_meta_data(std::string& block)
@@ -58,72 +107,45 @@ int ValidateQOR::extract_meta_data(std::string& block)
     std::vector<std::string> tokens = tokenize(block);
     if (tokens.empty())
     {
-        stderrFailure()("strtok returned nullptr,unable to proceed further");
+        PRINT_FAILURE("the metadata block is empty",
+                      "strtok returned nullptr,unable to proceed further");
         return METADATA_EMPTY;
     }
-    stderrInfo()("Total tokens read is %d", static_cast<int>(tokens.size()));
-
-    std::string version;
-    std::string timestamp;
-    for (std::size_t i = 0; i + 2 < tokens.size(); ++i)
-    {
-        const bool separated = tokens[i + 1] == KEY_SEPARATOR;
-        const std::string& value = tokens[i + 2];
-        if (tokens[i] == "ver")
-        {
-            stderrInfo()("Version found...");
-            if (separated)
-            {
-                version = value;
-            }
-        }
-        else if (tokens[i] == "alg")
-        {
-            stderrInfo()("Algorithm found...");
-            if (separated)
-            {
-                metadata_algo = value;
-                stderrInfo()("Metadata algorithm is %s", metadata_algo.c_str());
-            }
-        }
-        else if (tokens[i] == "sts")
-        {
-            stderrInfo()("Timestamp found...");
-            if (separated)
-            {
-                timestamp = value;
-                stderrInfo()("Metadata timestamp is %s", timestamp.c_str());
-            }
-        }
-    }
+    PRINT_INFO("Total tokens read is %d", static_cast<int>(tokens.size()));
+    const Values values(tokens);
     tokens.clear();
 
-    if (version.empty())
+    if (values.version.empty())
     {
-        stderrFailure()("Unable to get version from metadata");
+        PRINT_FAILURE("the metadata block names no version",
+                      "Unable to get version from metadata");
         return METADATA_NO_VERSION;
     }
     if (metadata_algo.empty())
     {
-        stderrFailure()("Unable to get algorithm from metadata");
+        PRINT_FAILURE("no metadata block has named an algorithm",
+                      "Unable to get algorithm from metadata");
         return METADATA_NO_ALGORITHM;
     }
-    if (timestamp.empty())
+    if (values.timestamp.empty())
     {
-        stderrFailure()("Unable to get timestamp from metadata");
+        PRINT_FAILURE("the metadata block names no signing time",
+                      "Unable to get timestamp from metadata");
         return METADATA_NO_TIMESTAMP;
     }
     errno = 0;
-    const long long seconds = std::strtoll(timestamp.c_str(), nullptr, 10);
+    const long long seconds =
+        std::strtoll(values.timestamp.c_str(), nullptr, 10);
     // Only the low 32 bits are kept, whatever they make of the value.
     metadata_timestamp =
         static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
     if (errno != 0 && metadata_timestamp == 0)
     {
-        stderrFailure()("strtoll returned error[%d]", errno);
+        PRINT_FAILURE("the signing time is no number that can be kept",
+                      "strtoll returned error[%d]", errno);
         return METADATA_BAD_TIMESTAMP;
     }
-    stderrInfo()("timestamp =%d", static_cast<int>(metadata_timestamp));
-    stderrSuccess()("Extract metadata successful");
+    PRINT_INFO("timestamp =%d", static_cast<int>(metadata_timestamp));
+    PRINT_SUCCESS("Extract metadata successful");
     return METADATA_OK;
 }

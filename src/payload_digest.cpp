@@ -1,17 +1,17 @@
+#define LOG_BLOCK 6000
+
 #include "handles.hpp"
 #include "log.hpp"
 #include "velmora.hpp"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -64,13 +64,14 @@ class Sha256
     std::string text() const
     {
         constexpr std::string_view digits = "0123456789abcdef";
-        std::array<char, 2 * SHA256_SIZE> hex{};
-        for (std::size_t i = 0; i < digest_.size(); ++i)
+        std::string hex;
+        hex.reserve(2 * SHA256_SIZE);
+        for (const unsigned char byte : digest_)
         {
-            hex[2 * i] = digits[digest_[i] >> 4];
-            hex[2 * i + 1] = digits[digest_[i] & 0xF];
+            hex += digits[byte >> 4];
+            hex += digits[byte & 0xF];
         }
-        return {hex.data(), hex.size()};
+        return hex;
     }
 
   private:
@@ -78,155 +79,50 @@ class Sha256
     std::array<unsigned char, SHA256_SIZE> digest_{};
 };
 
-/** A file that is read piece by piece. */
-class InputFile
+/** Opens a file. A FIFO would hold up a plain open until somebody writes into
+ *  it. The other way round, an open that may not wait fails where another
+ *  process holds a lease on a regular file, which is worth the wait. */
+FileDescriptor openFile(const std::string& path)
 {
-  public:
-    /** Does not wait for a writer where the path is a FIFO. */
-    explicit InputFile(const std::string& path) :
-        descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
-    {
-    }
+    constexpr int flags = O_RDONLY | O_CLOEXEC;
+    const int number = open(path.c_str(), flags | O_NONBLOCK);
+    return FileDescriptor(number < 0 && errno == EWOULDBLOCK
+                              ? open(path.c_str(), flags)
+                              : number);
+}
 
-    /** @return bytes, nothing when it is not open or has no length */
-    std::optional<std::uint64_t> length() const
-    {
-        const off_t end =
-            descriptor_ ? lseek(descriptor_.get(), 0, SEEK_END) : off_t{-1};
-        // Directories and devices mostly tell none or an absurd one; what is
-        // left of them cannot be read, or is read like a file. To ask for the
-        // status of each file would cost as much as the digest of a small one.
-        const bool usual = end > 0 && end < off_t{PIECE_SIZE};
-        if (end < 0 || (!usual && !isRegular()))
-        {
-            return std::nullopt;
-        }
-        return static_cast<std::uint64_t>(end);
-    }
-
-    /** @param offset of the first byte, from the start of the file
-     *  @return whether all @p size bytes from there on could be read */
-    bool read(char* data, std::size_t size, std::uint64_t offset) const
-    {
-        while (size > 0)
-        {
-            const ssize_t count = pread(descriptor_.get(), data, size,
-                                        static_cast<off_t>(offset));
-            if (count > 0)
-            {
-                data += count;
-                offset += static_cast<std::uint64_t>(count);
-                size -= static_cast<std::size_t>(count);
-            }
-            else if (count == 0 || errno != EINTR)
-            {
-                return false;
-            }
-        }
-        return true;
-    }
-
-  private:
-    bool isRegular() const
-    {
-        struct stat status{};
-        return fstat(descriptor_.get(), &status) == 0 &&
-               S_ISREG(status.st_mode);
-    }
-
-    Descriptor descriptor_;
-};
-
-/** Regular files of a directory, in the order in which the file system delivers
- *  them; links are followed.
- *
- *  libstdc++'s directory_iterator allocates where it may not throw, and so
- *  ends the process when memory is out. */
-class Directory
+/** @return length in bytes, nothing for what is no regular file */
+std::optional<std::uint64_t> lengthOf(const FileDescriptor& file)
 {
-  public:
-    /** @throws fs::filesystem_error when it cannot be opened */
-    explicit Directory(const std::string& path) :
-        prefix_(path.ends_with('/') ? path : path + '/'),
-        stream_(opendir(path.c_str()))
+    struct stat status{};
+    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
     {
-        if (stream_ == nullptr)
-        {
-            fail("cannot open directory", errno);
-        }
-    }
-
-    struct Entry
-    {
-        std::string name;
-        bool regular;
-    };
-
-    /** Path of an entry. */
-    std::string pathOf(std::string_view name) const
-    {
-        return std::string(prefix_).append(name);
-    }
-
-    /** @return the next entry but "." and "..", nothing at the end
-     *  @throws fs::filesystem_error when the directory or the status of an
-     *          entry cannot be read */
-    std::optional<Entry> next()
-    {
-        errno = 0;
-        while (const dirent* entry = readdir(stream_.get()))
-        {
-            const std::string_view name = entry->d_name;
-            if (name != "." && name != "..")
-            {
-                return Entry{std::string(name),
-                             isFile(name, entry->d_type == DT_REG)};
-            }
-        }
-        if (errno != 0)
-        {
-            fail("cannot read directory", errno);
-        }
         return std::nullopt;
     }
+    return static_cast<std::uint64_t>(status.st_size);
+}
 
-  private:
-    /** @param listed whether the directory lists it as a file. Its status then
-     *         costs as much as its digest and says the same, wherever there is
-     *         one: that takes the right to search the directory, which the
-     *         first entry shows for all, and a path that is short enough. */
-    bool isFile(std::string_view name, bool listed)
-    {
-        if (listed && searched_ && prefix_.size() + name.size() < PATH_MAX)
-        {
-            return true;
-        }
-        const fs::file_status status = fs::status(pathOf(name));
-        searched_ = true;
-        return fs::is_regular_file(status);
-    }
-
-    [[noreturn]] void fail(const char* what, int error) const
-    {
-        throw fs::filesystem_error(
-            what, prefix_, std::error_code(error, std::generic_category()));
-    }
-
-    std::string prefix_;
-    DirectoryStream stream_;
-    bool searched_ = false;
-};
-
-/** Asks for large pages where a buffer is filled again and again; without them
- *  its faults and look-ups cost some two hundredths of the digest's time. */
-void adviseLargePages(char* buffer, std::size_t size)
+/** @param offset of the first byte, from the start of the file
+ *  @return whether all @p size bytes from there on could be read */
+bool readPiece(const FileDescriptor& file, char* data, std::size_t size,
+               std::uint64_t offset)
 {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    void* start = buffer;
-    if (std::align(page, page, start, size) != nullptr)
+    while (size > 0)
     {
-        madvise(start, size, MADV_HUGEPAGE);
+        const ssize_t count =
+            pread(file.get(), data, size, static_cast<off_t>(offset));
+        if (count == 0 || (count < 0 && errno != EINTR))
+        {
+            return false;
+        }
+        if (count > 0)
+        {
+            data += count;
+            offset += static_cast<std::uint64_t>(count);
+            size -= static_cast<std::size_t>(count);
+        }
     }
+    return true;
 }
 
 /** Reserves @p length bytes. Only one piece of them is ever filled, so no more
@@ -237,60 +133,121 @@ std::unique_ptr<char[]> makeReadBuffer(std::uint64_t length)
     {
         throw std::bad_alloc();
     }
-    auto buffer = std::make_unique_for_overwrite<char[]>(
+    return std::make_unique_for_overwrite<char[]>(
         static_cast<std::size_t>(length));
-    if (length >= PIECE_SIZE)
+}
+
+/** Paths of the regular files of a directory, in the order in which the file
+ *  system delivers them; links are followed. Each other entry is logged.
+ *
+ *  libstdc++'s directory_iterator allocates where it may not throw, and so
+ *  ends the process when memory is out.
+ *
+ *  @throws fs::filesystem_error when the directory or the status of an entry
+ *          cannot be read */
+std::vector<std::string> regularFiles(const std::string& directory)
+{
+    const auto fail = [&directory](const char* what)
     {
-        adviseLargePages(buffer.get(), PIECE_SIZE);
+        const std::error_code error(errno, std::generic_category());
+        throw fs::filesystem_error(what, directory, error);
+    };
+    const DirectoryStream stream(opendir(directory.c_str()));
+    if (stream == nullptr)
+    {
+        fail("cannot open directory");
     }
-    return buffer;
+    std::vector<std::string> paths;
+    errno = 0;
+    while (const dirent* entry = readdir(stream.get()))
+    {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..")
+        {
+            const fs::path path = fs::path(directory) / name;
+            if (fs::is_regular_file(fs::status(path)))
+            {
+                paths.push_back(path.string());
+            }
+            else
+            {
+                LOG_HARMLESS("an entry is not covered: it is no regular file");
+            }
+        }
+        errno = 0;
+    }
+    if (errno != 0)
+    {
+        fail("cannot read directory");
+    }
+    return paths;
 }
 
 } // namespace
 
 std::string calculateFileSHA(const std::string& filePath)
 {
-    const InputFile file(filePath);
-    const auto length = file.length();
+    FileDescriptor file = openFile(filePath);
+    const auto length = lengthOf(file);
     if (!length)
     {
-        cerrFailure();
+        LOG_FAILURE("a file cannot be opened, or is no regular file");
         return {};
     }
+    if (*length > PIECE_SIZE)
+    {
+        // The kernel reads further ahead of us, which a cold file needs.
+        posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
 
-    // A digest that misses a step is not the file's: each failure is logged,
-    // the rest is gone through, and the text stays empty.
+    // Each failure is logged, and the rest is gone through all the same.
     bool complete = true;
     Sha256 sha;
     if (!sha.init())
     {
-        cerrFailure();
+        LOG_FAILURE("the digest of a file could not be begun");
         complete = false;
     }
     const auto buffer = makeReadBuffer(*length);
-    for (std::uint64_t offset = 0; offset < *length; offset += PIECE_SIZE)
+    const auto partial = static_cast<std::size_t>(*length % PIECE_SIZE);
+    const std::uint64_t end = *length - partial;
+    for (std::uint64_t offset = 0; offset < end; offset += PIECE_SIZE)
     {
-        const auto size = static_cast<std::size_t>(
-            std::min<std::uint64_t>(*length - offset, PIECE_SIZE));
-        if (!file.read(buffer.get(), size, offset) ||
-            !sha.update(buffer.get(), size))
+        if (!readPiece(file, buffer.get(), PIECE_SIZE, offset))
         {
-            cerrFailure();
+            LOG_FAILURE("a piece of a file could not be read whole");
+            complete = false;
+        }
+        else if (!sha.update(buffer.get(), PIECE_SIZE))
+        {
+            LOG_FAILURE("a piece of a file could not be digested");
             complete = false;
         }
     }
+    if (partial > 0 && !readPiece(file, buffer.get(), partial, end))
+    {
+        LOG_FAILURE("the end of a file could not be read whole");
+        complete = false;
+    }
+    else if (partial > 0 && !sha.update(buffer.get(), partial))
+    {
+        LOG_FAILURE("the end of a file could not be digested");
+        complete = false;
+    }
+    file.close();
     if (!sha.finish())
     {
-        cerrFailure();
+        LOG_FAILURE("the digest of a file could not be finished");
         complete = false;
     }
     sha.release();
 
-    std::string shaString = complete ? sha.text() : std::string();
-    cerrLine(__builtin_LINE(),
-             {" [INFO ",
-              "\"Hash for file \" + filePath + \": \" + shaString.str(): ",
-              "Hash for file ", filePath, ": ", shaString, "]"});
+    // Not empty: a file that is there must not be left out of a composite. No
+    // composite that somebody signed has this text in it.
+    std::string shaString =
+        complete ? sha.text() : std::string(2 * SHA256_SIZE, '0');
+    LOG_INFO("\"Hash for file \" + filePath + \": \" + shaString.str(): ",
+             "Hash for file " + filePath + ": " + shaString);
     return shaString;
 }
 
@@ -298,31 +255,18 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
 {
     if (!fs::is_directory(fs::status(payloadPath)))
     {
-        cerrFailure();
+        LOG_FAILURE("the payload is missing or no directory");
         return {};
     }
-    std::vector<std::string> names;
-    Directory directory(payloadPath);
-    while (auto entry = directory.next())
-    {
-        if (entry->regular)
-        {
-            names.push_back(std::move(entry->name));
-        }
-        else
-        {
-            cerrFailure();
-        }
-    }
-    // The paths differ in their names alone; std::string compares bytes as
-    // unsigned values, whatever the locale.
-    std::sort(names.begin(), names.end());
+    std::vector<std::string> paths = regularFiles(payloadPath);
+    // std::string compares bytes as unsigned values, whatever the locale.
+    std::sort(paths.begin(), paths.end());
 
     std::vector<std::string> digests;
-    digests.reserve(names.size());
-    for (const std::string& name : names)
+    digests.reserve(paths.size());
+    for (const std::string& path : paths)
     {
-        std::string digest = calculateFileSHA(directory.pathOf(name));
+        std::string digest = calculateFileSHA(path);
         if (!digest.empty())
         {
             digests.push_back(std::move(digest));
@@ -339,11 +283,11 @@ std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
     sha.release();
     if (!complete)
     {
-        cerrFailure();
+        LOG_FAILURE("the payload's digest could not be made");
         return {};
     }
     std::string finalShaString = sha.text();
-    cerrInfo("\"final sha: \" + finalShaString.str(): ",
+    LOG_INFO("\"final sha: \" + finalShaString.str(): ",
              "final sha: " + finalShaString);
     return finalShaString;
 }

@@ -1,6 +1,9 @@
+#define LOG_BLOCK 10000
+
 #include "signed_payload.hpp"
 
 #include "log.hpp"
+#include "package_files.hpp"
 #include "quorlin.h"
 #include "velmora.hpp"
 
@@ -10,18 +13,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace
 {
 
 using namespace velmora;
-namespace fs = std::filesystem;
 
 constexpr const char* ROOT_CA_FILE =
     "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
@@ -49,120 +49,168 @@ class RootCaFile
     bool removed_ = false;
 };
 
-} // namespace
-
-bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
+/** What slot 1 of the trailer holds. */
+struct Slot
 {
-    std::ifstream payload(payloadPath, std::ios::binary);
-    if (!payload)
-    {
-        stderrFailure()("Unable to read the payload");
-        return false;
-    }
-    payload.seekg(0, std::ios::end);
-    const std::int64_t length = std::streamoff(payload.tellg());
-    payload.seekg(0, std::ios::beg);
-    if (length <= TRAILER_SIZE)
-    {
-        stderrFailure()("Payload length is invalid %llu",
-                        static_cast<unsigned long long>(length));
-        return false;
-    }
-    stderrInfo()("Payload length is %llu",
-                 static_cast<unsigned long long>(length));
+    std::string chain = std::string(CHAIN_SIZE, '\0');
+    std::string metadata = std::string(METADATA_SIZE, '\0');
+    std::string signature = std::string(SLOT_SIGNATURE_SIZE, '\0');
+};
 
-    const auto position = [&payload]
-    { return static_cast<long long>(std::streamoff(payload.tellg())); };
-    payload.seekg(length - TRAILER_SIZE, std::ios::beg);
-    stderrInfo()("Certificate Chain offset %lld", position());
-    std::string chain(CHAIN_SIZE, '\0');
-    if (!payload.read(chain.data(), CHAIN_SIZE))
+/** The steps of the operation, in its order. */
+class PayloadValidation
+{
+  public:
+    static constexpr const char* LOGGED_AS = "validateCertChainForPayload";
+
+    static bool readSlot(std::ifstream& payload, Slot& slot)
     {
-        stderrFailure()("Only %lld bytes read",
-                        static_cast<long long>(payload.gcount()));
-        cerrFailure();
-        return false;
-    }
-    stderrInfo()("Metadata offset %lld", position());
-    std::string metadata(METADATA_SIZE, '\0');
-    if (!payload.read(metadata.data(), METADATA_SIZE))
-    {
-        cerrFailure();
-        return false;
-    }
-    stderrInfo()("Signature offset %lld", position());
-    std::string signature(SLOT_SIGNATURE_SIZE, '\0');
-    if (!payload.read(signature.data(), SLOT_SIGNATURE_SIZE))
-    {
-        cerrFailure();
-        return false;
+        const auto position = [&payload]
+        { return static_cast<long long>(std::streamoff(payload.tellg())); };
+        payload.seekg(0, std::ios::end);
+        const std::int64_t length = position();
+        payload.seekg(0, std::ios::beg);
+        if (length <= TRAILER_SIZE)
+        {
+            PRINT_FAILURE("the payload is no longer than a trailer",
+                          "Payload length is invalid %llu",
+                          static_cast<unsigned long long>(length));
+            return false;
+        }
+        PRINT_INFO("Payload length is %llu",
+                   static_cast<unsigned long long>(length));
+
+        payload.seekg(length - TRAILER_SIZE, std::ios::beg);
+        PRINT_INFO("Certificate Chain offset %lld", position());
+        if (!payload.read(slot.chain.data(), CHAIN_SIZE))
+        {
+            PRINT_FAILURE("the chain area cannot be read whole",
+                          "Only %lld bytes read",
+                          static_cast<long long>(payload.gcount()));
+            LOG_PASSED_ON("the payload has no chain area");
+            return false;
+        }
+        PRINT_INFO("Metadata offset %lld", position());
+        if (!payload.read(slot.metadata.data(), METADATA_SIZE))
+        {
+            LOG_FAILURE("the metadata block cannot be read");
+            return false;
+        }
+        PRINT_INFO("Signature offset %lld", position());
+        if (!payload.read(slot.signature.data(), SLOT_SIGNATURE_SIZE))
+        {
+            LOG_FAILURE("the signature cannot be read");
+            return false;
+        }
+        return true;
     }
 
-    if (extract_meta_data(metadata) != 0)
+    static bool readRootCa(std::ifstream& stream, RootCaFile& file,
+                           std::string& rootCa)
     {
-        // What the metadata would have said is decided by the later checks.
-        stderrFailure()("extract_meta_data failed. Continuing.");
+        // Anything else may open too, or wait for somebody.
+        if (isRegularFile(ROOT_CA_FILE))
+        {
+            stream.open(ROOT_CA_FILE, std::ios::binary);
+        }
+        if (!stream.is_open())
+        {
+            file.remove();
+            LOG_FAILURE("the root CA file is missing or cannot be opened");
+            return false;
+        }
+        stream.seekg(0, std::ios::end);
+        const std::streamoff length = stream.tellg();
+        stream.seekg(0, std::ios::beg);
+        // A longer one would be cut short where a length has 32 bits.
+        if (length < 1 || length > std::numeric_limits<std::streamsize>::max())
+        {
+            file.remove();
+            LOG_FAILURE("the root CA file is empty");
+            return false;
+        }
+        rootCa.assign(static_cast<std::size_t>(length), '\0');
+        stream.read(rootCa.data(), static_cast<std::streamsize>(length));
+        return true;
     }
 
-    RootCaFile rootCaFile;
-    std::ifstream rootCaStream(ROOT_CA_FILE, std::ios::binary);
-    std::error_code ignored;
-    // A directory opens too, with a length that is none.
-    if (!rootCaStream || fs::is_directory(fs::status(ROOT_CA_FILE, ignored)))
+    static bool verifyChain(const std::string& chain, const std::string& rootCa)
     {
-        rootCaFile.remove();
-        cerrFailure();
-        return false;
-    }
-    rootCaStream.seekg(0, std::ios::end);
-    const std::streamoff rootCaLength = rootCaStream.tellg();
-    rootCaStream.seekg(0, std::ios::beg);
-    // A string holds no more than that, and longer ones would be cut short
-    // where a length has 32 bits.
-    if (rootCaLength < 1 ||
-        rootCaLength > std::numeric_limits<std::streamsize>::max())
-    {
-        rootCaFile.remove();
-        cerrFailure();
-        return false;
-    }
-    std::string rootCa(static_cast<std::size_t>(rootCaLength), '\0');
-    rootCaStream.read(rootCa.data(),
-                      static_cast<std::streamsize>(rootCaLength));
-
-    const int result =
-        verify_chain_OBMC(chain.c_str(), rootCa.c_str(),
-                          std::strlen(chain.c_str()), metadata_timestamp);
-    if (result != 0)
-    {
-        stderrInfo()("Cert Chain validation check failed.");
+        const int result =
+            verify_chain_OBMC(chain.c_str(), rootCa.c_str(),
+                              std::strlen(chain.c_str()), metadata_timestamp);
+        if (result == 0)
+        {
+            PRINT_INFO("Certificate chain verfication successful");
+            return true;
+        }
+        PRINT_INFO("Cert Chain validation check failed.");
         if (result > 0)
         {
-            stderrFailure()(
+            PRINT_FAILURE(
+                "the certificate chain does not lead to the root CA, or did "
+                "not hold at the signing time",
                 "Certificate chain verification failed: error[%d] errstr[%s]",
                 result, X509_verify_cert_error_string(result));
         }
         else
         {
-            stderrFailure()("Chain verification internal error[%d]", result);
+            PRINT_FAILURE("the certificate chain could not be checked",
+                          "Chain verification internal error[%d]", result);
         }
-        rootCaFile.remove();
-        cerrFailure();
         return false;
     }
-    stderrInfo()("Certificate chain verfication successful");
+};
 
+} // namespace
+
+bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
+{
+    // Everything is released in the reverse order.
+    std::ifstream payload(payloadPath, std::ios::binary);
+    if (!payload)
+    {
+        PRINT_FAILURE("the payload cannot be opened",
+                      "Unable to read the payload");
+        return false;
+    }
+    Slot slot;
+    if (!PayloadValidation::readSlot(payload, slot))
+    {
+        return false;
+    }
+    if (extract_meta_data(slot.metadata) != 0)
+    {
+        PRINT_HARMLESS("the metadata block does not parse: the chain must hold "
+                       "at the time 0, and the algorithm stays what it was",
+                       "extract_meta_data failed. Continuing.");
+    }
+
+    RootCaFile rootCaFile;
+    std::ifstream rootCaStream;
+    std::string rootCa;
+    if (!PayloadValidation::readRootCa(rootCaStream, rootCaFile, rootCa))
+    {
+        return false;
+    }
+    if (!PayloadValidation::verifyChain(slot.chain, rootCa))
+    {
+        rootCaFile.remove();
+        LOG_PASSED_ON("the certificate chain is refused");
+        return false;
+    }
     // The path is only read, whatever its type says.
     const int status = verify_slot_signature(
-        chain, signature, const_cast<char*>(payloadPath.c_str()));
+        slot.chain, slot.signature, const_cast<char*>(payloadPath.c_str()));
     if (status != 0)
     {
-        stderrFailure()("Signature verification failed. rc: %d", status);
+        PRINT_PASSED_ON("the slot signature check refused",
+                        "Signature verification failed. rc: %d", status);
         rootCaFile.remove();
-        cerrFailure();
+        LOG_PASSED_ON("the slot signature is refused");
         return false;
     }
-    stderrSuccess()("Signature verification successful");
+    PRINT_SUCCESS("Signature verification successful");
     rootCaFile.remove();
     return true;
 }

@@ -1,3 +1,5 @@
+#define LOG_BLOCK 9000
+
 #include "handles.hpp"
 #include "log.hpp"
 #include "signed_payload.hpp"
@@ -27,9 +29,6 @@ namespace
 {
 
 using namespace velmora;
-
-/** Named in the lines that the steps of the operation write. */
-constexpr const char* VERIFY_SLOT = "verify_slot_signature";
 
 constexpr const char* CERTCHAIN_FILE = "/var/run/velmora/Zarnholt/certchain";
 constexpr const char* PUBLICKEY_FILE = "/var/run/velmora/Zarnholt/publickey";
@@ -68,7 +67,7 @@ class PayloadFile
 {
   public:
     explicit PayloadFile(const char* path) :
-        descriptor_(open(path, O_RDONLY | O_CLOEXEC))
+        file_(open(path, O_RDONLY | O_CLOEXEC))
     {
     }
 
@@ -77,12 +76,12 @@ class PayloadFile
 
     ~PayloadFile() { unmap(); }
 
-    bool isOpen() const { return static_cast<bool>(descriptor_); }
+    bool isOpen() const { return static_cast<bool>(file_); }
 
     bool measure()
     {
         struct stat status{};
-        if (fstat(descriptor_.get(), &status) != 0)
+        if (fstat(file_.get(), &status) != 0)
         {
             return false;
         }
@@ -102,7 +101,7 @@ class PayloadFile
             return false;
         }
         void* mapping = mmap(nullptr, static_cast<std::size_t>(size_),
-                             PROT_READ, MAP_SHARED, descriptor_.get(), 0);
+                             PROT_READ, MAP_SHARED, file_.get(), 0);
         if (mapping == MAP_FAILED)
         {
             return false;
@@ -113,7 +112,7 @@ class PayloadFile
 
     const void* data() const { return mapping_; }
 
-    /** @return false when the system refuses; it is not tried again */
+    /** @return false when the system refuses */
     bool unmap()
     {
         void* mapping = std::exchange(mapping_, nullptr);
@@ -121,40 +120,12 @@ class PayloadFile
                munmap(mapping, static_cast<std::size_t>(size_)) == 0;
     }
 
-    bool close() { return descriptor_.close(); }
+    bool close() { return file_.close(); }
 
   private:
-    Descriptor descriptor_;
+    FileDescriptor file_;
     std::int64_t size_ = 0;
     void* mapping_ = nullptr;
-};
-
-/** What a slot verification makes once it has the certificate. */
-struct SlotObjects
-{
-    SlotObjects() = default;
-    SlotObjects(const SlotObjects&) = delete;
-    SlotObjects& operator=(const SlotObjects&) = delete;
-
-    ~SlotObjects() { release(); }
-
-    void release()
-    {
-        if (certificate == nullptr)
-        {
-            return;
-        }
-        // Readers of the log know this line under the name that a scope
-        // guard's lambda gives it.
-        stderrInfo("operator()")("Clear ctx before exiting...");
-        context.reset();
-        certificate.reset();
-        key.reset();
-    }
-
-    PublicKey key;
-    Certificate certificate;
-    DigestContext context;
 };
 
 /** Text of an error code of the library, never null. */
@@ -164,153 +135,230 @@ const char* reason(unsigned long code)
     return text != nullptr ? text : "";
 }
 
-const EVP_MD* chooseDigest()
+/** The steps of the operation, and what they make. */
+class SlotVerification
 {
-    if (metadata_algo == "PS256")
+  public:
+    static constexpr const char* LOGGED_AS = "verify_slot_signature";
+
+    static SlotStatus mapPayload(PayloadFile& payload, const char* path)
     {
-        stderrInfo(VERIFY_SLOT)("ALGO_256");
+        if (!payload.isOpen())
+        {
+            PRINT_FAILURE("the payload cannot be opened",
+                          "File[%s]could not be opened,strerr[%s]", path,
+                          std::strerror(errno));
+            return SLOT_OPEN;
+        }
+        if (!payload.measure())
+        {
+            PRINT_FAILURE("the payload's length could not be had",
+                          "File[%s]could not be stat'ed,strerr[%s]", path,
+                          std::strerror(errno));
+            return SLOT_STAT;
+        }
+        if (payload.size() <= TRAILER_SIZE)
+        {
+            PRINT_FAILURE("the payload is no longer than a trailer",
+                          "Rejecting FW Binary. fileSize:%zu too small",
+                          static_cast<std::size_t>(payload.size()));
+            return SLOT_TOO_SMALL;
+        }
+        if (!payload.map())
+        {
+            PRINT_FAILURE("the payload could not be mapped",
+                          "File[%s]mmap failed,strerr[%s]", path,
+                          std::strerror(errno));
+            return SLOT_MAP;
+        }
+        PRINT_INFO("%s, fileSize: %llu", path,
+                   static_cast<unsigned long long>(payload.size()));
+        return SLOT_VERIFIED;
+    }
+
+    /** @return @p status, or what went wrong here */
+    static SlotStatus releasePayload(PayloadFile& payload, const char* path,
+                                     SlotStatus status)
+    {
+        if (!payload.unmap())
+        {
+            PRINT_FAILURE("the payload could not be unmapped",
+                          "munmap failed,strerr[%s]", std::strerror(errno));
+            status = SLOT_UNMAP;
+        }
+        if (!payload.close())
+        {
+            PRINT_FAILURE("the payload could not be closed",
+                          "File %s close error,strerr[%s]", path,
+                          std::strerror(errno));
+            status = SLOT_CLOSE;
+        }
+        return status;
+    }
+
+    SlotStatus verify(const std::string& signature, const PayloadFile& payload,
+                      std::size_t signedSize)
+    {
+        SlotStatus status = takeKey();
+        if (status == SLOT_VERIFIED)
+        {
+            status = prepare();
+        }
+        if (status == SLOT_VERIFIED)
+        {
+            status = check(signature, payload, signedSize);
+        }
+        return status;
+    }
+
+    PublicKey key;
+    Certificate certificate;
+    DigestContext context;
+
+  private:
+    /** Takes the certificate's key and leaves it in its file. */
+    SlotStatus takeKey()
+    {
+        key.reset(X509_get_pubkey(certificate.get()));
+        if (key == nullptr)
+        {
+            PRINT_FAILURE("the signer's certificate has no usable key",
+                          "Error retrieving Cert public key");
+            return SLOT_CERTIFICATE_KEY;
+        }
+        PRINT_INFO("X509_get_pubkey is done");
+        if (!ValidateQOR::createPublicKeyFile(key.get()))
+        {
+            PRINT_PASSED_ON("the public key file was not written",
+                            "Error creating public key file");
+            return SLOT_PUBLICKEY_FILE;
+        }
+        PRINT_INFO("Creating public key file is done");
+        ValidateQOR::createHashFuncFile();
+        PRINT_INFO("Creating hash function file is done");
+
+        const int size = EVP_PKEY_get_size(key.get());
+        PRINT_INFO("RSA Key length[%d]", size);
+        if (size != static_cast<int>(SLOT_SIGNATURE_SIZE))
+        {
+            PRINT_FAILURE(
+                "the signer's key is no RSA key of 4096 bits",
+                "RSA Key length[%d]is not match with SLOT_SIGNATURE_SIZE",
+                size);
+            return SLOT_KEY_SIZE;
+        }
+        return SLOT_VERIFIED;
+    }
+
+    static const EVP_MD* chooseDigest()
+    {
+        if (metadata_algo == "PS256")
+        {
+            PRINT_INFO("ALGO_256");
+            return EVP_sha256();
+        }
+        if (metadata_algo == "PS384")
+        {
+            PRINT_INFO("ALGO_384");
+            return EVP_sha384();
+        }
+        if (metadata_algo == "PS512")
+        {
+            PRINT_INFO("ALGO_512");
+            return EVP_sha512();
+        }
+        PRINT_INFO("Default-ALGO_256");
         return EVP_sha256();
     }
-    if (metadata_algo == "PS384")
-    {
-        stderrInfo(VERIFY_SLOT)("ALGO_384");
-        return EVP_sha384();
-    }
-    if (metadata_algo == "PS512")
-    {
-        stderrInfo(VERIFY_SLOT)("ALGO_512");
-        return EVP_sha512();
-    }
-    stderrInfo(VERIFY_SLOT)("Default-ALGO_256");
-    return EVP_sha256();
-}
 
-/** Takes the certificate's key and leaves it in its file. */
-SlotStatus prepareKey(SlotObjects& objects)
-{
-    objects.key.reset(X509_get_pubkey(objects.certificate.get()));
-    if (objects.key == nullptr)
+    /** Sets up RSA-PSS with a salt of the digest's length. */
+    SlotStatus prepare()
     {
-        stderrFailure(VERIFY_SLOT)("Error retrieving Cert public key");
-        return SLOT_CERTIFICATE_KEY;
+        const EVP_MD* digest = chooseDigest();
+        context.reset(EVP_MD_CTX_new());
+        if (context == nullptr)
+        {
+            PRINT_FAILURE("no digest context could be made",
+                          "EVP_MD_CTX_create is failed");
+            return SLOT_NO_CONTEXT;
+        }
+        EVP_PKEY_CTX* keyContext = nullptr;
+        if (EVP_DigestVerifyInit(context.get(), &keyContext, digest, nullptr,
+                                 key.get()) <= 0)
+        {
+            const unsigned long error = ERR_get_error();
+            PRINT_FAILURE("the signer's key cannot be used to verify",
+                          "EVP_DigestVerifyInit failed,err[%lu]errmsg[%s]",
+                          error, reason(error));
+            return SLOT_SETUP;
+        }
+        if (EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) <=
+            0)
+        {
+            PRINT_FAILURE("the signer's key cannot be used for RSA-PSS",
+                          "Setting RSA padding mode failed");
+            return SLOT_SETUP;
+        }
+        if (EVP_PKEY_CTX_set_rsa_pss_saltlen(keyContext,
+                                             RSA_PSS_SALTLEN_DIGEST) <= 0)
+        {
+            PRINT_FAILURE("the salt's length could not be set",
+                          "Setting RSA PSS salt length failed");
+            return SLOT_SETUP;
+        }
+        return SLOT_VERIFIED;
     }
-    stderrInfo(VERIFY_SLOT)("X509_get_pubkey is done");
-    if (!ValidateQOR::createPublicKeyFile(objects.key.get()))
-    {
-        stderrFailure(VERIFY_SLOT)("Error creating public key file");
-        return SLOT_PUBLICKEY_FILE;
-    }
-    stderrInfo(VERIFY_SLOT)("Creating public key file is done");
-    ValidateQOR::createHashFuncFile();
-    stderrInfo(VERIFY_SLOT)("Creating hash function file is done");
 
-    const int size = EVP_PKEY_get_size(objects.key.get());
-    stderrInfo(VERIFY_SLOT)("RSA Key length[%d]", size);
-    if (size != static_cast<int>(SLOT_SIGNATURE_SIZE))
+    SlotStatus check(const std::string& signature, const PayloadFile& payload,
+                     std::size_t signedSize)
     {
-        stderrFailure(VERIFY_SLOT)(
-            "RSA Key length[%d]is not match with SLOT_SIGNATURE_SIZE", size);
-        return SLOT_KEY_SIZE;
+        if (EVP_DigestVerifyUpdate(context.get(), payload.data(), signedSize) <=
+            0)
+        {
+            const unsigned long error = ERR_get_error();
+            PRINT_FAILURE("the payload could not be digested",
+                          "EVP_DigestVerifyUpdate failed,err[%lu]errmsg[%s]",
+                          error, reason(error));
+            return SLOT_SIGNATURE;
+        }
+        PRINT_INFO("EVP_DigestVerifyUpdate is done");
+        // A field that is too short does not verify, and is not read beyond.
+        std::array<unsigned char, SLOT_SIGNATURE_SIZE> field{};
+        std::copy_n(signature.begin(), std::min(signature.size(), field.size()),
+                    field.begin());
+        ERR_clear_error();
+        const int result =
+            EVP_DigestVerifyFinal(context.get(), field.data(), field.size());
+        PRINT_INFO("EVP_DigestVerifyFinal,RC[%d]", result);
+        if (result != 1)
+        {
+            const unsigned long error = ERR_get_error();
+            PRINT_FAILURE("the payload's signature does not verify with the "
+                          "signer's key",
+                          "EVP_DigestVerifyFinal failed,err[%lu]errmsg[%s]",
+                          error, reason(error));
+            return SLOT_SIGNATURE;
+        }
+        return SLOT_VERIFIED;
     }
-    return SLOT_VERIFIED;
-}
-
-/** Sets up RSA-PSS with a salt of the digest's length. */
-SlotStatus prepareVerification(SlotObjects& objects)
-{
-    const EVP_MD* digest = chooseDigest();
-    objects.context.reset(EVP_MD_CTX_new());
-    if (objects.context == nullptr)
-    {
-        stderrFailure(VERIFY_SLOT)("EVP_MD_CTX_create is failed");
-        return SLOT_NO_CONTEXT;
-    }
-    EVP_PKEY_CTX* keyContext = nullptr;
-    if (EVP_DigestVerifyInit(objects.context.get(), &keyContext, digest,
-                             nullptr, objects.key.get()) <= 0)
-    {
-        const unsigned long error = ERR_get_error();
-        stderrFailure(VERIFY_SLOT)(
-            "EVP_DigestVerifyInit failed,err[%lu]errmsg[%s]", error,
-            reason(error));
-        return SLOT_SETUP;
-    }
-    if (EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) <= 0)
-    {
-        stderrFailure(VERIFY_SLOT)("Setting RSA padding mode failed");
-        return SLOT_SETUP;
-    }
-    if (EVP_PKEY_CTX_set_rsa_pss_saltlen(keyContext, RSA_PSS_SALTLEN_DIGEST) <=
-        0)
-    {
-        stderrFailure(VERIFY_SLOT)("Setting RSA PSS salt length failed");
-        return SLOT_SETUP;
-    }
-    return SLOT_VERIFIED;
-}
-
-SlotStatus checkSignature(const SlotObjects& objects,
-                          const std::string& signature,
-                          const PayloadFile& payload, std::size_t signedSize)
-{
-    if (EVP_DigestVerifyUpdate(objects.context.get(), payload.data(),
-                               signedSize) <= 0)
-    {
-        const unsigned long error = ERR_get_error();
-        stderrFailure(VERIFY_SLOT)(
-            "EVP_DigestVerifyUpdate failed,err[%lu]errmsg[%s]", error,
-            reason(error));
-        return SLOT_SIGNATURE;
-    }
-    stderrInfo(VERIFY_SLOT)("EVP_DigestVerifyUpdate is done");
-    // A field that is too short does not verify, and is not read beyond.
-    std::array<unsigned char, SLOT_SIGNATURE_SIZE> field{};
-    std::copy_n(signature.begin(), std::min(signature.size(), field.size()),
-                field.begin());
-    ERR_clear_error();
-    const int result = EVP_DigestVerifyFinal(objects.context.get(),
-                                             field.data(), field.size());
-    stderrInfo(VERIFY_SLOT)("EVP_DigestVerifyFinal,RC[%d]", result);
-    if (result != 1)
-    {
-        const unsigned long error = ERR_get_error();
-        stderrFailure(VERIFY_SLOT)(
-            "EVP_DigestVerifyFinal failed,err[%lu]errmsg[%s]", error,
-            reason(error));
-        return SLOT_SIGNATURE;
-    }
-    return SLOT_VERIFIED;
-}
-
-SlotStatus verifySlot(SlotObjects& objects, const std::string& signature,
-                      const PayloadFile& payload, std::size_t signedSize)
-{
-    SlotStatus status = prepareKey(objects);
-    if (status == SLOT_VERIFIED)
-    {
-        status = prepareVerification(objects);
-    }
-    if (status == SLOT_VERIFIED)
-    {
-        status = checkSignature(objects, signature, payload, signedSize);
-    }
-    return status;
-}
+};
 
 } // namespace
 
 X509* ValidateQOR::getX509Cert(const std::string& chain)
 {
-    stderrInfo()("Entry");
+    PRINT_INFO("Entry");
     if (chain.empty())
     {
-        stderrFailure()("Invalid input argument");
+        PRINT_FAILURE("no certificate chain was given",
+                      "Invalid input argument");
         return nullptr;
     }
     Bio bio(BIO_new(BIO_s_mem()));
     if (bio == nullptr)
     {
-        stderrFailure()("Create a memory BIO failed");
+        PRINT_FAILURE("no memory buffer could be made",
+                      "Create a memory BIO failed");
         return nullptr;
     }
     const std::size_t length = std::strlen(chain.c_str());
@@ -318,27 +366,31 @@ X509* ValidateQOR::getX509Cert(const std::string& chain)
         BIO_write(bio.get(), chain.c_str(), static_cast<int>(length)) !=
             static_cast<int>(length))
     {
-        stderrFailure()("Writing from buffer to BIO failed");
+        PRINT_FAILURE("the certificate chain could not be copied",
+                      "Writing from buffer to BIO failed");
         return nullptr;
     }
     Certificate certificate(
         PEM_read_bio_X509(bio.get(), nullptr, noPassphrase, nullptr));
     if (certificate == nullptr)
     {
-        stderrFailure()("Read the PEM formatted certificate from memory into "
-                        "an X509 is failed");
+        PRINT_FAILURE("the chain area begins with no readable certificate",
+                      "Read the PEM formatted certificate from memory into "
+                      "an X509 is failed");
         return nullptr;
     }
     // The whole area is written below; a part of one must not be read beyond.
     if (chain.size() < CHAIN_SIZE)
     {
-        stderrFailure()("Invalid input argument");
+        PRINT_FAILURE("the chain area is shorter than 24,576 bytes",
+                      "Invalid input argument");
         return nullptr;
     }
     FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
     if (file == nullptr)
     {
-        stderrFailure()("Error creating certchain file");
+        PRINT_FAILURE("the certchain file cannot be opened for writing",
+                      "Error creating certchain file");
         return nullptr;
     }
     bool written =
@@ -347,15 +399,16 @@ X509* ValidateQOR::getX509Cert(const std::string& chain)
     written = std::fflush(file.get()) == 0 && written;
     if (!written)
     {
-        stderrFailure()("Error writing certchain to file");
+        PRINT_FAILURE("the certchain file could not be written",
+                      "Error writing certchain to file");
         file.reset();
         std::remove(CERTCHAIN_FILE);
         return nullptr;
     }
     file.reset();
-    stderrInfo()("Cert chain file created successfully");
+    PRINT_INFO("Cert chain file created successfully");
     bio.reset();
-    stderrSuccess()("Getting X509 Certificate successful");
+    PRINT_SUCCESS("Getting X509 Certificate successful");
     return certificate.release();
 }
 
@@ -367,20 +420,23 @@ bool ValidateQOR::createPublicKeyFile(EVP_PKEY* key)
     const FileStream file(std::fopen(PUBLICKEY_FILE, "w"));
     if (file == nullptr)
     {
-        stderrFailure()("Error opening publickey file");
+        PRINT_FAILURE("the publickey file cannot be opened for writing",
+                      "Error opening publickey file");
         return false;
     }
     const Bio bio(BIO_new_fp(file.get(), BIO_NOCLOSE));
     if (bio == nullptr)
     {
-        stderrFailure()("Error creating a filestream for public key");
+        PRINT_FAILURE("no stream could be made for the publickey file",
+                      "Error creating a filestream for public key");
         return false;
     }
     // What the stream has buffered can still fail to reach the file.
     if (key == nullptr || PEM_write_bio_PUBKEY(bio.get(), key) != 1 ||
         std::fflush(file.get()) != 0)
     {
-        stderrFailure()("Error writing publickey file in PEM format");
+        PRINT_FAILURE("the publickey file could not be written",
+                      "Error writing publickey file in PEM format");
         return false;
     }
     return true;
@@ -398,78 +454,61 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
                                        const std::string& signature,
                                        char* payloadPath)
 {
-    stderrInfo()("Entry");
+    PRINT_INFO("Entry");
     if (payloadPath == nullptr || chain.empty() || signature.empty())
     {
-        stderrFailure()("Invalid input parameter");
+        PRINT_FAILURE("the path, the chain area or the signature is missing",
+                      "Invalid input parameter");
         return SLOT_BAD_ARGUMENT;
     }
-    // Released after the payload on every way out.
-    SlotObjects objects;
-    PayloadFile payload(payloadPath);
-    if (!payload.isOpen())
+    SlotStatus status = SLOT_VERIFIED;
+    bool verified = false;
     {
-        stderrFailure()("File[%s]could not be opened,strerr[%s]", payloadPath,
-                        std::strerror(errno));
-        return SLOT_OPEN;
-    }
-    if (!payload.measure())
-    {
-        stderrFailure()("File[%s]could not be stat'ed,strerr[%s]", payloadPath,
-                        std::strerror(errno));
-        return SLOT_STAT;
-    }
-    if (payload.size() <= TRAILER_SIZE)
-    {
-        stderrFailure()("Rejecting FW Binary. fileSize:%zu too small",
-                        static_cast<std::size_t>(payload.size()));
-        return SLOT_TOO_SMALL;
-    }
-    if (!payload.map())
-    {
-        stderrFailure()("File[%s]mmap failed,strerr[%s]", payloadPath,
-                        std::strerror(errno));
-        return SLOT_MAP;
-    }
-    stderrInfo()("%s, fileSize: %llu", payloadPath,
-                 static_cast<unsigned long long>(payload.size()));
-    const auto len_upto_s1_ts = static_cast<std::size_t>(
-        payload.size() - TRAILER_SIZE +
-        static_cast<std::int64_t>(CHAIN_SIZE + METADATA_SIZE));
-    stderrInfo()("length upto slot1 timestamp[%zu]", len_upto_s1_ts);
-
-    objects.certificate.reset(getX509Cert(chain));
-    if (objects.certificate == nullptr)
-    {
-        stderrFailure()("convert char buffer to X509 cert format failed");
-        payload.close();
-        if (!payload.unmap())
+        SlotVerification verification;
+        // Runs after the payload has been released, on every way out.
+        const ScopeGuard clear(
+            [&verification]
+            {
+                if (verification.certificate != nullptr)
+                {
+                    PRINT_INFO("Clear ctx before exiting...");
+                    verification.context.reset();
+                    verification.certificate.reset();
+                    verification.key.reset();
+                }
+            });
+        PayloadFile payload(payloadPath);
+        status = SlotVerification::mapPayload(payload, payloadPath);
+        if (status != SLOT_VERIFIED)
         {
-            const StderrLine failure = stderrFailure();
-            failure("Line[%u]munmap failed",
-                    static_cast<unsigned>(failure.line()));
+            return status;
         }
-        return SLOT_CERTIFICATE;
-    }
-    stderrInfo()("getX509Cert is done");
+        const auto len_upto_s1_ts = static_cast<std::size_t>(
+            payload.size() - TRAILER_SIZE +
+            static_cast<std::int64_t>(CHAIN_SIZE + METADATA_SIZE));
+        PRINT_INFO("length upto slot1 timestamp[%zu]", len_upto_s1_ts);
 
-    int status = verifySlot(objects, signature, payload, len_upto_s1_ts);
-    const bool verified = status == SLOT_VERIFIED;
-    if (!payload.unmap())
-    {
-        stderrFailure()("munmap failed,strerr[%s]", std::strerror(errno));
-        status = SLOT_UNMAP;
+        verification.certificate.reset(getX509Cert(chain));
+        if (verification.certificate == nullptr)
+        {
+            PRINT_PASSED_ON("the signer's certificate could not be had",
+                            "convert char buffer to X509 cert format failed");
+            payload.close();
+            if (!payload.unmap())
+            {
+                PRINT_HARMLESS("the payload could not be unmapped",
+                               "Line[%u]munmap failed", unsigned{LOG_NUMBER});
+            }
+            return SLOT_CERTIFICATE;
+        }
+        PRINT_INFO("getX509Cert is done");
+        status = verification.verify(signature, payload, len_upto_s1_ts);
+        verified = status == SLOT_VERIFIED;
+        status = SlotVerification::releasePayload(payload, payloadPath, status);
     }
-    if (!payload.close())
-    {
-        stderrFailure()("File %s close error,strerr[%s]", payloadPath,
-                        std::strerror(errno));
-        status = SLOT_CLOSE;
-    }
-    objects.release();
     if (verified)
     {
-        stderrSuccess()("Image slot signature verification successful");
+        PRINT_SUCCESS("Image slot signature verification successful");
     }
     return status;
 }

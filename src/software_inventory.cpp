@@ -1,13 +1,14 @@
+#define LOG_BLOCK 11000
+
 #include "bus_client.hpp"
 #include "log.hpp"
 #include "package_files.hpp"
 #include "velmora.hpp"
-#include "version_purpose.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <filesystem>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -95,42 +96,21 @@ std::string valueToString(const Table& table, Value value)
     return std::string(found->second);
 }
 
-/** Calls a method of the inventory manager whose reply is not read.
- *
- *  @return 1 done, 0 failed
- *  @throws sdbusplus::exception::SdBusError when the call cannot be created */
-template <typename... Texts>
-int callInventoryManager(const char* method, const Texts&... arguments)
-{
-    auto bus = openSystemBus();
-    auto call = bus.new_method_call(INVENTORY_MANAGER, INVENTORY_OBJECT,
-                                    INVENTORY_MANAGER, method);
-    call.append(arguments...);
-    try
-    {
-        bus.call(call);
-    }
-    catch (const sdbusplus::exception::SdBusError& e)
-    {
-        reportBusError(e);
-        return 0;
-    }
-    return 1;
-}
-
-} // namespace
-
-std::string velmora::purposeToString(VersionPurpose purpose)
+/** @throws std::invalid_argument (the value in decimal) when it has none */
+std::string purposeToString(VersionPurpose purpose)
 {
     return valueToString(mappingVersionVersionPurpose, purpose);
 }
 
-std::string velmora::releaseTypeToString(ReleaseType releaseType)
+/** @copydoc purposeToString */
+std::string releaseTypeToString(ReleaseType releaseType)
 {
     return valueToString(RELEASE_TYPES, releaseType);
 }
 
-VersionPurpose velmora::stringToPurpose(const std::string& text)
+/** @param text whole D-Bus string
+ *  @throws sdbusplus::exception::InvalidEnumString when no value has it */
+VersionPurpose stringToPurpose(const std::string& text)
 {
     for (const auto& [purpose, string] : mappingVersionVersionPurpose)
     {
@@ -142,19 +122,47 @@ VersionPurpose velmora::stringToPurpose(const std::string& text)
     throw sdbusplus::exception::InvalidEnumString();
 }
 
+/** Calls a method of the inventory manager whose reply is not read.
+ *
+ *  @return 1 done, 0 failed
+ *  @throws sdbusplus::exception::SdBusError when the call cannot be created */
+int callInventoryManager(const char* method,
+                         std::initializer_list<std::string> arguments)
+{
+    auto bus = openSystemBus();
+    auto call = bus.new_method_call(INVENTORY_MANAGER, INVENTORY_OBJECT,
+                                    INVENTORY_MANAGER, method);
+    for (const std::string& argument : arguments)
+    {
+        call.append(argument);
+    }
+    try
+    {
+        bus.call(call);
+    }
+    catch (const sdbusplus::exception::SdBusError& e)
+    {
+        LOG_INFO("e.what(): ", e.what());
+        LOG_FAILURE("the inventory manager did not do what it was asked");
+        return 0;
+    }
+    return 1;
+}
+
+} // namespace
+
 VersionPurpose ValidateQOR::getImagePurpose(const std::string& packageDir)
 {
     const std::string compID = getStrFromPkgXML(
-        (std::filesystem::path(packageDir) / descriptorFileName).string(),
-        "//Device", "componentID");
+        joined(packageDir, descriptorFileName), "//Device", "componentID");
     if (compID == BMC_COMPONENT)
     {
-        cerrInfo("compID: ", compID);
+        LOG_INFO("compID: ", compID);
         return VersionPurpose::BMC;
     }
     if (compID == TORLU_COMPONENT)
     {
-        cerrInfo("compID: ", compID);
+        LOG_INFO("compID: ", compID);
         return VersionPurpose::TORLU;
     }
     auto bus = openSystemBus();
@@ -170,7 +178,8 @@ VersionPurpose ValidateQOR::getImagePurpose(const std::string& packageDir)
     }
     catch (const sdbusplus::exception::SdBusError& e)
     {
-        reportBusError(e);
+        LOG_INFO("e.what(): ", e.what());
+        LOG_FAILURE("the inventory manager could not tell the purpose");
         return VersionPurpose::Unknown;
     }
 }
@@ -183,9 +192,9 @@ int ValidateQOR::registerSWInv(const std::string& inventoryPath,
 {
     const std::string purposeText = purposeToString(purpose);
     const std::string releaseTypeText = releaseTypeToString(releaseType);
-    return callInventoryManager("addSWInventory", softwarePath(inventoryPath),
-                                swDetail1, swDetail2, purposeText,
-                                releaseTypeText);
+    return callInventoryManager("addSWInventory",
+                                {softwarePath(inventoryPath), swDetail1,
+                                 swDetail2, purposeText, releaseTypeText});
 }
 
 int ValidateQOR::registerInventory(const std::string& swDetail1,
@@ -202,7 +211,7 @@ int ValidateQOR::registerInventory(const std::string& swDetail1,
 int ValidateQOR::deRegisterSWInv(const std::string& inventoryPath)
 {
     return callInventoryManager("removeSWInventory",
-                                softwarePath(inventoryPath));
+                                {softwarePath(inventoryPath)});
 }
 
 int ValidateQOR::deregisterInventory(const std::string& /*swDetail1*/,
@@ -230,7 +239,8 @@ std::string ValidateQOR::getInventoryModel(const std::string& inventoryPath)
     }
     catch (const sdbusplus::exception::SdBusError& e)
     {
-        reportBusError(e);
+        LOG_INFO("e.what(): ", e.what());
+        LOG_FAILURE("the inventory manager could not tell the model");
         return {};
     }
 }

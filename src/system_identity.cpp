@@ -1,3 +1,5 @@
+#define LOG_BLOCK 5000
+
 #include "bus_client.hpp"
 #include "handles.hpp"
 #include "log.hpp"
@@ -19,48 +21,54 @@ namespace
 
 using namespace velmora;
 
-/** Reads this machine's identifier from the platform service.
- *
- *  @return nothing when the property does not hold exactly two bytes; that
- *          has been logged
- *  @throws std::exception for a failure of the bus */
-std::optional<std::uint16_t> readSystemId()
+/** This machine's identifier, which the platform service has, or nothing after
+ *  a logged failure. */
+std::optional<std::uint16_t> findOwnSystemId()
 {
-    auto bus = openSystemBus();
-    auto call = bus.new_method_call("com.vorn.bmc.smad",
-                                    "/xyz/openbmc_project/smad/oem",
-                                    "org.freedesktop.DBus.Properties", "Get");
-    call.append("xyz.openbmc_project.Inventory.Item.Oem", "BaseSystemId");
-    auto reply = bus.call(call);
-    std::variant<std::vector<std::uint8_t>> property;
-    reply.read(property);
-    const auto& bytes = std::get<std::vector<std::uint8_t>>(property);
-    if (bytes.size() != 2)
+    try
     {
-        cerrFailure();
+        auto bus = openSystemBus();
+        auto call = bus.new_method_call(
+            "com.vorn.bmc.smad", "/xyz/openbmc_project/smad/oem",
+            "org.freedesktop.DBus.Properties", "Get");
+        call.append("xyz.openbmc_project.Inventory.Item.Oem", "BaseSystemId");
+        auto reply = bus.call(call);
+        std::variant<std::vector<std::uint8_t>> property;
+        reply.read(property);
+        const auto& bytes = std::get<std::vector<std::uint8_t>>(property);
+        if (bytes.size() != 2)
+        {
+            LOG_FAILURE("the platform service's identifier has not two bytes");
+            return std::nullopt;
+        }
+        const auto value = static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
+        std::array<char, 8> hexSystemIDStr{};
+        std::snprintf(hexSystemIDStr.data(), hexSystemIDStr.size(), "%04X",
+                      static_cast<unsigned>(value));
+        LOG_INFO("hexSystemIDStr: ", hexSystemIDStr.data());
+        return value;
+    }
+    catch (const std::exception& e)
+    {
+        LOG_INFO("e.what(): ", e.what());
+        LOG_FAILURE("the platform service could not be asked");
         return std::nullopt;
     }
-    const auto value = static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
-    std::array<char, 8> hexSystemIDStr{};
-    std::snprintf(hexSystemIDStr.data(), hexSystemIDStr.size(), "%04X",
-                  static_cast<unsigned>(value));
-    cerrInfo("hexSystemIDStr: ", hexSystemIDStr.data());
-    return value;
 }
 
 /** First `systemID` of the nodes that equals the identifier, as written.
  *
  *  @throws std::invalid_argument, std::out_of_range from the conversion */
-std::optional<std::string> findSystemId(const xmlNodeSet& nodes,
-                                        std::uint16_t systemId)
+std::optional<std::string> findListed(const xmlNodeSet& models,
+                                      std::uint16_t systemId)
 {
-    for (int i = 0; i < nodes.nodeNr; ++i)
+    for (int i = 0; i < models.nodeNr; ++i)
     {
-        if (nodes.nodeTab[i] == nullptr)
+        if (models.nodeTab[i] == nullptr)
         {
             continue;
         }
-        const auto text = attributeText(nodes.nodeTab[i], "systemID");
+        const auto text = attributeText(models.nodeTab[i], "systemID");
         if (text && std::stoi(toString(*text), nullptr, 16) == systemId)
         {
             return toString(*text);
@@ -69,85 +77,79 @@ std::optional<std::string> findSystemId(const xmlNodeSet& nodes,
     return std::nullopt;
 }
 
+/** The descriptor's `Model` elements; null when they cannot be looked for. */
+XPathResult selectModels(xmlDoc* document)
+{
+    const XPathContext context(xmlXPathNewContext(document));
+    if (context == nullptr)
+    {
+        return nullptr;
+    }
+    return XPathResult(xmlXPathEvalExpression(
+        reinterpret_cast<const xmlChar*>("//Model"), context.get()));
+}
+
 } // namespace
 
 bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
 {
-    std::optional<std::uint16_t> systemId;
-    try
-    {
-        systemId = readSystemId();
-    }
-    catch (const std::exception& e)
-    {
-        reportBusError(e);
-        return false;
-    }
+    const auto systemId = findOwnSystemId();
     if (!systemId)
     {
         return false;
     }
-
     if (!isRegularFile(descriptorPath))
     {
-        cerrFailure();
+        LOG_FAILURE("the descriptor is missing or no regular file");
         return false;
     }
+    // Where nothing has been found in the document, it is freed before the
+    // result, and elsewhere after it.
     XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("the descriptor is not well-formed, or beyond a limit");
         return false;
     }
-    XPathContext context(xmlXPathNewContext(document.get()));
-    if (context == nullptr)
-    {
-        cerrFailure();
-        return false;
-    }
-    XPathResult result(xmlXPathEvalExpression(
-        reinterpret_cast<const xmlChar*>("//Model"), context.get()));
-    context.reset();
+    XPathResult result = selectModels(document.get());
     if (result == nullptr || result->nodesetval == nullptr)
     {
-        cerrFailure();
-        // Without nodes the result does not need the document, which goes
-        // first here and below.
+        LOG_FAILURE("the descriptor could not be searched for models");
         document.reset();
         return false;
     }
-    const xmlNodeSet& nodes = *result->nodesetval;
-    if (nodes.nodeNr <= 0)
+    const xmlNodeSet& models = *result->nodesetval;
+    if (models.nodeNr <= 0)
     {
-        cerrInfo("xmlXPathNodeNr: ", nodes.nodeNr);
-        stderrInfo()("No system IDs listed in the package XML, hence system ID "
-                     "validation bypassed");
+        LOG_INFO("xmlXPathNodeNr: ", models.nodeNr);
+        PRINT_INFO("No system IDs listed in the package XML, hence system ID "
+                   "validation bypassed");
         document.reset();
         return true;
     }
-    stderrInfo()("System IDs listed in the package XML, hence system ID "
-                 "validation will continue.");
-    cerrInfo("xmlXPathNodeNr: ", nodes.nodeNr);
-    if (nodes.nodeTab == nullptr)
+    PRINT_INFO("System IDs listed in the package XML, hence system ID "
+               "validation will continue.");
+    LOG_INFO("xmlXPathNodeNr: ", models.nodeNr);
+    if (models.nodeTab == nullptr)
     {
-        cerrFailure();
+        LOG_FAILURE("the parser gave no list of the models");
         document.reset();
         return false;
     }
 
-    const auto searchFound = findSystemId(nodes, *systemId);
+    const auto searchFound = findListed(models, *systemId);
     if (!searchFound)
     {
-        cerrFailure();
+        LOG_FAILURE("the package is for other systems");
     }
     result.reset();
     document.reset();
     if (!searchFound)
     {
-        cerrFailure();
+        LOG_PASSED_ON("no listed system is this one");
         return false;
     }
-    cerrInfo("searchFound: ", *searchFound);
-    cerrSuccess();
+    LOG_INFO("searchFound: ", *searchFound);
+    LOG_SUCCESS();
     return true;
 }

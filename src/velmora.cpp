@@ -1,3 +1,5 @@
+#define LOG_BLOCK 1000
+
 #include "velmora.hpp"
 
 #include "log.hpp"
@@ -17,26 +19,26 @@ const std::filesystem::path payloadName("payload");
 } // namespace velmora
 
 using namespace velmora;
-namespace fs = std::filesystem;
 
 bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
 {
     std::error_code ignored;
-    if (!fs::is_directory(fs::status(packageDir, ignored)))
+    if (!std::filesystem::is_directory(
+            std::filesystem::status(packageDir, ignored)))
     {
-        cerrFailure();
+        LOG_FAILURE("the package directory is missing or no directory");
         return false;
     }
     const std::string descriptorPath = joined(packageDir, descriptorFileName);
     const std::string signaturePath = joined(packageDir, signatureFileName);
     if (!validateSytemIdFromPkgXML(descriptorPath))
     {
-        cerrFailure();
+        LOG_PASSED_ON("the system identity check refused");
         return false;
     }
     if (!validatePkgXMLSignature(descriptorPath, signaturePath))
     {
-        cerrFailure();
+        LOG_PASSED_ON("the descriptor's signature check refused");
         return false;
     }
     const std::string sha256FromPkgXML = getStrFromPkgXML(
@@ -44,23 +46,23 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         "hash");
     if (sha256FromPkgXML.empty())
     {
-        cerrFailure();
+        LOG_FAILURE("the descriptor states no SHA256 hash");
         return false;
     }
     const std::string sha256FromImage =
         getSHAStrFromImage(joined(packageDir, payloadName));
     if (sha256FromImage.empty())
     {
-        cerrFailure();
+        LOG_PASSED_ON("the payload has no digest");
         return false;
     }
-    cerrInfo("sha256FromPkgXML: ", sha256FromPkgXML);
-    cerrInfo("sha256FromImage: ", sha256FromImage);
+    LOG_INFO("sha256FromPkgXML: ", sha256FromPkgXML);
+    LOG_INFO("sha256FromImage: ", sha256FromImage);
     if (sha256FromPkgXML != sha256FromImage)
     {
-        cerrFailure();
+        LOG_FAILURE("the payload's digest is not the descriptor's");
         return false;
     }
-    cerrSuccess();
+    LOG_SUCCESS();
     return true;
 }

@@ -3,9 +3,15 @@
 #include <fcntl.h>
 #include <libxml/SAX2.h>
 #include <libxml/parserInternals.h>
+#include <libxml/xmlerror.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
 #include <cstddef>
-#include <cstring>
+#include <cstdio>
 #include <string_view>
 #include <utility>
 
@@ -15,27 +21,53 @@ namespace velmora
 namespace
 {
 
-/** All that the entities of a document may hold, in bytes. Each use of one
- *  costs a copy. */
-constexpr std::size_t MAX_ENTITY_TEXT = 4096;
-/** The same for the defaults of attributes. Each counts for more than its text:
- *  it is compared with all others at every element of its name. */
-constexpr std::size_t MAX_DEFAULT_TEXT = 512;
-constexpr std::size_t DEFAULT_COST = 32;
+/** Bytes of a document: 5,000 systems need half of it. */
+constexpr std::size_t MAX_DOCUMENT = std::size_t{256} * 1024;
+/** Bytes of the file that are read for a document type. What it declares is
+ *  compared with one another by the parser. */
+constexpr std::size_t MAX_DOCUMENT_TYPE = 8192;
+/** What the uses of entities and defaults may add to a document. Each counts
+ *  its bytes and something for the node. A line break, which can come back in
+ *  the log, counts for much more. */
+constexpr std::size_t MAX_ADDED = MAX_DOCUMENT;
+constexpr std::size_t NODE_COST = 16;
+constexpr std::size_t LINE_BREAK_COST = 512;
+/** The parser itself goes no deeper into entities within entities. */
+constexpr int MAX_ENTITY_DEPTH = 40;
+/** Attributes of one element. Older parsers compare each with all others. */
+constexpr int MAX_ATTRIBUTES = 1000;
+/** Lines that the parser may write about one document. */
+constexpr std::size_t MAX_MESSAGE_LINES = 300;
 
-/** Stands in front of the parser's loader during one parse.
+std::string_view view(const xmlChar* text)
+{
+    return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+std::size_t costOf(std::string_view text)
+{
+    return text.size() + LINE_BREAK_COST * static_cast<std::size_t>(std::count(
+                                               text.begin(), text.end(), '\n'));
+}
+
+/** Bounds one parse.
  *
  *  The parser asks its loader for every input, the document included, and
  *  hands it the context: the one place where a context made by xmlParseFile
- *  can be reached before it parses. */
+ *  can be reached before it parses. Ours gives it the document, and puts
+ *  functions that count in front of the parser's own. */
 class GuardedParse
 {
   public:
     explicit GuardedParse(const char* path) :
-        path_(path), previousLoader_(xmlGetExternalEntityLoader()),
+        path_(path), file_(open(path, O_RDONLY | O_CLOEXEC)),
+        previousLoader_(xmlGetExternalEntityLoader()),
+        previousReport_(xmlGenericError),
+        previousReportContext_(xmlGenericErrorContext),
         previous_(std::exchange(current_, this))
     {
         xmlSetExternalEntityLoader(load);
+        xmlSetGenericErrorFunc(nullptr, report);
     }
 
     GuardedParse(const GuardedParse&) = delete;
@@ -43,43 +75,49 @@ class GuardedParse
 
     ~GuardedParse()
     {
+        xmlSetGenericErrorFunc(previousReportContext_, previousReport_);
         xmlSetExternalEntityLoader(previousLoader_);
         current_ = previous_;
     }
+
+    /** Whether the parser has seen the whole document, within the limits. */
+    bool complete() const { return !refused_ && !unreadable_; }
 
   private:
     static xmlParserInput* load(const char* /*url*/, const char* /*id*/,
                                 xmlParserCtxt* context)
     {
-        // The first is the document; there is no second.
-        const char* path = std::exchange(current_->path_, nullptr);
-        if (path == nullptr || context == nullptr)
+        GuardedParse& guard = *current_;
+        // The first input is the document. There is no second.
+        if (std::exchange(guard.loaded_, true) || !guard.file_ ||
+            context == nullptr)
         {
             return nullptr;
         }
-        context->sax->entityDecl = declareEntity;
-        context->sax->attributeDecl = declareAttribute;
-        return openPlain(path, context);
+        guard.context_ = context;
+        context->sax->internalSubset = beginDocumentType;
+        context->sax->externalSubset = endDocumentType;
+        context->sax->getEntity = useEntity;
+        context->sax->getParameterEntity = useParameterEntity;
+        context->sax->startElementNs = startElement;
+        return guard.makeInput();
     }
 
-    /** The parser's own opening would decompress. */
-    static xmlParserInput* openPlain(const char* path, xmlParserCtxt* context)
+    /** The parser's own opening would decompress. The file stays ours: which
+     *  release of the parser closes it when is not the same everywhere. */
+    xmlParserInput* makeInput()
     {
-        const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
-        if (descriptor < 0)
-        {
-            return nullptr;
-        }
-        // Closes the descriptor when it goes.
-        xmlParserInputBuffer* buffer =
-            xmlParserInputBufferCreateFd(descriptor, XML_CHAR_ENCODING_NONE);
+#if LIBXML_VERSION >= 21400
+        return xmlNewInputFromIO(path_, read, nullptr, this, 0);
+#else
+        xmlParserInputBuffer* buffer = xmlParserInputBufferCreateIO(
+            read, nullptr, this, XML_CHAR_ENCODING_NONE);
         if (buffer == nullptr)
         {
-            close(descriptor);
             return nullptr;
         }
         xmlParserInput* input =
-            xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
+            xmlNewIOInputStream(context_, buffer, XML_CHAR_ENCODING_NONE);
         if (input == nullptr)
         {
             xmlFreeParserInputBuffer(buffer);
@@ -87,62 +125,201 @@ class GuardedParse
         }
         // Named in the parser's messages, and freed with the input.
         input->filename = reinterpret_cast<const char*>(
-            xmlStrdup(reinterpret_cast<const xmlChar*>(path)));
+            xmlStrdup(reinterpret_cast<const xmlChar*>(path_)));
         return input;
+#endif
     }
 
-    static void declareEntity(void* context, const xmlChar* name, int type,
-                              const xmlChar* publicId, const xmlChar* systemId,
-                              xmlChar* content)
+    static int read(void* context, char* data, int size)
     {
-        const std::string_view text =
-            content != nullptr ? reinterpret_cast<const char*>(content) : "";
-        current_->entityText_ += text.size();
-        const bool parameter = type == XML_INTERNAL_PARAMETER_ENTITY ||
-                               type == XML_EXTERNAL_PARAMETER_ENTITY;
-        if (parameter || text.find('&') != std::string_view::npos ||
-            current_->entityText_ > MAX_ENTITY_TEXT)
+        GuardedParse& guard = *static_cast<GuardedParse*>(context);
+        ssize_t count = 0;
+        do
         {
-            refuse(context);
+            count =
+                ::read(guard.file_.get(), data, static_cast<std::size_t>(size));
+        } while (count < 0 && errno == EINTR);
+        if (count < 0)
+        {
+            guard.unreadable_ = true;
+            return -1;
+        }
+        guard.size_ += static_cast<std::size_t>(count);
+        if (guard.size_ > MAX_DOCUMENT)
+        {
+            guard.refuse("the document is larger than 262144 bytes");
+        }
+        guard.documentTypeSize_ +=
+            guard.inDocumentType_ ? static_cast<std::size_t>(count) : 0;
+        if (guard.documentTypeSize_ > MAX_DOCUMENT_TYPE)
+        {
+            guard.refuse("the document type is larger than 8192 bytes");
+        }
+        // The parser cannot be stopped while it fills its buffer. It stops
+        // at the end of its input.
+        return guard.refused_ ? 0 : static_cast<int>(count);
+    }
+
+    static void beginDocumentType(void* context, const xmlChar* name,
+                                  const xmlChar* publicId,
+                                  const xmlChar* systemId)
+    {
+        current_->inDocumentType_ = true;
+        xmlSAX2InternalSubset(context, name, publicId, systemId);
+    }
+
+    static void endDocumentType(void* context, const xmlChar* name,
+                                const xmlChar* publicId,
+                                const xmlChar* systemId)
+    {
+        current_->inDocumentType_ = false;
+        xmlSAX2ExternalSubset(context, name, publicId, systemId);
+    }
+
+    static xmlEntity* useEntity(void* context, const xmlChar* name)
+    {
+        xmlEntity* entity = xmlSAX2GetEntity(context, name);
+        return current_->spend(entityCost(context, entity, 0)) ? entity
+                                                               : nullptr;
+    }
+
+    static xmlEntity* useParameterEntity(void* context, const xmlChar* name)
+    {
+        xmlEntity* entity = xmlSAX2GetParameterEntity(context, name);
+        const std::size_t cost =
+            entity != nullptr ? costOf(view(entity->content)) : 0;
+        return current_->spend(NODE_COST + cost) ? entity : nullptr;
+    }
+
+    /** What one use of an entity adds, with the entities within it. */
+    static std::size_t entityCost(void* context, const xmlEntity* entity,
+                                  int depth)
+    {
+        if (entity == nullptr)
+        {
+            return NODE_COST;
+        }
+        const std::string_view text = view(entity->content);
+        std::size_t cost = NODE_COST + costOf(text);
+        for (std::size_t at = text.find('&'); at != std::string_view::npos;
+             at = text.find('&', at + 1))
+        {
+            if (depth == MAX_ENTITY_DEPTH || cost > MAX_ADDED)
+            {
+                return MAX_ADDED + 1;
+            }
+            const std::string_view name =
+                text.substr(at + 1, text.find(';', at) - at - 1);
+            const XmlText copy(
+                xmlStrndup(reinterpret_cast<const xmlChar*>(name.data()),
+                           static_cast<int>(name.size())));
+            cost += entityCost(context, xmlSAX2GetEntity(context, copy.get()),
+                               depth + 1);
+        }
+        return cost;
+    }
+
+    static void startElement(void* context, const xmlChar* name,
+                             const xmlChar* prefix, const xmlChar* uri,
+                             int namespaceCount, const xmlChar** namespaces,
+                             int attributeCount, int defaultCount,
+                             const xmlChar** attributes)
+    {
+        if (attributeCount > MAX_ATTRIBUTES)
+        {
+            current_->stop("an element has more than 1000 attributes");
             return;
         }
-        xmlSAX2EntityDecl(context, name, type, publicId, systemId, content);
-    }
-
-    static void declareAttribute(void* context, const xmlChar* element,
-                                 const xmlChar* name, int type, int kind,
-                                 const xmlChar* value, xmlEnumeration* values)
-    {
-        if (value != nullptr)
+        // Five pointers each: name, prefix, namespace, begin and end of the
+        // value. The defaults come last.
+        std::size_t cost = NODE_COST * static_cast<std::size_t>(defaultCount);
+        for (int i = 0; i < attributeCount; ++i)
         {
-            const std::size_t size =
-                std::strlen(reinterpret_cast<const char*>(value));
-            current_->defaultText_ += size + DEFAULT_COST;
-            if (current_->defaultText_ > MAX_DEFAULT_TEXT)
-            {
-                refuse(context);
-            }
+            const xmlChar* const* value = attributes + std::ptrdiff_t{5} * i;
+            const std::string_view text(
+                reinterpret_cast<const char*>(value[3]),
+                static_cast<std::size_t>(value[4] - value[3]));
+            const bool isDefault = i >= attributeCount - defaultCount;
+            cost += costOf(text) - (isDefault ? 0 : text.size());
         }
-        // Also where refused: it takes the enumeration over.
-        xmlSAX2AttributeDecl(context, element, name, type, kind, value, values);
+        if (current_->spend(cost))
+        {
+            xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount,
+                                  namespaces, attributeCount, defaultCount,
+                                  attributes);
+        }
     }
 
-    static void refuse(void* context)
+    /** @return false when more has been added than a document may have; the
+     *          parse has been stopped then */
+    bool spend(std::size_t cost)
     {
-        auto* parser = static_cast<xmlParserCtxt*>(context);
-        // A parse that is only stopped yields what it has so far.
-        parser->wellFormed = 0;
-        xmlStopParser(parser);
+        added_ += std::min(cost, MAX_ADDED + 1);
+        if (added_ > MAX_ADDED)
+        {
+            stop("entities, defaults and line breaks add too much");
+        }
+        return !refused_;
+    }
+
+    void stop(const char* limit)
+    {
+        refuse(limit);
+        xmlStopParser(context_);
+    }
+
+    /** Says once which limit it is. What the parser says of a document that
+     *  has been refused is of no use. */
+    void refuse(const char* limit)
+    {
+        if (!std::exchange(refused_, true))
+        {
+            previousReport_(previousReportContext_, "%s: limit : %s\n", path_,
+                            limit);
+        }
+    }
+
+    /** Stands in front of what writes the parser's messages. */
+    [[gnu::format(printf, 2, 3)]] static void report(void* /*context*/,
+                                                     const char* format, ...)
+    {
+        GuardedParse& guard = *current_;
+        if (guard.refused_)
+        {
+            return;
+        }
+        std::array<char, 1024> text{};
+        std::va_list arguments;
+        va_start(arguments, format);
+        std::vsnprintf(text.data(), text.size(), format, arguments);
+        va_end(arguments);
+        guard.previousReport_(guard.previousReportContext_, "%s", text.data());
+        guard.messageLines_ += static_cast<std::size_t>(
+            std::count(text.begin(), text.end(), '\n'));
+        if (guard.messageLines_ > MAX_MESSAGE_LINES)
+        {
+            guard.refuse("the parser has more than 300 lines to say");
+        }
     }
 
     // The parser's callbacks have no place for it; set during a parse only.
     static inline GuardedParse* current_ = nullptr;
 
     const char* path_;
+    FileDescriptor file_;
     xmlExternalEntityLoader previousLoader_;
+    xmlGenericErrorFunc previousReport_;
+    void* previousReportContext_;
     GuardedParse* previous_;
-    std::size_t entityText_ = 0;
-    std::size_t defaultText_ = 0;
+    xmlParserCtxt* context_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t documentTypeSize_ = 0;
+    std::size_t added_ = 0;
+    std::size_t messageLines_ = 0;
+    bool loaded_ = false;
+    bool inDocumentType_ = false;
+    bool unreadable_ = false;
+    bool refused_ = false;
 };
 
 } // namespace
@@ -150,7 +327,14 @@ class GuardedParse
 XmlDocument parseDescriptor(const std::string& path)
 {
     const GuardedParse guard(path.c_str());
-    return XmlDocument(xmlParseFile(path.c_str()));
+    xmlDoc* document = xmlParseFile(path.c_str());
+    if (!guard.complete())
+    {
+        // None was had, so the parser's state is not cleaned up either.
+        xmlFreeDoc(document);
+        return nullptr;
+    }
+    return XmlDocument(document);
 }
 
 std::optional<XmlText> attributeText(xmlNode* node, const char* name)

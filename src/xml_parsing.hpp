@@ -11,11 +11,11 @@ namespace velmora
 /** Parses a descriptor, which nobody has vouched for yet.
  *
  *  Only the file itself is read, as it stands: nothing else that it names, and
- *  nothing is decompressed. What makes a small document a large one, or a
- *  short parse a long one, ends the parse: parameter entities, entities within
- *  entities, large entities, more than a few short defaults of attributes.
+ *  nothing is decompressed. The parse ends where the document is larger than
+ *  any real one, or where a small document would become a large one or a long
+ *  log. A line that names the limit then stands among the parser's messages.
  *
- *  @return null when the parser has no document */
+ *  @return null when the parser has no document, or a limit ended the parse */
 XmlDocument parseDescriptor(const std::string& path);
 
 /** Text of the first child of a node's attribute, if there is one; null where

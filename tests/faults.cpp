@@ -139,7 +139,6 @@ FAULT_AT(int, fstat64, FSTAT64, (int d, struct stat* s), (d, s), failed(EIO))
 FAULT(void*, mmap64, (void* a, size_t l, int p, int f, int d, std::int64_t o), (a, l, p, f, d, o), (failed(ENOMEM), MAP_FAILED))
 FAULT(int, munmap, (void* a, size_t l), (a, l), (real(a, l), failed(EINVAL)))
 FAULT(int, close, (int d), (d), (real(d), failed(EIO)))
-FAULT(std::int64_t, lseek64, (int d, std::int64_t o, int w), (d, o, w), failed(ESPIPE))
 FAULT(ssize_t, pread64, (int d, void* b, size_t n, std::int64_t o), (d, b, n, o), failed(EIO))
 FAULT(ssize_t, read, (int d, void* b, size_t n), (d, b, n), failed(EIO))
 FAULT(DIR*, opendir, (const char* p), (p), (failed(EMFILE), nullptr))
@@ -188,8 +187,12 @@ FAULT(const char*, gpgme_hash_algo_name, (gpgme_hash_algo_t a), (a), nullptr)
 FAULT(const char*, gpgme_pubkey_algo_name, (gpgme_pubkey_algo_t a), (a), nullptr)
 
 FAULT(xmlDocPtr, xmlParseFile, (const char* p), (p), nullptr)
-FAULT(xmlParserInputBufferPtr, xmlParserInputBufferCreateFd, (int d, xmlCharEncoding e), (d, e), nullptr)
+#if LIBXML_VERSION >= 21400
+FAULT(xmlParserInput*, xmlNewInputFromIO, (const char* u, xmlInputReadCallback r, xmlInputCloseCallback f, void* c, xmlParserInputFlags g), (u, r, f, c, g), nullptr)
+#else
+FAULT(xmlParserInputBufferPtr, xmlParserInputBufferCreateIO, (xmlInputReadCallback r, xmlInputCloseCallback f, void* c, xmlCharEncoding e), (r, f, c, e), nullptr)
 FAULT(xmlParserInputPtr, xmlNewIOInputStream, (xmlParserCtxtPtr c, xmlParserInputBufferPtr b, xmlCharEncoding e), (c, b, e), nullptr)
+#endif
 FAULT(xmlXPathContextPtr, xmlXPathNewContext, (xmlDocPtr d), (d), nullptr)
 FAULT(xmlXPathObjectPtr, xmlXPathEvalExpression, (const xmlChar* e, xmlXPathContextPtr c), (e, c), static_cast<xmlXPathObjectPtr>(velmora::test::insteadOfResult))
 FAULT(xmlChar*, xmlNodeGetContent, (const xmlNode* n), (n), nullptr)

@@ -68,6 +68,9 @@ Lines logWith(const std::string& function, int nth,
     return logOf([&] { EXPECT_TRUE(withFault(function, nth, work, before)); });
 }
 
+/** Text of a file that is there and could not be digested. */
+const std::string ZEROS(64, '0');
+
 class Faults : public testing::Test
 {
   protected:
@@ -136,8 +139,9 @@ class Faults : public testing::Test
                         ValidateQOR::VersionPurpose::TPM;
              },
              // The empty identifier is asked of the bus all the same.
-             {"open64", "xmlParseFile", "xmlParserInputBufferCreateFd",
-              "xmlNewIOInputStream", "xmlXPathNewContext",
+             {"open64", "read", "close", "xmlParseFile",
+              "xmlParserInputBufferCreateIO", "xmlNewIOInputStream",
+              "xmlNewInputFromIO", "xmlXPathNewContext",
               "xmlXPathEvalExpression", "xmlNodeGetContent"}},
             {"getInventoryModel",
              [] {},
@@ -175,6 +179,11 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
         const std::size_t before = descriptors();
         for (const std::string& function : faultyFunctions())
         {
+            // Here only the children open files, which is not seen to happen.
+            if (scenario.name == std::string("unZip") && function == "open64")
+            {
+                continue;
+            }
             const bool harmless =
                 testing::Value(scenario.harmless, testing::Contains(function));
             bool fired = true;
@@ -263,14 +272,14 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
                                        "error]"));
 }
 
-TEST_F(Faults, DigestFailuresAreLoggedAndGiveNoDigest)
+TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
 {
     writeFile(scratch / "f", std::string(10'485'761, 'x'));
     const auto failures = [&](const char* function)
     {
         const Lines log = logWith(
             function, 1, [&]
-            { EXPECT_EQ(calculateFileSHA(scratch / "f"), "") << function; });
+            { EXPECT_EQ(calculateFileSHA(scratch / "f"), ZEROS) << function; });
         EXPECT_THAT(log.back(), testing::HasSubstr("Hash for file "));
         return std::count(log.begin(), log.end(), "FAILURE");
     };
@@ -432,7 +441,7 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
                 ElementsAre("FAILURE verifyManifestAndSignature: Failed to "
                             "read ZRN image signature"));
     EXPECT_EQ(logWith(
-                  "pread64", 1, [&] { EXPECT_EQ(calculateFileSHA(image), ""); },
+                  "pread64", 1, [&] { EXPECT_EQ(calculateFileSHA(image), ZEROS); },
                   shrink(image, 3))
                   .front(),
               "FAILURE");
@@ -480,16 +489,16 @@ TEST_F(Faults, ReleasesComeInOrder)
             });
     };
     const auto resultFirst =
-        ElementsAre("xmlXPathFreeContext", "xmlXPathFreeObject", "xmlFreeDoc",
+        ElementsAre("close", "xmlXPathFreeContext", "xmlXPathFreeObject", "xmlFreeDoc",
                     "xmlCleanupParser");
     const auto documentFirst =
-        ElementsAre("xmlXPathFreeContext", "xmlFreeDoc", "xmlCleanupParser",
+        ElementsAre("close", "xmlXPathFreeContext", "xmlFreeDoc", "xmlCleanupParser",
                     "xmlXPathFreeObject");
     EXPECT_THAT(value("//Device"), resultFirst);
     EXPECT_THAT(value("//Model"), resultFirst);
     EXPECT_THAT(value("//None"), documentFirst);
     EXPECT_THAT(value("1"), documentFirst);
-    EXPECT_THAT(value("["), ElementsAre("xmlXPathFreeContext", "xmlFreeDoc",
+    EXPECT_THAT(value("["), ElementsAre("close", "xmlXPathFreeContext", "xmlFreeDoc",
                                         "xmlCleanupParser"));
 
     EXPECT_THAT(releasesOf(
