@@ -184,6 +184,59 @@ for file in files/a content /dev/null "$keys" none; do
     expect '1' '^velmora-pack: ' "$pack" inspect "$file"
 done
 
+# ---- inspect -----------------------------------------------------------
+python3 - <<'PY'
+import zipfile
+with zipfile.ZipFile("p.zip") as package:
+    good = {name: package.read(name) for name in package.namelist()}
+def make(name, changes, method=zipfile.ZIP_STORED):
+    with zipfile.ZipFile(name, "w", method) as package:
+        for member, content in (good | changes).items():
+            package.writestr(member, content)
+make("utf8.zip", {"payload/\u00e4": b"x", "payload/Z": b"y"})
+make("lzma.zip", {}, zipfile.ZIP_LZMA)
+make("unsigned.zip", {"package.xml.sign": b"", "payload/a;1": b"x"})
+make("empty.zip", {"payload/a": b"", "payload/b": b""})
+def change(source, target, *changes):
+    content = open(source, "rb").read()
+    for old, new in changes:
+        assert old in content, old
+        content = content.replace(old, new)
+    open(target, "wb").write(content)
+change("p.zip", "crc.zip", (b"one\n", b"0ne\n"))
+with open("upper.xml", "wb") as file:
+    file.write(good["package.xml"].replace(b"0001", b"zz").replace(
+        b"0A1B", b"12345").replace(b'hash="', b'hash="A'))
+change("signed", "unnamed", (b'"PS512"', b'"RS512"'), (b'"sts"', b'"stz"'))
+PY
+remarks() {
+    expect 0 "^  - .*$2" "$pack" inspect "$1"
+    expect 1 "^velmora-pack: $1: has remarks" "$pack" inspect --strict "$1"
+}
+expect 0 '^remarks: none$' "$pack" inspect --strict p.zip
+expect 0 '^    createdDate: 20..-' "$pack" inspect sig
+unzip -q utf8.zip -d utf8
+expect 0 "^payloadDigest: $("$velmora" digest utf8/payload)\$" "$pack" inspect utf8.zip
+remarks utf8.zip "digest is not the one"
+remarks lzma.zip 'payload/a: not every extractor can read .*lzma'
+remarks unsigned.zip 'the signature is empty'
+remarks unsigned.zip 'a;1 is extracted under another name'
+remarks empty.zip 'the payload is empty'
+remarks crc.zip 'payload/a: ZIP bad CRC'
+remarks twice.zip 'package.xml is there more than once'
+remarks upper.xml 'systemID on line [0-9]+ is no number, and'
+remarks upper.xml 'systemID on line [0-9]+ is no number of 16 bits'
+remarks upper.xml 'hash is not of 64 lower-case'
+remarks unnamed 'names no known algorithm'
+remarks unnamed 'has no timestamp'
+remarks unnamed 'signature does not fit'
+remarks zip 'and so not at the timestamp'
+expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
+expect 1 '^velmora-pack: none: ' "$pack" inspect p.zip none
+expect 0 '^2 p.zip 0$' python3 -c 'import json, os
+files = json.load(os.popen("'"$pack"' inspect --json p.zip sig"))
+print(len(files), files[0]["file"], len(files[1]["remarks"]))'
+
 # ---- inventory ---------------------------------------------------------
 path=/xyz/openbmc_project/inventory/system/x
 add=(inventory add "$path" --detail1 M --detail2 2 --purpose CPLD)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <array>
+#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -60,6 +60,12 @@ void appendLittle(Buffer& buffer, T value)
     {
         buffer.push_back(static_cast<std::byte>(value >> (8 * i)));
     }
+}
+
+inline bool isZero(Bytes bytes)
+{
+    return std::ranges::all_of(bytes, [](std::byte byte)
+                               { return byte == std::byte{0}; });
 }
 
 inline std::string hex(Bytes bytes)

@@ -1,14 +1,13 @@
 #include "descriptor.hpp"
 
-#include "error.hpp"
-#include "files.hpp"
-
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
 
 #include <algorithm>
+#include <stdexcept>
+#include <utility>
 
 using Json = nlohmann::ordered_json;
 
@@ -18,14 +17,18 @@ namespace pack
 namespace
 {
 
-constexpr auto modelPath = "//Device/@componentID";
-constexpr auto versionPath = "//SoftwareComponent/@vendorVersion";
-constexpr auto digestPath =
+constexpr auto MODEL_PATH = "//Device/@componentID";
+constexpr auto VERSION_PATH = "//SoftwareComponent/@vendorVersion";
+constexpr auto DIGEST_PATH =
     "//SoftwareComponent[@hashAlgorithm=\"SHA256\"]/@hash";
-constexpr auto systemIdPath = "//Model/@systemID";
-constexpr std::size_t mostSystemIds = 1000;
+constexpr auto SYSTEM_ID_PATH = "//Model/@systemID";
+/** The checker reads no larger one. */
+constexpr std::size_t LARGEST_DESCRIPTOR = 262144;
+constexpr std::size_t MOST_SYSTEM_IDS = 1000;
+constexpr int LARGEST_SYSTEM_ID = 0xffff;
 /** Bytes of UTF-8. */
-constexpr std::ptrdiff_t longestCharacter = 4;
+constexpr std::ptrdiff_t LONGEST_CHARACTER = 4;
+constexpr std::size_t DIGEST_LENGTH = 64;
 
 using XmlDocument = Handle<xmlDoc, xmlFreeDoc>;
 using XPathContext = Handle<xmlXPathContext, xmlXPathFreeContext>;
@@ -69,7 +72,7 @@ bool isPlain(const std::string& value)
     while (position < end)
     {
         int length = static_cast<int>(
-            std::min<std::ptrdiff_t>(end - position, longestCharacter));
+            std::min<std::ptrdiff_t>(end - position, LONGEST_CHARACTER));
         const int character = xmlGetUTF8Char(position, &length);
         if (character < ' ' || character == 0x7f || !IS_CHAR(character))
         {
@@ -91,9 +94,9 @@ void expectPlain(const std::string& value, std::string_view what)
 
 XmlDocument parse(Bytes xml, std::string_view name)
 {
-    if (xml.size() > largestFileInMemory)
+    if (xml.size() > LARGEST_DESCRIPTOR)
     {
-        throw Error(name, "is too large");
+        throw Error(name, "is larger than 262144 bytes, the most that is read");
     }
     // The reason is told once, by the exception.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto) {});
@@ -141,14 +144,41 @@ std::string firstOf(xmlDoc* document, const char* path)
     return values.empty() ? std::string() : values.front().value;
 }
 
-void describeFirst(Json& fields, const char* name, xmlDoc* document,
-                   const char* path)
+Json fieldsOf(const Found& found)
 {
-    const std::vector<Found> values = find(document, path);
-    if (!values.empty())
+    return {{"line", found.line}, {"value", found.value}};
+}
+
+void remarkOnDigest(Remarks& remarks, const std::string& digest)
+{
+    if (digest.size() != DIGEST_LENGTH ||
+        digest.find_first_not_of("0123456789abcdef") != std::string::npos)
     {
-        fields[name] = {{"line", values.front().line},
-                        {"value", values.front().value}};
+        remarks.emplace_back("the hash is not of 64 lower-case hexadecimal "
+                             "digits, so that no payload has it");
+    }
+}
+
+/** Reads the number as the checker does. */
+void remarkOnSystemId(Remarks& remarks, const Found& systemId)
+{
+    std::string what;
+    try
+    {
+        const int number = std::stoi(systemId.value, nullptr, 16);
+        if (number < 0 || number > LARGEST_SYSTEM_ID)
+        {
+            what = "is no number of 16 bits, so that no system has it";
+        }
+    }
+    catch (const std::logic_error&)
+    {
+        what = "is no number, and the checker throws an exception";
+    }
+    if (!what.empty())
+    {
+        remarks.push_back("the systemID on line " +
+                          std::to_string(systemId.line) + " " + what);
     }
 }
 
@@ -194,20 +224,20 @@ Buffer writeDescriptor(const Descriptor& descriptor)
 Descriptor readDescriptor(Bytes xml)
 {
     const XmlDocument document = parse(xml, descriptorName);
-    Descriptor descriptor{.model = firstOf(document.get(), modelPath),
-                          .version = firstOf(document.get(), versionPath),
-                          .digest = firstOf(document.get(), digestPath),
+    Descriptor descriptor{.model = firstOf(document.get(), MODEL_PATH),
+                          .version = firstOf(document.get(), VERSION_PATH),
+                          .digest = firstOf(document.get(), DIGEST_PATH),
                           .systemIds = {}};
-    for (Found& found : find(document.get(), systemIdPath))
+    for (Found& found : find(document.get(), SYSTEM_ID_PATH))
     {
         descriptor.systemIds.push_back(std::move(found.value));
     }
     return descriptor;
 }
 
-Json describeDescriptor(Bytes xml, std::string_view name)
+Json describeDescriptor(const Source& file, Remarks& remarks)
 {
-    const XmlDocument document = parse(xml, name);
+    const XmlDocument document = parse(file.readAll(), file.name());
     const xmlNode* const root = xmlDocGetRootElement(document.get());
     Json fields{{"root", root == nullptr
                              ? ""
@@ -215,19 +245,36 @@ Json describeDescriptor(Bytes xml, std::string_view name)
     if (document->intSubset != nullptr)
     {
         // Its entities could make a value of any size.
-        fields["values"] = "not read: there is a document type declaration";
+        remarks.emplace_back("the descriptor has a document type declaration, "
+                             "so that its values are not read here");
         return fields;
     }
-    describeFirst(fields, "componentID", document.get(), modelPath);
-    describeFirst(fields, "vendorVersion", document.get(), versionPath);
-    describeFirst(fields, "hash", document.get(), digestPath);
-    const std::vector<Found> systemIds = find(document.get(), systemIdPath);
-    fields["systemIDs"] = systemIds.size();
-    Json& listed = fields["systemID"] = Json::array();
-    for (const Found& found :
-         std::span(systemIds).first(std::min(systemIds.size(), mostSystemIds)))
+    for (const auto& [name, path] : {std::pair{"componentID", MODEL_PATH},
+                                     std::pair{"vendorVersion", VERSION_PATH},
+                                     std::pair{"hash", DIGEST_PATH}})
     {
-        listed.push_back({{"line", found.line}, {"value", found.value}});
+        const std::vector<Found> values = find(document.get(), path);
+        if (values.empty())
+        {
+            remarks.push_back("the descriptor states no " + std::string(name));
+        }
+        else
+        {
+            fields[name] = fieldsOf(values.front());
+        }
+    }
+    if (fields.contains("hash"))
+    {
+        remarkOnDigest(remarks, fields["hash"]["value"]);
+    }
+    std::vector<Found> systemIds = find(document.get(), SYSTEM_ID_PATH);
+    fields["systemIDs"] = systemIds.size();
+    systemIds.resize(std::min(systemIds.size(), MOST_SYSTEM_IDS));
+    Json& listed = fields["systemID"] = Json::array();
+    for (const Found& found : systemIds)
+    {
+        listed.push_back(fieldsOf(found));
+        remarkOnSystemId(remarks, found);
     }
     return fields;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bytes.hpp"
+#include "files.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -31,8 +31,7 @@ Buffer writeDescriptor(const Descriptor& descriptor);
  *  counts. Throws when the text is not XML. */
 Descriptor readDescriptor(Bytes xml);
 
-/** The same with the lines, for inspection. The name is for messages. */
-nlohmann::ordered_json
-    describeDescriptor(Bytes xml, std::string_view name = descriptorName);
+/** The same with the lines, for inspection. */
+nlohmann::ordered_json describeDescriptor(const Source& file, Remarks& remarks);
 
 } // namespace pack

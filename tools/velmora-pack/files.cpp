@@ -9,7 +9,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -20,9 +19,8 @@ namespace pack
 namespace
 {
 
-constexpr std::uint64_t chunkSize = 1U << 20;
-constexpr std::uint64_t progressFrom = 64U << 20;
-constexpr auto temporaryName = ".velmora-pack-XXXXXX";
+constexpr std::uint64_t CHUNK_SIZE = 1U << 20;
+constexpr auto TEMPORARY_NAME = ".velmora-pack-XXXXXX";
 
 mode_t currentMask()
 {
@@ -83,104 +81,50 @@ void renameTo(const fs::path& from, const fs::path& to)
 
 } // namespace
 
-void warn(std::string_view subject, std::string_view what)
-{
-    std::cerr << "velmora-pack: warning: " << printable(subject) << ": "
-              << printable(what) << '\n';
-}
-
-Progress::Progress(std::string_view doing, std::string_view what,
-                   std::uint64_t size) :
-    label(printable(doing) + ' ' + printable(what)), total(size),
-    visible(size > progressFrom && isatty(STDERR_FILENO) != 0)
-{
-}
-
-Progress::~Progress()
-{
-    if (visible)
-    {
-        std::cerr << "\r\033[K" << std::flush;
-    }
-}
-
-void Progress::advance(std::uint64_t amount)
-{
-    done += amount;
-    if (!visible)
-    {
-        return;
-    }
-    const std::uint64_t hundredth = total / 100;
-    const auto percent =
-        static_cast<unsigned>(std::min<std::uint64_t>(done / hundredth, 100));
-    if (percent != shown)
-    {
-        shown = percent;
-        std::cerr << "\r\033[K" << label << ": " << percent << "%"
-                  << std::flush;
-    }
-}
-
 Source::Source(const fs::path& path, std::string name) :
-    label(name.empty() ? path.string() : std::move(name))
-{
+    name_(name.empty() ? path.string() : std::move(name)),
     // Opening a FIFO would wait for a writer before it could be refused.
-    file = FileDescriptor(
-        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY))
+{
     struct stat status = {};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0)
+    if (file_.get() < 0 || fstat(file_.get(), &status) != 0)
     {
-        throw systemError(label);
+        throw systemError(name_);
     }
     if (!S_ISREG(status.st_mode))
     {
-        throw Error(label, "is not a regular file");
+        throw Error(name_, "is not a regular file");
     }
-    length = static_cast<std::uint64_t>(status.st_size);
+    size_ = static_cast<std::uint64_t>(status.st_size);
 }
 
-Source::Source(Bytes memory) :
-    label("memory"), data(memory), length(memory.size())
+Source::Source(Bytes content, std::string name) :
+    name_(std::move(name)), file_(tools::memoryFile(textOf(content))),
+    size_(content.size())
 {
-}
-
-std::optional<int> Source::descriptor() const
-{
-    return file.get() < 0 ? std::nullopt : std::optional(file.get());
 }
 
 void Source::read(std::uint64_t offset, std::span<std::byte> into) const
 {
-    if (offset > length || into.size() > length - offset)
+    if (offset > size_ || into.size() > size_ - offset)
     {
-        throw Error(label, "ends too early");
-    }
-    if (!descriptor())
-    {
-        std::ranges::copy(
-            data.subspan(static_cast<std::size_t>(offset), into.size()),
-            into.begin());
-        return;
+        throw Error(name_, "ends too early");
     }
     while (!into.empty())
     {
-        const ssize_t count = pread(file.get(), into.data(), into.size(),
+        const ssize_t count = pread(file_.get(), into.data(), into.size(),
                                     static_cast<off_t>(offset));
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno != EINTR)
         {
-            continue;
-        }
-        if (count < 0)
-        {
-            throw systemError(label);
+            throw systemError(name_);
         }
         if (count == 0)
         {
-            throw Error(label, "became shorter while it was read");
+            throw Error(name_, "became shorter while it was read");
         }
-        into = into.subspan(static_cast<std::size_t>(count));
-        offset += static_cast<std::uint64_t>(count);
+        const auto done = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+        into = into.subspan(done);
+        offset += done;
     }
 }
 
@@ -188,7 +132,7 @@ Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
 {
     if (size > largestFileInMemory)
     {
-        throw Error(label, "is too large: at most " +
+        throw Error(name_, "is too large: at most " +
                                std::to_string(largestFileInMemory) +
                                " bytes are read");
     }
@@ -197,21 +141,17 @@ Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
     return buffer;
 }
 
-Buffer Source::readAll() const { return read(0, length); }
-
 void Source::stream(std::uint64_t offset, std::uint64_t size,
-                    std::string_view doing, const Consumer& consume) const
+                    const Consumer& consume) const
 {
-    Progress progress(doing, label, size);
-    Buffer chunk(static_cast<std::size_t>(std::min(size, chunkSize)));
+    Buffer chunk(static_cast<std::size_t>(std::min(size, CHUNK_SIZE)));
     while (size > 0)
     {
         throwIfInterrupted();
-        const std::span piece(
-            chunk.data(), static_cast<std::size_t>(std::min(size, chunkSize)));
+        const std::span piece = std::span(chunk).first(
+            static_cast<std::size_t>(std::min(size, CHUNK_SIZE)));
         read(offset, piece);
         consume(piece);
-        progress.advance(piece.size());
         offset += piece.size();
         size -= piece.size();
     }
@@ -228,7 +168,7 @@ void throwIfInterrupted()
 OutputFile::OutputFile(fs::path path, mode_t mode) : target(std::move(path))
 {
     expectReplaceable(target);
-    std::string name = (directoryOf(target) / temporaryName).string();
+    std::string name = (directoryOf(target) / TEMPORARY_NAME).string();
     file = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
     if (file.get() < 0)
     {
@@ -291,7 +231,7 @@ OutputDirectory::OutputDirectory(const fs::path& path) :
     {
         throw Error(target.string(), "exists and is not an empty directory");
     }
-    temporary.emplace(directoryOf(target) / temporaryName);
+    temporary.emplace(directoryOf(target) / TEMPORARY_NAME);
 }
 
 void OutputDirectory::commit()
@@ -312,7 +252,7 @@ void expectCopy(const Source& copy, const Source& original, Bytes tail)
     bool same = copy.size() == size + tail.size() &&
                 std::ranges::equal(copy.read(size, tail.size()), tail);
     std::uint64_t offset = 0;
-    original.stream(0, same ? size : 0, "checking",
+    original.stream(0, same ? size : 0,
                     [&](Bytes piece)
                     {
                         same =
@@ -330,8 +270,7 @@ void writeFile(const fs::path& target, const Source& source, Bytes tail,
                mode_t mode)
 {
     OutputFile output(target, mode);
-    source.stream(0, source.size(), "copying",
-                  [&](Bytes piece) { output.write(piece); });
+    source.stream(0, source.size(), [&](Bytes piece) { output.write(piece); });
     output.write(tail);
     expectCopy(output.readBack(), source, tail);
     output.commit();

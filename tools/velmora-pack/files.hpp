@@ -22,55 +22,34 @@ inline constexpr std::uint64_t largestFileInMemory = 16U << 20;
 
 using Consumer = std::function<void(Bytes)>;
 
-/** A line on the terminal that tells how far a long pass has come. */
-class Progress
-{
-  public:
-    Progress(std::string_view doing, std::string_view what, std::uint64_t size);
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-    ~Progress();
-
-    void advance(std::uint64_t amount);
-
-  private:
-    std::string label;
-    std::uint64_t total;
-    std::uint64_t done = 0;
-    unsigned shown = 101;
-    bool visible;
-};
-
-/** Bytes to read: a regular file, or memory. */
+/** Bytes to read: a regular file, or a copy of what is in memory. */
 class Source
 {
   public:
     /** The name stands for the file in messages; empty, its path does. */
     explicit Source(const std::filesystem::path& path, std::string name = {});
-    explicit Source(Bytes memory);
+    explicit Source(Bytes content, std::string name = "memory");
 
-    const std::string& name() const { return label; }
-    std::uint64_t size() const { return length; }
-    /** The file's descriptor; none for memory. */
-    std::optional<int> descriptor() const;
-    Bytes memory() const { return data; }
+    const std::string& name() const { return name_; }
+    std::uint64_t size() const { return size_; }
+    int descriptor() const { return file_.get(); }
 
     void read(std::uint64_t offset, std::span<std::byte> into) const;
     Buffer read(std::uint64_t offset, std::uint64_t size) const;
-    Buffer readAll() const;
+    Buffer readAll() const { return read(0, size_); }
     /** Hands a range on, piece by piece; throws when a signal asks to end. */
     void stream(std::uint64_t offset, std::uint64_t size,
-                std::string_view doing, const Consumer& consume) const;
+                const Consumer& consume) const;
 
   private:
-    std::string label;
-    FileDescriptor file;
-    Bytes data;
-    std::uint64_t length = 0;
+    std::string name_;
+    FileDescriptor file_;
+    std::uint64_t size_ = 0;
 };
 
 /** @throws Error when a signal has asked to end */
 void throwIfInterrupted();
+
 /** A file that appears under its name only when it is complete. */
 class OutputFile
 {

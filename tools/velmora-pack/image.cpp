@@ -103,8 +103,7 @@ void checkImage(const Source& image, EVP_PKEY* publicKey)
 {
     const std::uint64_t content = image.size() - signatureSize;
     Verifier verifier(publicKey, scheme());
-    image.stream(0, content, "checking",
-                 [&](Bytes piece) { verifier.update(piece); });
+    image.stream(0, content, [&](Bytes piece) { verifier.update(piece); });
     if (!verifier.finish(derFromRaw(image.read(content, signatureSize))))
     {
         throw Error(image.name(), "the signature does not fit the content "
@@ -155,7 +154,7 @@ void makeImage(const ImageOptions& options)
                                " bytes, signed and checked");
 }
 
-Json describeImage(const Source& file)
+Json describeImage(const Source& file, Remarks& remarks)
 {
     if (file.size() < signatureSize)
     {
@@ -164,21 +163,28 @@ Json describeImage(const Source& file)
     const std::uint64_t content = file.size() - signatureSize;
     const Buffer signature = file.read(content, signatureSize);
     const Bytes numbers(signature);
-    Json fields;
-    fields["content"] = {
-        {"offset", 0},
-        {"size", content},
-        {"sha512", digestText(file, 0, content, EVP_sha512())}};
-    fields["signature"] = {{"offset", content},
-                           {"size", signatureSize},
-                           {"algorithm", "ECDSA P-384, SHA-512"},
-                           {"r", hex(numbers.first(numberSize))},
-                           {"s", hex(numbers.last(numberSize))}};
+    if (content == 0)
+    {
+        remarks.emplace_back("the content is empty");
+    }
+    if (isZero(numbers.first(numberSize)) || isZero(numbers.last(numberSize)))
+    {
+        remarks.emplace_back("the signature is empty: r or s is zero");
+    }
     if (file.size() > largestImage)
     {
-        fields["remarks"] = {"4 GiB or more, which the checker refuses"};
+        remarks.emplace_back("4 GiB or more, which the checker refuses");
     }
-    return fields;
+    return {{"content",
+             {{"offset", 0},
+              {"size", content},
+              {"sha512", digestText(file, 0, content, EVP_sha512())}}},
+            {"signature",
+             {{"offset", content},
+              {"size", signatureSize},
+              {"algorithm", "ECDSA P-384, SHA-512"},
+              {"r", hex(numbers.first(numberSize))},
+              {"s", hex(numbers.last(numberSize))}}}};
 }
 
 } // namespace pack

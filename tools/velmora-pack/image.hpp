@@ -21,6 +21,6 @@ struct ImageOptions
 
 void makeImage(const ImageOptions& options);
 
-nlohmann::ordered_json describeImage(const Source& file);
+nlohmann::ordered_json describeImage(const Source& file, Remarks& remarks);
 
 } // namespace pack

@@ -3,13 +3,13 @@
 #include "descriptor.hpp"
 #include "image.hpp"
 #include "manifest.hpp"
+#include "openssl.hpp"
 #include "package.hpp"
 #include "payload.hpp"
 #include "signature_packet.hpp"
 
 #include <algorithm>
 #include <array>
-#include <utility>
 
 using Json = nlohmann::ordered_json;
 
@@ -19,105 +19,82 @@ namespace pack
 namespace
 {
 
-constexpr std::size_t startSize = 256;
-constexpr std::size_t indentWidth = 2;
+constexpr std::size_t START_SIZE = 256;
+constexpr std::size_t INDENT_WIDTH = 2;
+constexpr long SECONDS_PER_DAY = 86400;
 
-bool isSignature(Bytes bytes)
+std::string startOf(const Source& file)
 {
-    const Json signatures = describeSignatures(bytes);
-    return !signatures.empty() &&
-           std::ranges::all_of(signatures, [](const Json& signature)
-                               { return signature.contains("algorithm"); });
+    return std::string(
+        textOf(file.read(0, std::min<std::uint64_t>(file.size(), START_SIZE))));
 }
 
-Kind recognise(const Source& file)
+bool isPackage(const Source& file)
 {
-    const Buffer start =
-        file.read(0, std::min<std::uint64_t>(file.size(), startSize));
-    const std::string_view text = textOf(start);
-    // A payload's body can be of any other kind, and so begin like that; a
-    // package can hold a chain where a payload has one.
+    const std::string start = startOf(file);
+    return start.starts_with("PK\3\4") || start.starts_with("PK\5\6");
+}
+
+/** A payload's body can be a package, and a package can hold a certificate
+ *  where a payload has its chain. */
+bool isPayload(const Source& file)
+{
     const PayloadMarks marks = payloadMarks(file);
-    if (marks.chain && marks.metadata)
-    {
-        return Kind::payload;
-    }
-    if (text.starts_with("PK\3\4") || text.starts_with("PK\5\6"))
-    {
-        return Kind::package;
-    }
-    if (marks.chain)
-    {
-        return Kind::payload;
-    }
-    const std::size_t first = text.find_first_not_of("\xef\xbb\xbf \t\r\n");
-    if (first != std::string_view::npos && text[first] == '<')
-    {
-        return Kind::descriptor;
-    }
-    if (file.size() <= largestFileInMemory &&
-        textOf(file.readAll()).find(manifestMagic) != std::string_view::npos)
-    {
-        return Kind::manifest;
-    }
-    if (file.size() <= largestSignature && isSignature(file.readAll()))
-    {
-        return Kind::signature;
-    }
-    throw Error(file.name(), "is of no kind that can be recognised (a signed "
-                             "image needs --as image)");
+    return marks.chain && (marks.metadata || !isPackage(file));
 }
 
-const char* titleOf(Kind kind)
+bool isDescriptor(const Source& file)
 {
-    switch (kind)
-    {
-        case Kind::package:
-            return "package";
-        case Kind::descriptor:
-            return "descriptor";
-        case Kind::manifest:
-            return "manifest";
-        case Kind::image:
-            return "signed image";
-        case Kind::payload:
-            return "signed payload";
-        case Kind::signature:
-            return "detached OpenPGP signature";
-    }
-    return "";
+    const std::string start = startOf(file);
+    const std::size_t first = start.find_first_not_of("\xef\xbb\xbf \t\r\n");
+    return first != std::string::npos && start[first] == '<';
 }
 
-Json describeDetachedSignature(const Source& file)
+bool isManifest(const Source& file)
 {
-    const Buffer content = file.readAll();
-    if (!isSignature(content))
+    return file.size() <= largestFileInMemory &&
+           textOf(file.readAll()).find(manifestMagic) != std::string_view::npos;
+}
+
+Json describeSignature(const Source& file, Remarks& remarks)
+{
+    const Json signatures = describeSignatures(file.readAll(), remarks);
+    if (signatures.empty())
     {
         throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
                                  "--dearmor makes one of an armoured one)");
     }
-    return {{"signatures", describeSignatures(content)}};
+    return {{"signatures", signatures}};
 }
 
-Json describe(const Source& file, Kind kind)
+bool isSignature(const Source& file)
 {
-    switch (kind)
-    {
-        case Kind::package:
-            return describePackage(file);
-        case Kind::descriptor:
-            return describeDescriptor(file.readAll(), file.name());
-        case Kind::manifest:
-            return describeManifest(file.readAll(), file.name());
-        case Kind::image:
-            return describeImage(file);
-        case Kind::payload:
-            return describePayload(file);
-        case Kind::signature:
-            return describeDetachedSignature(file);
-    }
-    return {};
+    Remarks remarks;
+    return file.size() <= largestSignature &&
+           !describeSignatures(file.readAll(), remarks).empty() &&
+           remarks.empty();
 }
+
+struct Kind
+{
+    std::string_view name;
+    std::string_view title;
+    bool (*recognises)(const Source&);
+    Json (*describe)(const Source&, Remarks&);
+};
+
+/** In the order in which a file's content is looked at. */
+constexpr std::array KINDS{
+    Kind{"payload", "signed payload", isPayload, describePayload},
+    Kind{"package", "package", isPackage, describePackage},
+    Kind{"descriptor", "descriptor", isDescriptor, describeDescriptor},
+    Kind{"manifest", "manifest", isManifest, describeManifest},
+    Kind{"signature", "detached OpenPGP signature", isSignature,
+         describeSignature},
+    // Nothing in a signed image tells what it is.
+    Kind{"image", "signed image", [](const Source&) { return false; },
+         describeImage},
+};
 
 std::string valueText(const Json& value)
 {
@@ -128,9 +105,9 @@ std::string valueText(const Json& value)
     std::string text;
     for (const char c : value.get_ref<const std::string&>())
     {
-        text += c == '\\' ? "\\\\" : printable({&c, 1});
+        text.append(c == '\\' ? 2 : 1, c);
     }
-    return text;
+    return printable(text);
 }
 
 void renderInto(std::string& text, const Json& fields, std::size_t indent)
@@ -141,7 +118,7 @@ void renderInto(std::string& text, const Json& fields, std::size_t indent)
         std::string inner;
         if (nested)
         {
-            renderInto(inner, value, indent + indentWidth);
+            renderInto(inner, value, indent + INDENT_WIDTH);
         }
         else
         {
@@ -167,27 +144,31 @@ void renderInto(std::string& text, const Json& fields, std::size_t indent)
 
 } // namespace
 
-std::optional<Kind> kindOf(std::string_view name)
+std::vector<std::string> kindNames()
 {
-    constexpr std::array<std::pair<std::string_view, Kind>, 6> kinds{{
-        {"package", Kind::package},
-        {"descriptor", Kind::descriptor},
-        {"manifest", Kind::manifest},
-        {"image", Kind::image},
-        {"payload", Kind::payload},
-        {"signature", Kind::signature},
-    }};
-    const auto* const found = std::ranges::find(
-        kinds, name, &std::pair<std::string_view, Kind>::first);
-    return found == kinds.end() ? std::nullopt : std::optional(found->second);
+    std::vector<std::string> names;
+    std::ranges::transform(KINDS, std::back_inserter(names),
+                           [](const Kind& kind)
+                           { return std::string(kind.name); });
+    return names;
 }
 
-Json inspect(const Source& file, std::optional<Kind> kind)
+Json inspect(const Source& file, std::string_view kind)
 {
-    const Kind found = kind ? *kind : recognise(file);
+    const auto* const found = std::ranges::find_if(
+        KINDS, [&](const Kind& known)
+        { return kind.empty() ? known.recognises(file) : known.name == kind; });
+    if (found == KINDS.end())
+    {
+        throw Error(file.name(),
+                    "its content does not tell what it is; --as says so, and "
+                    "a signed image always needs --as image");
+    }
+    Remarks remarks;
     Json fields{
-        {"file", file.name()}, {"size", file.size()}, {"kind", titleOf(found)}};
-    fields.update(describe(file, found));
+        {"file", file.name()}, {"size", file.size()}, {"kind", found->title}};
+    fields.update(found->describe(file, remarks));
+    fields["remarks"] = remarks;
     return fields;
 }
 
@@ -196,6 +177,15 @@ std::string renderText(const Json& fields)
     std::string text;
     renderInto(text, fields, 0);
     return text;
+}
+
+std::string dateText(std::int64_t seconds)
+{
+    // The start of 1970 and days as an int: a time_t may have 32 bits.
+    const Handle<ASN1_TIME, ASN1_TIME_free> date(
+        ASN1_TIME_adj(nullptr, 0, static_cast<int>(seconds / SECONDS_PER_DAY),
+                      static_cast<long>(seconds % SECONDS_PER_DAY)));
+    return date ? timeText(date.get()) : "out of range";
 }
 
 } // namespace pack

@@ -4,32 +4,28 @@
 
 #include <nlohmann/json.hpp>
 
-#include <optional>
+#include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace pack
 {
 
-enum class Kind
-{
-    package,
-    descriptor,
-    manifest,
-    image,
-    payload,
-    signature,
-};
+/** The names of the kinds of files that are known. */
+std::vector<std::string> kindNames();
 
-/** The kind of that name, if there is one. */
-std::optional<Kind> kindOf(std::string_view name);
+/** Lists the fields of a file that may be hostile, and remarks on them.
+ *
+ *  @param kind one of the names; empty, the file's content must tell, which a
+ *         signed image's cannot
+ *  @throws Error on a file that is not of its kind */
+nlohmann::ordered_json inspect(const Source& file, std::string_view kind);
 
-/** Lists the fields of a file that may be hostile. Without a kind the file
- *  must tell what it is; a signed image cannot. Throws Error on a file that is
- *  not of its kind. A Source of bytes in memory serves a fuzzer. */
-nlohmann::ordered_json inspect(const Source& file, std::optional<Kind> kind);
-
-/** The fields as indented text of plain ASCII. */
+/** The fields as indented lines of printable text. */
 std::string renderText(const nlohmann::ordered_json& fields);
+
+/** The date and time of seconds since 1970. */
+std::string dateText(std::int64_t seconds);
 
 } // namespace pack

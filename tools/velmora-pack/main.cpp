@@ -12,30 +12,22 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <limits>
 #include <new>
+#include <vector>
 
 namespace fs = std::filesystem;
-
-namespace pack
-{
-
-void report(const fs::path& made, std::string_view what)
-{
-    std::cout << "velmora-pack: " << printable(made.string()) << ": "
-              << printable(what) << '\n';
-}
-
-} // namespace pack
+using Json = nlohmann::ordered_json;
 
 namespace
 {
 
-constexpr int badInput = 1;
-constexpr int wrongUsage = 2;
-constexpr std::size_t systemIdDigits = 4;
-constexpr auto footer =
+constexpr int BAD_INPUT = 1;
+constexpr int WRONG_USAGE = 2;
+constexpr std::size_t SYSTEM_ID_DIGITS = 4;
+constexpr auto FOOTER =
     "\nExit status: 0 when done, 1 for bad input or a failure (one line on\n"
     "standard error tells which), 2 for wrong usage.\n"
     "\nEnvironment: SOURCE_DATE_EPOCH, seconds since 1970, is the time of the\n"
@@ -43,10 +35,11 @@ constexpr auto footer =
 
 struct InspectOptions
 {
-    fs::path file;
-    /** Empty when the file is to tell. */
+    std::vector<fs::path> files;
+    /** Empty when each file is to tell. */
     std::string kind;
     bool json = false;
+    bool strict = false;
 };
 
 struct Options
@@ -62,7 +55,7 @@ struct Options
 /** Makes of the text what the systems display: four digits, upper case. */
 std::string normaliseSystemId(std::string& text)
 {
-    const bool plain = !text.empty() && text.size() <= systemIdDigits &&
+    const bool plain = !text.empty() && text.size() <= SYSTEM_ID_DIGITS &&
                        std::ranges::all_of(text, [](unsigned char c)
                                            { return std::isxdigit(c) != 0; });
     if (!plain)
@@ -71,7 +64,7 @@ std::string normaliseSystemId(std::string& text)
     }
     std::ranges::transform(text, text.begin(), [](unsigned char c)
                            { return static_cast<char>(std::toupper(c)); });
-    text.insert(0, systemIdDigits - text.size(), '0');
+    text.insert(0, SYSTEM_ID_DIGITS - text.size(), '0');
     return {};
 }
 
@@ -206,16 +199,18 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
 void addInspect(CLI::App& app, InspectOptions& options)
 {
     CLI::App& command = *app.add_subcommand(
-        "inspect", "Say what a file is and list its fields");
-    addPath(command, "file", options.file, "The file")->required();
+        "inspect", "Say what files are, list their fields and remark on what "
+                   "a machine would refuse");
+    command.add_option("file", options.files, "The files")
+        ->type_name("FILE")
+        ->required();
     command
         .add_option("--as", options.kind,
-                    "What the file is: package, descriptor, manifest, image, "
-                    "payload or signature; a signed image must be named")
+                    "What the files are; a signed image must be named")
         ->type_name("KIND")
-        ->check(CLI::IsMember({"package", "descriptor", "manifest", "image",
-                               "payload", "signature"}));
+        ->check(CLI::IsMember(pack::kindNames()));
     command.add_flag("--json", options.json, "List the fields as JSON");
+    command.add_flag("--strict", options.strict, "Exit with 1 on a remark");
 }
 
 void addTestKeys(CLI::App& app, fs::path& directory)
@@ -228,67 +223,18 @@ void addTestKeys(CLI::App& app, fs::path& directory)
         ->required();
 }
 
-void inspect(const InspectOptions& options)
-{
-    const auto fields =
-        pack::inspect(pack::Source(options.file), pack::kindOf(options.kind));
-    if (options.json)
-    {
-        std::cout << fields.dump(2, ' ', true,
-                                 nlohmann::json::error_handler_t::replace)
-                  << '\n';
-    }
-    else
-    {
-        std::cout << pack::renderText(fields);
-    }
-}
-
-void run(const CLI::App& app, const Options& options)
-{
-    if (app.got_subcommand("package"))
-    {
-        pack::makePackage(options.package);
-    }
-    else if (app.got_subcommand("image"))
-    {
-        pack::makeImage(options.image);
-    }
-    else if (app.got_subcommand("manifest"))
-    {
-        pack::makeManifest(options.manifest);
-    }
-    else if (app.got_subcommand("payload"))
-    {
-        pack::makePayload(options.payload);
-    }
-    else if (app.got_subcommand("inspect"))
-    {
-        inspect(options.inspect);
-    }
-    else
-    {
-        pack::makeTestKeys(options.testKeys);
-    }
-    if (!std::cout.flush())
-    {
-        throw pack::systemError("standard output");
-    }
-}
-
 int fail(std::string_view message)
 {
     std::cerr << "velmora-pack: " << message << '\n';
-    return badInput;
+    return BAD_INPUT;
 }
 
 /** Everything that goes wrong ends here, as one line. */
-int runGuarded(const CLI::App& app, const Options& options)
+int guarded(const std::function<int()>& work)
 {
     try
     {
-        run(app, options);
-        return EXIT_SUCCESS;
+        return work();
     }
     catch (const pack::Error& error)
     {
@@ -309,6 +255,85 @@ int runGuarded(const CLI::App& app, const Options& options)
     }
 }
 
+/** A section for each file and a summary of more than one; the status is the
+ *  worst. */
+int inspect(const InspectOptions& options)
+{
+    const bool several = options.files.size() > 1;
+    Json list = Json::array();
+    std::size_t remarked = 0;
+    int status = EXIT_SUCCESS;
+    const auto one = [&](const fs::path& file)
+    {
+        const Json& fields =
+            list.emplace_back(pack::inspect(pack::Source(file), options.kind));
+        if (!options.json)
+        {
+            std::cout << pack::renderText(fields) << (several ? "\n" : "");
+        }
+        if (fields["remarks"].empty())
+        {
+            return EXIT_SUCCESS;
+        }
+        ++remarked;
+        return options.strict
+                   ? fail(pack::printable(file.string()) +
+                          ": has remarks, which --strict does not allow")
+                   : EXIT_SUCCESS;
+    };
+    for (const fs::path& file : options.files)
+    {
+        status = std::max(status, guarded([&] { return one(file); }));
+    }
+    const std::size_t failed = options.files.size() - list.size();
+    if (options.json && (several || failed == 0))
+    {
+        std::cout << (several ? list : list.front())
+                         .dump(2, ' ', true, Json::error_handler_t::replace)
+                  << '\n';
+    }
+    else if (several)
+    {
+        std::cout << options.files.size() << " files: " << remarked
+                  << " with remarks, " << failed << " could not be inspected\n";
+    }
+    return status;
+}
+
+int run(const CLI::App& app, const Options& options)
+{
+    int status = EXIT_SUCCESS;
+    if (app.got_subcommand("package"))
+    {
+        pack::makePackage(options.package);
+    }
+    else if (app.got_subcommand("image"))
+    {
+        pack::makeImage(options.image);
+    }
+    else if (app.got_subcommand("manifest"))
+    {
+        pack::makeManifest(options.manifest);
+    }
+    else if (app.got_subcommand("payload"))
+    {
+        pack::makePayload(options.payload);
+    }
+    else if (app.got_subcommand("inspect"))
+    {
+        status = inspect(options.inspect);
+    }
+    else
+    {
+        pack::makeTestKeys(options.testKeys);
+    }
+    if (!std::cout.flush())
+    {
+        throw pack::systemError("standard output");
+    }
+    return status;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -322,7 +347,7 @@ int main(int argc, char** argv)
     CLI::App app("Makes and inspects what libvelmora checks: firmware "
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
-    app.footer(footer);
+    app.footer(FOOTER);
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error)
         {
@@ -342,9 +367,9 @@ int main(int argc, char** argv)
     }
     catch (const CLI::ParseError& error)
     {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage;
+        return app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
     }
-    const int status = runGuarded(app, options);
+    const int status = guarded([&] { return run(app, options); });
     tools::SignalCleanup::raiseSeen();
     return status;
 }

@@ -1,7 +1,5 @@
 #include "manifest.hpp"
 
-#include "error.hpp"
-#include "files.hpp"
 #include "signing.hpp"
 
 #include <sys/stat.h>
@@ -121,34 +119,34 @@ Json describeRecord(Bytes manifest, const Record& record)
     return fields;
 }
 
-/** Lists the records; says why when the walk ends before their number. */
-void describeRecords(Json& fields, Bytes manifest, std::uint64_t offset,
-                     std::uint32_t count)
+/** Lists the records, up to their number or where the walk must end. */
+Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
+                     Remarks& remarks)
 {
-    Json& records = fields["records"] = Json::array();
+    Json records = Json::array();
     for (std::uint32_t i = 0; i < count; ++i)
     {
+        const std::string name = "record " + std::to_string(i + 1);
         const auto record = recordAt(manifest, offset);
         if (!record)
         {
-            fields["remark"] = "record " + std::to_string(i + 1) +
-                               " does not lie within the manifest";
-            return;
+            remarks.push_back(name + " does not lie within the manifest");
+            break;
         }
         if (i == mostRecordsListed)
         {
-            fields["remark"] = "further records are not listed";
-            return;
+            remarks.push_back(name + " and those behind it are not listed");
+            break;
         }
         records.push_back(describeRecord(manifest, *record));
         if (record->end() == offset)
         {
-            fields["remark"] = "record " + std::to_string(i + 1) +
-                               " has no length, so that none can follow";
-            return;
+            remarks.push_back(name + " has no length, so that none can follow");
+            break;
         }
         offset = record->end();
     }
+    return records;
 }
 
 /** Makes the directory if there is none, and removes it unless it is kept. */
@@ -215,18 +213,19 @@ void makeManifest(const ManifestOptions& options)
                     : ", release " + std::to_string(options.release)));
 }
 
-Json describeManifest(Bytes file, std::string_view name)
+Json describeManifest(const Source& file, Remarks& remarks)
 {
-    const std::size_t start = textOf(file).find(manifestMagic);
+    const Buffer content = file.readAll();
+    const std::size_t start = textOf(content).find(manifestMagic);
     if (start == std::string_view::npos)
     {
-        throw Error(name, "holds no \"$KTB\"");
+        throw Error(file.name(), "holds no \"$KTB\"");
     }
-    Bytes manifest = file.subspan(start);
+    Bytes manifest = Bytes(content).subspan(start);
     Json fields{{"offset", start}};
     if (manifest.size() < headerSize)
     {
-        fields["remark"] = "the header is not complete";
+        remarks.emplace_back("the header is not complete");
         return fields;
     }
     const auto recordOffset = loadLittle<std::uint32_t>(manifest, 4);
@@ -238,11 +237,11 @@ Json describeManifest(Bytes file, std::string_view name)
     fields["length"] = length;
     if (length < headerSize || length > manifest.size())
     {
-        fields["remark"] = "the length does not fit the file";
+        remarks.emplace_back("the length does not fit the file");
         return fields;
     }
-    manifest = manifest.first(length);
-    describeRecords(fields, manifest, recordOffset, recordCount);
+    fields["records"] = describeRecords(manifest.first(length), recordOffset,
+                                        recordCount, remarks);
     return fields;
 }
 

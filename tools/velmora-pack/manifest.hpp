@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bytes.hpp"
+#include "files.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -24,7 +24,7 @@ struct ManifestOptions
 
 void makeManifest(const ManifestOptions& options);
 
-/** The file must hold the magic; the name is for messages. */
-nlohmann::ordered_json describeManifest(Bytes file, std::string_view name);
+/** The file must hold the magic. */
+nlohmann::ordered_json describeManifest(const Source& file, Remarks& remarks);
 
 } // namespace pack

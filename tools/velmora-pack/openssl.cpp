@@ -81,8 +81,7 @@ std::string digestText(const Source& source, std::uint64_t offset,
                        std::uint64_t size, const EVP_MD* algorithm)
 {
     Digest digest(algorithm);
-    source.stream(offset, size, "digesting",
-                  [&](Bytes piece) { digest.update(piece); });
+    source.stream(offset, size, [&](Bytes piece) { digest.update(piece); });
     return hex(digest.finish());
 }
 
@@ -131,8 +130,7 @@ Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
             signer->update(piece);
         }
     };
-    source.stream(0, source.size(), key == nullptr ? "copying" : "signing",
-                  write);
+    source.stream(0, source.size(), write);
     write(tail);
     return signer ? signer->finish() : Buffer();
 }

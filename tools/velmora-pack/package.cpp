@@ -4,10 +4,13 @@
 #include "openpgp.hpp"
 #include "openssl.hpp"
 #include "signature_packet.hpp"
+#include "zip.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
@@ -119,32 +122,37 @@ struct Member
 struct Contents
 {
     std::vector<Member> members;
+    std::set<std::string> names;
     std::optional<Buffer> descriptor;
     std::optional<Buffer> signature;
     FileDigests payload;
-    std::vector<std::string> remarks;
+    std::uint64_t payloadSize = 0;
+    Remarks remarks;
 };
 
 /** What a member's name makes it; its size and digest are known already. */
 void classify(Contents& contents, const Member& member)
 {
+    const auto remark = [&](const char* what)
+    { contents.remarks.push_back("member " + member.place.name + " " + what); };
     std::string_view name = member.place.name;
+    if (hasVersionNumber(name) ||
+        std::ranges::any_of(name, [](unsigned char c)
+                            { return std::iscntrl(c) != 0; }))
+    {
+        remark("is extracted under another name");
+    }
+    if (!contents.names.insert(member.place.name).second)
+    {
+        remark("is there more than once");
+    }
     if (name == descriptorName || name == descriptorSignatureName)
     {
-        const auto count =
-            std::ranges::count(contents.members, name, [](const Member& other)
-                               { return std::string_view(other.place.name); });
-        if (count == 2)
-        {
-            contents.remarks.push_back("member " + member.place.name +
-                                       " is there more than once");
-        }
         return;
     }
     if (!name.starts_with(payloadPrefix))
     {
-        contents.remarks.push_back("member " + member.place.name +
-                                   " is not part of a package");
+        remark("is not part of a package");
         return;
     }
     name.remove_prefix(payloadPrefix.size());
@@ -154,66 +162,46 @@ void classify(Contents& contents, const Member& member)
     }
     if (!member.place.regular || name.find('/') != std::string_view::npos)
     {
-        contents.remarks.push_back("member " + member.place.name +
-                                   " is not covered by the payload's digest");
+        remark("is not covered by the payload's digest");
         return;
     }
-    if (!contents.payload.insert_or_assign(std::string(name), member.digest)
-             .second)
-    {
-        contents.remarks.push_back("member " + member.place.name +
-                                   " is there more than once");
-    }
+    contents.payload.insert_or_assign(std::string(name), member.digest);
+    contents.payloadSize += member.size;
 }
 
 Contents readContents(const Source& source)
 {
     Contents contents;
-    std::optional<Digest> digest;
-    const auto finishMember = [&]
-    {
-        if (digest)
-        {
-            contents.members.back().digest = hex(digest->finish());
-            classify(contents, contents.members.back());
-        }
-    };
-    readZip(source,
-            [&](const ZipMember& place) -> Consumer
+    readZip(source, contents.remarks,
+            [&](const ZipMember& place, const ZipContent& content)
             {
-                finishMember();
-                contents.members.push_back({place, 0, {}});
-                digest.emplace(EVP_sha256());
-                std::optional<Buffer>* kept = nullptr;
-                if (place.name == descriptorName)
-                {
-                    kept = &contents.descriptor;
-                }
-                else if (place.name == descriptorSignatureName)
-                {
-                    kept = &contents.signature;
-                }
-                if (kept != nullptr)
-                {
-                    kept->emplace();
-                }
-                return [&contents, &digest, &source, kept](Bytes piece)
-                {
-                    Member& member = contents.members.back();
-                    member.size += piece.size();
-                    digest->update(piece);
-                    if (kept != nullptr)
+                Member member{place, 0, {}};
+                Buffer* const kept = place.name == descriptorName
+                                         ? &contents.descriptor.emplace()
+                                     : place.name == descriptorSignatureName
+                                         ? &contents.signature.emplace()
+                                         : nullptr;
+                Digest digest(EVP_sha256());
+                content(
+                    [&](Bytes piece)
                     {
+                        member.size += piece.size();
+                        digest.update(piece);
+                        if (kept == nullptr)
+                        {
+                            return;
+                        }
                         if (member.size > largestFileInMemory)
                         {
-                            throw Error(source.name(), "holds too large a " +
-                                                           member.place.name);
+                            throw Error(source.name(),
+                                        "holds too large a " + place.name);
                         }
-                        append(**kept, piece);
-                    }
-                };
+                        append(*kept, piece);
+                    });
+                member.digest = hex(digest.finish());
+                classify(contents, member);
+                contents.members.push_back(std::move(member));
             });
-    finishMember();
     return contents;
 }
 
@@ -261,6 +249,34 @@ void checkPackage(const Source& made, const PackageOptions& options,
     }
 }
 
+/** With the answer to whether it states the payload's digest. */
+void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
+{
+    try
+    {
+        const Json described = describeDescriptor(
+            Source(descriptor, std::string(descriptorName)), remarks);
+        fields["descriptor"] = described;
+        const Json::json_pointer stated("/hash/value");
+        if (!described.contains(stated))
+        {
+            return;
+        }
+        const bool matches = described[stated] == fields["payloadDigest"];
+        fields["payloadDigestMatches"] = matches;
+        if (!matches)
+        {
+            remarks.emplace_back(
+                "the payload's digest is not the one that the descriptor "
+                "states");
+        }
+    }
+    catch (const Error& error)
+    {
+        remarks.emplace_back(error.what());
+    }
+}
+
 } // namespace
 
 void makePackage(const PackageOptions& options)
@@ -304,9 +320,10 @@ void makePackage(const PackageOptions& options)
                (files.size() == 1 ? "" : "s") + ", signed and checked");
 }
 
-Json describePackage(const Source& file)
+Json describePackage(const Source& file, Remarks& remarks)
 {
     const Contents contents = readContents(file);
+    remarks = contents.remarks;
     Json fields;
     Json& members = fields["members"] = Json::array();
     for (const Member& member : contents.members)
@@ -318,26 +335,26 @@ Json describePackage(const Source& file)
     }
     const std::string composite = compositeOf(contents.payload);
     fields["payloadDigest"] = composite;
-    if (contents.descriptor)
+    if (contents.payloadSize == 0)
     {
-        try
-        {
-            Json& descriptor = fields["descriptor"] =
-                describeDescriptor(*contents.descriptor);
-            const Json::json_pointer stated("/hash/value");
-            fields["payloadDigestMatches"] =
-                descriptor.contains(stated) && descriptor[stated] == composite;
-        }
-        catch (const Error& error)
-        {
-            fields["descriptor"] = error.what();
-        }
+        remarks.emplace_back("the payload is empty");
     }
-    if (contents.signature)
+    if (!contents.descriptor)
     {
-        fields["signatures"] = describeSignatures(*contents.signature);
+        remarks.emplace_back("there is no package.xml");
     }
-    fields["remarks"] = contents.remarks;
+    else
+    {
+        describePackedDescriptor(fields, *contents.descriptor, remarks);
+    }
+    if (!contents.signature)
+    {
+        remarks.emplace_back("there is no package.xml.sign");
+    }
+    else
+    {
+        fields["signatures"] = describeSignatures(*contents.signature, remarks);
+    }
     return fields;
 }
 

@@ -1,9 +1,7 @@
 #pragma once
 
-#include "bytes.hpp"
 #include "files.hpp"
 #include "signing.hpp"
-#include "zip.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -28,6 +26,6 @@ struct PackageOptions
 
 void makePackage(const PackageOptions& options);
 
-nlohmann::ordered_json describePackage(const Source& file);
+nlohmann::ordered_json describePackage(const Source& file, Remarks& remarks);
 
 } // namespace pack

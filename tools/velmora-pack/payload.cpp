@@ -1,5 +1,6 @@
 #include "payload.hpp"
 
+#include "inspect.hpp"
 #include "openssl.hpp"
 
 #include <openssl/err.h>
@@ -7,6 +8,7 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <vector>
@@ -271,20 +273,12 @@ Buffer slotHead(const Chain& chain, const Metadata& metadata)
     return head;
 }
 
-bool isZero(const Source& source, std::uint64_t offset, std::uint64_t size)
-{
-    const Buffer bytes = source.read(offset, size);
-    return std::ranges::all_of(bytes, [](std::byte byte)
-                               { return byte == std::byte{0}; });
-}
-
 bool verifySlot(const Source& payload, EVP_PKEY* key,
                 std::string_view algorithm)
 {
     const std::uint64_t signedSize = layoutOf(payload).signature;
     Verifier verifier(key, schemeOf(algorithm));
-    payload.stream(0, signedSize, "checking",
-                   [&](Bytes piece) { verifier.update(piece); });
+    payload.stream(0, signedSize, [&](Bytes piece) { verifier.update(piece); });
     return verifier.finish(payload.read(signedSize, slotSignatureSize));
 }
 
@@ -310,7 +304,7 @@ void checkPayload(const Source& made, std::uint64_t bodySize, Bytes head)
     if (chain.empty() ||
         !verifySlot(made, X509_get0_pubkey(chain.front().get()),
                     metadata.algorithm) ||
-        !isZero(made, layout.remainder, remainderSize))
+        !isZero(made.read(layout.remainder, remainderSize)))
     {
         throw Error(made.name(),
                     "the signature does not fit the body, the chain, the "
@@ -342,18 +336,90 @@ Json describeKey(const X509* certificate)
             {"bits", EVP_PKEY_get_bits(key)}};
 }
 
-Json describeCertificate(const X509* certificate)
+void remarkOnValidity(Remarks& remarks, const X509* certificate,
+                      std::string_view when, std::time_t time)
 {
-    return {{"subject", nameText(X509_get_subject_name(certificate))},
-            {"issuer", nameText(X509_get_issuer_name(certificate))},
-            {"notBefore", timeText(X509_get0_notBefore(certificate))},
-            {"notAfter", timeText(X509_get0_notAfter(certificate))},
-            {"key", describeKey(certificate)}};
+    const ASN1_TIME* const start = X509_get0_notBefore(certificate);
+    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    if (X509_cmp_time(start, &time) >= 0 || X509_cmp_time(end, &time) <= 0)
+    {
+        remarks.push_back("certificate " +
+                          nameText(X509_get_subject_name(certificate)) +
+                          " is valid from " + timeText(start) + " to " +
+                          timeText(end) + ", and so not " + std::string(when));
+    }
+}
+
+Json describeChain(const std::vector<Certificate>& chain,
+                   std::int32_t timestamp, Remarks& remarks)
+{
+    Json certificates = Json::array();
+    for (const Certificate& owner : chain)
+    {
+        const X509* const certificate = owner.get();
+        certificates.push_back(
+            {{"subject", nameText(X509_get_subject_name(certificate))},
+             {"issuer", nameText(X509_get_issuer_name(certificate))},
+             {"notBefore", timeText(X509_get0_notBefore(certificate))},
+             {"notAfter", timeText(X509_get0_notAfter(certificate))},
+             {"key", describeKey(certificate)}});
+        remarkOnValidity(remarks, certificate, "now", std::time(nullptr));
+        if (timestamp != 0)
+        {
+            remarkOnValidity(remarks, certificate, "at the timestamp",
+                             timestamp);
+        }
+    }
+    if (chain.empty())
+    {
+        remarks.emplace_back("the chain has no certificate that can be read");
+    }
+    return certificates;
+}
+
+/** The timestamp of the metadata as the checker converts it; it stays 0 when
+ *  something else is missing. */
+std::int32_t timestampOf(const Metadata& metadata)
+{
+    return metadata.version.empty() || metadata.algorithm.empty()
+               ? 0
+               : static_cast<std::int32_t>(
+                     std::strtoll(metadata.timestamp.c_str(), nullptr, 10));
+}
+
+Json describeMetadata(std::string_view text, Remarks& remarks)
+{
+    const Metadata metadata = readMetadata(text);
+    Json fields{{"text", text},
+                {"ver", metadata.version},
+                {"alg", metadata.algorithm},
+                {"sts", metadata.timestamp}};
+    if (metadata.version.empty())
+    {
+        remarks.emplace_back("the metadata has no version");
+    }
+    if (metadata.algorithm != "PS256" && metadata.algorithm != "PS384" &&
+        metadata.algorithm != "PS512")
+    {
+        remarks.emplace_back("the metadata names no known algorithm, so that "
+                             "SHA-256 is used");
+    }
+    const std::int32_t timestamp = timestampOf(metadata);
+    if (timestamp == 0)
+    {
+        remarks.emplace_back("the metadata has no timestamp, so that the chain "
+                             "is checked at the start of 1970");
+    }
+    else
+    {
+        fields["stsDate"] = dateText(timestamp);
+    }
+    return fields;
 }
 
 Json describeSignature(const Source& file, const Layout& layout,
                        const std::vector<Certificate>& chain,
-                       std::string_view algorithm)
+                       std::string_view algorithm, Remarks& remarks)
 {
     Json fields{{"offset", layout.signature},
                 {"size", slotSignatureSize},
@@ -362,10 +428,18 @@ Json describeSignature(const Source& file, const Layout& layout,
                 {"value", hex(file.read(layout.signature, slotSignatureSize))}};
     EVP_PKEY* const key =
         chain.empty() ? nullptr : X509_get0_pubkey(chain.front().get());
-    if (key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
-        EVP_PKEY_get_bits(key) == keyBits)
+    const bool usable = key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
+                        EVP_PKEY_get_bits(key) == keyBits;
+    const bool verifies = usable && verifySlot(file, key, algorithm);
+    if (usable)
     {
-        fields["verifies"] = verifySlot(file, key, algorithm);
+        fields["verifies"] = verifies;
+    }
+    if (!verifies)
+    {
+        remarks.emplace_back(
+            usable ? "the signature does not fit the chain's first key"
+                   : "the chain's first key is no RSA key of 4096 bits");
     }
     return fields;
 }
@@ -429,41 +503,33 @@ PayloadMarks payloadMarks(const Source& file)
         !(metadata.version + metadata.algorithm + metadata.timestamp).empty()};
 }
 
-Json describePayload(const Source& file)
+Json describePayload(const Source& file, Remarks& remarks)
 {
     const Layout layout = layoutOf(file);
     const Buffer chainArea = file.read(layout.chain, chainAreaSize);
     const std::string_view chainText = textUpToNul(chainArea);
     const std::vector<Certificate> chain = readCertificates(bytesOf(chainText));
     const Buffer block = file.read(layout.metadata, metadataSize);
-    const std::string_view text = textUpToNul(block);
-    const Metadata metadata = readMetadata(text);
+    const Metadata metadata = readMetadata(textUpToNul(block));
 
     Json fields;
     fields["body"] = {
         {"offset", 0},
         {"size", layout.chain},
         {"sha256", digestText(file, 0, layout.chain, EVP_sha256())}};
-    Json& area = fields["chain"] = {{"offset", layout.chain},
-                                    {"size", chainAreaSize},
-                                    {"textSize", chainText.size()}};
-    Json& certificates = area["certificates"] = Json::array();
-    for (const Certificate& certificate : chain)
-    {
-        certificates.push_back(describeCertificate(certificate.get()));
-    }
-    fields["metadata"] = {{"offset", layout.metadata},
-                          {"size", metadataSize},
-                          {"text", text},
-                          {"ver", metadata.version},
-                          {"alg", metadata.algorithm},
-                          {"sts", metadata.timestamp}};
+    fields["chain"] = {
+        {"offset", layout.chain},
+        {"size", chainAreaSize},
+        {"textSize", chainText.size()},
+        {"certificates", describeChain(chain, timestampOf(metadata), remarks)}};
+    fields["metadata"] = {{"offset", layout.metadata}, {"size", metadataSize}};
+    fields["metadata"].update(describeMetadata(textUpToNul(block), remarks));
     fields["signature"] =
-        describeSignature(file, layout, chain, metadata.algorithm);
+        describeSignature(file, layout, chain, metadata.algorithm, remarks);
     fields["remainder"] = {
         {"offset", layout.remainder},
         {"size", remainderSize},
-        {"zero", isZero(file, layout.remainder, remainderSize)}};
+        {"zero", isZero(file.read(layout.remainder, remainderSize))}};
     return fields;
 }
 

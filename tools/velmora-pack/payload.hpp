@@ -33,6 +33,6 @@ struct PayloadMarks
     bool metadata = false;
 };
 PayloadMarks payloadMarks(const Source& file);
-nlohmann::ordered_json describePayload(const Source& file);
+nlohmann::ordered_json describePayload(const Source& file, Remarks& remarks);
 
 } // namespace pack

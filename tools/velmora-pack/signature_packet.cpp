@@ -1,7 +1,10 @@
 #include "signature_packet.hpp"
 
-#include <algorithm>
-#include <optional>
+#include "inspect.hpp"
+
+#include <gpgme.h>
+
+#include <stdexcept>
 #include <string>
 
 using Json = nlohmann::ordered_json;
@@ -13,220 +16,192 @@ namespace
 {
 
 // Numbers of RFC 4880, and of RFC 6637 and its successors for the curves.
-constexpr unsigned signatureTag = 2;
-constexpr unsigned creationTime = 2;
-constexpr unsigned expirationTime = 3;
-constexpr unsigned issuerKeyId = 16;
-constexpr unsigned issuerFingerprint = 33;
-constexpr std::size_t mostSignatures = 16;
+constexpr std::uint32_t SIGNATURE_TAG = 2;
+constexpr std::uint32_t CREATION_TIME = 2;
+constexpr std::uint32_t EXPIRATION_TIME = 3;
+constexpr std::uint32_t ISSUER_KEY_ID = 16;
+constexpr std::uint32_t ISSUER_FINGERPRINT = 33;
+constexpr std::uint32_t ECDSA = 19;
+constexpr std::uint32_t EDDSA = 22;
+/** A first octet from here on begins a length of five octets. */
+constexpr std::uint32_t FIVE_OCTETS = 255;
+/** In a packet's header the octets from here to FIVE_OCTETS begin a part. */
+constexpr std::uint32_t PARTS = 224;
+constexpr std::size_t MOST_SIGNATURES = 16;
 
-/** Takes big-endian fields off the front; empty when they do not suffice. */
+/** Takes big-endian fields off the front. Each throws std::out_of_range when
+ *  the bytes do not suffice. */
 class Reader
 {
   public:
-    explicit Reader(Bytes bytes) : rest(bytes) {}
+    explicit Reader(Bytes bytes) : rest_(bytes) {}
 
-    bool atEnd() const { return rest.empty(); }
-    std::size_t remaining() const { return rest.size(); }
-    Bytes remainder() const { return rest; }
-    std::optional<std::uint32_t> number(std::size_t width)
+    Bytes rest() const { return rest_; }
+    Bytes take(std::size_t size)
     {
-        const auto bytes = take(width);
-        if (!bytes)
+        if (size > rest_.size())
         {
-            return std::nullopt;
+            throw std::out_of_range("packet");
         }
+        const Bytes front = rest_.first(size);
+        rest_ = rest_.subspan(size);
+        return front;
+    }
+    std::uint32_t number(std::size_t width)
+    {
         std::uint32_t value = 0;
-        for (const std::byte byte : *bytes)
+        for (const std::byte byte : take(width))
         {
             value = value << 8 | std::to_integer<std::uint32_t>(byte);
         }
         return value;
     }
-    std::optional<Bytes> take(std::optional<std::uint32_t> size)
+    /** A length of one, two or five octets; two end at @p endOfTwo. */
+    std::uint32_t length(std::uint32_t endOfTwo)
     {
-        if (!size || *size > rest.size())
-        {
-            return std::nullopt;
-        }
-        const Bytes front = rest.first(*size);
-        rest = rest.subspan(*size);
-        return front;
-    }
-    /** A length of one, two or five octets. */
-    std::optional<std::uint32_t> length(std::uint32_t firstOfFive)
-    {
-        const auto first = number(1);
-        if (!first || *first < 192)
+        const std::uint32_t first = number(1);
+        if (first < 192)
         {
             return first;
         }
-        if (*first >= firstOfFive)
+        if (first == FIVE_OCTETS)
         {
-            return *first == 255 ? number(4) : std::nullopt;
+            return number(4);
         }
-        const auto second = number(1);
-        return second ? std::optional((*first - 192) * 256 + *second + 192)
-                      : std::nullopt;
+        if (first >= endOfTwo)
+        {
+            throw std::out_of_range("packet");
+        }
+        return (first - 192) * 256 + number(1) + 192;
     }
 
   private:
-    Bytes rest;
+    Bytes rest_;
 };
 
-struct Packet
+/** The body of the next packet, which has to be a signature. */
+Bytes nextSignature(Reader& reader)
 {
-    unsigned tag;
-    Bytes body;
-};
-
-std::optional<Packet> nextPacket(Reader& reader)
-{
-    const auto head = reader.number(1);
-    if (!head || (*head & 0x80) == 0)
+    const std::uint32_t head = reader.number(1);
+    const bool isNew = (head & 0x40) != 0;
+    if ((head & 0x80) == 0 ||
+        (isNew ? head & 0x3f : head >> 2 & 0xf) != SIGNATURE_TAG)
     {
-        return std::nullopt;
+        throw std::out_of_range("packet");
     }
-    std::optional<std::uint32_t> size;
-    unsigned tag = *head & 0x3f;
-    if ((*head & 0x40) != 0)
+    if (isNew)
     {
-        size = reader.length(224);
+        return reader.take(reader.length(PARTS));
     }
-    else
-    {
-        const unsigned kind = *head & 3;
-        tag >>= 2;
-        size = kind == 3 ? static_cast<std::uint32_t>(reader.remaining())
-                         : reader.number(std::size_t{1} << kind);
-    }
-    const auto body = reader.take(size);
-    return body ? std::optional(Packet{tag, *body}) : std::nullopt;
+    const std::uint32_t kind = head & 3;
+    return reader.take(kind == 3 ? reader.rest().size()
+                                 : reader.number(std::size_t{1} << kind));
 }
 
-std::string publicKeyAlgorithm(std::uint32_t number)
+std::string nameOr(const char* name, std::uint32_t number)
 {
-    switch (number)
-    {
-        case 1:
-        case 3:
-            return "RSA";
-        case 17:
-            return "DSA";
-        case 19:
-            return "ECDSA";
-        case 22:
-            return "EdDSA";
-        default:
-            return "algorithm " + std::to_string(number);
-    }
+    return name == nullptr ? "number " + std::to_string(number) : name;
 }
 
-std::string digestAlgorithm(std::uint32_t number)
+/** GPGME has numbers of its own for the curves. */
+std::string keyAlgorithm(std::uint32_t number)
 {
-    switch (number)
-    {
-        case 2:
-            return "SHA1";
-        case 8:
-            return "SHA256";
-        case 9:
-            return "SHA384";
-        case 10:
-            return "SHA512";
-        case 11:
-            return "SHA224";
-        default:
-            return "digest " + std::to_string(number);
-    }
+    return nameOr(gpgme_pubkey_algo_name(number == ECDSA ? GPGME_PK_ECDSA
+                                         : number == EDDSA
+                                             ? GPGME_PK_EDDSA
+                                             : gpgme_pubkey_algo_t(number)),
+                  number);
 }
 
 /** The signed subpackets come first; a later one does not replace them. */
-void describeSubpacket(Json& fields, Reader subpacket)
-{
-    const auto type = subpacket.number(1);
-    switch (type.value_or(0) & 0x7f)
-    {
-        case creationTime:
-            fields.emplace("created", subpacket.number(4).value_or(0));
-            break;
-        case expirationTime:
-            fields.emplace("secondsOfValidity",
-                           subpacket.number(4).value_or(0));
-            break;
-        case issuerKeyId:
-            fields.emplace("keyId", hex(subpacket.take(8).value_or(Bytes{})));
-            break;
-        case issuerFingerprint:
-            // One octet, the key's version, stands before the fingerprint.
-            subpacket.number(1);
-            fields.emplace("fingerprint", hex(subpacket.remainder()));
-            break;
-        default:
-            break;
-    }
-}
-
 void describeSubpackets(Json& fields, Reader& reader)
 {
-    const auto area = reader.take(reader.number(2));
-    Reader subpackets(area.value_or(Bytes{}));
-    while (!subpackets.atEnd())
+    Reader area(reader.take(reader.number(2)));
+    while (!area.rest().empty())
     {
-        const auto subpacket = subpackets.take(subpackets.length(255));
-        if (!subpacket)
+        Reader subpacket(area.take(area.length(FIVE_OCTETS)));
+        switch (subpacket.number(1) & 0x7f)
         {
-            return;
+            case CREATION_TIME:
+                fields.emplace("created", subpacket.number(4));
+                break;
+            case EXPIRATION_TIME:
+                fields.emplace("secondsOfValidity", subpacket.number(4));
+                break;
+            case ISSUER_KEY_ID:
+                fields.emplace("keyId", hex(subpacket.take(8)));
+                break;
+            case ISSUER_FINGERPRINT:
+                // The key's version stands before the fingerprint.
+                subpacket.number(1);
+                fields.emplace("fingerprint", hex(subpacket.rest()));
+                break;
+            default:
+                break;
         }
-        describeSubpacket(fields, Reader(*subpacket));
     }
 }
 
-Json describeSignature(Bytes body)
+void describeSignature(Json& fields, Reader reader)
 {
-    Json fields;
-    Reader reader(body);
-    const std::uint32_t version = reader.number(1).value_or(0);
+    const std::uint32_t version = reader.number(1);
     fields["version"] = version;
     if (version != 4 && version != 5)
     {
-        return fields;
+        return;
     }
-    const auto type = reader.number(1);
-    const auto key = reader.number(1);
-    const auto digest = reader.number(1);
-    if (!digest)
+    fields["type"] = reader.number(1);
+    fields["algorithm"] = keyAlgorithm(reader.number(1));
+    const std::uint32_t digest = reader.number(1);
+    fields["digestAlgorithm"] =
+        nameOr(gpgme_hash_algo_name(gpgme_hash_algo_t(digest)), digest);
+    describeSubpackets(fields, reader);
+    describeSubpackets(fields, reader);
+}
+
+/** The moments behind the numbers of seconds. */
+void addDates(Json& fields)
+{
+    const std::int64_t created = fields.value("created", std::int64_t{0});
+    const std::int64_t validity =
+        fields.value("secondsOfValidity", std::int64_t{0});
+    if (created != 0)
     {
-        return fields;
+        fields["createdDate"] = dateText(created);
     }
-    fields["type"] = *type;
-    fields["algorithm"] = publicKeyAlgorithm(*key);
-    fields["digestAlgorithm"] = digestAlgorithm(*digest);
-    describeSubpackets(fields, reader);
-    describeSubpackets(fields, reader);
-    return fields;
+    if (created != 0 && validity != 0)
+    {
+        fields["expiresDate"] = dateText(created + validity);
+    }
 }
 
 } // namespace
 
-Json describeSignatures(Bytes file)
+Json describeSignatures(Bytes file, Remarks& remarks)
 {
     Json signatures = Json::array();
-    Reader reader(file);
-    while (!reader.atEnd() && signatures.size() < mostSignatures)
+    if (file.empty())
     {
-        const std::size_t offset = file.size() - reader.remaining();
-        const auto packet = nextPacket(reader);
-        if (!packet)
+        remarks.emplace_back("the signature is empty");
+    }
+    Reader reader(file);
+    while (!reader.rest().empty() && signatures.size() < MOST_SIGNATURES)
+    {
+        const std::size_t offset = file.size() - reader.rest().size();
+        Json fields{{"offset", offset}};
+        try
         {
+            const Bytes body = nextSignature(reader);
+            fields["size"] = file.size() - reader.rest().size() - offset;
+            describeSignature(fields, Reader(body));
+        }
+        catch (const std::out_of_range&)
+        {
+            remarks.push_back("at offset " + std::to_string(offset) +
+                              " there is no complete OpenPGP signature");
             break;
         }
-        Json fields{{"offset", offset},
-                    {"size", file.size() - reader.remaining() - offset}};
-        if (packet->tag == signatureTag)
-        {
-            fields.update(describeSignature(packet->body));
-        }
+        addDates(fields);
         signatures.push_back(std::move(fields));
     }
     return signatures;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "bytes.hpp"
+#include "error.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -13,6 +14,6 @@ namespace pack
 inline constexpr std::uint64_t largestSignature = 64U << 10;
 
 /** The fields of the OpenPGP signatures in a detached, binary signature. */
-nlohmann::ordered_json describeSignatures(Bytes file);
+nlohmann::ordered_json describeSignatures(Bytes file, Remarks& remarks);
 
 } // namespace pack

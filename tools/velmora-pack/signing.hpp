@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <string>
-#include <string_view>
 
 namespace pack
 {
@@ -17,8 +16,5 @@ struct Signing
     /** Nothing is signed: this file receives what is to be. */
     std::filesystem::path toBeSigned;
 };
-
-/** The one line of a success. */
-void report(const std::filesystem::path& made, std::string_view what);
 
 } // namespace pack

@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
 #include <cstdlib>
+#include <limits>
+#include <optional>
 #include <system_error>
 
 namespace pack
@@ -15,24 +18,25 @@ namespace
 {
 
 /** 1980-01-01, the first time that a ZIP can hold. */
-constexpr std::int32_t earliestTime = 315532800;
-constexpr mode_t memberMode = 0644;
-constexpr std::size_t readBlock = 64U << 10;
+constexpr std::int32_t EARLIEST_TIME = 315532800;
+constexpr mode_t MEMBER_MODE = 0644;
+constexpr std::size_t READ_BLOCK = 64U << 10;
+/** The archive library keeps the whole central directory in memory. */
+constexpr std::uint64_t LARGEST_DIRECTORY = 8U << 20;
 /** A small archive can unpack to a great deal. */
-constexpr std::uint64_t mostUnpacked = std::uint64_t{64} << 30;
-
-constexpr std::uint64_t largestDirectory = 8U << 20;
-constexpr std::size_t endRecordSize = 22;
-constexpr std::size_t endRecordDirectory = 16;
-constexpr std::size_t largestComment = 0xffff;
-constexpr std::size_t locatorSize = 20;
-constexpr std::size_t locatorRecord = 8;
-constexpr std::size_t record64Size = 56;
-constexpr std::size_t record64Directory = 48;
-constexpr std::uint32_t seeRecord64 = 0xffffffff;
+constexpr std::uint64_t MOST_UNPACKED = std::uint64_t{16} << 30;
 
 using Entry = Handle<archive_entry, archive_entry_free>;
 using Reader = Handle<archive, archive_read_free>;
+
+/** What the archive library reads from. */
+struct Input
+{
+    int descriptor;
+    Buffer block = Buffer(READ_BLOCK);
+    /** So many bytes may still be read. */
+    std::uint64_t budget = LARGEST_DIRECTORY;
+};
 
 std::string reasonOf(archive* handle)
 {
@@ -46,107 +50,96 @@ std::string reasonOf(archive* handle)
     return text == nullptr ? "cannot be read as a ZIP" : text;
 }
 
-void expectSmallDirectory(const Source& source, std::uint64_t offset)
+la_ssize_t readInput(archive* handle, void* data, const void** block)
 {
-    if (offset < source.size() && source.size() - offset > largestDirectory)
+    Input& input = *static_cast<Input*>(data);
+    const ssize_t count = read(input.descriptor, input.block.data(),
+                               static_cast<std::size_t>(std::min<std::uint64_t>(
+                                   input.block.size(), input.budget)));
+    if (count < 0)
     {
-        throw Error(source.name(), "has too large a central directory");
+        archive_set_error(handle, errno, "cannot be read");
+        return ARCHIVE_FATAL;
     }
+    input.budget -= static_cast<std::uint64_t>(count);
+    *block = input.block.data();
+    return count;
 }
 
-/** The archive library keeps the whole central directory in memory: how long
- *  it can be at most is therefore looked at first. */
-void boundDirectory(const Source& source)
+la_int64_t seekInput(archive* /*handle*/, void* data, la_int64_t offset,
+                     int whence)
 {
-    const std::uint64_t size =
-        std::min<std::uint64_t>(source.size(), largestComment + endRecordSize);
-    const Buffer tail = source.read(source.size() - size, size);
-    const std::size_t end = textOf(tail).rfind("PK\5\6");
-    if (end == std::string_view::npos || tail.size() - end < endRecordSize)
-    {
-        return;
-    }
-    const auto directory =
-        loadLittle<std::uint32_t>(tail, end + endRecordDirectory);
-    if (directory != seeRecord64)
-    {
-        expectSmallDirectory(source, directory);
-    }
-    if (end >= locatorSize &&
-        textOf(tail).substr(end - locatorSize).starts_with("PK\6\7"))
-    {
-        const auto record =
-            loadLittle<std::uint64_t>(tail, end - locatorSize + locatorRecord);
-        if (record <= source.size() && source.size() - record >= record64Size)
-        {
-            expectSmallDirectory(source, loadLittle<std::uint64_t>(
-                                             source.read(record, record64Size),
-                                             record64Directory));
-        }
-    }
+    return lseek(static_cast<Input*>(data)->descriptor, offset, whence);
 }
 
 /** One pass over the members of an archive. */
 class ZipReader
 {
   public:
-    explicit ZipReader(const Source& file) :
-        source(file), reader(archive_read_new()),
-        progress("reading", file.name(), file.size())
+    ZipReader(const Source& source, Remarks& remarks) :
+        source_(source), remarks_(remarks), input_{source.descriptor()},
+        reader_(archive_read_new())
     {
-        boundDirectory(source);
-        check(archive_read_support_format_zip(reader.get()));
-        const auto descriptor = source.descriptor();
-        check(descriptor
-                  ? archive_read_open_fd(reader.get(), *descriptor, readBlock)
-                  : archive_read_open_memory(reader.get(),
-                                             source.memory().data(),
-                                             source.memory().size()));
+        // A name in UTF-8 is handed out in the locale's characters.
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+        archive* const reader = reader_.get();
+        // The extractor too goes by the central directory alone.
+        check(archive_read_support_format_zip_seekable(reader));
+        check(archive_read_set_callback_data(reader, &input_));
+        check(archive_read_set_read_callback(reader, readInput));
+        check(archive_read_set_seek_callback(reader, seekInput));
+        check(archive_read_open1(reader));
     }
 
-    bool next(ZipMember& member)
+    std::optional<ZipMember> next()
     {
         archive_entry* entry = nullptr;
-        const int result = archive_read_next_header(reader.get(), &entry);
+        input_.budget = LARGEST_DIRECTORY;
+        const int result = archive_read_next_header(reader_.get(), &entry);
         if (result == ARCHIVE_EOF)
         {
-            return false;
+            return std::nullopt;
         }
         check(result);
-        if (++members > mostMembers)
+        if (++members_ > mostMembers)
         {
-            throw Error(source.name(), "has too many members");
+            throw Error(source_.name(), "has too many members");
         }
         const char* const name = archive_entry_pathname(entry);
-        member.name = name == nullptr ? "" : name;
-        member.offset =
-            static_cast<std::uint64_t>(archive_filter_bytes(reader.get(), 0));
-        member.regular = archive_entry_filetype(entry) == AE_IFREG &&
-                         archive_entry_symlink(entry) == nullptr;
-        return true;
+        name_ = name == nullptr ? "" : name;
+        remarkOnMethod();
+        return ZipMember{
+            name_,
+            static_cast<std::uint64_t>(archive_filter_bytes(reader_.get(), 0)),
+            archive_entry_filetype(entry) == AE_IFREG &&
+                archive_entry_symlink(entry) == nullptr};
     }
 
     void content(const Consumer& consume)
     {
-        while (true)
+        input_.budget = std::numeric_limits<std::uint64_t>::max();
+        for (;;)
         {
             throwIfInterrupted();
             const void* block = nullptr;
             std::size_t size = 0;
             la_int64_t offset = 0;
             const int result =
-                archive_read_data_block(reader.get(), &block, &size, &offset);
-            if (result == ARCHIVE_EOF)
+                archive_read_data_block(reader_.get(), &block, &size, &offset);
+            if (result == ARCHIVE_WARN || result == ARCHIVE_FAILED)
+            {
+                remark(reasonOf(reader_.get()));
+            }
+            if (result == ARCHIVE_EOF || result == ARCHIVE_FAILED)
             {
                 return;
             }
             check(result);
-            unpacked += size;
-            if (unpacked > mostUnpacked)
+            unpacked_ += size;
+            if (unpacked_ > MOST_UNPACKED)
             {
-                throw Error(source.name(), "unpacks to too much");
+                throw Error(source_.name(), "unpacks to too much");
             }
-            progress.advance(size);
             consume({static_cast<const std::byte*>(block), size});
         }
     }
@@ -157,37 +150,57 @@ class ZipReader
         // A warning is about a name that the locale cannot show.
         if (result != ARCHIVE_OK && result != ARCHIVE_WARN)
         {
-            throw Error(source.name(), reasonOf(reader.get()));
+            throw Error(source_.name(),
+                        input_.budget == 0 ? "has too large a central directory"
+                                           : reasonOf(reader_.get()));
         }
     }
 
-    const Source& source;
-    Reader reader;
-    Progress progress;
-    std::size_t members = 0;
-    std::uint64_t unpacked = 0;
+    void remark(const std::string& what)
+    {
+        remarks_.push_back("member " + name_ + ": " + what);
+    }
+
+    void remarkOnMethod()
+    {
+        // "ZIP 2.0 (deflation)", for instance
+        const std::string format = archive_format_name(reader_.get());
+        if (!format.ends_with("(uncompressed)") &&
+            !format.ends_with("(deflation)"))
+        {
+            remark("not every extractor can read its compression, " + format);
+        }
+    }
+
+    const Source& source_;
+    Remarks& remarks_;
+    Input input_;
+    Reader reader_;
+    std::string name_;
+    std::size_t members_ = 0;
+    std::uint64_t unpacked_ = 0;
 };
 
 } // namespace
 
-ZipWriter::ZipWriter(OutputFile& file) :
-    output(file), writer(archive_write_new())
+ZipWriter::ZipWriter(OutputFile& output) :
+    output_(output), writer_(archive_write_new())
 {
     // A ZIP holds local times: the zone must not show in its bytes.
     setenv("TZ", "UTC0", 1);
     tzset();
-    check(archive_write_set_format_zip(writer.get()));
+    check(archive_write_set_format_zip(writer_.get()));
     // Firmware hardly compresses, and a compressor's output changes with its
     // version.
-    check(archive_write_zip_set_compression_store(writer.get()));
-    check(archive_write_open_fd(writer.get(), output.descriptor()));
+    check(archive_write_zip_set_compression_store(writer_.get()));
+    check(archive_write_open_fd(writer_.get(), output_.descriptor()));
 }
 
 void ZipWriter::check(int result)
 {
     if (result != ARCHIVE_OK)
     {
-        throw Error(output.path().string(), reasonOf(writer.get()));
+        throw Error(output_.path().string(), reasonOf(writer_.get()));
     }
 }
 
@@ -196,38 +209,36 @@ void ZipWriter::add(const std::string& name, const Source& source)
     const Entry entry(archive_entry_new());
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_filetype(entry.get(), AE_IFREG);
-    archive_entry_set_perm(entry.get(), memberMode);
+    archive_entry_set_perm(entry.get(), MEMBER_MODE);
     archive_entry_set_size(entry.get(), static_cast<la_int64_t>(source.size()));
     archive_entry_set_mtime(
         entry.get(),
-        std::max(sourceDateEpoch().value_or(earliestTime), earliestTime), 0);
-    check(archive_write_header(writer.get(), entry.get()));
+        std::max(sourceDateEpoch().value_or(EARLIEST_TIME), EARLIEST_TIME), 0);
+    check(archive_write_header(writer_.get(), entry.get()));
     source.stream(
-        0, source.size(), "packing",
+        0, source.size(),
         [&](Bytes piece)
         {
-            if (archive_write_data(writer.get(), piece.data(), piece.size()) !=
+            if (archive_write_data(writer_.get(), piece.data(), piece.size()) !=
                 static_cast<la_ssize_t>(piece.size()))
             {
-                throw Error(output.path().string(), reasonOf(writer.get()));
+                throw Error(output_.path().string(), reasonOf(writer_.get()));
             }
         });
-    check(archive_write_finish_entry(writer.get()));
+    check(archive_write_finish_entry(writer_.get()));
 }
 
-void ZipWriter::finish() { check(archive_write_close(writer.get())); }
+void ZipWriter::finish() { check(archive_write_close(writer_.get())); }
 
-void readZip(const Source& source,
-             const std::function<Consumer(const ZipMember&)>& visit)
+void readZip(
+    const Source& source, Remarks& remarks,
+    const std::function<void(const ZipMember&, const ZipContent&)>& visit)
 {
-    ZipReader reader(source);
-    ZipMember member;
-    while (reader.next(member))
+    ZipReader reader(source, remarks);
+    while (const auto member = reader.next())
     {
-        if (const Consumer consume = visit(member))
-        {
-            reader.content(consume);
-        }
+        visit(*member,
+              [&](const Consumer& consume) { reader.content(consume); });
     }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "bytes.hpp"
 #include "files.hpp"
 
 #include <archive.h>
@@ -8,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <type_traits>
 
 namespace pack
 {
@@ -27,8 +25,8 @@ class ZipWriter
   private:
     void check(int result);
 
-    OutputFile& output;
-    Handle<archive, archive_write_free> writer;
+    OutputFile& output_;
+    Handle<archive, archive_write_free> writer_;
 };
 
 struct ZipMember
@@ -39,9 +37,13 @@ struct ZipMember
     bool regular = false;
 };
 
-/** Reads every member of an archive that may be hostile; the visitor is given
- *  each member, and says what is to be done with its content. */
-void readZip(const Source& source,
-             const std::function<Consumer(const ZipMember&)>& visit);
+/** Hands on a member's content, as far as it can be read. */
+using ZipContent = std::function<void(const Consumer&)>;
+
+/** Reads the members of an archive that may be hostile, one after another.
+ *  @p remarks receives what is wrong with a member. */
+void readZip(
+    const Source& source, Remarks& remarks,
+    const std::function<void(const ZipMember&, const ZipContent&)>& visit);
 
 } // namespace pack
