@@ -1,7 +1,6 @@
 #include "descriptor.hpp"
 
 #include <libxml/parser.h>
-#include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
 
@@ -26,8 +25,6 @@ constexpr auto SYSTEM_ID_PATH = "//Model/@systemID";
 constexpr std::size_t LARGEST_DESCRIPTOR = 262144;
 constexpr std::size_t MOST_SYSTEM_IDS = 1000;
 constexpr int LARGEST_SYSTEM_ID = 0xffff;
-/** Bytes of UTF-8. */
-constexpr std::ptrdiff_t LONGEST_CHARACTER = 4;
 constexpr std::size_t DIGEST_LENGTH = 64;
 
 using XmlDocument = Handle<xmlDoc, xmlFreeDoc>;
@@ -49,47 +46,10 @@ const xmlChar* xmlText(const char* text)
     return reinterpret_cast<const xmlChar*>(text);
 }
 
-xmlNode* addElement(xmlNode* parent, const char* name)
+std::string escaped(const std::string& value)
 {
-    return xmlNewChild(parent, nullptr, xmlText(name), nullptr);
-}
-
-void addAttribute(xmlNode* element, const char* name, const std::string& value)
-{
-    if (xmlNewProp(element, xmlText(name), xmlText(value.c_str())) == nullptr)
-    {
-        throw Error(descriptorName, "cannot be written");
-    }
-}
-
-/** What a descriptor can hold without the parser's changing it: characters of
- *  XML in UTF-8, and no control characters. */
-bool isPlain(const std::string& value)
-{
-    const auto* position =
-        reinterpret_cast<const unsigned char*>(value.c_str());
-    const auto* const end = position + value.size();
-    while (position < end)
-    {
-        int length = static_cast<int>(
-            std::min<std::ptrdiff_t>(end - position, LONGEST_CHARACTER));
-        const int character = xmlGetUTF8Char(position, &length);
-        if (character < ' ' || character == 0x7f || !IS_CHAR(character))
-        {
-            return false;
-        }
-        position += length;
-    }
-    return !value.empty();
-}
-
-void expectPlain(const std::string& value, std::string_view what)
-{
-    if (!isPlain(value))
-    {
-        throw Error(what, "must be UTF-8 text without control characters, "
-                          "and not empty");
-    }
+    const XmlText text(xmlEncodeSpecialChars(nullptr, xmlText(value.c_str())));
+    return text ? reinterpret_cast<const char*>(text.get()) : "";
 }
 
 XmlDocument parse(Bytes xml, std::string_view name)
@@ -182,43 +142,44 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
     }
 }
 
+bool holds(Bytes xml, const Descriptor& descriptor)
+{
+    try
+    {
+        return readDescriptor(xml) == descriptor;
+    }
+    catch (const Error&)
+    {
+        return false;
+    }
+}
+
 } // namespace
 
 Buffer writeDescriptor(const Descriptor& descriptor)
 {
-    expectPlain(descriptor.model, "the model");
-    expectPlain(descriptor.version, "the version");
-    const XmlDocument document(xmlNewDoc(xmlText("1.0")));
-    xmlNode* const root =
-        xmlNewDocNode(document.get(), nullptr, xmlText("Package"), nullptr);
-    xmlDocSetRootElement(document.get(), root);
-    addAttribute(addElement(root, "Device"), "componentID", descriptor.model);
-    xmlNode* const component = addElement(root, "SoftwareComponent");
-    addAttribute(component, "vendorVersion", descriptor.version);
-    addAttribute(component, "hashAlgorithm", "SHA256");
-    addAttribute(component, "hash", descriptor.digest);
+    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                       "<Package>\n  <Device componentID=\"" +
+                       escaped(descriptor.model) +
+                       "\"/>\n  <SoftwareComponent vendorVersion=\"" +
+                       escaped(descriptor.version) +
+                       "\" hashAlgorithm=\"SHA256\" hash=\"" +
+                       descriptor.digest + "\"/>\n";
     // No Model element at all means that every system is supported.
     for (const std::string& systemId : descriptor.systemIds)
     {
-        addAttribute(addElement(root, "Model"), "systemID", systemId);
+        text += "  <Model systemID=\"" + systemId + "\"/>\n";
     }
-
-    xmlChar* written = nullptr;
-    int size = 0;
-    xmlDocDumpFormatMemoryEnc(document.get(), &written, &size, "UTF-8", 1);
-    const XmlText text(written);
-    if (!text || size <= 0)
+    text += "</Package>\n";
+    const Bytes bytes = bytesOf(text);
+    // The parser drops an empty value and changes control characters.
+    if (descriptor.model.empty() || descriptor.version.empty() ||
+        !holds(bytes, descriptor))
     {
-        throw Error(descriptorName, "cannot be written");
+        throw Error("the model or the version",
+                    "is empty, or not UTF-8 text without control characters");
     }
-    const Bytes bytes =
-        std::as_bytes(std::span(text.get(), static_cast<std::size_t>(size)));
-    Buffer buffer(bytes.begin(), bytes.end());
-    if (readDescriptor(buffer) != descriptor)
-    {
-        throw Error(descriptorName, "cannot hold these texts");
-    }
-    return buffer;
+    return {bytes.begin(), bytes.end()};
 }
 
 Descriptor readDescriptor(Bytes xml)

@@ -24,7 +24,7 @@ constexpr std::size_t READ_BLOCK = 64U << 10;
 /** The archive library keeps the whole central directory in memory. */
 constexpr std::uint64_t LARGEST_DIRECTORY = 8U << 20;
 /** A small archive can unpack to a great deal. */
-constexpr std::uint64_t MOST_UNPACKED = std::uint64_t{16} << 30;
+constexpr std::uint64_t MOST_UNPACKED = std::uint64_t{8} << 30;
 
 using Entry = Handle<archive_entry, archive_entry_free>;
 using Reader = Handle<archive, archive_read_free>;
