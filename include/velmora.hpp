@@ -104,10 +104,9 @@ extern VELMORA_EXPORT std::string metadata_algo;
  *
  *  @param filePath a regular file; opened as it is, relative paths from the
  *         working directory
- *  @return 64 lower-case hexadecimal characters; empty when the file cannot be
- *          opened or read whole, or the digest fails, and for a directory, a
- *          FIFO and a device (but one that has a length, below 10 MiB, is read
- *          like a file)
+ *  @return 64 lower-case hexadecimal characters; 64 zeros when the file was
+ *          opened and could not be read whole or digested; empty when it cannot
+ *          be opened or is no regular file (links are followed)
  *  @throws std::bad_alloc when no buffer of the file's length (only reserved,
  *          not filled) can be had */
 VELMORA_EXPORT std::string calculateFileSHA(const std::string& filePath);
@@ -132,7 +131,9 @@ class VELMORA_EXPORT ValidateQOR
      *  Existing files of the same names are overwritten; a failure leaves what
      *  was extracted until then. The process must be in a state in which it
      *  may fork, and must not ignore SIGCHLD: an extractor whose end cannot be
-     *  waited for, or that a signal ended, counts as successful.
+     *  waited for, or that a signal ended, counts as successful. The children
+     *  have no input, no terminal, no file descriptor of the process's but 1
+     *  and 2, and none of the variables UNZIP, UNZIPOPT, ZIPINFO, ZIPINFOOPT.
      *
      *  @param packagePath ZIP archive
      *  @param destination existing directory
@@ -142,7 +143,8 @@ class VELMORA_EXPORT ValidateQOR
 
     /** One attribute of the first selected node that has it.
      *
-     *  Cleans up libxml2's process-wide parser state.
+     *  Cleans up libxml2's process-wide parser state. Refuses a document of
+     *  more than 256 KiB, and one whose document type makes it a larger one.
      *
      *  @param descriptorPath XML file
      *  @param expression XPath 1.0 expression that selects elements, or null
@@ -195,7 +197,8 @@ class VELMORA_EXPORT ValidateQOR
 
     /** Composite SHA-256 of a directory: over the joined digest texts of its
      *  regular files, in the byte order of their paths. Subdirectories are not
-     *  entered; what is not a regular file, or cannot be read, is left out.
+     *  entered; what is not a regular file, or cannot be opened, is left out.
+     *  A file that can be opened but not be read whole counts as 64 zeros.
      *
      *  @param payloadPath directory
      *  @return 64 lower-case hexadecimal characters; empty when it is not a
@@ -228,7 +231,8 @@ class VELMORA_EXPORT ValidateQOR
      *  the image's end.
      *
      *  Asks xyz.openbmc_project.securityservices on the system bus. Writes the
-     *  manifest's release marker, if it has one, to /tmp/ingressRelease.
+     *  manifest's release marker, if it has one, to /tmp/ingressRelease, but
+     *  not where that is anything but a regular file with one name.
      *
      *  @param imagePath image under 4 GiB
      *  @param manifestDir directory of "image-ktb" and "image-ktb.sig"
@@ -294,7 +298,8 @@ class VELMORA_EXPORT ValidateQOR
      *
      *  Consumes /var/run/obmcupdate/OpenBMCSecureBootRootCA.pem: once the
      *  payload's trailer has been read, the file is removed whatever the
-     *  outcome.
+     *  outcome. Only a payload that is truncated while it is mapped leaves it:
+     *  that ends the process with SIGBUS.
      *
      *  @param payloadPath file of more than 76,800 bytes
      *  @see extract_meta_data and verify_slot_signature for the side effects */

@@ -38,6 +38,8 @@ using StoreContext =
     std::unique_ptr<X509_STORE_CTX, Releaser<X509_STORE_CTX_free>>;
 
 constexpr int INTERNAL_ERROR = -1;
+/** OpenSSL's level for 112 bits: no MD5 or SHA-1, no RSA below 2048 bits. */
+constexpr int SECURITY_LEVEL = 2;
 
 /** The caller's error queue keeps what it had, and nothing more. */
 class ErrorMark
@@ -68,7 +70,7 @@ Certificate readCertificate(BIO* bio)
     return Certificate(PEM_read_bio_X509(bio, nullptr, noPassphrase, nullptr));
 }
 
-/** Whether the last read ended for want of another block. */
+/** Whether the last read found no further block, which is the good end. */
 bool atEnd()
 {
     const unsigned long error = ERR_peek_last_error();
@@ -145,5 +147,7 @@ int verify_chain_OBMC(const char* chain, const char* rootCa, size_t chainLength,
         return INTERNAL_ERROR;
     }
     X509_STORE_CTX_set_time(context.get(), 0, static_cast<std::time_t>(time));
+    X509_VERIFY_PARAM_set_auth_level(X509_STORE_CTX_get0_param(context.get()),
+                                     SECURITY_LEVEL);
     return verify(context.get());
 }
