@@ -38,7 +38,7 @@ using XmlText = Handle<xmlChar, freeText>;
 struct Found
 {
     std::string value;
-    long line;
+    long line = 0;
 };
 
 const xmlChar* xmlText(const char* text)
@@ -61,9 +61,9 @@ XmlDocument parse(Bytes xml, std::string_view name)
     // The reason is told once, by the exception.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto) {});
     // Entities stay as they stand, and nothing outside the text is fetched.
-    XmlDocument document(
-        xmlReadMemory(textOf(xml).data(), static_cast<int>(xml.size()), nullptr,
-                      nullptr, XML_PARSE_NONET | XML_PARSE_BIG_LINES));
+    XmlDocument document(xmlReadMemory(
+        reinterpret_cast<const char*>(xml.data()), static_cast<int>(xml.size()),
+        nullptr, nullptr, XML_PARSE_NONET | XML_PARSE_BIG_LINES));
     if (!document)
     {
         throw Error(name, "is not well-formed XML");

@@ -2,10 +2,11 @@
 
 #include "inspect.hpp"
 
-#include <gpgme.h>
-
+#include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 using Json = nlohmann::ordered_json;
 
@@ -21,8 +22,12 @@ constexpr std::uint32_t CREATION_TIME = 2;
 constexpr std::uint32_t EXPIRATION_TIME = 3;
 constexpr std::uint32_t ISSUER_KEY_ID = 16;
 constexpr std::uint32_t ISSUER_FINGERPRINT = 33;
-constexpr std::uint32_t ECDSA = 19;
-constexpr std::uint32_t EDDSA = 22;
+constexpr std::array KEY_ALGORITHMS{std::pair{1U, "RSA"}, std::pair{17U, "DSA"},
+                                    std::pair{19U, "ECDSA"},
+                                    std::pair{22U, "EdDSA"}};
+constexpr std::array DIGEST_ALGORITHMS{
+    std::pair{2U, "SHA1"}, std::pair{8U, "SHA256"}, std::pair{9U, "SHA384"},
+    std::pair{10U, "SHA512"}, std::pair{11U, "SHA224"}};
 constexpr std::size_t MOST_SIGNATURES = 16;
 
 /** Takes bytes off the front; throws std::out_of_range when they do not
@@ -86,19 +91,13 @@ Bytes takeSignature(Bytes& bytes)
                                  : takeNumber(bytes, std::size_t{1} << kind));
 }
 
-std::string nameOr(const char* name, std::uint32_t number)
+template <typename Names>
+std::string nameOf(std::uint32_t number, const Names& names)
 {
-    return name == nullptr ? "number " + std::to_string(number) : name;
-}
-
-/** GPGME has numbers of its own for the curves. */
-std::string keyAlgorithm(std::uint32_t number)
-{
-    const gpgme_pubkey_algo_t algorithm =
-        number == ECDSA   ? GPGME_PK_ECDSA
-        : number == EDDSA ? GPGME_PK_EDDSA
-                          : static_cast<gpgme_pubkey_algo_t>(number);
-    return nameOr(gpgme_pubkey_algo_name(algorithm), number);
+    const auto* const found =
+        std::ranges::find(names, number, &Names::value_type::first);
+    return found == names.end() ? "number " + std::to_string(number)
+                                : found->second;
 }
 
 /** The signed subpackets come first; a later one does not replace them. */
@@ -138,10 +137,8 @@ void describeSignature(Json& fields, Bytes body)
         return;
     }
     fields["type"] = takeNumber(body, 1);
-    fields["algorithm"] = keyAlgorithm(takeNumber(body, 1));
-    const std::uint32_t digest = takeNumber(body, 1);
-    fields["digestAlgorithm"] = nameOr(
-        gpgme_hash_algo_name(static_cast<gpgme_hash_algo_t>(digest)), digest);
+    fields["algorithm"] = nameOf(takeNumber(body, 1), KEY_ALGORITHMS);
+    fields["digestAlgorithm"] = nameOf(takeNumber(body, 1), DIGEST_ALGORITHMS);
     describeSubpackets(fields, take(body, takeNumber(body, 2)));
     describeSubpackets(fields, take(body, takeNumber(body, 2)));
     const std::int64_t created = fields.value("created", std::int64_t{0});
