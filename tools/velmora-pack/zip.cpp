@@ -103,7 +103,7 @@ class ZipReader
         check(result);
         if (++members_ > mostMembers)
         {
-            throw Error(source_.name(), "has too many members");
+            throw Error(source_.name(), "has more than 10000 members");
         }
         const char* const name = archive_entry_pathname(entry);
         name_ = name == nullptr ? "" : name;
@@ -138,7 +138,7 @@ class ZipReader
             unpacked_ += size;
             if (unpacked_ > MOST_UNPACKED)
             {
-                throw Error(source_.name(), "unpacks to too much");
+                throw Error(source_.name(), "unpacks to more than 8 GiB");
             }
             consume({static_cast<const std::byte*>(block), size});
         }
@@ -151,8 +151,9 @@ class ZipReader
         if (result != ARCHIVE_OK && result != ARCHIVE_WARN)
         {
             throw Error(source_.name(),
-                        input_.budget == 0 ? "has too large a central directory"
-                                           : reasonOf(reader_.get()));
+                        input_.budget == 0
+                            ? "has a central directory larger than 8 MiB"
+                            : reasonOf(reader_.get()));
         }
     }
 
