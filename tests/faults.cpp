@@ -285,16 +285,19 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
     return allocate(size);
 }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
-
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-
-void operator delete[](void* memory) noexcept { std::free(memory); }
-
-void operator delete[](void* memory, std::size_t) noexcept
+// A compiler that saw free() here would take it for the wrong partner of new.
+[[gnu::noinline]] static void release(void* memory) noexcept
 {
     std::free(memory);
 }
+
+void operator delete(void* memory) noexcept { release(memory); }
+
+void operator delete(void* memory, std::size_t) noexcept { release(memory); }
+
+void operator delete[](void* memory) noexcept { release(memory); }
+
+void operator delete[](void* memory, std::size_t) noexcept { release(memory); }
 
 namespace velmora::test
 {
