@@ -260,6 +260,7 @@ expect 3 '^velmora: a.x0ab.xff.xed.xa0.x80: could' "$velmora" digest \
 # Large enough to be under way when the signal comes.
 truncate -s 256M large
 ulimit -c 0
+# shellcheck disable=SC2016 # Expanded by the other shell.
 expect 0 'digest|[0-9a-f]{64}' sh -c \
     'trap "" HUP; "$0" digest large & sleep 0.1; kill -HUP $!; wait $!' "$velmora"
 for signal in HUP QUIT; do
