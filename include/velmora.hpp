@@ -26,6 +26,11 @@
  *  caller. Every operation blocks until its work is done.
  */
 
+/** The version that this header belongs to. */
+#define VELMORA_VERSION_MAJOR 1
+#define VELMORA_VERSION_MINOR 0
+#define VELMORA_VERSION_PATCH 0
+
 #define VELMORA_EXPORT __attribute__((visibility("default")))
 
 /** OpenSSL's certificate and public key, as in <openssl/types.h>. */

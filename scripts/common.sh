@@ -4,10 +4,12 @@
 
 build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev
-    libelf-dev)
+    libelf-dev scdoc)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
-test_packages=(libgtest-dev libgmock-dev systemd scdoc abigail-tools
-    valgrind man-db)
+test_packages=(libgtest-dev libgmock-dev systemd abigail-tools valgrind man-db)
+# Without these something is left out, but the rest works: a release that is
+# in the making may not have them all at the moment.
+optional_packages=" scdoc abigail-tools valgrind man-db "
 
 say() {
     printf '%s\n' "-- $*"
@@ -19,6 +21,35 @@ as_root() {
     else
         sudo "$@"
     fi
+}
+
+apt_install() {
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -q install -y \
+        --no-install-recommends "$@"
+}
+
+# Installs packages, with a fresh index and another try: an index may be older
+# than what the mirror has.
+install_packages() {
+    local attempt package
+    for attempt in 1 2 3; do
+        as_root apt-get -q update || true
+        if apt_install "$@"; then
+            return
+        fi
+        sleep $((attempt * 5))
+    done
+    # One that cannot be had must not take the others with it.
+    local required=()
+    for package in "$@"; do
+        if [[ $optional_packages == *" $package "* ]]; then
+            apt_install "$package" ||
+                say "$package cannot be installed: going on without it" >&3
+        else
+            required+=("$package")
+        fi
+    done
+    [ "${#required[@]}" -eq 0 ] || apt_install "${required[@]}"
 }
 
 # Installs those of the named Debian packages that are not there.
@@ -34,9 +65,7 @@ need() {
     say "installing with apt: ${missing[*]}"
     local log
     log=$(mktemp)
-    if ! { as_root apt-get -q update &&
-        as_root env DEBIAN_FRONTEND=noninteractive apt-get -q install -y \
-            --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+    if ! install_packages "${missing[@]}" 3>&1 >"$log" 2>&1; then
         cat "$log" >&2
         rm -f "$log"
         exit 1
@@ -49,7 +78,8 @@ need() {
 compile() {
     local dir=$1 option log=$1.log new=()
     shift
-    for option in "$@"; do
+    # What is installed for a try stays below the directory.
+    for option in --prefix="$PWD/$dir/installed" --libdir=lib "$@"; do
         grep -qxF -e "$option" "$dir/dev-options" 2>/dev/null ||
             new+=("$option")
     done

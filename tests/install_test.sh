@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
-# What is installed, as another project meets it; run inside the simulated
-# BMC. Arguments: build directory, example, velmora, velmora-pack, test keys,
-# whether there are man pages (true, false), emulator or nothing, compiler with
-# its options.
+# What is installed in a private prefix by the lines of README.md, as another
+# project meets it; run inside the simulated BMC. The build directory has its
+# prefix below itself. Arguments: README.md, build directory, prefix, example,
+# test keys, whether there are man pages (true, false), emulator or nothing,
+# compiler with its options.
 set -euo pipefail
-build=$1 example=$2 keys=$5 man_pages=$6
-velmora=$(readlink -f "$3")
-pack=$(readlink -f "$4")
-read -ra daemon <<<"$7 ./update_daemon"
+readme=$1 build=$2 prefix=$3 example=$4 keys=$5 man_pages=$6
+read -ra emulator <<<"$7"
 shift 7
+compiler=("$@")
 failures=0
+# Meson would help the programs to find the library.
+unset LD_LIBRARY_PATH
 cd "$(mktemp -d)"
 # An agent of its own: another sandbox's would end with that.
 cp -r "$keys" keys
 keys=$PWD/keys
-root=$PWD/root
 
 fail() {
     echo "FAIL: $*"
@@ -30,38 +31,66 @@ expect() {
     fi
 }
 
-meson install -C "$build" --no-rebuild --quiet --destdir "$root"
+# The compiler that README.md means by c++ is that of the build.
+c++() {
+    "${compiler[@]}" -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror "$@"
+}
 
-pc=$(find "$root" -name velmora.pc)
-[ -n "$pc" ] || { fail "no velmora.pc"; exit 1; }
-export PKG_CONFIG_LIBDIR=${pc%/*}
-prefix=$root$(pkg-config --variable=prefix velmora)
-libdir=$root$(pkg-config --variable=libdir velmora)
-installed=("$libdir"/libvelmora.so{,.1} "$prefix/include/velmora.hpp"
-    "$prefix"/bin/{velmora,velmora-pack,bmc-sim})
-if "$man_pages"; then
-    installed+=("$prefix"/share/man/man1/{velmora,velmora-pack,bmc-sim}.1
-        "$prefix/share/man/man3/libvelmora.3")
-fi
-for file in "${installed[@]}"; do
-    [ -s "$file" ] || fail "not installed: ${file#"$root"}"
+# The lines for a private prefix, but for what has been done for the tests:
+# the build directory is configured and compiled, the prefix is in its place.
+lines=$(awk '/^meson setup build-private / { on = 1 } /^```$/ { on = 0 }
+             on && !/^meson (setup|compile)/' "$readme")
+for line in 'meson install' 'export PATH' 'c++ '; do
+    grep -q "^$line" <<<"$lines" || fail "README.md has no line: $line"
+done
+rm -rf "$prefix"
+export HOME=$PWD
+ln -s "$prefix" velmora
+ln -s "$build" build-private
+cp "$example" daemon.cpp
+eval "$lines" >log 2>&1 || { cat log; fail "README.md's lines"; exit 1; }
+
+for tool in velmora velmora-pack bmc-sim; do
+    expect 0 "^$tool [0-9.]+" "${emulator[@]}" "$HOME/velmora/bin/$tool" --version
+    if "$man_pages" && ! man -w $tool >/dev/null; then
+        fail "no man page: $tool"
+    fi
+done
+id=$(LC_ALL=C readelf -n velmora/lib/libvelmora.so.1 | sed -n 's/.*Build ID: //p')
+for tool in velmora velmora-pack bmc-sim; do
+    expect 0 "build-id ${id:?}$" "${emulator[@]}" "$HOME/velmora/bin/$tool" --version
 done
 
-read -ra flags <<<"$(PKG_CONFIG_SYSROOT_DIR=$root \
-    pkg-config --cflags --libs velmora)"
-"$@" -std=c++20 -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror \
-    "$example" "${flags[@]}" -Wl,-rpath-link,"$libdir" -o update_daemon
-# libquorlin.so.9 lies beside the library where the stand-in is used.
-export LD_LIBRARY_PATH=$libdir
+# completes EXPECTED WORD...: EXPECTED is among the completions of the last.
+completes() {
+    local expected=$1
+    shift
+    COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+    _velmora "$1"
+    [[ " ${COMPREPLY[*]} " == *" $expected "* ]] ||
+        fail "no completion of $*: ${COMPREPLY[*]}"
+}
+if [ ${#emulator[@]} -eq 0 ]; then
+    # shellcheck source=tools/completion.bash
+    . velmora/share/bash-completion/completions/velmora-pack
+    completes --json velmora --j
+    completes verify-image velmora ver
+    completes --system-id velmora-pack package --payload f --sys
+    completes --keyring bmc-sim --key
+    completes '' bmc-sim -- ''
+fi
 
+daemon=("${emulator[@]}" ./a.out)
+velmora=("${emulator[@]}" "$HOME/velmora/bin/velmora")
+pack=("${emulator[@]}" "$HOME/velmora/bin/velmora-pack")
 mkdir state files
 export STATE_DIRECTORY=$PWD/state
 echo firmware >files/image
-package=("$pack" package --payload files --version 1.2 --gpg-home "$keys/gnupg"
+package=("${pack[@]}" package --payload files --version 1.2 --gpg-home "$keys/gnupg"
     --key "$(cat "$keys/fingerprint")")
 "${package[@]}" --model 113440 -o good.zip >/dev/null
 "${package[@]}" --model 113440 --system-id 1 -o other.zip >/dev/null
-model=("$velmora" inventory model /xyz/openbmc_project/inventory/system/113440)
+model=("${velmora[@]}" inventory model /xyz/openbmc_project/inventory/system/113440)
 cp good.zip linked.zip
 mkdir payload
 ln -s /etc/passwd payload/image

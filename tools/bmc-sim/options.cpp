@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include "failure.hpp"
+#include "library_version.hpp"
 #include "purposes.hpp"
 
 #include <CLI/CLI.hpp>
@@ -73,6 +74,9 @@ void addRepeatable(CLI::App& app, const std::string& name,
 
 void declareOptions(CLI::App& app, Options& options, RawOptions& raw)
 {
+    app.set_version_flag("--version",
+                         std::string("bmc-sim " VELMORA_VERSION ", ") +
+                             libraryVersion);
     app.add_option("--system-id", raw.systemId,
                    "System identifier, 16 bits in hexadecimal")
         ->type_name("HEX")
@@ -159,10 +163,9 @@ void parseWith(CLI::App& app, std::vector<std::string> arguments)
     {
         app.parse(std::move(arguments));
     }
-    catch (const CLI::CallForHelp&)
+    catch (const CLI::Success& success)
     {
-        std::cout << app.help();
-        std::exit(EXIT_SUCCESS);
+        std::exit(app.exit(success));
     }
     catch (const CLI::ParseError& error)
     {

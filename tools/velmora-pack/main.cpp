@@ -1,6 +1,7 @@
 #include "files.hpp"
 #include "image.hpp"
 #include "inspect.hpp"
+#include "library_version.hpp"
 #include "manifest.hpp"
 #include "package.hpp"
 #include "payload.hpp"
@@ -348,6 +349,9 @@ int main(int argc, char** argv)
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
     app.footer(FOOTER);
+    app.set_version_flag("--version",
+                         std::string("velmora-pack " VELMORA_VERSION ", ") +
+                             libraryVersion);
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error)
         {

@@ -2,6 +2,7 @@
 #include "common/error.hpp"
 #include "common/signals.hpp"
 #include "explain.hpp"
+#include "library_version.hpp"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -114,7 +115,13 @@ class CommandLine
     {
         app_.footer(EXIT_STATUSES);
         app_.require_subcommand(1);
-        app_.set_version_flag("--version", VELMORA_VERSION);
+        app_.set_version_flag("--version",
+                              []
+                              {
+                                  return "velmora " VELMORA_VERSION
+                                         "\nlibrary: " +
+                                         loadedLibrary();
+                              });
         app_.add_flag("-v,--verbose", request.verbose,
                       "Show the library's log on stderr");
         app_.add_flag("--json", json, "Answer with one JSON object");
