@@ -1,14 +1,15 @@
+#include "causes.hpp"
 #include "commands.hpp"
 #include "common/error.hpp"
 #include "common/signals.hpp"
 #include "explain.hpp"
-#include "library_version.hpp"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -107,6 +108,14 @@ void printText(const std::string& command, const Request& request,
     }
 }
 
+std::string versionText()
+{
+    const CauseTable loaded(linkedLibrary());
+    return "velmora " VELMORA_VERSION ", with " +
+           std::filesystem::canonical(loaded.library()).string() +
+           ", build-id " + loaded.buildId();
+}
+
 /** The command line, and the command that it names. */
 class CommandLine
 {
@@ -115,13 +124,7 @@ class CommandLine
     {
         app_.footer(EXIT_STATUSES);
         app_.require_subcommand(1);
-        app_.set_version_flag("--version",
-                              []
-                              {
-                                  return "velmora " VELMORA_VERSION
-                                         "\nlibrary: " +
-                                         loadedLibrary();
-                              });
+        app_.set_version_flag("--version", versionText);
         app_.add_flag("-v,--verbose", request.verbose,
                       "Show the library's log on stderr");
         app_.add_flag("--json", json, "Answer with one JSON object");
