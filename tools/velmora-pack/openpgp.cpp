@@ -202,8 +202,10 @@ void OpenPgp::warnOfExpiry(const gpgme_key_t key,
         std::int64_t{std::time(nullptr)} + daysOfWarning * secondsPerDay;
     for (gpgme_subkey_t part = key->subkeys; part != nullptr; part = part->next)
     {
-        if ((part == key->subkeys || signer == part->fpr) &&
-            part->expires > 0 && part->expires < soon)
+        // Signed before GPGME 2.
+        const auto expires = static_cast<std::int64_t>(part->expires);
+        if ((part == key->subkeys || signer == part->fpr) && expires > 0 &&
+            expires < soon)
         {
             warn(name(),
                  std::string("key ") + part->fpr + " expires within 30 days");
