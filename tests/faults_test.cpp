@@ -90,8 +90,8 @@ class Faults : public testing::Test
              (scratch / "image").string());
         pack("payload " + (scratch / "body").string() + " --chain " +
              (keys() / "chain.pem").string() + " --key " +
-             (keys() / "payload-signer.pem").string() + " --alg PS256 -o " +
-             payload);
+             (keys() / "payload-signer.pem").string() +
+             " --alg PS256 --force -o " + payload);
     }
 
     std::vector<Scenario> scenarios()

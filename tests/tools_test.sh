@@ -141,7 +141,7 @@ fails content "image" content --signature content \
 payload=(payload content --chain "$keys/chain.pem")
 for algorithm in PS256 PS384 PS512; do
     "$pack" "${payload[@]}" --key "$keys/payload-signer.pem" \
-        --alg "$algorithm" -o signed
+        --alg "$algorithm" --force -o signed
     cp "$keys/root-ca.pem" "$root_ca"
     expect 0 '^accepted$' "$velmora" verify-payload signed
     expect 0 "$algorithm" "$pack" inspect signed
@@ -157,7 +157,7 @@ expect 0 'warning.*foreign.* not the issuer' "$pack" payload content \
     --chain long --key "$keys/payload-signer.pem" --alg PS256 -o warned
 expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload content \
     --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
-    --timestamp 1000000000 -o warned
+    --timestamp 1000000000 --force -o warned
 cp p.zip twice.zip
 python3 - twice.zip <<'PY'
 import sys, warnings, zipfile

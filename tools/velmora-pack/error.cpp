@@ -1,5 +1,7 @@
 #include "error.hpp"
 
+#include "files.hpp"
+
 #include <iostream>
 
 namespace pack
@@ -7,8 +9,9 @@ namespace pack
 
 void report(const std::filesystem::path& made, std::string_view what)
 {
-    std::cout << "velmora-pack: " << printable(made.string()) << ": "
-              << printable(what) << '\n';
+    (made == STANDARD_OUTPUT ? std::cerr : std::cout)
+        << "velmora-pack: " << printable(made.string()) << ": "
+        << printable(what) << '\n';
 }
 
 void warn(std::string_view subject, std::string_view what)

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -167,8 +168,14 @@ void throwIfInterrupted()
 
 OutputFile::OutputFile(fs::path path, mode_t mode) : target(std::move(path))
 {
-    expectReplaceable(target);
-    std::string name = (directoryOf(target) / TEMPORARY_NAME).string();
+    const bool named = target != STANDARD_OUTPUT;
+    if (named)
+    {
+        expectReplaceable(target);
+    }
+    const fs::path beside =
+        named ? directoryOf(target) : fs::temp_directory_path();
+    std::string name = (beside / TEMPORARY_NAME).string();
     file = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
     if (file.get() < 0)
     {
@@ -217,6 +224,18 @@ void OutputFile::commitBoth(OutputFile& first, OutputFile& second)
 
 void OutputFile::giveName()
 {
+    if (target == STANDARD_OUTPUT)
+    {
+        const Source made(temporary);
+        made.stream(0, made.size(),
+                    [](Bytes piece)
+                    {
+                        std::cout.write(
+                            textOf(piece).data(),
+                            static_cast<std::streamsize>(piece.size()));
+                    });
+        return;
+    }
     renameTo(temporary, target);
     temporary.clear();
 }
@@ -295,16 +314,21 @@ std::optional<std::int32_t> sourceDateEpoch()
     return seconds;
 }
 
-void expectDistinct(const fs::path& output,
-                    std::initializer_list<fs::path> inputs)
+void expectNew(const fs::path& output, const std::vector<fs::path>& inputs,
+               bool force)
 {
+    std::error_code missing;
     for (const fs::path& input : inputs)
     {
-        std::error_code missing;
         if (fs::equivalent(output, input, missing))
         {
             throw Error(output.string(), "is also an input");
         }
+    }
+    const fs::file_status status = fs::symlink_status(output, missing);
+    if (!force && (fs::is_regular_file(status) || fs::is_symlink(status)))
+    {
+        throw Error(output.string(), "exists; --force replaces it");
     }
 }
 

@@ -10,15 +10,18 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <initializer_list>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace pack
 {
 
 /** The largest file that is read into memory whole. */
 inline constexpr std::uint64_t largestFileInMemory = 16U << 20;
+
+/** The path that stands for standard output. */
+inline constexpr std::string_view STANDARD_OUTPUT = "-";
 
 using Consumer = std::function<void(Bytes)>;
 
@@ -50,7 +53,8 @@ class Source
 /** @throws Error when a signal has asked to end */
 void throwIfInterrupted();
 
-/** A file that appears under its name only when it is complete. */
+/** A file that appears under its name, or on standard output, only when it is
+ *  complete. */
 class OutputFile
 {
   public:
@@ -109,12 +113,14 @@ void writeFile(const std::filesystem::path& target, const Source& source,
 /** The time that SOURCE_DATE_EPOCH gives, in seconds. */
 std::optional<std::int32_t> sourceDateEpoch();
 
-/** An output must not take the place of what it is made from.
+/** An output must not take the place of what it is made from, nor of
+ *  anything else that is not to be replaced.
  *
- *  @param output may be empty or not exist yet
- *  @throws Error when it is one of @p inputs, of which some may be empty */
-void expectDistinct(const std::filesystem::path& output,
-                    std::initializer_list<std::filesystem::path> inputs);
+ *  @param output may be empty
+ *  @throws Error when it is one of @p inputs, of which some may be empty, or
+ *          exists without @p force */
+void expectNew(const std::filesystem::path& output,
+               const std::vector<std::filesystem::path>& inputs, bool force);
 
 /** What is shipped must not hold a private key, as it would when the wrong
  *  file was named.

@@ -1,5 +1,6 @@
 #include "image.hpp"
 
+#include "keys.hpp"
 #include "openssl.hpp"
 
 #include <openssl/bn.h>
@@ -117,10 +118,14 @@ void makeImage(const ImageOptions& options)
 {
     const Source source(options.input);
     expectNoPrivateKey(source);
-    for (const fs::path& made : {options.output, options.signing.toBeSigned})
+    const Signing& signing = options.signing;
+    expectNew(
+        signing.made(),
+        {options.input, options.publicKey, signing.key, signing.signature},
+        signing.force);
+    if (source.size() == 0)
     {
-        expectDistinct(made, {options.input, options.publicKey,
-                              options.signing.key, options.signing.signature});
+        throw Error(source.name(), "is empty");
     }
     if (source.size() > largestImage - signatureSize)
     {
@@ -128,28 +133,29 @@ void makeImage(const ImageOptions& options)
                     "is too large: with its signature an image must stay "
                     "below 4 GiB");
     }
-    if (!options.signing.toBeSigned.empty())
+    if (!signing.toBeSigned.empty())
     {
-        writeFile(options.signing.toBeSigned, source);
-        report(options.signing.toBeSigned, "image content to be signed");
+        writeFile(signing.toBeSigned, source);
+        report(signing.toBeSigned, "image content to be signed");
         return;
     }
-    const bool signsHere = options.signing.signature.empty();
+    const bool signsHere = signing.signature.empty();
     const std::string keyFile =
-        signsHere ? options.signing.key : options.publicKey.string();
-    const Key key =
-        signsHere ? readPrivateKey(keyFile) : readPublicKey(keyFile);
+        signsHere ? keyName(signing.key) : options.publicKey.string();
+    const Key key = signsHere
+                        ? readPrivateKey(signing.key, signing.passphraseFile)
+                        : readPublicKey(keyFile);
     expectCurve(key.get(), keyFile);
 
-    const Buffer givenSignature =
-        signsHere ? Buffer() : readSignature(options.signing.signature);
-    OutputFile output(options.output);
+    const Buffer given =
+        signsHere ? Buffer() : readSignature(signing.signature);
+    OutputFile output(signing.output);
     const Buffer signature = writeSigned(
         output, source, {}, signsHere ? key.get() : nullptr, scheme());
-    output.write(signsHere ? rawFromDer(signature, keyFile) : givenSignature);
+    output.write(signsHere ? rawFromDer(signature, keyFile) : given);
     checkImage(output.readBack(), publicPart(key.get()).get());
     output.commit();
-    report(options.output, "image of " +
+    report(signing.output, "image of " +
                                std::to_string(source.size() + signatureSize) +
                                " bytes, signed and checked");
 }

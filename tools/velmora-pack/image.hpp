@@ -16,7 +16,6 @@ struct ImageOptions
     /** Checks a signature that was made elsewhere. */
     std::filesystem::path publicKey;
     Signing signing;
-    std::filesystem::path output;
 };
 
 void makeImage(const ImageOptions& options);

@@ -28,11 +28,13 @@ namespace
 constexpr int BAD_INPUT = 1;
 constexpr int WRONG_USAGE = 2;
 constexpr std::size_t SYSTEM_ID_DIGITS = 4;
+constexpr int MOST_DAYS = 36500;
 constexpr auto FOOTER =
     "\nExit status: 0 when done, 1 for bad input or a failure (one line on\n"
     "standard error tells which), 2 for wrong usage.\n"
     "\nEnvironment: SOURCE_DATE_EPOCH, seconds since 1970, is the time of the\n"
-    "members of a package and the default timestamp of a payload.";
+    "members of a package, of its signature, and the default timestamp of a\n"
+    "payload. VELMORA_PACK_PIN is the passphrase or PIN of a key.";
 
 struct InspectOptions
 {
@@ -43,25 +45,17 @@ struct InspectOptions
     bool strict = false;
 };
 
-struct Options
-{
-    pack::PackageOptions package;
-    pack::ImageOptions image;
-    pack::ManifestOptions manifest;
-    pack::PayloadOptions payload;
-    InspectOptions inspect;
-    fs::path testKeys;
-};
-
 /** Makes of the text what the systems display: four digits, upper case. */
 std::string normaliseSystemId(std::string& text)
 {
-    const bool plain = !text.empty() && text.size() <= SYSTEM_ID_DIGITS &&
-                       std::ranges::all_of(text, [](unsigned char c)
-                                           { return std::isxdigit(c) != 0; });
-    if (!plain)
+    const bool hexadecimal =
+        !text.empty() && std::ranges::all_of(text, [](unsigned char c)
+                                             { return std::isxdigit(c) != 0; });
+    if (!hexadecimal || text.size() > SYSTEM_ID_DIGITS)
     {
-        return "not a number of 1 to 4 hexadecimal digits: " + text;
+        return (hexadecimal ? "larger than FFFF: "
+                            : "not a number of 1 to 4 hexadecimal digits: ") +
+               text;
     }
     std::ranges::transform(text, text.begin(), [](unsigned char c)
                            { return static_cast<char>(std::toupper(c)); });
@@ -76,34 +70,57 @@ CLI::Option* addPath(CLI::App& command, const std::string& name, fs::path& path,
     return command.add_option(name, path, help)->type_name(type);
 }
 
+CLI::Option* addForce(CLI::App& command, bool& force)
+{
+    return command.add_flag("--force", force, "Replace an output that exists");
+}
+
 /** One of the three ways to a signature must be chosen, and an output given
  *  unless nothing is signed. */
-void addSigning(CLI::App& command, pack::Signing& signing, fs::path& output,
+void addSigning(CLI::App& command, pack::Signing& signing,
                 const std::string& keyHelp, const std::string& signatureHelp,
                 const std::string& signedHelp)
 {
-    CLI::Option* const out =
-        addPath(command, "-o,--output", output, "The file to make");
+    CLI::Option* const out = addPath(command, "-o,--output", signing.output,
+                                     "The file to make; - for standard output");
+    addForce(command, signing.force);
     CLI::Option_group* const ways =
         command.add_option_group("Signature", "one of these");
     ways->add_option("--key", signing.key, keyHelp)->type_name("KEY");
-    ways->add_option("--signature", signing.signature, signatureHelp)
-        ->type_name("FILE");
-    CLI::Option* const toBeSigned =
-        ways->add_option("--to-be-signed", signing.toBeSigned,
-                         "Sign nothing: write the bytes to be signed, " +
-                             signedHelp)
-            ->type_name("FILE");
+    addPath(*ways, "--signature", signing.signature, signatureHelp);
+    addPath(*ways, "--to-be-signed", signing.toBeSigned,
+            "Sign nothing: write the bytes to be signed, " + signedHelp)
+        ->excludes(out);
     ways->require_option(1);
-    toBeSigned->excludes(out);
-    command.callback(
-        [out, toBeSigned]
+    command.parse_complete_callback(
+        [&signing]
         {
-            if (out->count() + toBeSigned->count() == 0)
+            if (signing.made().empty())
             {
                 throw CLI::RequiredError("--output");
             }
         });
+}
+
+/** For a key in a file or a token. */
+void addPassphrase(CLI::App& command, pack::Signing& signing)
+{
+    addPath(command, "--passphrase-file", signing.passphraseFile,
+            "Its first line is the key's passphrase or PIN; /dev/fd/N is a "
+            "descriptor")
+        ->needs(command.get_option("--key"));
+}
+
+void addTrust(CLI::App& command, const std::string& name, pack::Trust& trust,
+              const std::string& help)
+{
+    addPath(command, name, trust.anchor, help);
+    command
+        .add_option("--min-days", trust.days,
+                    "So many days must be left to key and certificates: with " +
+                        name + " they are refused, else warned of; default 30")
+        ->type_name("DAYS")
+        ->check(CLI::Range(0, MOST_DAYS));
 }
 
 void addPackage(CLI::App& app, pack::PackageOptions& options)
@@ -127,11 +144,14 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
         ->transform(CLI::Validator(normaliseSystemId, ""));
     addPath(command, "--gpg-home", options.gpgHome,
             "The GnuPG home with the key, instead of gpg's own", "DIR");
-    addSigning(command, options.signing, options.output,
+    addTrust(command, "--keyring", options.trust,
+             "The machine's exported public keys: refuse what it would refuse");
+    addSigning(command, options.signing,
                "The full fingerprint of the OpenPGP key to sign with",
                "A detached binary OpenPGP signature that was made elsewhere; "
-               "its key must be in the GnuPG home",
+               "its key must be in the GnuPG home or in --keyring",
                "the descriptor, to this file");
+    command.final_callback([&options] { pack::makePackage(options); });
 }
 
 void addImage(CLI::App& app, pack::ImageOptions& options)
@@ -143,14 +163,16 @@ void addImage(CLI::App& app, pack::ImageOptions& options)
     CLI::Option* const publicKey =
         addPath(command, "--public-key", options.publicKey,
                 "With --signature: the signer's public key, PEM");
-    addSigning(command, options.signing, options.output,
-               "The EC private key, PEM",
+    addSigning(command, options.signing,
+               "The EC private key: a PEM file or a pkcs11: URI",
                "A signature that was made elsewhere, DER or 96 bytes; needs "
                "--public-key",
                "the content, to this file");
+    addPassphrase(command, options.signing);
     CLI::Option* const signature = command.get_option("--signature");
     signature->needs(publicKey);
     publicKey->needs(signature);
+    command.final_callback([&options] { pack::makeImage(options); });
 }
 
 void addManifest(CLI::App& app, pack::ManifestOptions& options)
@@ -167,6 +189,8 @@ void addManifest(CLI::App& app, pack::ManifestOptions& options)
     addPath(command, "-o,--output", options.output,
             "The directory for both files; made if there is none", "DIR")
         ->required();
+    addForce(command, options.force);
+    command.final_callback([&options] { pack::makeManifest(options); });
 }
 
 void addPayload(CLI::App& app, pack::PayloadOptions& options)
@@ -190,38 +214,15 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
         ->type_name("SECONDS")
         ->check(CLI::Range(std::int32_t{1},
                            std::numeric_limits<std::int32_t>::max()));
-    addSigning(command, options.signing, options.output,
-               "The RSA private key of 4096 bits, PEM",
+    addTrust(command, "--root-ca", options.trust,
+             "The machine's root CA, PEM: refuse what it would refuse");
+    addSigning(command, options.signing,
+               "The RSA private key of 4096 bits: a PEM file or a pkcs11: URI",
                "A signature of 512 bytes that was made elsewhere, for the "
                "same --timestamp",
                "body, chain and metadata, to this file");
-}
-
-void addInspect(CLI::App& app, InspectOptions& options)
-{
-    CLI::App& command = *app.add_subcommand(
-        "inspect", "Say what files are, list their fields and remark on what "
-                   "a machine would refuse");
-    command.add_option("file", options.files, "The files")
-        ->type_name("FILE")
-        ->required();
-    command
-        .add_option("--as", options.kind,
-                    "What the files are; a signed image must be named")
-        ->type_name("KIND")
-        ->check(CLI::IsMember(pack::kindNames()));
-    command.add_flag("--json", options.json, "List the fields as JSON");
-    command.add_flag("--strict", options.strict, "Exit with 1 on a remark");
-}
-
-void addTestKeys(CLI::App& app, fs::path& directory)
-{
-    app.add_subcommand("test-keys",
-                       "Make keys and certificates for trying things out")
-        ->add_option("directory", directory,
-                     "The directory to make; it must be absent or empty")
-        ->type_name("DIR")
-        ->required();
+    addPassphrase(command, options.signing);
+    command.final_callback([&options] { pack::makePayload(options); });
 }
 
 int fail(std::string_view message)
@@ -301,38 +302,70 @@ int inspect(const InspectOptions& options)
     return status;
 }
 
-int run(const CLI::App& app, const Options& options)
+void addInspect(CLI::App& app, InspectOptions& options, int& status)
 {
-    int status = EXIT_SUCCESS;
-    if (app.got_subcommand("package"))
+    CLI::App& command = *app.add_subcommand(
+        "inspect", "Say what files are, list their fields and remark on what "
+                   "a machine would refuse");
+    command.add_option("file", options.files, "The files")
+        ->type_name("FILE")
+        ->required();
+    command
+        .add_option("--as", options.kind,
+                    "What the files are; a signed image must be named")
+        ->type_name("KIND")
+        ->check(CLI::IsMember(pack::kindNames()));
+    command.add_flag("--json", options.json, "List the fields as JSON");
+    command.add_flag("--strict", options.strict, "Exit with 1 on a remark");
+    command.final_callback([&] { status = inspect(options); });
+}
+
+void addTestKeys(CLI::App& app, fs::path& directory)
+{
+    CLI::App& command = *app.add_subcommand(
+        "test-keys", "Make keys and certificates for trying things out");
+    addPath(command, "directory", directory,
+            "The directory to make; it must be absent or empty", "DIR")
+        ->required();
+    command.final_callback([&directory] { pack::makeTestKeys(directory); });
+}
+
+/** Names a command that there is not, which the parser would only count. */
+void expectCommand(const CLI::App& app, int argc, char** argv)
+{
+    const std::string given = argc > 1 ? argv[1] : "-";
+    std::string known;
+    for (const CLI::App* const command : app.get_subcommands({}))
     {
-        pack::makePackage(options.package);
+        if (given == command->get_name())
+        {
+            return;
+        }
+        known += (known.empty() ? "" : ", ") + command->get_name();
     }
-    else if (app.got_subcommand("image"))
+    if (!given.starts_with('-'))
     {
-        pack::makeImage(options.image);
+        throw CLI::ValidationError(given, "is no command; there are " + known);
     }
-    else if (app.got_subcommand("manifest"))
+}
+
+/** Does what the arguments say. */
+int run(CLI::App& app, int argc, char** argv)
+{
+    try
     {
-        pack::makeManifest(options.manifest);
+        expectCommand(app, argc, argv);
+        app.parse(argc, argv);
     }
-    else if (app.got_subcommand("payload"))
+    catch (const CLI::ParseError& error)
     {
-        pack::makePayload(options.payload);
-    }
-    else if (app.got_subcommand("inspect"))
-    {
-        status = inspect(options.inspect);
-    }
-    else
-    {
-        pack::makeTestKeys(options.testKeys);
+        return app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
     }
     if (!std::cout.flush())
     {
         throw pack::systemError("standard output");
     }
-    return status;
+    return EXIT_SUCCESS;
 }
 
 } // namespace
@@ -344,7 +377,12 @@ int main(int argc, char** argv)
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
 
-    Options options;
+    pack::PackageOptions package;
+    pack::ImageOptions image;
+    pack::ManifestOptions manifest;
+    pack::PayloadOptions payload;
+    InspectOptions inspected;
+    fs::path testKeys;
     CLI::App app("Makes and inspects what libvelmora checks: firmware "
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
@@ -359,21 +397,14 @@ int main(int argc, char** argv)
                    " (--help tells more)\n";
         });
     app.require_subcommand(1);
-    addPackage(app, options.package);
-    addImage(app, options.image);
-    addManifest(app, options.manifest);
-    addPayload(app, options.payload);
-    addInspect(app, options.inspect);
-    addTestKeys(app, options.testKeys);
-    try
-    {
-        app.parse(argc, argv);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
-    }
-    const int status = guarded([&] { return run(app, options); });
+    int status = EXIT_SUCCESS;
+    addPackage(app, package);
+    addImage(app, image);
+    addManifest(app, manifest);
+    addPayload(app, payload);
+    addInspect(app, inspected, status);
+    addTestKeys(app, testKeys);
+    const int failed = guarded([&] { return run(app, argc, argv); });
     tools::SignalCleanup::raiseSeen();
-    return status;
+    return std::max(failed, status);
 }

@@ -192,9 +192,14 @@ void makeManifest(const ManifestOptions& options)
                     "holds \"$KTB\", where the manifest would be looked for");
     }
     expectNoPrivateKey(Source(content));
+    if (options.output == STANDARD_OUTPUT)
+    {
+        throw Error("standard output", "cannot hold a manifest's two files; "
+                                       "name a directory");
+    }
     for (const char* made : {"image-ktb", "image-ktb.sig"})
     {
-        expectDistinct(options.output / made, {options.prefix});
+        expectNew(options.output / made, {options.prefix}, options.force);
     }
     const tools::SignalCleanup cleanup;
     MadeDirectory directory(options.output);

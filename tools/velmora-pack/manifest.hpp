@@ -20,6 +20,7 @@ struct ManifestOptions
     /** Bytes that stand before the manifest. */
     std::filesystem::path prefix;
     std::filesystem::path output;
+    bool force = false;
 };
 
 void makeManifest(const ManifestOptions& options);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <clocale>
 #include <ctime>
+#include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -20,12 +21,13 @@ namespace pack
 namespace
 {
 
-constexpr std::size_t fingerprintLength = 40;
-constexpr auto testKeyAlgorithm = "ed25519";
-constexpr std::int64_t secondsPerDay = 86400;
-constexpr std::chrono::milliseconds agentPoll(20);
-constexpr int agentPolls = 250;
+constexpr std::size_t FINGERPRINT_LENGTH = 40;
+constexpr auto TEST_KEY_ALGORITHM = "ed25519";
+constexpr std::int64_t SECONDS_PER_DAY = 86400;
+constexpr std::chrono::milliseconds AGENT_POLL(20);
+constexpr int AGENT_POLLS = 250;
 
+using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
 using Data = Handle<std::remove_pointer_t<gpgme_data_t>, gpgme_data_release>;
 
 struct OpenPgpMemoryReleaser
@@ -64,9 +66,52 @@ Buffer contentOf(Data data)
     return {bytes.begin(), bytes.end()};
 }
 
+/** Runs a program of GnuPG, which gpgme knows under that name. */
+void spawn(const char* known, const std::vector<std::string>& arguments,
+           gpgme_data_t input = nullptr, gpgme_data_t output = nullptr,
+           gpgme_data_t errors = nullptr)
+{
+    std::vector<const char*> pointers;
+    for (const std::string& argument : arguments)
+    {
+        pointers.push_back(argument.c_str());
+    }
+    pointers.push_back(nullptr);
+    gpgme_ctx_t made = nullptr;
+    const char* const program = gpgme_get_dirinfo(known);
+    if (gpgme_new(&made) != GPG_ERR_NO_ERROR)
+    {
+        throw Error("gpg", "no memory");
+    }
+    const Context context(made);
+    if (program == nullptr ||
+        gpgme_set_protocol(made, GPGME_PROTOCOL_SPAWN) != GPG_ERR_NO_ERROR ||
+        gpgme_op_spawn(made, program, pointers.data(), input, output, errors,
+                       0) != GPG_ERR_NO_ERROR)
+    {
+        throw Error(arguments.front(), "cannot be run");
+    }
+}
+
+/** What gpg said at last, for the end of a message. */
+std::string reasonIn(std::string_view text)
+{
+    text = text.substr(0, text.find_last_not_of('\n') + 1);
+    text.remove_prefix(text.rfind('\n') + 1);
+    constexpr std::string_view name = "gpg: ";
+    text.remove_prefix(text.starts_with(name) ? name.size() : 0);
+    const bool asked = text.find("ioctl") != std::string_view::npos ||
+                       text.find("pinentry") != std::string_view::npos;
+    return (text.empty() ? "" : ": ") + std::string(text) +
+           (asked ? "; to ask for a passphrase gpg needs a terminal, with "
+                    "GPG_TTY=$(tty) in the environment; without one, "
+                    "gpg-preset-passphrase"
+                  : "");
+}
+
 bool isFingerprint(const std::string& text)
 {
-    return text.size() == fingerprintLength &&
+    return text.size() == FINGERPRINT_LENGTH &&
            std::ranges::all_of(text, [](unsigned char c)
                                { return std::isxdigit(c) != 0; });
 }
@@ -79,11 +124,11 @@ bool sameFingerprint(const std::string& left, const std::string& right)
                               { return std::toupper(a) == std::toupper(b); });
 }
 
-OpenPgp::OpenPgp(fs::path directory) : home(std::move(directory))
+OpenPgp::OpenPgp(fs::path directory) : home_(std::move(directory))
 {
-    if (!home.empty() && !fs::is_directory(home))
+    if (!home_.empty() && !fs::is_directory(home_))
     {
-        throw Error(home.string(), "is not a directory");
+        throw Error(home_.string(), "is not a directory");
     }
     gpgme_check_version(nullptr);
     std::setlocale(LC_ALL, "");
@@ -92,19 +137,42 @@ OpenPgp::OpenPgp(fs::path directory) : home(std::move(directory))
           "the gpg engine cannot be used");
     gpgme_ctx_t made = nullptr;
     check(gpgme_new(&made), "the gpg engine cannot be used");
-    context.reset(made);
-    if (!home.empty())
+    context_.reset(made);
+    if (!home_.empty())
     {
-        home = fs::absolute(home);
+        home_ = fs::absolute(home_);
         check(gpgme_ctx_set_engine_info(made, GPGME_PROTOCOL_OpenPGP, nullptr,
-                                        home.c_str()),
+                                        home_.c_str()),
               "the home cannot be used");
+    }
+}
+
+OpenPgp::~OpenPgp()
+{
+    if (!ownsHome_)
+    {
+        return;
+    }
+    try
+    {
+        spawn("gpgconf-name", {"gpgconf", "--homedir", home_, "--kill", "all"});
+    }
+    catch (const std::exception&)
+    {
+        return;
+    }
+    // The agent removes its sockets by path: the home must not move before.
+    std::error_code error;
+    for (int i = 0; i < AGENT_POLLS && fs::exists(home_ / "S.gpg-agent", error);
+         ++i)
+    {
+        std::this_thread::sleep_for(AGENT_POLL);
     }
 }
 
 std::string OpenPgp::name() const
 {
-    return home.empty() ? "gpg" : home.string();
+    return home_.empty() ? "gpg" : home_.string();
 }
 
 void OpenPgp::check(gpgme_error_t error, const std::string& doing) const
@@ -125,7 +193,7 @@ OpenPgp::KeyHandle OpenPgp::findSigningKey(const std::string& fingerprint)
                                  "digits");
     }
     gpgme_key_t found = nullptr;
-    if (gpgme_get_key(context.get(), fingerprint.c_str(), &found, 1) !=
+    if (gpgme_get_key(context_.get(), fingerprint.c_str(), &found, 1) !=
         GPG_ERR_NO_ERROR)
     {
         throw Error(name(), "has no secret key " + fingerprint);
@@ -148,58 +216,83 @@ OpenPgp::KeyHandle OpenPgp::findSigningKey(const std::string& fingerprint)
     return key;
 }
 
+Buffer OpenPgp::run(std::vector<std::string> arguments, Bytes input,
+                    const std::string& doing) const
+{
+    if (!home_.empty())
+    {
+        arguments.insert(arguments.begin(), {"--homedir", home_});
+    }
+    arguments.insert(arguments.begin(), {"gpg", "--batch", "--no-tty"});
+    const Data given = dataOf(input);
+    Data said = emptyData();
+    Data made = emptyData();
+    spawn("gpg-name", arguments, given.get(), made.get(), said.get());
+    throwIfInterrupted();
+    Buffer output = contentOf(std::move(made));
+    if (output.empty())
+    {
+        const Buffer errors = contentOf(std::move(said));
+        throw Error(name(), doing + reasonIn(textOf(errors)));
+    }
+    return output;
+}
+
 Buffer OpenPgp::sign(const std::string& fingerprint, Bytes data)
 {
     const KeyHandle key = findSigningKey(fingerprint);
-    gpgme_signers_clear(context.get());
-    check(gpgme_signers_add(context.get(), key.get()), "cannot sign");
-    const Data text = dataOf(data);
-    Data signature = emptyData();
-    check(gpgme_op_sign(context.get(), text.get(), signature.get(),
-                        GPGME_SIG_MODE_DETACH),
-          "cannot sign with " + fingerprint);
-    return contentOf(std::move(signature));
+    std::vector<std::string> arguments{"--local-user", key->fpr,
+                                       "--detach-sign"};
+    std::string doing = "cannot sign with " + fingerprint;
+    if (const auto epoch = sourceDateEpoch())
+    {
+        arguments.insert(arguments.begin(),
+                         "--faked-system-time=" + std::to_string(*epoch) + '!');
+        doing += " at the time of SOURCE_DATE_EPOCH";
+    }
+    // The agent's prompt for a passphrase, as gpg would find it by itself.
+    if (const char* const terminal = ttyname(STDIN_FILENO))
+    {
+        setenv("GPG_TTY", terminal, 0);
+    }
+    return run(arguments, data, doing);
 }
 
-std::string OpenPgp::verify(Bytes data, Bytes signature)
+std::string OpenPgp::verify(Bytes data, Bytes signature, const Trust& trust)
 {
     const Data text = dataOf(data);
     const Data signatureData = dataOf(signature);
-    check(gpgme_op_verify(context.get(), signatureData.get(), text.get(),
+    check(gpgme_op_verify(context_.get(), signatureData.get(), text.get(),
                           nullptr),
           "cannot check the signature");
-    const gpgme_verify_result_t result = gpgme_op_verify_result(context.get());
+    const bool strict = !trust.anchor.empty();
     std::string reason = "there is none";
     std::string signer;
-    for (gpgme_signature_t made = result->signatures;
+    for (gpgme_signature_t made =
+             gpgme_op_verify_result(context_.get())->signatures;
          made != nullptr && signer.empty(); made = made->next)
     {
-        if (made->status == GPG_ERR_NO_ERROR)
-        {
-            signer = made->fpr;
-        }
-        else
-        {
-            reason = gpgme_strerror(made->status);
-        }
+        const bool good = strict ? (made->summary & GPGME_SIGSUM_VALID) != 0
+                                 : made->status == GPG_ERR_NO_ERROR;
+        (good ? signer : reason) =
+            good
+                ? made->fpr
+                : std::string(made->status == GPG_ERR_NO_ERROR
+                                  ? "Not fully valid"
+                                  : gpgme_strerror(made->status)) +
+                      ", key " + (made->fpr == nullptr ? "unknown" : made->fpr);
     }
+    const std::string where = strict ? trust.anchor.string() : name();
     if (signer.empty())
     {
-        throw Error(name(), "finds no good signature: " + reason);
+        throw Error(where, "gives no good signature: " + reason);
     }
     gpgme_key_t key = nullptr;
-    check(gpgme_get_key(context.get(), signer.c_str(), &key, 0),
+    check(gpgme_get_key(context_.get(), signer.c_str(), &key, 0),
           "cannot find the key " + signer);
     const KeyHandle owner(key);
-    warnOfExpiry(key, signer);
-    return key->fpr;
-}
-
-void OpenPgp::warnOfExpiry(const gpgme_key_t key,
-                           const std::string& signer) const
-{
     const std::int64_t soon =
-        std::int64_t{std::time(nullptr)} + daysOfWarning * secondsPerDay;
+        std::int64_t{std::time(nullptr)} + trust.days * SECONDS_PER_DAY;
     for (gpgme_subkey_t part = key->subkeys; part != nullptr; part = part->next)
     {
         // Signed before GPGME 2.
@@ -207,58 +300,55 @@ void OpenPgp::warnOfExpiry(const gpgme_key_t key,
         if ((part == key->subkeys || signer == part->fpr) && expires > 0 &&
             expires < soon)
         {
-            warn(name(),
-                 std::string("key ") + part->fpr + " expires within 30 days");
+            trust.object(where, std::string("key ") + part->fpr +
+                                    " expires within " +
+                                    std::to_string(trust.days) + " days");
         }
     }
+    return key->fpr;
 }
 
-std::string OpenPgp::createKey(const std::string& userId)
+void OpenPgp::importKeyring(const fs::path& file)
 {
-    check(gpgme_op_createkey(context.get(), userId.c_str(), testKeyAlgorithm, 0,
-                             0, nullptr,
-                             GPGME_CREATE_SIGN | GPGME_CREATE_NOPASSWD |
-                                 GPGME_CREATE_NOEXPIRE),
-          "cannot make a key");
-    return gpgme_op_genkey_result(context.get())->fpr;
+    ownsHome_ = true;
+    const Buffer said = run({"--status-fd", "1", "--import"},
+                            Source(file).readAll(), "cannot import keys");
+    std::string trusted;
+    std::istringstream lines{std::string(textOf(said))};
+    for (std::string word, how, key; lines >> word;)
+    {
+        if (word == "IMPORT_OK" && lines >> how >> key)
+        {
+            trusted += "trusted-key " + key + '\n';
+        }
+    }
+    if (trusted.empty())
+    {
+        throw Error(file.string(), "holds no OpenPGP public key");
+    }
+    writeFile(home_ / "gpg.conf", Source(bytesOf(trusted)));
+}
+
+std::string OpenPgp::createKey(const std::string& userId,
+                               const std::string& created)
+{
+    ownsHome_ = true;
+    const Buffer said =
+        run({"--status-fd", "1", "--faked-system-time", created + '!',
+             "--passphrase", "", "--quick-generate-key", userId,
+             TEST_KEY_ALGORITHM, "sign", "never"},
+            {}, "cannot make a key");
+    constexpr std::string_view made = " KEY_CREATED P ";
+    const std::string_view text = textOf(said);
+    const std::size_t start = text.find(made);
+    require(start != std::string_view::npos, "gpg names no key");
+    return std::string(text.substr(start + made.size(), FINGERPRINT_LENGTH));
 }
 
 Buffer OpenPgp::exportKey(const std::string& fingerprint)
 {
-    Data exported = emptyData();
-    gpgme_set_armor(context.get(), 1);
-    check(
-        gpgme_op_export(context.get(), fingerprint.c_str(), 0, exported.get()),
-        "cannot export the key");
-    gpgme_set_armor(context.get(), 0);
-    return contentOf(std::move(exported));
-}
-
-void OpenPgp::stopAgent() noexcept
-{
-    gpgme_ctx_t made = nullptr;
-    if (gpgme_new(&made) != GPG_ERR_NO_ERROR)
-    {
-        return;
-    }
-    const Context spawner(made);
-    const char* const program = gpgme_get_dirinfo("gpgconf-name");
-    const char* arguments[] = {"gpgconf", "--homedir", home.c_str(),
-                               "--kill",  "all",       nullptr};
-    if (program == nullptr ||
-        gpgme_set_protocol(made, GPGME_PROTOCOL_SPAWN) != GPG_ERR_NO_ERROR ||
-        gpgme_op_spawn(made, program, arguments, nullptr, nullptr, nullptr,
-                       0) != GPG_ERR_NO_ERROR)
-    {
-        return;
-    }
-    // The agent removes its sockets by path: the home must not move before.
-    std::error_code error;
-    for (int i = 0; i < agentPolls && fs::exists(home / "S.gpg-agent", error);
-         ++i)
-    {
-        std::this_thread::sleep_for(agentPoll);
-    }
+    return run({"--armor", "--export", fingerprint}, {},
+               "cannot export the key");
 }
 
 } // namespace pack

@@ -2,12 +2,14 @@
 
 #include "bytes.hpp"
 #include "error.hpp"
+#include "signing.hpp"
 
 #include <gpgme.h>
 
 #include <filesystem>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 namespace pack
 {
@@ -21,19 +23,28 @@ class OpenPgp
   public:
     /** An empty path stands for gpg's own home. */
     explicit OpenPgp(std::filesystem::path home);
+    OpenPgp(const OpenPgp&) = delete;
+    OpenPgp& operator=(const OpenPgp&) = delete;
+    ~OpenPgp();
 
-    /** Detached and binary. The full fingerprint names the primary key. */
+    /** Detached and binary, made at the time of SOURCE_DATE_EPOCH if that is
+     *  set. The full fingerprint names the primary key. */
     Buffer sign(const std::string& fingerprint, Bytes data);
-    /** The fingerprint of the primary key that made the first good signature;
-     *  throws when there is none. Warns of a key that soon expires. */
-    std::string verify(Bytes data, Bytes signature);
+    /** The fingerprint of the primary key that made the first good signature,
+     *  or the first that a machine with that keyring accepts.
+     *
+     *  @throws Error when there is none */
+    std::string verify(Bytes data, Bytes signature, const Trust& trust = {});
+    /** Trusts each key that the file holds, and no other. */
+    void importKeyring(const std::filesystem::path& file);
 
-    /** Makes a signing key without a passphrase; gives its fingerprint. */
-    std::string createKey(const std::string& userId);
+    /** Makes a signing key without a passphrase; gives its fingerprint.
+     *
+     *  @param created such as 20200101T000000 */
+    std::string createKey(const std::string& userId,
+                          const std::string& created);
     /** The public key, ASCII-armoured. */
     Buffer exportKey(const std::string& fingerprint);
-    /** Ends the home's agent, and waits until it has gone. */
-    void stopAgent() noexcept;
 
   private:
     using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
@@ -41,12 +52,16 @@ class OpenPgp
         Handle<std::remove_pointer_t<gpgme_key_t>, gpgme_key_unref>;
 
     KeyHandle findSigningKey(const std::string& fingerprint);
-    void warnOfExpiry(const gpgme_key_t key, const std::string& signer) const;
     void check(gpgme_error_t error, const std::string& doing) const;
+    /** What gpg writes to its standard output when it is given that input. */
+    Buffer run(std::vector<std::string> arguments, Bytes input,
+               const std::string& doing) const;
     std::string name() const;
 
-    std::filesystem::path home;
-    Context context;
+    std::filesystem::path home_;
+    /** The home's agent ends with this object. */
+    bool ownsHome_ = false;
+    Context context_;
 };
 
 } // namespace pack

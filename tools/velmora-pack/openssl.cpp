@@ -12,6 +12,9 @@ namespace pack
 namespace
 {
 
+/** That of the machine's verifier: no weak keys, no SHA-1. */
+constexpr int SECURITY_LEVEL = 2;
+
 void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)
 {
     if (scheme.pss)
@@ -23,6 +26,8 @@ void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)
             "RSA-PSS cannot be set up");
     }
 }
+
+void freeStack(STACK_OF(X509) * stack) { sk_X509_free(stack); }
 
 /** Refuses to ask for the passphrase of an encrypted block. */
 int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
@@ -180,20 +185,6 @@ Buffer contentOf(BIO* bio)
     return {bytes.begin(), bytes.end()};
 }
 
-Key readPrivateKey(const fs::path& file)
-{
-    const Source source(file);
-    const Bio bio(BIO_new_file(file.c_str(), "r"));
-    Key key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
-                : nullptr);
-    if (!key)
-    {
-        throw opensslError(source.name(), "no private key can be read from it");
-    }
-    ERR_clear_error();
-    return key;
-}
-
 Key readPublicKey(const fs::path& file)
 {
     const Source source(file);
@@ -247,40 +238,74 @@ std::string timeText(const ASN1_TIME* time)
     return std::string(textOf(contentOf(bio.get())));
 }
 
-void warnOfExpiry(std::string_view subject, const X509* certificate)
+void verifyChain(const std::vector<Certificate>& chain, const fs::path& root,
+                 std::time_t seconds)
 {
-    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
-    int days = 0;
-    int seconds = 0;
-    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) != 1)
+    const Source source(root);
+    const std::vector<Certificate> roots = readCertificates(source.readAll());
+    if (roots.empty())
+    {
+        throw Error(source.name(), "holds no certificate");
+    }
+    const Handle<X509_STORE, X509_STORE_free> store(X509_STORE_new());
+    const Handle<X509_STORE_CTX, X509_STORE_CTX_free> context(
+        X509_STORE_CTX_new());
+    const Handle<STACK_OF(X509), freeStack> untrusted(sk_X509_new_null());
+    bool ready = store && context && untrusted &&
+                 X509_STORE_add_cert(store.get(), roots.front().get()) == 1;
+    for (const Certificate& certificate : chain)
+    {
+        ready = ready && sk_X509_push(untrusted.get(), certificate.get()) > 0;
+    }
+    require(ready &&
+                X509_STORE_CTX_init(context.get(), store.get(),
+                                    chain.front().get(), untrusted.get()) == 1,
+            "the chain cannot be checked");
+    X509_STORE_CTX_set_time(context.get(), 0, seconds);
+    X509_VERIFY_PARAM_set_auth_level(X509_STORE_CTX_get0_param(context.get()),
+                                     SECURITY_LEVEL);
+    if (X509_verify_cert(context.get()) != 1)
     {
         ERR_clear_error();
-        return;
-    }
-    const std::string who =
-        "certificate " + nameText(X509_get_subject_name(certificate));
-    if (days < 0 || seconds < 0)
-    {
-        warn(subject, who + " has expired, on " + timeText(end));
-    }
-    else if (days < daysOfWarning)
-    {
-        warn(subject, who + " expires within 30 days, on " + timeText(end));
+        const X509* const at = X509_STORE_CTX_get_current_cert(context.get());
+        throw Error(
+            source.name(),
+            std::string("does not vouch for the chain at the timestamp ") +
+                std::to_string(seconds) + ": " +
+                X509_verify_cert_error_string(
+                    X509_STORE_CTX_get_error(context.get())) +
+                (at == nullptr
+                     ? ""
+                     : ", certificate " + nameText(X509_get_subject_name(at))));
     }
 }
 
-void warnUnlessValidAt(std::string_view subject, const X509* certificate,
-                       std::int32_t seconds)
+void checkValidity(std::string_view subject, const X509* certificate,
+                   std::int32_t seconds, const Trust& trust)
 {
-    std::time_t time = seconds;
     const ASN1_TIME* const start = X509_get0_notBefore(certificate);
     const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    const std::string who =
+        "certificate " + nameText(X509_get_subject_name(certificate));
+    int days = 0;
+    int rest = 0;
+    if (ASN1_TIME_diff(&days, &rest, nullptr, end) == 1 && days < trust.days)
+    {
+        trust.object(subject,
+                     who +
+                         (days < 0 || rest < 0
+                              ? " has expired, on "
+                              : " expires within " +
+                                    std::to_string(trust.days) + " days, on ") +
+                         timeText(end));
+    }
+    std::time_t time = seconds;
     if (X509_cmp_time(start, &time) > 0 || X509_cmp_time(end, &time) < 0)
     {
-        warn(subject,
-             "certificate " + nameText(X509_get_subject_name(certificate)) +
-                 " is valid from " + timeText(start) + " to " + timeText(end) +
-                 ", and so not at the timestamp " + std::to_string(seconds));
+        trust.object(subject, who + " is valid from " + timeText(start) +
+                                  " to " + timeText(end) +
+                                  ", and so not at the timestamp " +
+                                  std::to_string(seconds));
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "bytes.hpp"
 #include "files.hpp"
+#include "signing.hpp"
 
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
@@ -9,6 +10,7 @@
 #include <openssl/x509.h>
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -25,8 +27,6 @@ using Key = Handle<EVP_PKEY, EVP_PKEY_free>;
 inline void freeMemory(void* memory) { OPENSSL_free(memory); }
 template <typename T>
 using Memory = Handle<T, freeMemory>;
-
-inline constexpr int daysOfWarning = 30;
 
 /** An error that OpenSSL explains; its queue is empty afterwards. */
 Error opensslError(std::string_view subject, std::string_view what);
@@ -86,8 +86,6 @@ class Verifier
     DigestContext context;
 };
 
-/** An encrypted key's passphrase is asked for on the terminal. */
-Key readPrivateKey(const std::filesystem::path& file);
 Key readPublicKey(const std::filesystem::path& file);
 /** The key without its private part. */
 Key publicPart(EVP_PKEY* key);
@@ -100,12 +98,17 @@ std::vector<Certificate> readCertificates(Bytes pem);
 std::string nameText(const X509_NAME* name);
 std::string timeText(const ASN1_TIME* time);
 
-/** Warns when the certificate has expired or will within 30 days. */
-void warnOfExpiry(std::string_view subject, const X509* certificate);
+/** Checks as the machine will that the first certificate leads to the root.
+ *
+ *  @param root a PEM file, whose first certificate is the root
+ *  @param seconds the time to check at, since 1970
+ *  @throws Error when it does not */
+void verifyChain(const std::vector<Certificate>& chain,
+                 const std::filesystem::path& root, std::time_t seconds);
 
-/** Warns when the certificate is not valid at that time, in seconds since
- *  1970. */
-void warnUnlessValidAt(std::string_view subject, const X509* certificate,
-                       std::int32_t seconds);
+/** Objects to a certificate that is not valid at that time, in seconds since
+ *  1970, or that has expired or soon will. */
+void checkValidity(std::string_view subject, const X509* certificate,
+                   std::int32_t seconds, const Trust& trust);
 
 } // namespace pack

@@ -7,6 +7,7 @@
 #include "zip.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <map>
 #include <optional>
@@ -68,6 +69,28 @@ void expectPortable(const fs::path& file)
     }
 }
 
+/** Files that desktops and editors leave, and nobody means to ship. */
+bool isLeftover(std::string_view name)
+{
+    constexpr std::array ends{"~", ".bak", ".orig", ".rej", ".swp", ".tmp"};
+    return name.starts_with('.') || name.starts_with('#') ||
+           name == "Thumbs.db" || name == "desktop.ini" ||
+           std::ranges::any_of(ends, [&](std::string_view end)
+                               { return name.ends_with(end); });
+}
+
+/** What is made there would be payload the next time. */
+void expectOutside(const fs::path& made, const fs::path& payload)
+{
+    const fs::path below = fs::weakly_canonical(fs::absolute(made))
+                               .lexically_relative(fs::canonical(payload));
+    if (made != STANDARD_OUTPUT && fs::is_directory(payload) &&
+        !below.empty() && *below.begin() != "..")
+    {
+        throw Error(made.string(), "lies in the payload's directory");
+    }
+}
+
 std::vector<fs::path> payloadFiles(const fs::path& payload)
 {
     if (!fs::is_directory(payload))
@@ -85,6 +108,11 @@ std::vector<fs::path> payloadFiles(const fs::path& payload)
                         "would not cover it");
         }
         expectPortable(entry.path());
+        if (isLeftover(entry.path().filename().native()))
+        {
+            warn(entry.path().string(), "looks like what a desktop or an "
+                                        "editor leaves, and is packed");
+        }
         files.push_back(entry.path());
     }
     if (files.empty())
@@ -205,12 +233,11 @@ Contents readContents(const Source& source)
     return contents;
 }
 
-Buffer signatureFor(const PackageOptions& options, OpenPgp& openPgp,
-                    Bytes descriptor)
+Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
 {
     if (options.signing.signature.empty())
     {
-        return openPgp.sign(options.signing.key, descriptor);
+        return OpenPgp(options.gpgHome).sign(options.signing.key, descriptor);
     }
     const Source source(options.signing.signature);
     if (source.size() == 0 || source.size() > largestSignature)
@@ -226,8 +253,24 @@ Buffer signatureFor(const PackageOptions& options, OpenPgp& openPgp,
     return signature;
 }
 
+/** Checks as the machine will if its keyring is given, and else with the
+ *  signer's own. */
+std::string signerOf(const PackageOptions& options, Bytes descriptor,
+                     Bytes signature)
+{
+    if (options.trust.anchor.empty())
+    {
+        return OpenPgp(options.gpgHome)
+            .verify(descriptor, signature, options.trust);
+    }
+    const tools::TemporaryDirectory home;
+    OpenPgp machine(home.path());
+    machine.importKeyring(options.trust.anchor);
+    return machine.verify(descriptor, signature, options.trust);
+}
+
 void checkPackage(const Source& made, const PackageOptions& options,
-                  OpenPgp& openPgp, Bytes descriptor, const FileDigests& files)
+                  Bytes descriptor, const FileDigests& files)
 {
     const Contents contents = readContents(made);
     const bool complete = contents.remarks.empty() && contents.descriptor &&
@@ -241,7 +284,7 @@ void checkPackage(const Source& made, const PackageOptions& options,
                                  "did the payload change meanwhile?");
     }
     const std::string signer =
-        openPgp.verify(*contents.descriptor, *contents.signature);
+        signerOf(options, *contents.descriptor, *contents.signature);
     if (!options.signing.key.empty() &&
         !sameFingerprint(options.signing.key, signer))
     {
@@ -282,28 +325,23 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
 void makePackage(const PackageOptions& options)
 {
     const std::vector<fs::path> files = payloadFiles(options.payload);
-    for (const fs::path& made : {options.output, options.signing.toBeSigned})
-    {
-        expectDistinct(made, {options.signing.signature});
-        for (const fs::path& file : files)
-        {
-            expectDistinct(made, {file});
-        }
-    }
+    const Signing& signing = options.signing;
+    expectOutside(signing.made(), options.payload);
+    std::vector<fs::path> inputs(files);
+    inputs.insert(inputs.end(), {signing.signature, options.trust.anchor});
+    expectNew(signing.made(), inputs, signing.force);
     const FileDigests digests = digestFiles(files);
     const Buffer descriptor =
         writeDescriptor({options.model, options.version, compositeOf(digests),
                          options.systemIds});
-    if (!options.signing.toBeSigned.empty())
+    if (!signing.toBeSigned.empty())
     {
-        writeFile(options.signing.toBeSigned, Source(descriptor));
-        report(options.signing.toBeSigned, "descriptor to be signed");
+        writeFile(signing.toBeSigned, Source(descriptor));
+        report(signing.toBeSigned, "descriptor to be signed");
         return;
     }
-    OpenPgp openPgp(options.gpgHome);
-    const Buffer signature = signatureFor(options, openPgp, descriptor);
-
-    OutputFile output(options.output);
+    const Buffer signature = signatureFor(options, descriptor);
+    OutputFile output(signing.output);
     ZipWriter zip(output);
     zip.add(std::string(descriptorName), Source(descriptor));
     zip.add(std::string(descriptorSignatureName), Source(signature));
@@ -313,9 +351,9 @@ void makePackage(const PackageOptions& options)
                 Source(file));
     }
     zip.finish();
-    checkPackage(output.readBack(), options, openPgp, descriptor, digests);
+    checkPackage(output.readBack(), options, descriptor, digests);
     output.commit();
-    report(options.output,
+    report(signing.output,
            "package with " + std::to_string(files.size()) + " payload file" +
                (files.size() == 1 ? "" : "s") + ", signed and checked");
 }

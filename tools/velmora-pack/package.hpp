@@ -20,8 +20,9 @@ struct PackageOptions
     std::string version;
     std::vector<std::string> systemIds;
     std::filesystem::path gpgHome;
+    /** The machine's keyring, if it is known. */
+    Trust trust;
     Signing signing;
-    std::filesystem::path output;
 };
 
 void makePackage(const PackageOptions& options);

@@ -1,6 +1,7 @@
 #include "payload.hpp"
 
 #include "inspect.hpp"
+#include "keys.hpp"
 #include "openssl.hpp"
 
 #include <openssl/err.h>
@@ -173,6 +174,10 @@ struct Chain
 Chain readChain(const fs::path& file)
 {
     const Source source(file);
+    if (source.size() == 0)
+    {
+        throw Error(source.name(), "is empty");
+    }
     if (source.size() >= chainAreaSize)
     {
         throw Error(source.name(),
@@ -202,11 +207,12 @@ Chain readChain(const fs::path& file)
  *  key must be one that can have made the signature. */
 Key readSigner(const PayloadOptions& options, const Chain& chain)
 {
-    const std::string& file = options.signing.key;
+    const std::string file = keyName(options.signing.key);
     Key key;
     if (!file.empty())
     {
-        key = readPrivateKey(file);
+        key =
+            readPrivateKey(options.signing.key, options.signing.passphraseFile);
         expectRsa(key.get(), file);
         if (EVP_PKEY_eq(chain.signerKey.get(), key.get()) != 1)
         {
@@ -235,26 +241,34 @@ std::int32_t timestampOf(const PayloadOptions& options)
     return static_cast<std::int32_t>(seconds);
 }
 
-/** Says what a machine is likely to refuse. */
-void warnOfChain(const std::string& file,
-                 const std::vector<Certificate>& certificates,
-                 std::int32_t timestamp)
+/** Whether it is the first, or has issued another one. */
+bool belongs(const Certificate& certificate,
+             const std::vector<Certificate>& chain)
 {
-    for (const Certificate& certificate : certificates)
+    return certificate == chain.front() ||
+           std::ranges::any_of(chain,
+                               [&](const Certificate& other)
+                               {
+                                   return other != certificate &&
+                                          X509_check_issued(certificate.get(),
+                                                            other.get()) ==
+                                              X509_V_OK;
+                               });
+}
+
+/** Objects to what a machine is likely to refuse. */
+void checkChain(const PayloadOptions& options,
+                const std::vector<Certificate>& chain, std::int32_t timestamp)
+{
+    const std::string file = options.chain.string();
+    if (!options.trust.anchor.empty())
     {
-        warnOfExpiry(file, certificate.get());
-        warnUnlessValidAt(file, certificate.get(), timestamp);
-        const bool related =
-            certificate == certificates.front() ||
-            std::ranges::any_of(certificates,
-                                [&](const Certificate& other)
-                                {
-                                    return other != certificate &&
-                                           X509_check_issued(certificate.get(),
-                                                             other.get()) ==
-                                               X509_V_OK;
-                                });
-        if (!related)
+        verifyChain(chain, options.trust.anchor, timestamp);
+    }
+    for (const Certificate& certificate : chain)
+    {
+        checkValidity(file, certificate.get(), timestamp, options.trust);
+        if (!belongs(certificate, chain))
         {
             warn(file, "certificate " +
                            nameText(X509_get_subject_name(certificate.get())) +
@@ -450,11 +464,10 @@ void makePayload(const PayloadOptions& options)
 {
     const Source body(options.input);
     expectNoPrivateKey(body);
-    for (const fs::path& made : {options.output, options.signing.toBeSigned})
-    {
-        expectDistinct(made, {options.input, options.chain, options.signing.key,
-                              options.signing.signature});
-    }
+    const Signing& signing = options.signing;
+    expectNew(signing.made(),
+              {options.input, options.chain, signing.key, signing.signature},
+              signing.force);
     if (body.size() == 0)
     {
         throw Error(body.name(), "is empty");
@@ -462,28 +475,26 @@ void makePayload(const PayloadOptions& options)
     const Chain chain = readChain(options.chain);
     const Key key = readSigner(options, chain);
     const std::int32_t timestamp = timestampOf(options);
-    warnOfChain(options.chain.string(), chain.certificates, timestamp);
+    checkChain(options, chain.certificates, timestamp);
     const Metadata metadata{std::string(metadataVersion), options.algorithm,
                             std::to_string(timestamp)};
     const Buffer head = slotHead(chain, metadata);
-    if (!options.signing.toBeSigned.empty())
+    if (!signing.toBeSigned.empty())
     {
-        writeFile(options.signing.toBeSigned, body, head);
-        report(options.signing.toBeSigned,
+        writeFile(signing.toBeSigned, body, head);
+        report(signing.toBeSigned,
                "signed range of a payload, timestamp " + metadata.timestamp);
         return;
     }
-
-    const Buffer givenSignature =
-        key ? Buffer() : readSignature(options.signing.signature);
-    OutputFile output(options.output);
+    const Buffer given = key ? Buffer() : readSignature(signing.signature);
+    OutputFile output(signing.output);
     const Buffer signature =
         writeSigned(output, body, head, key.get(), schemeOf(options.algorithm));
-    output.write(key ? signature : givenSignature);
+    output.write(key ? signature : given);
     output.write(Buffer(remainderSize));
     checkPayload(output.readBack(), body.size(), head);
     output.commit();
-    report(options.output, "payload with " + options.algorithm +
+    report(signing.output, "payload with " + options.algorithm +
                                " signature and timestamp " +
                                metadata.timestamp + ", signed and checked");
 }

@@ -20,8 +20,8 @@ struct PayloadOptions
     /** PS256, PS384 or PS512. */
     std::string algorithm;
     std::optional<std::int32_t> timestamp;
+    Trust trust;
     Signing signing;
-    std::filesystem::path output;
 };
 
 void makePayload(const PayloadOptions& options);

@@ -1,20 +1,53 @@
 #pragma once
 
+#include "error.hpp"
+
 #include <filesystem>
 #include <string>
 
 namespace pack
 {
 
-/** Where a signature comes from; exactly one of the three is given. */
+/** Where a signature comes from, of which exactly one is given, and where what
+ *  is made goes. */
 struct Signing
 {
-    /** A fingerprint or a PEM file, as the command says. */
+    /** A fingerprint, a PEM file or a pkcs11: URI, as the command says. */
     std::string key;
+    std::filesystem::path passphraseFile;
     /** A signature that was made elsewhere. */
     std::filesystem::path signature;
     /** Nothing is signed: this file receives what is to be. */
     std::filesystem::path toBeSigned;
+    std::filesystem::path output;
+    /** The output may replace a file. */
+    bool force = false;
+
+    const std::filesystem::path& made() const
+    {
+        return toBeSigned.empty() ? output : toBeSigned;
+    }
+};
+
+/** How keys and certificates are looked at: as the machine will do, if it is
+ *  known what that trusts. */
+struct Trust
+{
+    /** The machine's keyring or root CA; may be empty. */
+    std::filesystem::path anchor;
+    /** So many days must be left to them. */
+    int days = 30;
+
+    /** What a machine would refuse, or soon will, is refused where it is known
+     *  what that trusts, and else warned of. */
+    void object(std::string_view subject, std::string_view what) const
+    {
+        if (!anchor.empty())
+        {
+            throw Error(subject, what);
+        }
+        warn(subject, what);
+    }
 };
 
 } // namespace pack

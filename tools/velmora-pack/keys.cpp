@@ -1,0 +1,200 @@
+// An engine reads keys in tokens where no provider is installed yet.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "keys.hpp"
+
+#include <fcntl.h>
+#include <openssl/engine.h>
+#include <openssl/err.h>
+#include <openssl/provider.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+
+namespace fs = std::filesystem;
+
+namespace pack
+{
+
+namespace
+{
+
+constexpr std::string_view TOKEN_SCHEME = "pkcs11:";
+constexpr auto TOKEN_DRIVER = "pkcs11";
+constexpr auto PIN_VARIABLE = "VELMORA_PACK_PIN";
+/** Names the PKCS#11 module to the engine and, here, to the provider too. */
+constexpr auto MODULE_VARIABLE = "PKCS11_MODULE_PATH";
+constexpr auto PROVIDER_MODULE_VARIABLE = "PKCS11_PROVIDER_MODULE";
+
+using Store = Handle<OSSL_STORE_CTX, OSSL_STORE_close>;
+using StoreInfo = Handle<OSSL_STORE_INFO, OSSL_STORE_INFO_free>;
+using Prompter = Handle<UI_METHOD, UI_destroy_method>;
+
+/** What OpenSSL is told when it asks for a passphrase or a PIN. */
+struct Secret
+{
+    /** For the prompt. */
+    std::string key;
+    std::optional<std::string> value;
+    bool asked = false;
+    bool noTerminal = false;
+
+    ~Secret()
+    {
+        if (value)
+        {
+            OPENSSL_cleanse(value->data(), value->size());
+        }
+    }
+};
+
+/** A terminal is asked only once: a token counts the wrong answers. */
+int tellSecret(char* buffer, int size, int /*forWriting*/, void* data)
+{
+    Secret& secret = *static_cast<Secret*>(data);
+    secret.asked = true;
+    if (!secret.value)
+    {
+        const std::string prompt = "Passphrase or PIN of " + secret.key + ": ";
+        // OpenSSL would read standard input instead.
+        const FileDescriptor terminal(
+            open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+        secret.noTerminal = terminal.get() < 0;
+        if (secret.noTerminal ||
+            EVP_read_pw_string(buffer, size, prompt.c_str(), 0) != 0)
+        {
+            return -1;
+        }
+        secret.value = buffer;
+    }
+    const std::string& value = *secret.value;
+    const auto length = static_cast<int>(value.size());
+    if (length >= size)
+    {
+        return -1;
+    }
+    std::ranges::copy(value, buffer);
+    buffer[length] = '\0';
+    return length;
+}
+
+std::optional<std::string> givenSecret(const fs::path& file)
+{
+    if (file.empty())
+    {
+        const char* const pin = std::getenv(PIN_VARIABLE);
+        return pin == nullptr ? std::nullopt : std::optional<std::string>(pin);
+    }
+    std::string line;
+    std::ifstream stream(file);
+    if (!std::getline(stream, line))
+    {
+        throw Error(file.string(), "no passphrase can be read from it");
+    }
+    return line;
+}
+
+Key firstKey(OSSL_STORE_CTX* store)
+{
+    while (store != nullptr && OSSL_STORE_eof(store) == 0)
+    {
+        const StoreInfo info(OSSL_STORE_load(store));
+        if (info &&
+            OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_PKEY)
+        {
+            return Key(OSSL_STORE_INFO_get1_PKEY(info.get()));
+        }
+        if (!info && OSSL_STORE_error(store) != 0)
+        {
+            break;
+        }
+    }
+    return nullptr;
+}
+
+/** For an OpenSSL that has no provider for tokens, but still has engines. */
+Key keyOfEngine([[maybe_unused]] const std::string& uri,
+                [[maybe_unused]] UI_METHOD* prompter,
+                [[maybe_unused]] Secret& secret)
+{
+#ifndef OPENSSL_NO_ENGINE
+    const Handle<ENGINE, ENGINE_free> engine(ENGINE_by_id(TOKEN_DRIVER));
+    // By itself it would print what fails, with the PIN.
+    if (engine &&
+        ENGINE_ctrl_cmd_string(engine.get(), "QUIET", nullptr, 1) == 1 &&
+        ENGINE_init(engine.get()) == 1)
+    {
+        Key key(ENGINE_load_private_key(engine.get(), uri.c_str(), prompter,
+                                        &secret));
+        ENGINE_finish(engine.get());
+        return key;
+    }
+#endif
+    throw Error(secret.key, "OpenSSL cannot use tokens here: install "
+                            "pkcs11-provider or libengine-pkcs11-openssl");
+}
+
+Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
+{
+    if (const char* const module = std::getenv(MODULE_VARIABLE))
+    {
+        setenv(PROVIDER_MODULE_VARIABLE, module, 0);
+    }
+    if (OSSL_PROVIDER_try_load(nullptr, TOKEN_DRIVER, 1) == nullptr)
+    {
+        ERR_clear_error();
+        return keyOfEngine(uri, prompter, secret);
+    }
+    return firstKey(
+        Store(OSSL_STORE_open(uri.c_str(), prompter, &secret, nullptr, nullptr))
+            .get());
+}
+
+Key keyOfFile(const fs::path& file, UI_METHOD* prompter, Secret& secret)
+{
+    const Source source(file);
+    const Bio bio(BIO_new_file(file.c_str(), "r"));
+    return firstKey(
+        Store(OSSL_STORE_attach(bio.get(), "file", nullptr, nullptr, prompter,
+                                &secret, nullptr, nullptr, nullptr))
+            .get());
+}
+
+} // namespace
+
+std::string keyName(const std::string& key)
+{
+    return key.starts_with(TOKEN_SCHEME) ? key.substr(0, key.find('?')) : key;
+}
+
+Key readPrivateKey(const std::string& key, const fs::path& passphraseFile)
+{
+    Secret secret{keyName(key), givenSecret(passphraseFile)};
+    const Prompter prompter(UI_UTIL_wrap_read_pem_callback(tellSecret, 0));
+    require(prompter != nullptr, "no memory");
+    Key found = key.starts_with(TOKEN_SCHEME)
+                    ? keyOfToken(key, prompter.get(), secret)
+                    : keyOfFile(key, prompter.get(), secret);
+    if (secret.noTerminal)
+    {
+        throw Error(secret.key, "needs a passphrase or PIN, and there is no "
+                                "terminal: give it with --passphrase-file or "
+                                "in VELMORA_PACK_PIN");
+    }
+    if (!found)
+    {
+        throw opensslError(secret.key,
+                           secret.asked
+                               ? "no private key can be read from it with that "
+                                 "passphrase or PIN"
+                               : "no private key can be read from it");
+    }
+    ERR_clear_error();
+    return found;
+}
+
+} // namespace pack
