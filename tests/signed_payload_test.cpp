@@ -363,7 +363,7 @@ TEST_F(Payload, ChainsThatDoNotHold)
     // It must hold at the time of signing.
     SetUp();
     std::string early = good;
-    early.replace(early.find("sts", slot()) + 7, 10, "1000000000");
+    early.replace(early.find("\"sts\"", slot()) + 8, 10, "1000000000");
     EXPECT_FALSE(valid(early));
     EXPECT_THAT(log, Contains(StartsWith(top("Certificate chain verification "
                                              "failed: error[9] "))));
