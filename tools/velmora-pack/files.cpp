@@ -23,24 +23,12 @@ namespace
 constexpr std::uint64_t CHUNK_SIZE = 1U << 20;
 constexpr auto TEMPORARY_NAME = ".velmora-pack-XXXXXX";
 
-mode_t currentMask()
-{
-    const mode_t mask = umask(0);
-    umask(mask);
-    return mask;
-}
-
 fs::path directoryOf(const fs::path& target)
 {
     const fs::path parent = target.parent_path();
-    return parent.empty() ? fs::path(".") : parent;
-}
-
-/** A trailing separator would leave the path without a file name. */
-fs::path withoutTrailingSeparator(const fs::path& path)
-{
-    return path.has_filename() || !path.has_parent_path() ? path
-                                                          : path.parent_path();
+    return target == STANDARD_OUTPUT ? fs::temp_directory_path()
+           : parent.empty()          ? "."
+                                     : parent;
 }
 
 void synchroniseDirectory(const fs::path& directory)
@@ -52,32 +40,6 @@ void synchroniseDirectory(const fs::path& directory)
     {
         throw systemError(directory.string());
     }
-}
-
-/** A device or a directory of that name must not be replaced. */
-void expectReplaceable(const fs::path& target)
-{
-    struct stat status = {};
-    if (lstat(target.c_str(), &status) != 0)
-    {
-        if (errno != ENOENT)
-        {
-            throw systemError(target.string());
-        }
-    }
-    else if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
-    {
-        throw Error(target.string(), "exists and is not a regular file");
-    }
-}
-
-void renameTo(const fs::path& from, const fs::path& to)
-{
-    if (rename(from.c_str(), to.c_str()) != 0)
-    {
-        throw systemError(to.string());
-    }
-    synchroniseDirectory(directoryOf(to));
 }
 
 } // namespace
@@ -166,119 +128,77 @@ void throwIfInterrupted()
     }
 }
 
-OutputFile::OutputFile(fs::path path, mode_t mode) : target(std::move(path))
+Output::Output(const fs::path& target) :
+    // A trailing separator would leave the path without a file name.
+    target_(target.has_filename() ? target : target.parent_path()),
+    directory_((directoryOf(target_) / TEMPORARY_NAME).string())
 {
-    const bool named = target != STANDARD_OUTPUT;
-    if (named)
-    {
-        expectReplaceable(target);
-    }
-    const fs::path beside =
-        named ? directoryOf(target) : fs::temp_directory_path();
-    std::string name = (beside / TEMPORARY_NAME).string();
-    file = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
-    if (file.get() < 0)
-    {
-        throw systemError(target.string());
-    }
-    temporary = name;
-    fchmod(file.get(), mode & ~currentMask());
 }
 
-OutputFile::~OutputFile()
+void Output::commit(const Output* other) const
 {
-    if (!temporary.empty())
+    throwIfInterrupted();
+    giveName();
+    if (other != nullptr)
     {
-        unlink(temporary.c_str());
+        other->giveName();
+    }
+}
+
+void Output::giveName() const
+{
+    if (target_ == STANDARD_OUTPUT)
+    {
+        const Source made(path());
+        made.stream(0, made.size(),
+                    [](Bytes piece) { std::cout << textOf(piece); });
+        return;
+    }
+    if (rename(path().c_str(), target_.c_str()) != 0)
+    {
+        throw systemError(target_.string());
+    }
+    synchroniseDirectory(directoryOf(target_));
+}
+
+OutputFile::OutputFile(const fs::path& target, mode_t mode) :
+    Output(target),
+    file_(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode))
+{
+    if (file_.get() < 0)
+    {
+        throw systemError(target.string());
     }
 }
 
 void OutputFile::write(Bytes bytes)
 {
-    tools::writeAll(file, textOf(bytes), target.string());
+    tools::writeAll(file_, textOf(bytes), target().string());
 }
 
 Source OutputFile::readBack() const
 {
-    if (fsync(file.get()) != 0)
+    if (fsync(file_.get()) != 0)
     {
-        throw systemError(target.string());
+        throw systemError(target().string());
     }
     // What is checked is then what the disk holds, not what memory remembers.
-    posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
-    return Source(temporary, target.string());
-}
-
-void OutputFile::commit()
-{
-    throwIfInterrupted();
-    giveName();
-}
-
-void OutputFile::commitBoth(OutputFile& first, OutputFile& second)
-{
-    throwIfInterrupted();
-    first.giveName();
-    second.giveName();
-}
-
-void OutputFile::giveName()
-{
-    if (target == STANDARD_OUTPUT)
-    {
-        const Source made(temporary);
-        made.stream(0, made.size(),
-                    [](Bytes piece)
-                    {
-                        std::cout.write(
-                            textOf(piece).data(),
-                            static_cast<std::streamsize>(piece.size()));
-                    });
-        return;
-    }
-    renameTo(temporary, target);
-    temporary.clear();
-}
-
-OutputDirectory::OutputDirectory(const fs::path& path) :
-    target(withoutTrailingSeparator(path))
-{
-    std::error_code error;
-    if (fs::exists(fs::symlink_status(target, error)) &&
-        !(fs::is_directory(fs::symlink_status(target, error)) &&
-          fs::is_empty(target, error)))
-    {
-        throw Error(target.string(), "exists and is not an empty directory");
-    }
-    temporary.emplace(directoryOf(target) / TEMPORARY_NAME);
-}
-
-void OutputDirectory::commit()
-{
-    throwIfInterrupted();
-    if (chmod(temporaryPath().c_str(), 0777 & ~currentMask()) != 0)
-    {
-        throw systemError(target.string());
-    }
-    synchroniseDirectory(temporaryPath());
-    renameTo(temporaryPath(), target);
-    temporary->release();
+    posix_fadvise(file_.get(), 0, 0, POSIX_FADV_DONTNEED);
+    return Source(path(), target().string());
 }
 
 void expectCopy(const Source& copy, const Source& original, Bytes tail)
 {
-    const std::uint64_t size = original.size();
-    bool same = copy.size() == size + tail.size() &&
-                std::ranges::equal(copy.read(size, tail.size()), tail);
+    bool same = copy.size() == original.size() + tail.size();
     std::uint64_t offset = 0;
-    original.stream(0, same ? size : 0,
-                    [&](Bytes piece)
-                    {
-                        same =
-                            same && std::ranges::equal(
-                                        copy.read(offset, piece.size()), piece);
-                        offset += piece.size();
-                    });
+    const auto compare = [&](Bytes piece)
+    {
+        same =
+            same && std::ranges::equal(copy.read(offset, piece.size()), piece);
+        offset += piece.size();
+    };
+    original.stream(0, original.size(), compare);
+    compare(tail);
     if (!same)
     {
         throw Error(copy.name(), "does not hold on the disk what was written");
@@ -326,9 +246,13 @@ void expectNew(const fs::path& output, const std::vector<fs::path>& inputs,
         }
     }
     const fs::file_status status = fs::symlink_status(output, missing);
-    if (!force && (fs::is_regular_file(status) || fs::is_symlink(status)))
+    const bool isReplaceable =
+        fs::is_regular_file(status) || fs::is_symlink(status);
+    if (fs::exists(status) && !(force && isReplaceable))
     {
-        throw Error(output.string(), "exists; --force replaces it");
+        throw Error(output.string(), isReplaceable
+                                         ? "exists; --force replaces it"
+                                         : "exists and is not a regular file");
     }
 }
 

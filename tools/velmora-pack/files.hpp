@@ -53,54 +53,45 @@ class Source
 /** @throws Error when a signal has asked to end */
 void throwIfInterrupted();
 
-/** A file that appears under its name, or on standard output, only when it is
- *  complete. */
-class OutputFile
+/** A file or directory that is made beside its target. It appears under that
+ *  name, or on standard output, only when it is complete. */
+class Output
 {
   public:
-    static constexpr mode_t shared = 0666;
-    static constexpr mode_t secret = 0600;
+    explicit Output(const std::filesystem::path& target);
 
-    explicit OutputFile(std::filesystem::path target, mode_t mode = shared);
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-    ~OutputFile();
+    const std::filesystem::path& target() const { return target_; }
+    /** Where it is made. */
+    std::filesystem::path path() const { return directory_.path() / "made"; }
+    /** Gives it its name, and @p other too; a signal comes before or after.
+     *
+     *  @throws Error when a signal came before */
+    void commit(const Output* other = nullptr) const;
 
-    const std::filesystem::path& path() const { return target; }
-    int descriptor() const { return file.get(); }
+  private:
+    void giveName() const;
 
+    tools::SignalCleanup cleanup_;
+    std::filesystem::path target_;
+    tools::TemporaryDirectory directory_;
+};
+
+class OutputFile : public Output
+{
+  public:
+    static constexpr mode_t SHARED = 0666;
+    static constexpr mode_t SECRET = 0600;
+
+    explicit OutputFile(const std::filesystem::path& target,
+                        mode_t mode = SHARED);
+
+    int descriptor() const { return file_.get(); }
     void write(Bytes bytes);
     /** What the disk holds, before it gets its name. */
     Source readBack() const;
-    void commit();
-    /** Gives both files their names; a signal comes before or after. */
-    static void commitBoth(OutputFile& first, OutputFile& second);
 
   private:
-    void giveName();
-
-    tools::SignalCleanup cleanup;
-    std::filesystem::path target;
-    std::filesystem::path temporary;
-    FileDescriptor file;
-};
-
-/** A directory that appears under its name only when it is complete. */
-class OutputDirectory
-{
-  public:
-    explicit OutputDirectory(const std::filesystem::path& path);
-
-    const std::filesystem::path& temporaryPath() const
-    {
-        return temporary->path();
-    }
-    void commit();
-
-  private:
-    tools::SignalCleanup cleanup;
-    std::filesystem::path target;
-    std::optional<tools::TemporaryDirectory> temporary;
+    FileDescriptor file_;
 };
 
 /** Throws unless the copy holds the original's bytes and then the tail. */
@@ -108,7 +99,7 @@ void expectCopy(const Source& copy, const Source& original, Bytes tail = {});
 
 /** Writes the source and then the tail, and compares what the disk holds. */
 void writeFile(const std::filesystem::path& target, const Source& source,
-               Bytes tail = {}, mode_t mode = OutputFile::shared);
+               Bytes tail = {}, mode_t mode = OutputFile::SHARED);
 
 /** The time that SOURCE_DATE_EPOCH gives, in seconds. */
 std::optional<std::int32_t> sourceDateEpoch();

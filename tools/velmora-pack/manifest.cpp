@@ -209,7 +209,7 @@ void makeManifest(const ManifestOptions& options)
     expectCopy(file.readBack(), Source(content));
     signature.write(bytesOf(signatureFile));
     expectCopy(signature.readBack(), Source(bytesOf(signatureFile)));
-    OutputFile::commitBoth(file, signature);
+    file.commit(&signature);
     directory.keep();
     report(options.output,
            "image-ktb and image-ktb.sig" +

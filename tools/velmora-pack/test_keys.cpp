@@ -105,7 +105,7 @@ Authority makeAuthority(const std::string& name, const Authority* issuer)
 /** Writes what @p print gives a BIO. */
 template <typename Print>
 void writePem(const fs::path& file, Print print,
-              mode_t mode = OutputFile::shared)
+              mode_t mode = OutputFile::SHARED)
 {
     const Bio bio(BIO_new(BIO_s_mem()));
     require(bio && print(bio.get()), "PEM cannot be written");
@@ -135,7 +135,7 @@ void writePrivateKey(const fs::path& file, const EVP_PKEY* key)
                    PEM_write_bio_PKCS8PrivateKey(bio, key, nullptr, nullptr, 0,
                                                  nullptr, nullptr) == 1;
         },
-        OutputFile::secret);
+        OutputFile::SECRET);
     if (EVP_PKEY_eq(readPrivateKey(file).get(), key) != 1)
     {
         throw Error(file.string(), "does not hold the key that was made");
@@ -197,8 +197,15 @@ void makePayloadSigner(const fs::path& directory)
 
 void makeTestKeys(const fs::path& target)
 {
-    OutputDirectory directory(target);
-    const fs::path& made = directory.temporaryPath();
+    std::error_code missing;
+    if (fs::exists(fs::symlink_status(target, missing)) &&
+        !(fs::is_directory(target, missing) && fs::is_empty(target, missing)))
+    {
+        throw Error(target.string(), "exists and is not an empty directory");
+    }
+    const Output directory(target);
+    const fs::path made = directory.path();
+    fs::create_directory(made);
     makeOpenPgpKey(made);
     throwIfInterrupted();
     makeImageSigner(made);

@@ -201,7 +201,7 @@ void ZipWriter::check(int result)
 {
     if (result != ARCHIVE_OK)
     {
-        throw Error(output_.path().string(), reasonOf(writer_.get()));
+        throw Error(output_.target().string(), reasonOf(writer_.get()));
     }
 }
 
@@ -223,7 +223,7 @@ void ZipWriter::add(const std::string& name, const Source& source)
             if (archive_write_data(writer_.get(), piece.data(), piece.size()) !=
                 static_cast<la_ssize_t>(piece.size()))
             {
-                throw Error(output_.path().string(), reasonOf(writer_.get()));
+                throw Error(output_.target().string(), reasonOf(writer_.get()));
             }
         });
     check(archive_write_finish_entry(writer_.get()));
