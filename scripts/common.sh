@@ -6,10 +6,12 @@ build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev
     libelf-dev scdoc)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
-test_packages=(libgtest-dev libgmock-dev systemd abigail-tools valgrind man-db)
+test_packages=(libgtest-dev libgmock-dev systemd abigail-tools valgrind man-db
+    softhsm2 opensc libengine-pkcs11-openssl)
 # Without these something is left out, but the rest works: a release that is
 # in the making may not have them all at the moment.
-optional_packages=" scdoc abigail-tools valgrind man-db "
+optional_packages=" scdoc abigail-tools valgrind man-db softhsm2 opensc \
+libengine-pkcs11-openssl "
 
 say() {
     printf '%s\n' "-- $*"

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# The commands of the page on signing, from top to bottom, and the example of a
+# release. Arguments: the page, the example, velmora, velmora-pack, bmc-sim.
+set -euo pipefail
+page=$(readlink -f "$1")
+example=$(readlink -f "$2")
+shift 2
+for program; do
+    PATH=$(dirname "$(readlink -f "$program")"):$PATH
+done
+work=$(mktemp -d)
+cleanup() {
+    local home
+    for home in "$work"/{keys,out/keys}/gnupg; do
+        gpgconf --homedir "$home" --kill all || true
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+cd "$work"
+
+missing=
+for program in softhsm2-util pkcs11-tool; do
+    command -v "$program" >/dev/null || missing+=" $program"
+done
+echo x >x
+said=$(velmora-pack image x --key pkcs11:token=none -o y 2>&1) || true
+[[ $said != *"cannot use tokens"* ]] || missing+=" a driver of OpenSSL for tokens"
+
+awk -v hardware="${missing:-yes}" '/^```/ {
+    on = $1 == "```sh" && ($2 != "hardware" || hardware == "yes"); next } on' \
+    "$page" >commands
+bash -eux commands
+if [ -n "$missing" ]; then
+    echo "skipped: keys in hardware, and the release, without$missing"
+    exit
+fi
+
+mkdir files
+echo firmware >files/image-bmc
+"$example" files out | tee log
+[ "$(grep -c '^accepted' log)" -eq 3 ]
