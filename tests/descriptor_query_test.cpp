@@ -1,0 +1,106 @@
+#include "support.hpp"
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace velmora::test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+
+class Descriptor : public testing::Test
+{
+  protected:
+    /** Value of one attribute in a descriptor with the given content. */
+    std::string query(const std::string& xml, const char* expression,
+                      const std::string& attribute)
+    {
+        const fs::path path = scratch / "package.xml";
+        writeFile(path, xml);
+        std::string value;
+        log = logOf(
+            [&]
+            {
+                value =
+                    ValidateQOR::getStrFromPkgXML(path, expression, attribute);
+            });
+        return value;
+    }
+
+    Scratch scratch;
+    Lines log;
+};
+
+TEST_F(Descriptor, FirstNodeWithTheAttributeWins)
+{
+    const std::string xml = "<p><q/><q b=''/><q a=' x &amp; y '/><q a='z'/>"
+                            "<Q a='upper'/></p>";
+    EXPECT_EQ(query(xml, "//q", "a"), " x & y ");
+    EXPECT_THAT(log, ElementsAre("SUCCESS"));
+    EXPECT_EQ(query(xml, "//Q", "a"), "upper");
+    // An empty value has a child node, which is empty.
+    EXPECT_EQ(query("<p><q a=''/><q a='1'/></p>", "//q", "a"), "");
+    EXPECT_THAT(log, ElementsAre("SUCCESS"));
+}
+
+TEST_F(Descriptor, EveryFailureIsOneLine)
+{
+    const std::string xml = "<p a='1'><q b='2'>text</q></p>";
+    for (const auto& [expression, attribute] :
+         {std::pair{static_cast<const char*>(nullptr), "a"},
+          {"//none", "a"},
+          {"//q", "a"},
+          {"//q/@b", "b"},
+          {"//q/text()", "b"},
+          {"count(//q)", "b"},
+          {"//q/namespace::*", "b"}})
+    {
+        EXPECT_EQ(query(xml, expression, attribute), "");
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
+    }
+    EXPECT_EQ(query(xml, "//q[", "b"), "");
+    EXPECT_EQ(log.back(), "FAILURE");
+    EXPECT_EQ(query("<p><q></p>", "//q", "b"), "");
+    EXPECT_EQ(log.back(), "FAILURE");
+
+    fs::create_symlink("loop", scratch / "loop");
+    for (const std::string& path :
+         {scratch.path.string(), std::string(), (scratch / "loop").string(),
+          std::string(5000, 'x')})
+    {
+        EXPECT_THAT(logOf(
+                        [&]
+                        {
+                            EXPECT_EQ(
+                                ValidateQOR::getStrFromPkgXML(path, "//q", "b"),
+                                "");
+                        }),
+                    ElementsAre("FAILURE"));
+    }
+}
+
+TEST_F(Descriptor, ModelAndVersion)
+{
+    writeFile(scratch / "package.xml",
+              "<p><Device componentID='113440'/><Device componentID='2'/>"
+              "<SoftwareComponent/><SoftwareComponent vendorVersion='7.1'/>"
+              "</p>");
+    logOf(
+        [&]
+        {
+            EXPECT_EQ(ValidateQOR::getImageModel(scratch.path), "113440");
+            EXPECT_EQ(ValidateQOR::getImageVersion(scratch.path.string() + "/"),
+                      "7.1");
+            const fs::path here = fs::current_path();
+            fs::current_path(scratch.path);
+            EXPECT_EQ(ValidateQOR::getImageModel(""), "113440");
+            fs::current_path(here);
+        });
+}
+
+} // namespace
+} // namespace velmora::test

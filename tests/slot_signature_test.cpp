@@ -1,0 +1,133 @@
+#include "payload_fixture.hpp"
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace velmora::test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::StartsWith;
+
+class Slot : public SignedPayload
+{
+  protected:
+    int verifySlot(const std::string& chain, const std::string& signature)
+    {
+        int status = -1;
+        log = logOf(
+            [&]
+            {
+                status = ValidateQOR::verify_slot_signature(chain, signature,
+                                                            path.data());
+            });
+        return status;
+    }
+};
+
+TEST_F(Slot, Statuses)
+{
+    writeFile(path, good());
+    EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 0);
+    EXPECT_EQ(verifySlot("", goodSignature()), 1);
+    EXPECT_EQ(verifySlot(goodChain(), ""), 1);
+    EXPECT_EQ(verifySlot(goodChain(), "short"), 13);
+    logOf(
+        [&]
+        {
+            EXPECT_EQ(ValidateQOR::verify_slot_signature(
+                          goodChain(), goodSignature(), nullptr),
+                      1);
+        });
+    EXPECT_EQ(verifySlot("short", goodSignature()), 7);
+    // Nobody is asked for the passphrase of an encrypted block.
+    std::string encrypted = "-----BEGIN CERTIFICATE-----\n"
+                            "Proc-Type: 4,ENCRYPTED\n"
+                            "DEK-Info: AES-256-CBC,"
+                            "00112233445566778899AABBCCDDEEFF\n\n"
+                            "AAAA\n-----END CERTIFICATE-----\n";
+    encrypted.resize(CHAIN);
+    EXPECT_EQ(verifySlot(encrypted, goodSignature()), 7);
+    EXPECT_THAT(logOf([] { EXPECT_EQ(ValidateQOR::getX509Cert(""), nullptr); }),
+                ElementsAre("INFO getX509Cert: Entry",
+                            "FAILURE getX509Cert: Invalid input argument"));
+    EXPECT_EQ(verifySlot(std::string(CHAIN, '\0'), goodSignature()), 7);
+    EXPECT_EQ(log.back(), "FAILURE verify_slot_signature: convert char buffer "
+                          "to X509 cert format failed");
+    EXPECT_EQ(verifySlot(goodChain() + "x", goodSignature()), 7);
+    EXPECT_EQ(verifySlot(goodChain().substr(0, CHAIN - 1), goodSignature()), 7);
+    EXPECT_FALSE(fs::exists(RUN_TIME / "certchain"));
+
+    fs::remove(RUN_TIME / "publickey");
+    fs::create_directory(RUN_TIME / "publickey");
+    EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 17);
+    fs::remove(RUN_TIME / "publickey");
+    fs::remove(RUN_TIME / "certchain");
+    fs::create_directory(RUN_TIME / "certchain");
+    EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 7);
+    fs::remove(RUN_TIME / "certchain");
+
+    for (const auto& [name, text] : {std::pair{"PS256", "ALGO_256"},
+                                     {"PS512", "ALGO_512"},
+                                     {"ps384", "Default-ALGO_256"},
+                                     {"PS384 ", "Default-ALGO_256"},
+                                     {"", "Default-ALGO_256"}})
+    {
+        metadata_algo = name;
+        EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 13);
+        EXPECT_THAT(
+            log, Contains("INFO verify_slot_signature: " + std::string(text)));
+    }
+    writeFile(path, std::string(TRAILER, 'x'));
+    EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 4);
+    fs::remove(path);
+    EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 2);
+    EXPECT_THAT(log.back(), StartsWith("FAILURE verify_slot_signature: File[" +
+                                       path + "]could not be opened,strerr["));
+}
+
+TEST_F(Slot, KeysOfAnotherKindAreRefused)
+{
+    writeFile(path, good());
+    for (const auto& [algorithm, status] :
+         {std::pair{"rsa:2048", 10},
+          {"ed25519", 10},
+          {"ec -pkeyopt ec_paramgen_curve:P-384", 10}})
+    {
+        ASSERT_EQ(run("openssl req -x509 -nodes -subj /CN=x -newkey " +
+                      std::string(algorithm) + " -keyout /dev/null -out " +
+                      (scratch / "cert").string()),
+                  0);
+        std::string chain = readFile(scratch / "cert");
+        chain.resize(CHAIN);
+        EXPECT_EQ(verifySlot(chain, goodSignature()), status) << algorithm;
+        EXPECT_TRUE(fs::exists(RUN_TIME / "hashfunc"));
+    }
+}
+
+TEST_F(Slot, OtherPaddingsAreRefused)
+{
+    const std::string range = good().substr(0, slot() + CHAIN + 512);
+    writeFile(path, good());
+    writeFile(scratch / "range", range);
+    for (const std::string options :
+         {"-sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1", "",
+          "-sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32"})
+    {
+        ASSERT_EQ(run("openssl dgst -sha384 " + options + " -sign " +
+                      (keys() / "payload-signer.pem").string() + " -out " +
+                      (scratch / "sig").string() + " " +
+                      (scratch / "range").string()),
+                  0);
+        EXPECT_EQ(verifySlot(goodChain(), readFile(scratch / "sig")),
+                  options.ends_with("-1") ? 0 : 13);
+    }
+}
+
+} // namespace
+} // namespace velmora::test

@@ -1,0 +1,139 @@
+#include "support.hpp"
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace velmora::test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::StartsWith;
+
+class Identity : public testing::Test
+{
+  protected:
+    bool valid(const std::string& models)
+    {
+        const fs::path path = scratch / "package.xml";
+        writeFile(path, "<p>" + models + "</p>");
+        bool result = false;
+        log = logOf([&]
+                    { result = ValidateQOR::validateSytemIdFromPkgXML(path); });
+        return result;
+    }
+
+    static std::string model(const std::string& id)
+    {
+        return "<Model systemID='" + id + "'/>";
+    }
+
+    const std::string listed =
+        "INFO validateSytemIdFromPkgXML: System IDs listed in the package "
+        "XML, hence system ID validation will continue.";
+    Scratch scratch;
+    Lines log;
+};
+
+TEST_F(Identity, IdentifiersAreComparedAsNumbers)
+{
+    const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
+    for (const std::string id : {"0A1B", "a1b", "0x0A1B", " 0A1B", "0A1B,0A1C",
+                                 "+a1B", "00000000A1b zz"})
+    {
+        EXPECT_TRUE(valid(model("7") + "<Model/><Model id='9'/>" + model(id) +
+                          model("XYZ")))
+            << id;
+        EXPECT_THAT(log, ElementsAre("INFO hexSystemIDStr: 0A1B", listed,
+                                     "INFO xmlXPathNodeNr: 5",
+                                     "INFO searchFound: " + id, "SUCCESS"));
+    }
+    for (const std::string id : {"1B0A", "A1", "-a1b", "10A1B"})
+    {
+        EXPECT_FALSE(valid(model(id))) << id;
+        EXPECT_THAT(log, ElementsAre("INFO hexSystemIDStr: 0A1B", listed,
+                                     "INFO xmlXPathNodeNr: 1", "FAILURE",
+                                     "FAILURE"));
+    }
+    ASSERT_GE(service.calls.size(), 3U);
+    EXPECT_EQ(service.calls[0], "/xyz/openbmc_project/smad/oem "
+                                "org.freedesktop.DBus.Properties Get");
+    EXPECT_EQ(service.calls[1], "xyz.openbmc_project.Inventory.Item.Oem");
+    EXPECT_EQ(service.calls[2], "BaseSystemId");
+}
+
+TEST_F(Identity, NoModelElementsPass)
+{
+    const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
+    EXPECT_TRUE(valid("<model systemID='1'/>"));
+    for (const std::string& path :
+         {(scratch / "none").string(), std::string(), scratch.path.string()})
+    {
+        EXPECT_THAT(logOf(
+                        [&]
+                        {
+                            EXPECT_FALSE(
+                                ValidateQOR::validateSytemIdFromPkgXML(path));
+                        }),
+                    ElementsAre("INFO hexSystemIDStr: 0A1B", "FAILURE"));
+    }
+    EXPECT_THAT(
+        log,
+        ElementsAre("INFO hexSystemIDStr: 0A1B", "INFO xmlXPathNodeNr: 0",
+                    "INFO validateSytemIdFromPkgXML: No system IDs listed in "
+                    "the package XML, hence system ID validation bypassed"));
+}
+
+TEST_F(Identity, ConversionExceptionsLeaveWithEverythingFreed)
+{
+    const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
+    for (int i = 0; i < 3; ++i)
+    {
+        EXPECT_THROW(valid(model("XYZ") + model("0A1B")),
+                     std::invalid_argument);
+        EXPECT_THROW(valid(model("80000000")), std::out_of_range);
+    }
+}
+
+TEST_F(Identity, BusFailuresComeBeforeTheDescriptor)
+{
+    EXPECT_FALSE(valid(""));
+    EXPECT_THAT(log, ElementsAre(StartsWith("INFO e.what(): sd_bus_call: "
+                                            "org.freedesktop.DBus.Error."
+                                            "ServiceUnknown: "),
+                                 "FAILURE"));
+    for (const std::vector<std::uint8_t>& bytes :
+         {std::vector<std::uint8_t>{}, {1}, {1, 2, 3}})
+    {
+        const Service service(PLATFORM, systemIdBytes(bytes));
+        EXPECT_FALSE(valid(""));
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
+    }
+    {
+        const Service service(
+            PLATFORM, [](auto*, sd_bus_message* reply)
+            { return sd_bus_message_append(reply, "v", "s", "0A1B"); });
+        EXPECT_FALSE(valid(""));
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
+    }
+    {
+        const Service service(PLATFORM, [](auto*, auto*) { return 0; });
+        EXPECT_FALSE(valid(""));
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
+    }
+    {
+        const Service service(PLATFORM, [](auto*, auto*) { return -EACCES; });
+        EXPECT_FALSE(valid(""));
+        EXPECT_THAT(log, ElementsAre("INFO e.what(): sd_bus_call: "
+                                     "com.example.Refused: errno 13",
+                                     "FAILURE"));
+    }
+}
+
+} // namespace
+} // namespace velmora::test
