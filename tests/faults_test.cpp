@@ -441,7 +441,8 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
                 ElementsAre("FAILURE verifyManifestAndSignature: Failed to "
                             "read ZRN image signature"));
     EXPECT_EQ(logWith(
-                  "pread64", 1, [&] { EXPECT_EQ(calculateFileSHA(image), ZEROS); },
+                  "pread64", 1,
+                  [&] { EXPECT_EQ(calculateFileSHA(image), ZEROS); },
                   shrink(image, 3))
                   .front(),
               "FAILURE");
@@ -489,17 +490,17 @@ TEST_F(Faults, ReleasesComeInOrder)
             });
     };
     const auto resultFirst =
-        ElementsAre("close", "xmlXPathFreeContext", "xmlXPathFreeObject", "xmlFreeDoc",
-                    "xmlCleanupParser");
+        ElementsAre("close", "xmlXPathFreeContext", "xmlXPathFreeObject",
+                    "xmlFreeDoc", "xmlCleanupParser");
     const auto documentFirst =
-        ElementsAre("close", "xmlXPathFreeContext", "xmlFreeDoc", "xmlCleanupParser",
-                    "xmlXPathFreeObject");
+        ElementsAre("close", "xmlXPathFreeContext", "xmlFreeDoc",
+                    "xmlCleanupParser", "xmlXPathFreeObject");
     EXPECT_THAT(value("//Device"), resultFirst);
     EXPECT_THAT(value("//Model"), resultFirst);
     EXPECT_THAT(value("//None"), documentFirst);
     EXPECT_THAT(value("1"), documentFirst);
-    EXPECT_THAT(value("["), ElementsAre("close", "xmlXPathFreeContext", "xmlFreeDoc",
-                                        "xmlCleanupParser"));
+    EXPECT_THAT(value("["), ElementsAre("close", "xmlXPathFreeContext",
+                                        "xmlFreeDoc", "xmlCleanupParser"));
 
     EXPECT_THAT(releasesOf(
                     [&]
