@@ -108,7 +108,8 @@ class GuardedParse
     xmlParserInput* makeInput()
     {
 #if LIBXML_VERSION >= 21400
-        return xmlNewInputFromIO(path_, read, nullptr, this, 0);
+        return xmlNewInputFromIO(path_, read, nullptr, this,
+                                 static_cast<xmlParserInputFlags>(0));
 #else
         xmlParserInputBuffer* buffer = xmlParserInputBufferCreateIO(
             read, nullptr, this, XML_CHAR_ENCODING_NONE);
@@ -210,6 +211,12 @@ class GuardedParse
             }
             const std::string_view name =
                 text.substr(at + 1, text.find(';', at) - at - 1);
+            if (name.starts_with('#'))
+            {
+                // It may be a line break, which only shows when it is used.
+                cost += LINE_BREAK_COST;
+                continue;
+            }
             const XmlText copy(
                 xmlStrndup(reinterpret_cast<const xmlChar*>(name.data()),
                            static_cast<int>(name.size())));
@@ -232,7 +239,13 @@ class GuardedParse
         }
         // Five pointers each: name, prefix, namespace, begin and end of the
         // value. The defaults come last.
-        std::size_t cost = NODE_COST * static_cast<std::size_t>(defaultCount);
+        std::size_t cost =
+            NODE_COST * static_cast<std::size_t>(defaultCount + namespaceCount);
+        // A prefix and a URI each. Which of them are defaults is not told.
+        for (int i = 0; i < namespaceCount; ++i)
+        {
+            cost += costOf(view(namespaces[std::ptrdiff_t{2} * i + 1]));
+        }
         for (int i = 0; i < attributeCount; ++i)
         {
             const xmlChar* const* value = attributes + std::ptrdiff_t{5} * i;
@@ -288,7 +301,8 @@ class GuardedParse
         {
             return;
         }
-        std::array<char, 1024> text{};
+        // A value that is quoted in a message may be full of line breaks.
+        std::array<char, 512> text{};
         std::va_list arguments;
         va_start(arguments, format);
         std::vsnprintf(text.data(), text.size(), format, arguments);
