@@ -45,6 +45,11 @@ TEST_F(Descriptor, FirstNodeWithTheAttributeWins)
     // An empty value has a child node, which is empty.
     EXPECT_EQ(query("<p><q a=''/><q a='1'/></p>", "//q", "a"), "");
     EXPECT_THAT(log, ElementsAre("SUCCESS"));
+    // A default is no attribute of the element.
+    EXPECT_EQ(query("<!DOCTYPE p [<!ATTLIST q a CDATA 'd' b CDATA #FIXED ''>]>"
+                    "<p><q/><q a='1'/></p>",
+                    "//q", "a"),
+              "1");
 }
 
 TEST_F(Descriptor, EveryFailureIsOneLine)
