@@ -86,11 +86,7 @@ fi
 SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 1.zip
 touch files/*
 SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 2.zip
-if ! cmp -s <(unzip -lv 1.zip | grep -v -e sign -e Archive -e files) \
-    <(unzip -lv 2.zip | grep -v -e sign -e Archive -e files); then
-    echo "FAIL: packages differ beyond their signature"
-    failures=$((failures + 1))
-fi
+expect 0 '^$' cmp 1.zip 2.zip
 "$pack" package --model 113440 --version 1.2 --payload files \
     --to-be-signed descriptor
 gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig descriptor
@@ -112,12 +108,45 @@ fails 0000 package --model 1 --version 1 --payload files \
 expect 2 'system-id' "$pack" "${package[@]}" --payload files --system-id wrong \
     -o x.zip
 
+# What would surprise, or the machine would refuse.
+touch files/.DS_Store
+expect 0 'warning: files/.DS_Store: looks like' "$pack" "${package[@]}" \
+    --payload files -o left.zip
+rm files/.DS_Store
+fails 'left.zip: exists; --force' "${package[@]}" --payload files -o left.zip
+fails "files/x: lies in the payload's" "${package[@]}" --payload files -o files/x
+expect 2 'foo: is no command; there are package' "$pack" foo
+expect 2 'larger than FFFF: 12345' "$pack" "${package[@]}" --system-id 12345
+mkdir -m 700 stranger
+gpg --homedir stranger --batch --quiet --passphrase '' \
+    --quick-generate-key Stranger ed25519 sign 10d 2>/dev/null
+gpg --homedir stranger --export >stranger.pub
+stranger=(package --payload files --model 1 --version 1 --gpg-home stranger
+    --key "$(gpg --homedir stranger --with-colons --list-keys |
+        sed -n 's/^fpr:*//; T; s/:$//p; q')" --keyring)
+fails 'keyring.asc: gives no good signature: No public key' "${stranger[@]}" \
+    "$keys/keyring.asc" -o x.zip
+fails 'stranger.pub: key .* expires within 30 days' "${stranger[@]}" \
+    stranger.pub -o x.zip
+expect 0 . "$pack" "${stranger[@]}" stranger.pub --min-days 5 -o stranger.zip
+fails 'chain.pem: holds no OpenPGP public key' "${stranger[@]}" \
+    "$keys/chain.pem" -o x.zip
+mkdir -m 700 locked
+gpg --homedir locked --batch --quiet --passphrase x --pinentry-mode loopback \
+    --quick-generate-key Locked ed25519 sign 2>/dev/null
+gpgconf --homedir locked --kill all
+expect 1 'cannot sign .* GPG_TTY=.* gpg-preset-passphrase' setsid "$pack" \
+    package --payload files --model 1 --version 1 --gpg-home locked \
+    --key "$(gpg --homedir locked --with-colons --list-keys |
+        sed -n 's/^fpr:*//; T; s/:$//p; q')" -o x.zip
+
 mkdir secret
 cp "$keys/image-signer.pem" secret/a
 fails secret/a "${package[@]}" --payload secret -o x.zip
 
 # ---- images ------------------------------------------------------------
 head -c 100000 /dev/urandom >content
+touch empty
 "$pack" manifest --release 1 --prefix files/a -o manifest
 "$pack" image content --key "$keys/image-signer.pem" -o image
 expect 0 '^accepted$' "$velmora" verify-image image manifest
@@ -130,6 +159,10 @@ openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
 "$pack" image content --signature der \
     --public-key "$keys/image-signer.pub.pem" -o image2
 expect 0 'r' "$pack" inspect --as image image2
+fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
+fails 'two files; name a directory' manifest -o -
+"$pack" image content --key "$keys/image-signer.pem" -o - >piped
+expect 0 '^100096$' stat -c %s piped
 fails payload-signer "image" content --key "$keys/payload-signer.pem" -o x
 cp "$keys/image-signer.pem" own-key
 fails own-key "image" content --key own-key -o own-key
@@ -158,6 +191,23 @@ expect 0 'warning.*foreign.* not the issuer' "$pack" payload content \
 expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload content \
     --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
     --timestamp 1000000000 --force -o warned
+checked=(payload content --key "$keys/payload-signer.pem" --alg PS256 -o x)
+fails 'empty: is empty' "${checked[@]}" --chain empty
+fails 'foreign-root.pem: does not vouch .* unable to get local issuer' \
+    "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/foreign-root.pem"
+fails 'root-ca.pem: does not vouch .* has expired' \
+    "${checked[@]}" --chain "$keys/expired-chain.pem" --root-ca "$keys/root-ca.pem"
+fails 'does not vouch for the chain at the timestamp 5: .* not yet valid' \
+    "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/root-ca.pem" \
+    --timestamp 5
+fails 'chain.pem: certificate .* expires within 36500 days' "${checked[@]}" \
+    --chain "$keys/chain.pem" --root-ca "$keys/root-ca.pem" --min-days 36500
+openssl pkey -in "$keys/image-signer.pem" -aes256 -passout pass:abc -out locked.pem
+expect 1 'locked.pem: needs a passphrase or PIN, and there is no terminal' \
+    setsid "$pack" image content --key locked.pem -o x
+echo wrong >wrong
+fails 'locked.pem: no private key .* with that passphrase' image content \
+    --key locked.pem --passphrase-file wrong -o x
 cp p.zip twice.zip
 python3 - twice.zip <<'PY'
 import sys, warnings, zipfile
