@@ -231,29 +231,30 @@ int fail(std::string_view message)
     return BAD_INPUT;
 }
 
-/** Everything that goes wrong ends here, as one line. */
-int guarded(const std::function<int()>& work)
+/** What went wrong, as one line; empty when nothing did. */
+std::string failureOf(const std::function<void()>& work)
 {
     try
     {
-        return work();
+        work();
+        return {};
     }
     catch (const pack::Error& error)
     {
-        return fail(error.what());
+        return error.what();
     }
     catch (const fs::filesystem_error& error)
     {
-        return fail(pack::printable(error.path1().string()) + ": " +
-                    error.code().message());
+        return pack::printable(error.path1().string()) + ": " +
+               error.code().message();
     }
     catch (const std::bad_alloc&)
     {
-        return fail("memory: not enough");
+        return "memory: not enough";
     }
     catch (const std::exception& error)
     {
-        return fail(pack::printable(error.what()));
+        return pack::printable(error.what());
     }
 }
 
@@ -264,30 +265,31 @@ int inspect(const InspectOptions& options)
     const bool several = options.files.size() > 1;
     Json list = Json::array();
     std::size_t remarked = 0;
+    std::size_t failed = 0;
     int status = EXIT_SUCCESS;
-    const auto one = [&](const fs::path& file)
+    for (const fs::path& file : options.files)
     {
-        const Json& fields =
-            list.emplace_back(pack::inspect(pack::Source(file), options.kind));
+        Json& fields = list.emplace_back();
+        const std::string failure = failureOf(
+            [&] { fields = pack::inspect(pack::Source(file), options.kind); });
+        if (!failure.empty())
+        {
+            status = fail(failure);
+            ++failed;
+            fields = {{"file", file.string()}, {"error", failure}};
+            continue;
+        }
+        remarked += fields["remarks"].empty() ? 0 : 1;
+        if (options.strict && !fields["remarks"].empty())
+        {
+            status = fail(pack::printable(file.string()) +
+                          ": has remarks, which --strict does not allow");
+        }
         if (!options.json)
         {
             std::cout << pack::renderText(fields) << (several ? "\n" : "");
         }
-        if (fields["remarks"].empty())
-        {
-            return EXIT_SUCCESS;
-        }
-        ++remarked;
-        return options.strict
-                   ? fail(pack::printable(file.string()) +
-                          ": has remarks, which --strict does not allow")
-                   : EXIT_SUCCESS;
-    };
-    for (const fs::path& file : options.files)
-    {
-        status = std::max(status, guarded([&] { return one(file); }));
     }
-    const std::size_t failed = options.files.size() - list.size();
     if (options.json && (several || failed == 0))
     {
         std::cout << (several ? list : list.front())
@@ -296,8 +298,8 @@ int inspect(const InspectOptions& options)
     }
     else if (several)
     {
-        std::cout << options.files.size() << " files: " << remarked
-                  << " with remarks, " << failed << " could not be inspected\n";
+        std::cout << list.size() << " files: " << remarked << " with remarks, "
+                  << failed << " could not be inspected\n";
     }
     return status;
 }
@@ -350,7 +352,7 @@ void expectCommand(const CLI::App& app, int argc, char** argv)
 }
 
 /** Does what the arguments say. */
-int run(CLI::App& app, int argc, char** argv)
+void run(CLI::App& app, int argc, char** argv, int& status)
 {
     try
     {
@@ -359,13 +361,12 @@ int run(CLI::App& app, int argc, char** argv)
     }
     catch (const CLI::ParseError& error)
     {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
+        status = app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
     }
     if (!std::cout.flush())
     {
         throw pack::systemError("standard output");
     }
-    return EXIT_SUCCESS;
 }
 
 } // namespace
@@ -404,7 +405,12 @@ int main(int argc, char** argv)
     addPayload(app, payload);
     addInspect(app, inspected, status);
     addTestKeys(app, testKeys);
-    const int failed = guarded([&] { return run(app, argc, argv); });
+    const std::string failure =
+        failureOf([&] { run(app, argc, argv, status); });
+    if (!failure.empty())
+    {
+        status = fail(failure);
+    }
     tools::SignalCleanup::raiseSeen();
-    return std::max(failed, status);
+    return status;
 }

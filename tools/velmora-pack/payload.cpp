@@ -123,43 +123,27 @@ SignatureScheme schemeOf(std::string_view algorithm)
     return {algorithm == "PS512" ? EVP_sha512() : EVP_sha256(), true};
 }
 
+bool isSlotKey(const EVP_PKEY* key)
+{
+    return key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
+           EVP_PKEY_get_bits(key) == keyBits;
+}
+
 void expectRsa(const EVP_PKEY* key, std::string_view file)
 {
-    if (EVP_PKEY_is_a(key, "RSA") != 1 || EVP_PKEY_get_bits(key) != keyBits)
+    if (!isSlotKey(key))
     {
         throw Error(file, "is not an RSA key of 4096 bits");
     }
 }
 
-/** How many certificates the file holds. There must be nothing else: a private
- *  key beside them would be published with the payload. */
-std::size_t countCertificates(Bytes pem, const std::string& file)
+std::size_t countOf(std::string_view text, std::string_view what)
 {
-    const Bio bio = memoryBio(pem);
     std::size_t count = 0;
-    bool only = textOf(pem).find("PRIVATE KEY") == std::string_view::npos;
-    while (only)
+    for (std::size_t at = text.find(what); at != std::string_view::npos;
+         at = text.find(what, at + what.size()))
     {
-        char* name = nullptr;
-        char* header = nullptr;
-        unsigned char* data = nullptr;
-        long size = 0;
-        if (PEM_read_bio(bio.get(), &name, &header, &data, &size) != 1)
-        {
-            break;
-        }
-        const Memory<char> ownedName(name);
-        const Memory<char> ownedHeader(header);
-        const Memory<unsigned char> ownedData(data);
-        only = std::string_view(name) == PEM_STRING_X509;
         ++count;
-    }
-    const bool atEnd =
-        ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
-    ERR_clear_error();
-    if (!only || !atEnd)
-    {
-        throw Error(file, "must hold certificates in PEM and nothing else");
     }
     return count;
 }
@@ -168,7 +152,6 @@ struct Chain
 {
     Buffer text;
     std::vector<Certificate> certificates;
-    Key signerKey;
 };
 
 Chain readChain(const fs::path& file)
@@ -183,22 +166,17 @@ Chain readChain(const fs::path& file)
         throw Error(source.name(),
                     "is too long: a chain must be shorter than 24576 bytes");
     }
-    Chain chain{source.readAll(), {}, {}};
-    if (textOf(chain.text).find('\0') != std::string_view::npos)
-    {
-        throw Error(source.name(), "contains a NUL byte");
-    }
-    const std::size_t count = countCertificates(chain.text, source.name());
+    Chain chain{source.readAll(), {}};
+    // A private key beside the certificates would be published with them.
+    const std::string_view text = textOf(chain.text);
+    const std::size_t count = countOf(text, certificateStart);
     chain.certificates = readCertificates(chain.text);
-    if (count == 0 || chain.certificates.size() != count)
+    if (count == 0 || count != countOf(text, "-----BEGIN ") ||
+        count != chain.certificates.size() ||
+        text.find('\0') != std::string_view::npos)
     {
         throw Error(source.name(),
-                    "holds no certificate, or one that cannot be read");
-    }
-    chain.signerKey.reset(X509_get_pubkey(chain.certificates.front().get()));
-    if (!chain.signerKey)
-    {
-        throw opensslError(source.name(), "its first certificate has no key");
+                    "must hold certificates in PEM and nothing else");
     }
     return chain;
 }
@@ -208,19 +186,21 @@ Chain readChain(const fs::path& file)
 Key readSigner(const PayloadOptions& options, const Chain& chain)
 {
     const std::string file = keyName(options.signing.key);
+    const EVP_PKEY* const certified =
+        X509_get0_pubkey(chain.certificates.front().get());
     Key key;
     if (!file.empty())
     {
         key =
             readPrivateKey(options.signing.key, options.signing.passphraseFile);
         expectRsa(key.get(), file);
-        if (EVP_PKEY_eq(chain.signerKey.get(), key.get()) != 1)
+        if (EVP_PKEY_eq(certified, key.get()) != 1)
         {
             throw Error(options.chain.string(),
                         "its first certificate is not that of the key " + file);
         }
     }
-    expectRsa(chain.signerKey.get(),
+    expectRsa(certified,
               options.chain.string() + ": the first certificate's key");
     return key;
 }
@@ -296,34 +276,55 @@ bool verifySlot(const Source& payload, EVP_PKEY* key,
     return verifier.finish(payload.read(signedSize, slotSignatureSize));
 }
 
-void checkHead(const Source& made, std::uint64_t bodySize, Bytes head)
+/** What the checker finds in the trailer. */
+struct Slot
 {
-    const Layout layout = layoutOf(made);
-    if (layout.chain != bodySize ||
-        !std::ranges::equal(made.read(layout.chain, head.size()), head))
+    explicit Slot(const Source& payload) :
+        layout(layoutOf(payload)),
+        chainArea(payload.read(layout.chain, chainAreaSize)),
+        block(payload.read(layout.metadata, metadataSize)),
+        chain(readCertificates(bytesOf(chainText()))),
+        metadata(readMetadata(textUpToNul(block)))
     {
-        throw Error(made.name(), "does not hold on the disk what was written");
     }
-}
+
+    std::string_view chainText() const { return textUpToNul(chainArea); }
+    EVP_PKEY* key() const
+    {
+        return chain.empty() ? nullptr : X509_get0_pubkey(chain.front().get());
+    }
+    /** As the checker converts it: 0 when something else is missing. */
+    std::int32_t timestamp() const
+    {
+        return metadata.version.empty() || metadata.algorithm.empty()
+                   ? 0
+                   : static_cast<std::int32_t>(
+                         std::strtoll(metadata.timestamp.c_str(), nullptr, 10));
+    }
+
+    Layout layout;
+    Buffer chainArea;
+    Buffer block;
+    std::vector<Certificate> chain;
+    Metadata metadata;
+};
 
 void checkPayload(const Source& made, std::uint64_t bodySize, Bytes head)
 {
-    checkHead(made, bodySize, head);
-    const Layout layout = layoutOf(made);
-    const Buffer chainArea = made.read(layout.chain, chainAreaSize);
-    const std::vector<Certificate> chain =
-        readCertificates(bytesOf(textUpToNul(chainArea)));
-    const Buffer block = made.read(layout.metadata, metadataSize);
-    const Metadata metadata = readMetadata(textUpToNul(block));
-    if (chain.empty() ||
-        !verifySlot(made, X509_get0_pubkey(chain.front().get()),
-                    metadata.algorithm) ||
-        !isZero(made.read(layout.remainder, remainderSize)))
+    const Slot slot(made);
+    if (slot.layout.chain != bodySize ||
+        !std::ranges::equal(made.read(bodySize, head.size()), head) ||
+        !isZero(made.read(slot.layout.remainder, remainderSize)))
+    {
+        throw Error(made.name(), "does not hold on the disk what was written");
+    }
+    if (slot.key() == nullptr ||
+        !verifySlot(made, slot.key(), slot.metadata.algorithm))
     {
         throw Error(made.name(),
                     "the signature does not fit the body, the chain, the "
                     "algorithm and the timestamp " +
-                        metadata.timestamp + "; nothing was made");
+                        slot.metadata.timestamp + "; nothing was made");
     }
 }
 
@@ -364,11 +365,10 @@ void remarkOnValidity(Remarks& remarks, const X509* certificate,
     }
 }
 
-Json describeChain(const std::vector<Certificate>& chain,
-                   std::int32_t timestamp, Remarks& remarks)
+Json describeChain(const Slot& slot, Remarks& remarks)
 {
     Json certificates = Json::array();
-    for (const Certificate& owner : chain)
+    for (const Certificate& owner : slot.chain)
     {
         const X509* const certificate = owner.get();
         certificates.push_back(
@@ -378,36 +378,28 @@ Json describeChain(const std::vector<Certificate>& chain,
              {"notAfter", timeText(X509_get0_notAfter(certificate))},
              {"key", describeKey(certificate)}});
         remarkOnValidity(remarks, certificate, "now", std::time(nullptr));
-        if (timestamp != 0)
+        if (slot.timestamp() != 0)
         {
             remarkOnValidity(remarks, certificate, "at the timestamp",
-                             timestamp);
+                             slot.timestamp());
         }
     }
-    if (chain.empty())
+    if (slot.chain.empty())
     {
         remarks.emplace_back("the chain has no certificate that can be read");
     }
-    return certificates;
+    return {{"offset", slot.layout.chain},
+            {"size", chainAreaSize},
+            {"textSize", slot.chainText().size()},
+            {"certificates", certificates}};
 }
 
-/** The timestamp of the metadata as the checker converts it; it stays 0 when
- *  something else is missing. */
-std::int32_t timestampOf(const Metadata& metadata)
+Json describeMetadata(const Slot& slot, Remarks& remarks)
 {
-    return metadata.version.empty() || metadata.algorithm.empty()
-               ? 0
-               : static_cast<std::int32_t>(
-                     std::strtoll(metadata.timestamp.c_str(), nullptr, 10));
-}
-
-Json describeMetadata(std::string_view text, Remarks& remarks)
-{
-    const Metadata metadata = readMetadata(text);
-    Json fields{{"text", text},
-                {"ver", metadata.version},
-                {"alg", metadata.algorithm},
-                {"sts", metadata.timestamp}};
+    const Metadata& metadata = slot.metadata;
+    Json fields{{"offset", slot.layout.metadata},  {"size", metadataSize},
+                {"text", textUpToNul(slot.block)}, {"ver", metadata.version},
+                {"alg", metadata.algorithm},       {"sts", metadata.timestamp}};
     if (metadata.version.empty())
     {
         remarks.emplace_back("the metadata has no version");
@@ -418,42 +410,39 @@ Json describeMetadata(std::string_view text, Remarks& remarks)
         remarks.emplace_back("the metadata names no known algorithm, so that "
                              "SHA-256 is used");
     }
-    const std::int32_t timestamp = timestampOf(metadata);
-    if (timestamp == 0)
+    if (slot.timestamp() == 0)
     {
         remarks.emplace_back("the metadata has no timestamp, so that the chain "
                              "is checked at the start of 1970");
     }
     else
     {
-        fields["stsDate"] = dateText(timestamp);
+        fields["stsDate"] = dateText(slot.timestamp());
     }
     return fields;
 }
 
-Json describeSignature(const Source& file, const Layout& layout,
-                       const std::vector<Certificate>& chain,
-                       std::string_view algorithm, Remarks& remarks)
+Json describeSignature(const Source& file, const Slot& slot, Remarks& remarks)
 {
-    Json fields{{"offset", layout.signature},
+    const std::string& algorithm = slot.metadata.algorithm;
+    const std::uint64_t offset = slot.layout.signature;
+    Json fields{{"offset", offset},
                 {"size", slotSignatureSize},
                 {"algorithm", std::string("RSA-PSS, ") +
                                   EVP_MD_get0_name(schemeOf(algorithm).digest)},
-                {"value", hex(file.read(layout.signature, slotSignatureSize))}};
-    EVP_PKEY* const key =
-        chain.empty() ? nullptr : X509_get0_pubkey(chain.front().get());
-    const bool usable = key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
-                        EVP_PKEY_get_bits(key) == keyBits;
-    const bool verifies = usable && verifySlot(file, key, algorithm);
-    if (usable)
+                {"value", hex(file.read(offset, slotSignatureSize))}};
+    if (!isSlotKey(slot.key()))
     {
-        fields["verifies"] = verifies;
+        remarks.emplace_back(
+            "the chain's first key is not an RSA key of 4096 bits");
+        return fields;
     }
+    const bool verifies = verifySlot(file, slot.key(), algorithm);
+    fields["verifies"] = verifies;
     if (!verifies)
     {
         remarks.emplace_back(
-            usable ? "the signature does not fit the chain's first key"
-                   : "the chain's first key is no RSA key of 4096 bits");
+            "the signature does not fit the chain's first key");
     }
     return fields;
 }
@@ -505,43 +494,29 @@ PayloadMarks payloadMarks(const Source& file)
     {
         return {};
     }
-    const Layout layout(file.size());
-    const Buffer area = file.read(layout.chain, chainAreaSize);
-    const Buffer block = file.read(layout.metadata, metadataSize);
-    const Metadata metadata = readMetadata(textUpToNul(block));
+    const Slot slot(file);
+    const Metadata& metadata = slot.metadata;
     return {
-        textUpToNul(area).find(certificateStart) != std::string_view::npos,
+        slot.chainText().find(certificateStart) != std::string_view::npos,
         !(metadata.version + metadata.algorithm + metadata.timestamp).empty()};
 }
 
 Json describePayload(const Source& file, Remarks& remarks)
 {
-    const Layout layout = layoutOf(file);
-    const Buffer chainArea = file.read(layout.chain, chainAreaSize);
-    const std::string_view chainText = textUpToNul(chainArea);
-    const std::vector<Certificate> chain = readCertificates(bytesOf(chainText));
-    const Buffer block = file.read(layout.metadata, metadataSize);
-    const Metadata metadata = readMetadata(textUpToNul(block));
-
-    Json fields;
-    fields["body"] = {
-        {"offset", 0},
-        {"size", layout.chain},
-        {"sha256", digestText(file, 0, layout.chain, EVP_sha256())}};
-    fields["chain"] = {
-        {"offset", layout.chain},
-        {"size", chainAreaSize},
-        {"textSize", chainText.size()},
-        {"certificates", describeChain(chain, timestampOf(metadata), remarks)}};
-    fields["metadata"] = {{"offset", layout.metadata}, {"size", metadataSize}};
-    fields["metadata"].update(describeMetadata(textUpToNul(block), remarks));
-    fields["signature"] =
-        describeSignature(file, layout, chain, metadata.algorithm, remarks);
-    fields["remainder"] = {
-        {"offset", layout.remainder},
-        {"size", remainderSize},
-        {"zero", isZero(file.read(layout.remainder, remainderSize))}};
-    return fields;
+    const Slot slot(file);
+    const std::uint64_t bodySize = slot.layout.chain;
+    const std::uint64_t remainder = slot.layout.remainder;
+    return {{"body",
+             {{"offset", 0},
+              {"size", bodySize},
+              {"sha256", digestText(file, 0, bodySize, EVP_sha256())}}},
+            {"chain", describeChain(slot, remarks)},
+            {"metadata", describeMetadata(slot, remarks)},
+            {"signature", describeSignature(file, slot, remarks)},
+            {"remainder",
+             {{"offset", remainder},
+              {"size", remainderSize},
+              {"zero", isZero(file.read(remainder, remainderSize))}}}};
 }
 
 } // namespace pack
