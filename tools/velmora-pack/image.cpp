@@ -22,12 +22,12 @@ namespace pack
 namespace
 {
 
-constexpr std::string_view curve = "secp384r1";
+constexpr std::string_view CURVE = "secp384r1";
 /** Each of r and s, unsigned big-endian. */
-constexpr std::size_t numberSize = 48;
-constexpr std::size_t signatureSize = 2 * numberSize;
+constexpr std::size_t NUMBER_SIZE = 48;
+constexpr std::size_t SIGNATURE_SIZE = 2 * NUMBER_SIZE;
 /** The checker counts an image's bytes in 32 bits. */
-constexpr std::uint64_t largestImage =
+constexpr std::uint64_t LARGEST_IMAGE =
     std::numeric_limits<std::uint32_t>::max();
 
 using BigNumber = Handle<BIGNUM, BN_free>;
@@ -41,7 +41,7 @@ void expectCurve(const EVP_PKEY* key, const std::string& file)
     std::size_t size = 0;
     if (EVP_PKEY_is_a(key, "EC") != 1 ||
         EVP_PKEY_get_group_name(key, name.data(), name.size(), &size) != 1 ||
-        std::string_view(name.data(), size) != curve)
+        std::string_view(name.data(), size) != CURVE)
     {
         ERR_clear_error();
         throw Error(file, "is not an EC key on the curve P-384");
@@ -53,12 +53,12 @@ Buffer rawFromDer(Bytes der, std::string_view name)
     const unsigned char* position = unsignedData(der);
     const EcdsaSignature signature(
         d2i_ECDSA_SIG(nullptr, &position, static_cast<long>(der.size())));
-    Buffer raw(signatureSize);
+    Buffer raw(SIGNATURE_SIZE);
     unsigned char* const r = unsignedData(std::span(raw));
     if (!signature || position != unsignedData(der) + der.size() ||
-        BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), r, numberSize) < 0 ||
-        BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), r + numberSize,
-                     numberSize) < 0)
+        BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), r, NUMBER_SIZE) < 0 ||
+        BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), r + NUMBER_SIZE,
+                     NUMBER_SIZE) < 0)
     {
         throw opensslError(name, "is not an ECDSA signature in DER, nor one "
                                  "of 96 bytes");
@@ -66,46 +66,42 @@ Buffer rawFromDer(Bytes der, std::string_view name)
     return raw;
 }
 
-BigNumber numberFrom(Bytes bytes)
-{
-    return BigNumber(BN_bin2bn(unsignedData(bytes),
-                               static_cast<int>(bytes.size()), nullptr));
-}
-
 Buffer derFromRaw(Bytes raw)
 {
     const EcdsaSignature signature(ECDSA_SIG_new());
-    BigNumber r = numberFrom(raw.first(numberSize));
-    BigNumber s = numberFrom(raw.last(numberSize));
+    BigNumber r(BN_bin2bn(unsignedData(raw), NUMBER_SIZE, nullptr));
+    BigNumber s(BN_bin2bn(unsignedData(raw.subspan(NUMBER_SIZE)), NUMBER_SIZE,
+                          nullptr));
     require(signature && r && s &&
                 ECDSA_SIG_set0(signature.get(), r.get(), s.get()) == 1,
             "the signature cannot be encoded");
     // The signature owns its numbers now.
     static_cast<void>(r.release());
     static_cast<void>(s.release());
-    const int size = i2d_ECDSA_SIG(signature.get(), nullptr);
+    unsigned char* encoded = nullptr;
+    const int size = i2d_ECDSA_SIG(signature.get(), &encoded);
     require(size > 0, "the signature cannot be encoded");
-    Buffer der(static_cast<std::size_t>(size));
-    unsigned char* position = unsignedData(std::span(der));
-    i2d_ECDSA_SIG(signature.get(), &position);
-    return der;
+    const Memory<unsigned char> owned(encoded);
+    const Bytes der =
+        std::as_bytes(std::span(encoded, static_cast<std::size_t>(size)));
+    return {der.begin(), der.end()};
 }
 
 Buffer readSignature(const fs::path& file)
 {
     const Source source(file);
     const Buffer signature = source.readAll();
-    return signature.size() == signatureSize
+    return signature.size() == SIGNATURE_SIZE
                ? signature
                : rawFromDer(signature, source.name());
 }
 
 void checkImage(const Source& image, EVP_PKEY* publicKey)
 {
-    const std::uint64_t content = image.size() - signatureSize;
-    Verifier verifier(publicKey, scheme());
-    image.stream(0, content, [&](Bytes piece) { verifier.update(piece); });
-    if (!verifier.finish(derFromRaw(image.read(content, signatureSize))))
+    const std::uint64_t content = image.size() - SIGNATURE_SIZE;
+    if (!verifies(image, content,
+                  derFromRaw(image.read(content, SIGNATURE_SIZE)), publicKey,
+                  scheme()))
     {
         throw Error(image.name(), "the signature does not fit the content "
                                   "and the key; nothing was made");
@@ -127,7 +123,7 @@ void makeImage(const ImageOptions& options)
     {
         throw Error(source.name(), "is empty");
     }
-    if (source.size() > largestImage - signatureSize)
+    if (source.size() > LARGEST_IMAGE - SIGNATURE_SIZE)
     {
         throw Error(source.name(),
                     "is too large: with its signature an image must stay "
@@ -156,28 +152,28 @@ void makeImage(const ImageOptions& options)
     checkImage(output.readBack(), publicPart(key.get()).get());
     output.commit();
     report(signing.output, "image of " +
-                               std::to_string(source.size() + signatureSize) +
+                               std::to_string(source.size() + SIGNATURE_SIZE) +
                                " bytes, signed and checked");
 }
 
 Json describeImage(const Source& file, Remarks& remarks)
 {
-    if (file.size() < signatureSize)
+    if (file.size() < SIGNATURE_SIZE)
     {
         throw Error(file.name(), "is too short for a signed image");
     }
-    const std::uint64_t content = file.size() - signatureSize;
-    const Buffer signature = file.read(content, signatureSize);
+    const std::uint64_t content = file.size() - SIGNATURE_SIZE;
+    const Buffer signature = file.read(content, SIGNATURE_SIZE);
     const Bytes numbers(signature);
     if (content == 0)
     {
         remarks.emplace_back("the content is empty");
     }
-    if (isZero(numbers.first(numberSize)) || isZero(numbers.last(numberSize)))
+    if (isZero(numbers.first(NUMBER_SIZE)) || isZero(numbers.last(NUMBER_SIZE)))
     {
         remarks.emplace_back("the signature is empty: r or s is zero");
     }
-    if (file.size() > largestImage)
+    if (file.size() > LARGEST_IMAGE)
     {
         remarks.emplace_back("4 GiB or more, which the checker refuses");
     }
@@ -187,10 +183,10 @@ Json describeImage(const Source& file, Remarks& remarks)
               {"sha512", digestText(file, 0, content, EVP_sha512())}}},
             {"signature",
              {{"offset", content},
-              {"size", signatureSize},
+              {"size", SIGNATURE_SIZE},
               {"algorithm", "ECDSA P-384, SHA-512"},
-              {"r", hex(numbers.first(numberSize))},
-              {"s", hex(numbers.last(numberSize))}}}};
+              {"r", hex(numbers.first(NUMBER_SIZE))},
+              {"s", hex(numbers.last(NUMBER_SIZE))}}}};
 }
 
 } // namespace pack

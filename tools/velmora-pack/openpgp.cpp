@@ -30,22 +30,8 @@ constexpr int AGENT_POLLS = 250;
 using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
 using Data = Handle<std::remove_pointer_t<gpgme_data_t>, gpgme_data_release>;
 
-struct OpenPgpMemoryReleaser
-{
-    void operator()(char* memory) const { gpgme_free(memory); }
-};
-
-Data emptyData()
-{
-    gpgme_data_t data = nullptr;
-    if (gpgme_data_new(&data) != GPG_ERR_NO_ERROR)
-    {
-        throw Error("gpg", "no memory");
-    }
-    return Data(data);
-}
-
-Data dataOf(Bytes bytes)
+/** Bytes for the engine to read, or none that it can write to. */
+Data dataOf(Bytes bytes = {})
 {
     gpgme_data_t data = nullptr;
     const std::string_view text = textOf(bytes);
@@ -60,7 +46,7 @@ Data dataOf(Bytes bytes)
 Buffer contentOf(Data data)
 {
     std::size_t size = 0;
-    const std::unique_ptr<char, OpenPgpMemoryReleaser> memory(
+    const Handle<char, gpgme_free> memory(
         gpgme_data_release_and_get_mem(data.release(), &size));
     const Bytes bytes = bytesOf({memory.get(), size});
     return {bytes.begin(), bytes.end()};
@@ -107,13 +93,6 @@ std::string reasonIn(std::string_view text)
                     "GPG_TTY=$(tty) in the environment; without one, "
                     "gpg-preset-passphrase"
                   : "");
-}
-
-bool isFingerprint(const std::string& text)
-{
-    return text.size() == FINGERPRINT_LENGTH &&
-           std::ranges::all_of(text, [](unsigned char c)
-                               { return std::isxdigit(c) != 0; });
 }
 
 } // namespace
@@ -185,37 +164,6 @@ void OpenPgp::check(gpgme_error_t error, const std::string& doing) const
     }
 }
 
-OpenPgp::KeyHandle OpenPgp::findSigningKey(const std::string& fingerprint)
-{
-    if (!isFingerprint(fingerprint))
-    {
-        throw Error(fingerprint, "is not a full fingerprint of 40 hexadecimal "
-                                 "digits");
-    }
-    gpgme_key_t found = nullptr;
-    if (gpgme_get_key(context_.get(), fingerprint.c_str(), &found, 1) !=
-        GPG_ERR_NO_ERROR)
-    {
-        throw Error(name(), "has no secret key " + fingerprint);
-    }
-    KeyHandle key(found);
-    if (!sameFingerprint(fingerprint, key->fpr))
-    {
-        throw Error(fingerprint, std::string("names a subkey; name the "
-                                             "primary key, ") +
-                                     key->fpr);
-    }
-    if (key->revoked || key->expired || key->disabled || key->invalid)
-    {
-        throw Error(fingerprint, "is revoked, expired or disabled");
-    }
-    if (!key->can_sign)
-    {
-        throw Error(fingerprint, "is not a key that can sign");
-    }
-    return key;
-}
-
 Buffer OpenPgp::run(std::vector<std::string> arguments, Bytes input,
                     const std::string& doing) const
 {
@@ -225,8 +173,8 @@ Buffer OpenPgp::run(std::vector<std::string> arguments, Bytes input,
     }
     arguments.insert(arguments.begin(), {"gpg", "--batch", "--no-tty"});
     const Data given = dataOf(input);
-    Data said = emptyData();
-    Data made = emptyData();
+    Data said = dataOf();
+    Data made = dataOf();
     spawn("gpg-name", arguments, given.get(), made.get(), said.get());
     throwIfInterrupted();
     Buffer output = contentOf(std::move(made));
@@ -240,8 +188,14 @@ Buffer OpenPgp::run(std::vector<std::string> arguments, Bytes input,
 
 Buffer OpenPgp::sign(const std::string& fingerprint, Bytes data)
 {
-    const KeyHandle key = findSigningKey(fingerprint);
-    std::vector<std::string> arguments{"--local-user", key->fpr,
+    if (fingerprint.size() != FINGERPRINT_LENGTH ||
+        !std::ranges::all_of(fingerprint, [](unsigned char c)
+                             { return std::isxdigit(c) != 0; }))
+    {
+        throw Error(fingerprint, "is not a full fingerprint of 40 hexadecimal "
+                                 "digits");
+    }
+    std::vector<std::string> arguments{"--local-user", fingerprint,
                                        "--detach-sign"};
     std::string doing = "cannot sign with " + fingerprint;
     if (const auto epoch = sourceDateEpoch())
@@ -290,7 +244,8 @@ std::string OpenPgp::verify(Bytes data, Bytes signature, const Trust& trust)
     gpgme_key_t key = nullptr;
     check(gpgme_get_key(context_.get(), signer.c_str(), &key, 0),
           "cannot find the key " + signer);
-    const KeyHandle owner(key);
+    const Handle<std::remove_pointer_t<gpgme_key_t>, gpgme_key_unref> owner(
+        key);
     const std::int64_t soon =
         std::int64_t{std::time(nullptr)} + trust.days * SECONDS_PER_DAY;
     for (gpgme_subkey_t part = key->subkeys; part != nullptr; part = part->next)

@@ -48,10 +48,7 @@ class OpenPgp
 
   private:
     using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
-    using KeyHandle =
-        Handle<std::remove_pointer_t<gpgme_key_t>, gpgme_key_unref>;
 
-    KeyHandle findSigningKey(const std::string& fingerprint);
     void check(gpgme_error_t error, const std::string& doing) const;
     /** What gpg writes to its standard output when it is given that input. */
     Buffer run(std::vector<std::string> arguments, Bytes input,

@@ -90,75 +90,61 @@ std::string digestText(const Source& source, std::uint64_t offset,
     return hex(digest.finish());
 }
 
-Signer::Signer(EVP_PKEY* key, const SignatureScheme& scheme) :
-    context(EVP_MD_CTX_new())
-{
-    EVP_PKEY_CTX* keyContext = nullptr;
-    require(context && EVP_DigestSignInit(context.get(), &keyContext,
-                                          scheme.digest, nullptr, key) > 0,
-            "signing cannot be set up");
-    initialise(keyContext, scheme);
-}
-
-void Signer::update(Bytes bytes)
-{
-    require(EVP_DigestSignUpdate(context.get(), bytes.data(), bytes.size()) > 0,
-            "signing failed");
-}
-
-Buffer Signer::finish()
-{
-    std::size_t size = 0;
-    require(EVP_DigestSignFinal(context.get(), nullptr, &size) > 0,
-            "signing failed");
-    Buffer signature(size);
-    require(EVP_DigestSignFinal(context.get(),
-                                unsignedData(std::span(signature)), &size) > 0,
-            "signing failed");
-    signature.resize(size);
-    return signature;
-}
-
 Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
                    EVP_PKEY* key, const SignatureScheme& scheme)
 {
-    std::optional<Signer> signer;
+    const DigestContext context(EVP_MD_CTX_new());
+    EVP_PKEY_CTX* keyContext = nullptr;
     if (key != nullptr)
     {
-        signer.emplace(key, scheme);
+        require(context && EVP_DigestSignInit(context.get(), &keyContext,
+                                              scheme.digest, nullptr, key) > 0,
+                "signing cannot be set up");
+        initialise(keyContext, scheme);
     }
     const auto write = [&](Bytes piece)
     {
         output.write(piece);
-        if (signer)
-        {
-            signer->update(piece);
-        }
+        require(key == nullptr ||
+                    EVP_DigestSignUpdate(context.get(), piece.data(),
+                                         piece.size()) > 0,
+                "signing failed");
     };
     source.stream(0, source.size(), write);
     write(tail);
-    return signer ? signer->finish() : Buffer();
+    std::size_t size = 0;
+    Buffer signature;
+    if (key != nullptr)
+    {
+        require(EVP_DigestSignFinal(context.get(), nullptr, &size) > 0,
+                "signing failed");
+        signature.resize(size);
+        require(EVP_DigestSignFinal(context.get(),
+                                    unsignedData(std::span(signature)),
+                                    &size) > 0,
+                "signing failed");
+        signature.resize(size);
+    }
+    return signature;
 }
 
-Verifier::Verifier(EVP_PKEY* key, const SignatureScheme& scheme) :
-    context(EVP_MD_CTX_new())
+bool verifies(const Source& source, std::uint64_t size, Bytes signature,
+              EVP_PKEY* key, const SignatureScheme& scheme)
 {
+    const DigestContext context(EVP_MD_CTX_new());
     EVP_PKEY_CTX* keyContext = nullptr;
     require(context && EVP_DigestVerifyInit(context.get(), &keyContext,
                                             scheme.digest, nullptr, key) > 0,
             "verification cannot be set up");
     initialise(keyContext, scheme);
-}
-
-void Verifier::update(Bytes bytes)
-{
-    require(EVP_DigestVerifyUpdate(context.get(), bytes.data(), bytes.size()) >
-                0,
-            "verification failed");
-}
-
-bool Verifier::finish(Bytes signature)
-{
+    source.stream(0, size,
+                  [&](Bytes piece)
+                  {
+                      require(EVP_DigestVerifyUpdate(context.get(),
+                                                     piece.data(),
+                                                     piece.size()) > 0,
+                              "verification failed");
+                  });
     const int result = EVP_DigestVerifyFinal(
         context.get(), unsignedData(signature), signature.size());
     ERR_clear_error();

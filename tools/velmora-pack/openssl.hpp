@@ -57,34 +57,14 @@ struct SignatureScheme
     bool pss;
 };
 
-class Signer
-{
-  public:
-    Signer(EVP_PKEY* key, const SignatureScheme& scheme);
-
-    void update(Bytes bytes);
-    Buffer finish();
-
-  private:
-    DigestContext context;
-};
-
 /** Writes the source and then the tail. With a key the result is the signature
  *  over both; without one it is empty. */
 Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
                    EVP_PKEY* key, const SignatureScheme& scheme);
 
-class Verifier
-{
-  public:
-    Verifier(EVP_PKEY* key, const SignatureScheme& scheme);
-
-    void update(Bytes bytes);
-    bool finish(Bytes signature);
-
-  private:
-    DigestContext context;
-};
+/** Whether the signature over the first @p size bytes is the key's. */
+bool verifies(const Source& source, std::uint64_t size, Bytes signature,
+              EVP_PKEY* key, const SignatureScheme& scheme);
 
 Key readPublicKey(const std::filesystem::path& file);
 /** The key without its private part. */

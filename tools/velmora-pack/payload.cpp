@@ -271,9 +271,9 @@ bool verifySlot(const Source& payload, EVP_PKEY* key,
                 std::string_view algorithm)
 {
     const std::uint64_t signedSize = layoutOf(payload).signature;
-    Verifier verifier(key, schemeOf(algorithm));
-    payload.stream(0, signedSize, [&](Bytes piece) { verifier.update(piece); });
-    return verifier.finish(payload.read(signedSize, slotSignatureSize));
+    return verifies(payload, signedSize,
+                    payload.read(signedSize, slotSignatureSize), key,
+                    schemeOf(algorithm));
 }
 
 /** What the checker finds in the trailer. */
