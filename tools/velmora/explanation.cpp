@@ -11,6 +11,7 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
@@ -206,7 +207,7 @@ bool skip(std::string_view& text, std::string_view start)
 /** A line of the library. */
 struct Explainer::Line
 {
-    enum class Level
+    enum class Level : std::uint8_t
     {
         none,
         failure,
@@ -428,7 +429,9 @@ void Explainer::finishRefusal()
 {
     if (refusal_)
     {
-        sink_(*std::exchange(refusal_, std::nullopt));
+        const Operation done = std::move(*refusal_);
+        refusal_.reset();
+        sink_(done);
     }
 }
 
