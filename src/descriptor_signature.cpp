@@ -144,6 +144,6 @@ bool ValidateQOR::validatePkgXMLSignature(const std::string& descriptorPath,
             return true;
         }
     }
-    LOG_FAILURE("no signature is fully valid");
+    LOG_FAILURE("the descriptor's signature is not valid");
     return false;
 }

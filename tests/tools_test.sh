@@ -49,11 +49,11 @@ echo two >files/b
 
 # ---- packages ----------------------------------------------------------
 "$pack" "${package[@]}" --payload files --system-id 1 --system-id 0a1b -o p.zip
-expect 0 '^accepted$' "$velmora" validate p.zip
-expect 0 '"verdict": "accepted"' "$velmora" --json validate p.zip
+expect 0 "^accepted: signed by TEST.* $(cat "$keys/fingerprint")\$" "$velmora" validate p.zip
+expect 0 '"verified": true' "$velmora" --json validate p.zip
 expect 0 'Line: [0-9]+ \[SUCCESS\]' "$velmora" validate --verbose p.zip
-expect 0 '^accepted' "$velmora" unpack p.zip unpacked
-expect 0 '^accepted$' "$velmora" validate unpacked
+expect 0 '^done$' "$velmora" unpack p.zip unpacked
+expect 0 '^accepted: signed by' "$velmora" validate unpacked
 expect 0 '^systems: 0001 0A1B$' "$velmora" info unpacked
 expect 0 '^model: 113440$' "$velmora" info unpacked
 expect 0 '^BMC$' "$velmora" purpose unpacked
@@ -61,23 +61,92 @@ expected=$("$velmora" info --json unpacked | grep -o '[0-9a-f]\{64\}')
 expect 0 "^$expected\$" "$velmora" digest unpacked/payload
 expect 0 "^$(sha256sum <files/a | cut -c1-64)\$" "$velmora" digest files/a
 mkdir unpacked/payload/sub
-expect 0 'entries are not covered' "$velmora" digest unpacked/payload
+expect 0 ': 1 entry is not covered: payload/sub$' "$velmora" digest unpacked/payload
+expect 0 '; 1 entry is not covered' "$velmora" validate unpacked
 rm -r unpacked/payload/sub
 
 echo changed >unpacked/payload/a
 expect 1 "refused: the payload's digest" "$velmora" validate unpacked
 "$pack" "${package[@]}" --payload files/a --system-id 1 -o other.zip
-expect 1 'refused: it is not for this system' "$velmora" validate other.zip
+expect 1 'refused: the package is for other systems' "$velmora" validate other.zip
 head -c 100 p.zip >cut.zip
-expect 1 'refused: it cannot be unpacked' "$velmora" validate cut.zip
+expect 1 'refused: unzip failed .* exit code 9, not a ZIP file' "$velmora" validate cut.zip
 expect 3 'none.zip: could not be checked' "$velmora" validate none.zip
 expect 3 '"verdict": "unchecked"' "$velmora" --json validate none.zip
 expect 2 '^velmora: PACKAGE is required' "$velmora" validate
 expect 2 . "$velmora" inventory add x
 sed -i 's/systemID="[^"]*"/systemID="zz"/' unpacked/package.xml
-expect 3 'systemID of the descriptor is no number' "$velmora" validate unpacked
-expect 3 'system identifier cannot be read' env \
+expect 1 'a systemID of the descriptor is no number: zz' "$velmora" validate unpacked
+expect 3 'platform service could not be asked: it did not answer' env \
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none "$velmora" validate p.zip
+# Several at once: a line each, a list in JSON, the worst status.
+expect 3 '^3 packages: 1 accepted, 1 refused, 1 could not be checked$' \
+    "$velmora" validate p.zip cut.zip none.zip
+expect 3 '^none.zip: could not be checked: No such file' "$velmora" validate p.zip none.zip
+expect 1 '^\[' "$velmora" --json validate p.zip cut.zip
+expect 2 'no command is called valdate; the nearest is validate' "$velmora" valdate x
+
+# What a key in the keyring has against it.
+keyring=/etc/gpg/secupkey/.gnupg
+mkdir -m 700 old
+expired=(gpg --homedir old --batch --quiet --passphrase ''
+    --faked-system-time 20240101T000000)
+"${expired[@]}" --quick-generate-key "Old, TEST" ed25519 sign 2024-01-31 2>/dev/null
+cp -r unpacked expired
+sed -i 's/systemID="zz"/systemID="0A1B"/' unpacked/package.xml expired/package.xml
+expect 1 'refused: .*: the descriptor is not what was signed: ' "$velmora" validate unpacked
+"${expired[@]}" --yes --detach-sign -o expired/package.xml.sign \
+    expired/package.xml 2>/dev/null
+expect 1 'refused: .*: no public key [0-9A-F]{40}$' "$velmora" validate expired
+gpg --homedir old --export | gpg --homedir "$keyring" --quiet --import 2>/dev/null
+expect 1 'refused: .*: the key has expired \(2024-01-31\): Old, TEST, ' \
+    "$velmora" validate expired
+
+# Hostile input: text in the log, a name that is a pattern, no room.
+"$velmora" -v validate expired >/dev/null 2>log || true
+expect 0 'signature status: Key expired' "$velmora" explain log
+expect 0 "^refused: the descriptor's signature is not valid +descriptor_signature.cpp:[0-9]+\$" \
+    "$velmora" explain <(sed 's/^/Jan 01 00:00:00 bmc daemon[7]: /' log)
+expect 0 '"number": [0-9]+' "$velmora" --json explain log
+expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explain \
+    <(cat log; echo 'Line: 1 [FAILURE]')
+expect 3 'no library with a section' "$velmora" explain --library log log
+fake='Line: 1 [INFO e.what(): sd_bus_call: org.freedesktop.DBus.Error.NoReply: x]'
+cp -r unpacked fake
+printf '<a>\n%s\n<b></a>' "$fake" >fake/package.xml
+expect 1 'refused: the descriptor is not well-formed' "$velmora" validate fake
+printf '<Model systemID="0A1B]&#10;%s&#10;Line: 1 [FAILURE]&#10;"/>' "$fake" \
+    >fake/package.xml
+expect 1 'refused: .* not what was signed' "$velmora" validate fake
+cp p.zip p1.zip
+cp other.zip 'p[1].zip'
+expect 1 'other systems' "$velmora" validate 'p[1].zip'
+head -c 200000 /dev/urandom >files/big
+"$pack" "${package[@]}" --payload files -o big.zip
+rm files/big
+mkdir small
+full=(bwrap --dev-bind / / --size 65536 --tmpfs "$PWD/small")
+if "${full[@]}" true; then
+    expect 3 'could not be checked: no room is left' "${full[@]}" \
+        env TMPDIR="$PWD/small" "$velmora" validate big.zip
+fi
+
+# What only --strict refuses.
+expect 0 '^accepted' "$velmora" validate --strict p.zip
+expect 1 'refused: it has more than 2000 bytes' "$velmora" validate --strict \
+    --max-size 2000 big.zip
+expect 1 'refused: its descriptor names no Model' "$velmora" validate --strict big.zip
+strict() {
+    rm -rf strict
+    mkdir strict
+    (cd strict && unzip -q ../p.zip && eval "$2")
+    expect 0 '^accepted' "$velmora" validate strict
+    expect 1 "refused: $1" "$velmora" validate --strict strict
+}
+strict '1 entry is not covered: payload2' 'mkdir payload2'
+strict '1 entry is not covered: package.xml.old' 'touch package.xml.old'
+strict '1 entry is not covered: payload/a .a link' \
+    'mv payload/a ../a; ln -s ../../a payload/a'
 if compgen -G '/tmp/velmora-*' >/dev/null; then
     echo "FAIL: velmora leaves its temporary directory"
     failures=$((failures + 1))
@@ -92,7 +161,7 @@ expect 0 '^$' cmp 1.zip 2.zip
 gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig descriptor
 expect 0 . "$pack" package --model 113440 --version 1.2 --payload files \
     --gpg-home "$keys/gnupg" --signature sig -o elsewhere.zip
-expect 0 '^accepted$' "$velmora" validate elsewhere.zip
+expect 0 '^accepted: signed by' "$velmora" validate elsewhere.zip
 expect 0 '"componentID"|componentID|113440' "$pack" inspect p.zip
 
 mkdir -p nested/sub
@@ -151,10 +220,13 @@ touch empty
 "$pack" image content --key "$keys/image-signer.pem" -o image
 expect 0 '^accepted$' "$velmora" verify-image image manifest
 expect 0 '^1$' cat /tmp/ingressRelease
-expect 1 'refused: Signature verification failed' "$velmora" verify-image content manifest
+expect 1 'refused: the image.s signature does not verify' "$velmora" verify-image content manifest
 expect 3 'image-ktb: No such file' "$velmora" verify-image image files
 head -c 512 /dev/zero >manifest/image-ktb.sig
 expect 0 'accepted: NOT verified' "$velmora" verify-image image manifest
+expect 0 '"verified": false' "$velmora" --json verify-image image manifest
+expect 1 'refused: image-ktb.sig has the older' "$velmora" verify-image --strict \
+    image manifest
 openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
 "$pack" image content --signature der \
     --public-key "$keys/image-signer.pub.pem" -o image2
@@ -176,7 +248,7 @@ for algorithm in PS256 PS384 PS512; do
     "$pack" "${payload[@]}" --key "$keys/payload-signer.pem" \
         --alg "$algorithm" --force -o signed
     cp "$keys/root-ca.pem" "$root_ca"
-    expect 0 '^accepted$' "$velmora" verify-payload signed
+    expect 0 '^accepted: signed by CN=.* payload signer' "$velmora" verify-payload signed
     expect 0 "$algorithm" "$pack" inspect signed
 done
 "$pack" payload p.zip --chain "$keys/chain.pem" \
@@ -220,7 +292,11 @@ expect 3 'OpenBMCSecureBootRootCA.pem: No such file' "$velmora" verify-payload s
 cp "$keys/foreign-root.pem" "$root_ca"
 expect 1 'unable to get local issuer' "$velmora" verify-payload signed
 cp "$keys/root-ca.pem" "$root_ca"
-expect 1 'Payload length is invalid' "$velmora" verify-payload files/a
+expect 1 'the payload is no longer than a trailer' "$velmora" verify-payload files/a
+"$pack" "${payload[@]}" --alg PS256 --key "$keys/payload-signer.pem" -o bare
+printf '"ver": "1" "alg": "PS256" "sts"' |
+    dd of=bare bs=1 seek=$((100000 + 24576)) conv=notrunc status=none
+expect 1 'refused: the metadata block ' "$velmora" verify-payload --strict bare
 fails image-signer "${payload[@]}" --key "$keys/image-signer.pem" --alg PS256 -o x
 fails foreign payload content --chain "$keys/foreign-root.pem" \
     --key "$keys/payload-signer.pem" --alg PS256 -o x
@@ -290,14 +366,14 @@ print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'
 # ---- inventory ---------------------------------------------------------
 path=/xyz/openbmc_project/inventory/system/x
 add=(inventory add "$path" --detail1 M --detail2 2 --purpose CPLD)
-expect 0 accepted "$velmora" "${add[@]}"
-expect 1 'refused: the service answered' "$velmora" "${add[@]}"
+expect 0 '^done$' "$velmora" "${add[@]}"
+expect 1 'refused: .* it answered with an error: ' "$velmora" "${add[@]}"
 expect 0 '^M$' "$velmora" inventory model "$path"
 expect 0 '"model": "M"' "$velmora" inventory model --json "$path"
-expect 0 accepted "$velmora" inventory remove "$path"
-expect 1 'refused: the service answered' "$velmora" inventory remove "$path"
-expect 3 'could not be checked' "$velmora" inventory model short
-expect 3 'no such purpose' "$velmora" inventory add "$path" --purpose None
+expect 0 '^done$' "$velmora" inventory remove "$path"
+expect 1 'refused: .* it answered with' "$velmora" inventory remove "$path"
+expect 2 'no inventory path' "$velmora" inventory model short
+expect 2 'None not in' "$velmora" inventory add "$path" --purpose None
 expect 2 . "$velmora" "${add[@]}" --release-type None
 sed -i 's/componentID="[^"]*"/componentID="7"/' unpacked/package.xml
 expect 0 '^TPM$' "$velmora" purpose unpacked

@@ -6,10 +6,11 @@
 #include <fcntl.h>
 #include <gelf.h>
 #include <link.h>
-#include <sys/stat.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <sstream>
+#include <string_view>
 
 namespace velmora::front
 {
@@ -18,8 +19,6 @@ namespace
 {
 
 constexpr std::string_view SECTION = ".velmora.causes";
-constexpr std::string_view LIBRARY_NAME = "/libvelmora.so";
-using ElfFile = tools::Handle<Elf, elf_end>;
 
 std::string_view contentOf(Elf_Scn* section)
 {
@@ -30,144 +29,132 @@ std::string_view contentOf(Elf_Scn* section)
                : std::string_view();
 }
 
-/** The build-id of a section of notes, or empty. */
-std::string buildIdIn(Elf_Scn* section)
+void readBuildId(Elf_Scn* section, std::string& id)
 {
     constexpr std::string_view digits = "0123456789abcdef";
-    Elf_Data* data = elf_getdata(section, nullptr);
     GElf_Nhdr note{};
     std::size_t name = 0;
     std::size_t description = 0;
-    std::string id;
+    Elf_Data* data = elf_getdata(section, nullptr);
     if (data == nullptr ||
         gelf_getnote(data, 0, &note, &name, &description) == 0 ||
         note.n_type != NT_GNU_BUILD_ID)
     {
-        return id;
+        return;
     }
-    for (const char c :
-         std::string_view(static_cast<const char*>(data->d_buf), data->d_size)
-             .substr(description, note.n_descsz))
+    id.clear();
+    for (const char c : contentOf(section).substr(description, note.n_descsz))
     {
         const auto byte = static_cast<unsigned char>(c);
         id += {digits[byte >> 4], digits[byte & 0xF]};
     }
-    return id;
+}
+
+void readRecords(const std::string& content, Causes& causes)
+{
+    std::istringstream records(content);
+    for (std::string record; std::getline(records, record, '\0');)
+    {
+        std::istringstream words(record);
+        Site site;
+        words >> site.file >> site.number >> site.line >> site.kind >> std::ws;
+        if (!std::getline(words, site.text))
+        {
+            continue;
+        }
+        site.number += site.line;
+        // A template or an inline function may leave the same record twice.
+        if (!(causes.sites.try_emplace(site.number, site).first->second ==
+              site))
+        {
+            throw tools::Error(causes.library,
+                               "two statements share the number " +
+                                   std::to_string(site.number));
+        }
+    }
 }
 
 int noteLibrary(dl_phdr_info* info, std::size_t /*size*/, void* path)
 {
-    const bool found = std::string_view(info->dlpi_name).find(LIBRARY_NAME) !=
-                       std::string_view::npos;
-    if (found)
-    {
-        *static_cast<std::string*>(path) = info->dlpi_name;
-    }
+    const bool found =
+        std::string_view(info->dlpi_name).find("/libvelmora.so") !=
+        std::string_view::npos;
+    *static_cast<std::string*>(path) = found ? info->dlpi_name : "";
     return found ? 1 : 0;
-}
-
-} // namespace
-
-CauseTable::CauseTable(const std::string& library) : library_(library)
-{
-    const tools::FileDescriptor file(
-        open(library.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status{};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0)
-    {
-        throw tools::systemError(library);
-    }
-    elf_version(EV_CURRENT);
-    const ElfFile elf(S_ISREG(status.st_mode)
-                          ? elf_begin(file.get(), ELF_C_READ, nullptr)
-                          : nullptr);
-    std::size_t names = 0;
-    if (elf == nullptr || elf_getshdrstrndx(elf.get(), &names) != 0)
-    {
-        throw tools::Error(library, "it is not a library");
-    }
-    Elf_Scn* section = nullptr;
-    while ((section = elf_nextscn(elf.get(), section)) != nullptr)
-    {
-        GElf_Shdr header{};
-        const char* name = gelf_getshdr(section, &header) != nullptr
-                               ? elf_strptr(elf.get(), names, header.sh_name)
-                               : nullptr;
-        if (name == nullptr)
-        {
-            continue;
-        }
-        if (name == SECTION)
-        {
-            readTable(contentOf(section));
-        }
-        else if (header.sh_type == SHT_NOTE && buildId_ == "none")
-        {
-            const std::string id = buildIdIn(section);
-            buildId_ = id.empty() ? buildId_ : id;
-        }
-    }
-    if (sites_.empty())
-    {
-        throw tools::Error(library, "it has no section " +
-                                        std::string(SECTION) +
-                                        ": it is another library, or an older "
-                                        "one; name another with --library");
-    }
-}
-
-const Site* CauseTable::find(int number) const
-{
-    const auto found = sites_.find(number);
-    return found != sites_.end() ? &found->second : nullptr;
-}
-
-std::string CauseTable::fileOf(int number) const
-{
-    const auto next = sites_.lower_bound(number / BLOCK * BLOCK);
-    return next != sites_.end() && next->first / BLOCK == number / BLOCK
-               ? next->second.file
-               : std::string();
-}
-
-void CauseTable::readTable(std::string_view records)
-{
-    while (!records.empty())
-    {
-        const std::size_t end = records.find('\0');
-        if (const auto record = records.substr(0, end); !record.empty())
-        {
-            add(std::string(record));
-        }
-        records.remove_prefix(end < records.size() ? end + 1 : records.size());
-    }
-}
-
-void CauseTable::add(const std::string& record)
-{
-    std::istringstream words(record);
-    Site site;
-    words >> site.file >> site.number >> site.line >> site.kind >> std::ws;
-    if (!std::getline(words, site.text) || site.number < 0 || site.line < 0 ||
-        site.number > BLOCK * BLOCK || site.line >= BLOCK)
-    {
-        throw tools::Error(library_, "not a record of causes: " + record);
-    }
-    site.number += site.line;
-    // A template or an inline function may leave the same record twice.
-    if (const auto [known, isNew] = sites_.emplace(site.number, site);
-        !isNew && known->second != site)
-    {
-        throw tools::Error(library_, "two statements share the number " +
-                                         std::to_string(site.number));
-    }
 }
 
 std::string linkedLibrary()
 {
     std::string path;
+    std::error_code ignored;
     dl_iterate_phdr(noteLibrary, &path);
-    return path;
+    return std::filesystem::canonical(path, ignored);
+}
+
+} // namespace
+
+Causes readCauses(const std::string& library)
+{
+    Causes causes;
+    causes.library = library;
+    const tools::FileDescriptor file(
+        open(library.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0)
+    {
+        throw tools::systemError(library);
+    }
+    elf_version(EV_CURRENT);
+    const tools::Handle<Elf, elf_end> elf(
+        elf_begin(file.get(), ELF_C_READ, nullptr));
+    std::size_t names = 0;
+    Elf_Scn* section = nullptr;
+    while (elf_getshdrstrndx(elf.get(), &names) == 0 &&
+           (section = elf_nextscn(elf.get(), section)) != nullptr)
+    {
+        GElf_Shdr header{};
+        gelf_getshdr(section, &header);
+        const char* name = elf_strptr(elf.get(), names, header.sh_name);
+        if (name != nullptr && name == SECTION)
+        {
+            readRecords(std::string(contentOf(section)), causes);
+        }
+        else if (header.sh_type == SHT_NOTE)
+        {
+            readBuildId(section, causes.buildId);
+        }
+    }
+    if (causes.sites.empty())
+    {
+        throw tools::Error(library, "no library with a section " +
+                                        std::string(SECTION) +
+                                        "; name another with --library");
+    }
+    return causes;
+}
+
+const Causes& linkedCauses()
+{
+    static const Causes causes = []
+    {
+        const std::string library = linkedLibrary();
+        try
+        {
+            return readCauses(library);
+        }
+        catch (const tools::Error&)
+        {
+            Causes none;
+            none.library = library;
+            return none;
+        }
+    }();
+    return causes;
+}
+
+std::string versionText()
+{
+    return "velmora " VELMORA_VERSION ", with " + linkedCauses().library +
+           ", build-id " + linkedCauses().buildId;
 }
 
 } // namespace velmora::front

@@ -2,20 +2,24 @@
 
 #include "common/files.hpp"
 #include "common/signals.hpp"
-#include "library_log.hpp"
-#include "velmora.hpp"
+#include "package_contents.hpp"
+#include "run.hpp"
+#include "signer.hpp"
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
-#include <string>
 #include <string_view>
-#include <system_error>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -25,400 +29,510 @@ namespace velmora::front
 namespace
 {
 
-using sdbusplus::common::xyz::openbmc_project::software::details::
-    mappingVersionVersionPurpose;
-
 constexpr const char* SHA256_COMPONENT =
     "//SoftwareComponent[@hashAlgorithm=\"SHA256\"]";
 constexpr const char* ROOT_CA_FILE =
     "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
-/** Systems that `info` lists; each costs a reading of the descriptor. */
+constexpr const char* OLDER_FORMAT =
+    "image-ktb.sig has the older format, which skips the check";
+/** Systems that are listed; each costs a reading of the descriptor. */
 constexpr int MAX_SYSTEMS = 64;
-
-Answer accepted(std::string remark = {})
-{
-    return {Verdict::accepted, std::move(remark)};
-}
+/** A larger image-ktb.sig, in bytes, has the older format. */
+constexpr std::uintmax_t SIGNATURE_FILE_MAX_SIZE = 511;
+/** Where a signed payload has its metadata, and how much; in bytes. */
+constexpr std::streamoff METADATA_FROM_END = 76800 - 24576;
+constexpr std::size_t METADATA_SIZE = 512;
+/** A file system without room for so many bytes is full. */
+constexpr off_t ROOM = 65536;
+/** The extractor may always write so much into a file, in bytes. */
+constexpr std::uint64_t MIN_FILE_LIMIT = 1 << 20;
 
 Answer refused(std::string reason)
 {
-    return {Verdict::refused, std::move(reason)};
+    return Answer(Verdict::refused, std::move(reason));
 }
 
 Answer unchecked(std::string reason)
 {
-    return {Verdict::unchecked, std::move(reason)};
+    return Answer(Verdict::unchecked, std::move(reason));
 }
 
-/** Why a path cannot be read at all, or empty. */
-std::string unreadable(const fs::path& path)
+/** @throws std::runtime_error when a path cannot be read at all */
+void expectReadable(const Request& request, const fs::path& path)
 {
-    return access(path.c_str(), R_OK) == 0 ? "" : std::strerror(errno);
+    const std::string name =
+        path == request.subject ? "" : path.string() + ": ";
+    std::error_code ignored;
+    const auto type = fs::status(path, ignored).type();
+    if (access(path.c_str(), R_OK) != 0)
+    {
+        throw std::runtime_error(name + std::strerror(errno));
+    }
+    if (type != fs::file_type::regular && type != fs::file_type::directory)
+    {
+        throw std::runtime_error(name + "neither a file nor a directory");
+    }
 }
 
-/** A failed call on the bus: refused where a service answered with an error of
- *  its own, otherwise not checked. */
-Answer busAnswer(const std::string& error)
+/** Whether a service answered, if only with an error of its own. */
+bool hasAnswered(std::string_view exception)
 {
     constexpr std::array<std::string_view, 6> unanswered{
-        "DBus.Error.ServiceUnknown", "DBus.Error.NameHasNoOwner",
-        "DBus.Error.NoReply",        "DBus.Error.Timeout",
-        "DBus.Error.Disconnected",   "System.Error."};
-    const bool answered = std::none_of(
-        unanswered.begin(), unanswered.end(), [&error](std::string_view name)
-        { return error.find(name) != std::string::npos; });
-    return answered ? refused("the service answered: " + error)
-                    : unchecked("the bus did not answer: " + error);
+        "org.freedesktop.DBus.Error.ServiceUnknown",
+        "org.freedesktop.DBus.Error.NameHasNoOwner",
+        "org.freedesktop.DBus.Error.NoReply",
+        "org.freedesktop.DBus.Error.Timeout",
+        "org.freedesktop.DBus.Error.Disconnected",
+        "System.Error."};
+    // In front of the error's name stands the step that failed.
+    const auto name = exception.substr(exception.find(' ') + 1);
+    return std::ranges::none_of(unanswered, [name](std::string_view error)
+                                { return name.starts_with(error); });
 }
 
-/** Names the first step that refuses an extracted package. */
-Answer findRefusal(const fs::path& package, bool verbose)
+/** What came of an operation, as the log tells it.
+ *
+ *  @param answered the verdict where a service answered with an error */
+Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
 {
-    const std::string descriptor = package / "package.xml";
-    const std::string signature = package / "package.xml.sign";
-    const std::string payload = package / "payload";
-    bool passed = false;
-
-    if (!fs::is_regular_file(descriptor))
+    const Operation& refusal = outcome.refusal;
+    if (outcome.passed)
     {
-        return refused("it has no package.xml");
+        return Answer();
     }
-    const LibraryLog identity = caught(
-        verbose,
-        [&] { passed = ValidateQOR::validateSytemIdFromPkgXML(descriptor); });
-    if (!passed)
+    Answer answer = refused(refusal.reason());
+    answer.refusal = refusal;
+    if (!refusal.exception.empty())
     {
-        if (!identity.busError().empty())
+        const bool has = hasAnswered(refusal.exception);
+        answer.verdict = has ? answered : Verdict::unchecked;
+        answer.reason =
+            refusal.site.text +
+            (has ? ": it answered with an error: " : ": it did not answer: ") +
+            refusal.exception;
+    }
+    return answer;
+}
+
+/** Whether an extraction into @p directory can have failed for want of room. */
+bool isFull(const fs::path& directory)
+{
+    const fs::path probe = directory / "velmora-probe";
+    const tools::FileDescriptor file(
+        open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const int error =
+        file.get() < 0 ? errno : posix_fallocate(file.get(), 0, ROOM);
+    unlink(probe.c_str());
+    return error == ENOSPC || error == EDQUOT;
+}
+
+/** Bounds what the extractor may write into one file. */
+void limitFiles(std::uint64_t size)
+{
+    struct rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(
+        limit.rlim_cur,
+        static_cast<rlim_t>(std::max(size, MIN_FILE_LIMIT) + 1));
+    setrlimit(RLIMIT_FSIZE, &limit);
+    // A write beyond fails then; the signal would end the process.
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+/** Unpacks under a name of our own: the extractor reads names as patterns. */
+Answer extract(const Request& request, const fs::path& work,
+               const fs::path& destination)
+{
+    const fs::path link = work / "package.zip";
+    fs::create_symlink(fs::absolute(request.subject), link);
+    const Outcome outcome =
+        run(request.verbose, [&]
+            { return ValidateQOR::unZip(link, fs::absolute(destination)); });
+    return !outcome.passed && isFull(destination)
+               ? unchecked("no room is left in " + destination.string())
+               : answerFrom(outcome);
+}
+
+std::string tooLarge(const Request& request)
+{
+    return "it has more than " + std::to_string(request.maxSize) + " bytes";
+}
+
+/** What a strict check finds wrong with an unpacked package, or empty. */
+std::string objectionTo(const PackageContents& contents, const Request& request)
+{
+    return !request.strict                   ? ""
+           : contents.size > request.maxSize ? tooLarge(request)
+           : contents.uncoveredCount > 0     ? contents.remark()
+           : contents.payloadFiles == 0      ? "its payload is empty"
+                                             : "";
+}
+
+/** Identifiers that a descriptor lists, as they are written. */
+std::vector<std::string> systemsOf(const std::string& descriptor)
+{
+    std::vector<std::string> systems;
+    std::string system = "first";
+    for (int i = 1; i <= MAX_SYSTEMS && !system.empty(); ++i)
+    {
+        const std::string nth =
+            "(//Model[@systemID!=\"\"])[" + std::to_string(i) + "]";
+        system =
+            ValidateQOR::getStrFromPkgXML(descriptor, nth.c_str(), "systemID");
+        systems.push_back(system);
+    }
+    systems.resize(systems.size() - (system.empty() ? 1 : 0));
+    return systems;
+}
+
+/** Why the library throws at a descriptor's identifiers. */
+std::string systemProblem(const std::string& descriptor)
+{
+    for (const std::string& system : systemsOf(descriptor))
+    {
+        try
         {
-            return unchecked("the system identifier cannot be read: " +
-                             identity.busError());
+            static_cast<void>(std::stoi(system, nullptr, 16));
         }
-        return refused(identity.has("validation will continue")
-                           ? "it is not for this system"
-                           : "its system list cannot be checked");
-    }
-    if (!fs::is_regular_file(signature))
-    {
-        return refused("it has no package.xml.sign");
-    }
-    caught(verbose,
-           [&]
-           {
-               passed =
-                   ValidateQOR::validatePkgXMLSignature(descriptor, signature);
-           });
-    if (!passed)
-    {
-        return refused("the descriptor's signature is not valid");
-    }
-    std::string expected;
-    std::string actual;
-    caught(verbose,
-           [&]
-           {
-               expected = ValidateQOR::getStrFromPkgXML(
-                   descriptor, SHA256_COMPONENT, "hash");
-           });
-    if (expected.empty())
-    {
-        return refused("the descriptor states no SHA256 digest");
-    }
-    caught(verbose, [&] { actual = ValidateQOR::getSHAStrFromImage(payload); });
-    if (actual.empty())
-    {
-        return refused("it has no payload directory that can be digested");
-    }
-    if (actual != expected)
-    {
-        Answer answer = refused("the payload's digest is not the descriptor's");
-        answer.fields["expected digest"] = expected;
-        answer.fields["payload digest"] = actual;
-        return answer;
-    }
-    return refused("it changed while it was checked");
-}
-
-Answer validateDirectory(const fs::path& package, bool verbose)
-{
-    bool valid = false;
-    const LibraryLog log = caught(
-        verbose, [&] { valid = ValidateQOR::validateExtractedQOR(package); });
-    if (valid)
-    {
-        return accepted();
-    }
-    return findRefusal(package, verbose);
-}
-
-Answer unpackInto(const std::string& package, const std::string& directory,
-                  bool verbose)
-{
-    if (const std::string why = unreadable(package); !why.empty())
-    {
-        return unchecked(why);
-    }
-    bool done = false;
-    caught(verbose, [&] { done = ValidateQOR::unZip(package, directory); });
-    if (!done)
-    {
-        return refused("it cannot be unpacked, or lacks package.xml or "
-                       "payload");
-    }
-    return accepted();
-}
-
-/** The enumerator's own name, behind the last dot of its D-Bus string. */
-std::string_view shortName(std::string_view text)
-{
-    return text.substr(text.rfind('.') + 1);
-}
-
-ValidateQOR::VersionPurpose purposeFrom(const std::string& name)
-{
-    for (const auto& [value, text] : mappingVersionVersionPurpose)
-    {
-        if (name == text || name == shortName(text))
+        catch (const std::out_of_range&)
         {
-            return value;
+            return "a systemID of the descriptor is too large: " + system;
+        }
+        catch (const std::invalid_argument&)
+        {
+            return "a systemID of the descriptor is no number: " + system;
         }
     }
-    throw std::invalid_argument("no such purpose: " + name);
+    return "a systemID of the descriptor is no number";
 }
 
-ValidateQOR::ReleaseType releaseTypeFrom(const std::string& name)
+/** Says who has signed, or what is wrong with the signature. */
+void addSigner(Answer& answer, const fs::path& package)
 {
-    using ReleaseType = ValidateQOR::ReleaseType;
-    if (name == "Production")
+    const Signer signer =
+        findSigner(package / "package.xml", package / "package.xml.sign");
+    const std::string who = signer.userId +
+                            (signer.userId.empty() ? "" : ", ") +
+                            signer.fingerprint;
+    if (!signer.fingerprint.empty())
     {
-        return ReleaseType::Production;
+        answer.reason = answer.isVerified
+                            ? "signed by " + who
+                            : answer.refusal.site.text + ": " + signer.problem +
+                                  (signer.userId.empty() ? " " : ": ") + who;
+        answer.fields["signer"] = {{"fingerprint", signer.fingerprint},
+                                   {"userId", signer.userId}};
     }
-    return name == "Prototype" ? ReleaseType::Prototype : ReleaseType::Other;
 }
 
-Answer inventoryAnswer(bool done, const LibraryLog& log)
+Answer validateDirectory(const Request& request, const fs::path& package)
 {
-    return done ? accepted() : busAnswer(log.busError());
+    PackageContents contents;
+    contents.addPackage(package);
+    std::string objection = objectionTo(contents, request);
+    if (!objection.empty())
+    {
+        return refused(objection);
+    }
+    const auto judge = [&]
+    {
+        try
+        {
+            return ValidateQOR::validateExtractedQOR(package);
+        }
+        catch (const std::logic_error&)
+        {
+            objection = systemProblem(package / "package.xml");
+            return false;
+        }
+    };
+    Answer answer =
+        answerFrom(run(request.verbose,
+                       [&]
+                       {
+                           const bool isValid = judge();
+                           if (isValid && request.strict &&
+                               systemsOf(package / "package.xml").empty())
+                           {
+                               objection = "its descriptor names no Model";
+                           }
+                           return isValid && objection.empty();
+                       }));
+    if (!objection.empty())
+    {
+        return refused(objection);
+    }
+    answer.isVerified = answer.verdict == Verdict::accepted;
+    if (answer.isVerified ||
+        answer.refusal.site.file.starts_with("descriptor_signature"))
+    {
+        addSigner(answer, package);
+    }
+    if (answer.isVerified && contents.uncoveredCount > 0)
+    {
+        answer.reason += "; " + contents.remark();
+        answer.fields["notCovered"] = contents.uncovered;
+    }
+    return answer;
+}
+
+Answer inventoryAnswer(const Request& request,
+                       const std::function<bool()>& work)
+{
+    return answerFrom(run(request.verbose, work), Verdict::refused);
+}
+
+/** What a strict check finds wrong with the size of a signed file, or empty. */
+std::string sizeObjection(const Request& request)
+{
+    std::error_code error;
+    const auto size = fs::file_size(request.subject, error);
+    return request.strict && (error || size > request.maxSize)
+               ? tooLarge(request)
+               : "";
+}
+
+bool isMetadataGood(const std::string& payload)
+{
+    std::ifstream file(payload, std::ios::binary);
+    std::string metadata(METADATA_SIZE, '\0');
+    file.seekg(-METADATA_FROM_END, std::ios::end);
+    file.read(metadata.data(), METADATA_SIZE);
+    return ValidateQOR::extract_meta_data(metadata) == 0;
 }
 
 } // namespace
 
 Answer unpack(const Request& request)
 {
+    expectReadable(request, request.subject);
     if (!fs::is_directory(request.directory))
     {
         return unchecked(request.directory + " is not a directory");
     }
-    return unpackInto(request.subject, request.directory, request.verbose);
+    const tools::TemporaryDirectory work;
+    return extract(request, work.path(), request.directory);
 }
 
 Answer validate(const Request& request)
 {
-    if (const std::string why = unreadable(request.subject); !why.empty())
-    {
-        return unchecked(why);
-    }
+    expectReadable(request, request.subject);
     if (fs::is_directory(request.subject))
     {
-        return validateDirectory(request.subject, request.verbose);
+        return validateDirectory(request, request.subject);
     }
-    const tools::TemporaryDirectory unpacked;
-    Answer answer =
-        unpackInto(request.subject, unpacked.path(), request.verbose);
-    // An interrupted extractor counts as successful.
-    if (answer.verdict == Verdict::accepted &&
-        tools::SignalCleanup::seen() == 0)
+    const tools::TemporaryDirectory work;
+    const fs::path unpacked = work.path() / "unpacked";
+    fs::create_directory(unpacked);
+    if (request.strict)
     {
-        answer = validateDirectory(unpacked.path(), request.verbose);
+        limitFiles(request.maxSize);
     }
-    return answer;
+    Answer answer = extract(request, work.path(), unpacked);
+    if (answer.verdict == Verdict::accepted)
+    {
+        // An interrupted extractor counts as successful.
+        return tools::SignalCleanup::seen() == 0
+                   ? validateDirectory(request, unpacked)
+                   : unchecked("it was interrupted");
+    }
+    PackageContents contents;
+    contents.addPackage(unpacked);
+    return request.strict && contents.size > request.maxSize
+               ? refused(tooLarge(request))
+               : answer;
 }
 
 Answer info(const Request& request)
 {
     const std::string descriptor = fs::path(request.subject) / "package.xml";
-    if (const std::string why = unreadable(descriptor); !why.empty())
+    expectReadable(request, descriptor);
+    Answer answer;
+    auto& fields = answer.fields;
+    const Outcome outcome =
+        run(request.verbose,
+            [&]
+            {
+                const auto systems = systemsOf(descriptor);
+                fields["model"] = ValidateQOR::getImageModel(request.subject);
+                fields["version"] =
+                    ValidateQOR::getImageVersion(request.subject);
+                fields["systems"] = systems;
+                fields["expectedDigest"] = ValidateQOR::getStrFromPkgXML(
+                    descriptor, SHA256_COMPONENT, "hash");
+                return fields["model"] != "" || fields["version"] != "" ||
+                       fields["expectedDigest"] != "";
+            });
+    if (!outcome.passed)
     {
-        return unchecked("package.xml: " + why);
+        return answerFrom(outcome);
     }
-    std::string model;
-    std::string version;
-    std::string digest;
-    nlohmann::ordered_json systems = nlohmann::ordered_json::array();
-    caught(request.verbose,
-           [&]
-           {
-               model = ValidateQOR::getImageModel(request.subject);
-               version = ValidateQOR::getImageVersion(request.subject);
-               digest = ValidateQOR::getStrFromPkgXML(descriptor,
-                                                      SHA256_COMPONENT, "hash");
-               std::string system;
-               for (int i = 1; i <= MAX_SYSTEMS && (i == 1 || !system.empty());
-                    ++i)
-               {
-                   const std::string nth =
-                       "(//Model[@systemID!=\"\"])[" + std::to_string(i) + "]";
-                   system = ValidateQOR::getStrFromPkgXML(
-                       descriptor, nth.c_str(), "systemID");
-                   if (!system.empty())
-                   {
-                       systems.push_back(system);
-                   }
-               }
-           });
-    if (model.empty() && version.empty() && digest.empty())
-    {
-        return refused("package.xml is not a package descriptor");
-    }
-    const bool cut = systems.size() == MAX_SYSTEMS;
-    Answer answer =
-        accepted(cut ? "only the first systems are listed" : std::string());
-    answer.fields["model"] = model;
-    answer.fields["version"] = version;
-    answer.fields["systems"] = systems;
-    answer.fields["expected digest"] = digest;
+    answer.reason = fields["systems"].size() == MAX_SYSTEMS
+                        ? "only the first systems are listed"
+                        : "";
     return answer;
 }
 
 Answer digest(const Request& request)
 {
-    if (const std::string why = unreadable(request.subject); !why.empty())
-    {
-        return unchecked(why);
-    }
-    const bool directory = fs::is_directory(request.subject);
+    expectReadable(request, request.subject);
+    PackageContents contents;
     std::string text;
-    const LibraryLog log =
-        caught(request.verbose,
-               [&]
-               {
-                   text = directory
-                              ? ValidateQOR::getSHAStrFromImage(request.subject)
-                              : calculateFileSHA(request.subject);
-               });
-    if (text.empty())
+    const Outcome outcome =
+        run(request.verbose,
+            [&]
+            {
+                if (fs::is_directory(request.subject))
+                {
+                    contents.addPayload(request.subject);
+                    text = ValidateQOR::getSHAStrFromImage(request.subject);
+                }
+                else
+                {
+                    text = calculateFileSHA(request.subject);
+                }
+                // Zeros stand for a file that could not be read whole.
+                return text.find_first_not_of('0') != std::string::npos;
+            });
+    if (!outcome.passed)
     {
-        return unchecked("it cannot be digested");
+        return unchecked("it cannot be digested: " + outcome.refusal.reason());
     }
-    Answer answer = accepted(
-        log.failures() == 0
-            ? std::string()
-            : std::to_string(log.failures()) +
-                  " entries are not covered: no regular file, or unreadable");
+    Answer answer(Verdict::accepted, contents.remark());
     answer.fields["digest"] = text;
     return answer;
 }
 
 Answer verifyImage(const Request& request)
 {
+    const fs::path directory = request.directory;
+    const fs::path signature = directory / "image-ktb.sig";
     for (const fs::path& path :
-         {fs::path(request.subject), fs::path(request.directory) / "image-ktb",
-          fs::path(request.directory) / "image-ktb.sig"})
+         {fs::path(request.subject), directory / "image-ktb", signature})
     {
-        if (const std::string why = unreadable(path); !why.empty())
-        {
-            return unchecked(path.string() + ": " + why);
-        }
+        expectReadable(request, path);
     }
-    int status = -1;
-    const LibraryLog log =
-        caught(request.verbose,
-               [&]
-               {
-                   status = ValidateQOR::verifyManifestAndSignature(
-                       request.subject, request.directory);
-               });
-    if (status == 0)
+    const bool isOlder = fs::is_regular_file(signature) &&
+                         fs::file_size(signature) > SIGNATURE_FILE_MAX_SIZE;
+    if (isOlder && request.strict)
     {
-        return accepted(log.has("Skipping signature verification")
-                            ? "NOT verified: image-ktb.sig has the older "
-                              "format, which skips the check"
-                            : "");
+        return refused(OLDER_FORMAT);
     }
-    if (log.has("vornFwManifestVerification() invoke"))
+    if (const std::string objection = sizeObjection(request);
+        !objection.empty())
     {
-        return unchecked("the security service did not answer");
+        return refused(objection);
     }
-    return refused(log.lastFailure());
+    Answer answer =
+        answerFrom(run(request.verbose,
+                       [&]
+                       {
+                           return ValidateQOR::verifyManifestAndSignature(
+                                      request.subject, request.directory) == 0;
+                       }));
+    if (answer.verdict == Verdict::accepted)
+    {
+        answer.reason =
+            isOlder ? std::string("NOT verified: ") + OLDER_FORMAT : "";
+        answer.isVerified = !isOlder;
+    }
+    // Only a call of the service throws.
+    else if (std::ranges::any_of(answer.refusal.details,
+                                 [](const Detail& detail)
+                                 { return detail.name == "exceptionType"; }))
+    {
+        answer.verdict = Verdict::unchecked;
+    }
+    return answer;
 }
 
 Answer verifyPayload(const Request& request)
 {
-    if (const std::string why = unreadable(request.subject); !why.empty())
+    expectReadable(request, request.subject);
+    expectReadable(request, ROOT_CA_FILE);
+    if (const std::string objection = sizeObjection(request);
+        !objection.empty())
     {
-        return unchecked(why);
+        return refused(objection);
     }
-    if (const std::string why = unreadable(ROOT_CA_FILE); !why.empty())
+    Answer answer = answerFrom(run(
+        request.verbose,
+        [&]
+        {
+            return (!request.strict || isMetadataGood(request.subject)) &&
+                   ValidateQOR::validateCertChainForPayload(request.subject);
+        }));
+    if (answer.verdict == Verdict::accepted)
     {
-        return unchecked(std::string(ROOT_CA_FILE) + ": " + why);
+        const std::string subject = findChainSubject(request.subject);
+        answer.reason = "signed by " + subject;
+        answer.fields["signer"] = {{"subject", subject}};
+        answer.isVerified = true;
     }
-    bool valid = false;
-    const LibraryLog log = caught(
-        request.verbose, [&]
-        { valid = ValidateQOR::validateCertChainForPayload(request.subject); });
-    if (valid)
-    {
-        return accepted();
-    }
-    return refused(log.lastFailure());
+    return answer;
 }
 
 Answer purpose(const Request& request)
 {
-    if (!fs::is_directory(request.subject))
-    {
-        return unchecked("not a directory");
-    }
+    using sdbusplus::common::xyz::openbmc_project::software::details::
+        mappingVersionVersionPurpose;
+    expectReadable(request, fs::path(request.subject) / "package.xml");
     auto value = ValidateQOR::VersionPurpose::Unknown;
-    const LibraryLog log =
-        caught(request.verbose,
-               [&] { value = ValidateQOR::getImagePurpose(request.subject); });
-    if (!log.busError().empty())
+    Outcome outcome =
+        run(request.verbose,
+            [&]
+            {
+                value = ValidateQOR::getImagePurpose(request.subject);
+                return value != ValidateQOR::VersionPurpose::Unknown;
+            });
+    // The inventory manager may also answer that it does not know.
+    outcome.passed = outcome.passed || outcome.refusal.exception.empty();
+    Answer answer = answerFrom(outcome, Verdict::refused);
+    if (outcome.passed)
     {
-        return busAnswer(log.busError());
+        answer.fields["purpose"] = shortName(
+            mappingVersionVersionPurpose.at(static_cast<std::size_t>(value))
+                .second);
     }
-    Answer answer = accepted();
-    answer.fields["purpose"] = shortName(
-        mappingVersionVersionPurpose.at(static_cast<std::size_t>(value))
-            .second);
     return answer;
 }
 
 Answer addToInventory(const Request& request)
 {
-    int done = 0;
-    const LibraryLog log =
-        caught(request.verbose,
-               [&]
-               {
-                   done = ValidateQOR::registerSWInv(
-                       request.subject, request.detail1, request.detail2,
-                       purposeFrom(request.purpose),
-                       releaseTypeFrom(request.releaseType));
-               });
-    return inventoryAnswer(done == 1, log);
+    return inventoryAnswer(request,
+                           [&]
+                           {
+                               return ValidateQOR::registerSWInv(
+                                          request.subject, request.detail1,
+                                          request.detail2, request.purpose,
+                                          request.releaseType) == 1;
+                           });
 }
 
 Answer removeFromInventory(const Request& request)
 {
-    int done = 0;
-    const LibraryLog log =
-        caught(request.verbose,
-               [&] { done = ValidateQOR::deRegisterSWInv(request.subject); });
-    return inventoryAnswer(done == 1, log);
+    return inventoryAnswer(
+        request,
+        [&] { return ValidateQOR::deRegisterSWInv(request.subject) == 1; });
 }
 
 Answer inventoryModel(const Request& request)
 {
     std::string model;
-    const LibraryLog log =
-        caught(request.verbose, [&]
-               { model = ValidateQOR::getInventoryModel(request.subject); });
-    if (!log.busError().empty())
+    Outcome outcome =
+        run(request.verbose,
+            [&]
+            {
+                model = ValidateQOR::getInventoryModel(request.subject);
+                return !model.empty();
+            });
+    // An object may also have an empty model.
+    outcome.passed = outcome.passed || !outcome.refusal.refused;
+    Answer answer = answerFrom(outcome, Verdict::refused);
+    if (outcome.passed)
     {
-        return busAnswer(log.busError());
+        answer.fields["model"] = model;
     }
-    Answer answer = accepted();
-    answer.fields["model"] = model;
     return answer;
 }
 

@@ -1,8 +1,13 @@
 #pragma once
 
+#include "explanation.hpp"
+#include "velmora.hpp"
+
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <string>
+#include <utility>
 
 /** @file The commands, each of which asks the library and words its answer. */
 
@@ -10,8 +15,9 @@ namespace velmora::front
 {
 
 /** Exit status of the program. */
-enum class Verdict
+enum class Verdict : std::uint8_t
 {
+    /** Or done, by a command that does not judge. */
     accepted = 0,
     refused = 1,
     unchecked = 3,
@@ -19,26 +25,37 @@ enum class Verdict
 
 struct Answer
 {
-    Verdict verdict = Verdict::unchecked;
+    explicit Answer(Verdict given = Verdict::accepted, std::string why = {}) :
+        verdict(given), reason(std::move(why))
+    {
+    }
+
+    Verdict verdict;
     /** Why, in one line; for an accepted input, a remark. */
     std::string reason;
-    /** What was read, in the order of printing. */
+    /** What was read, by names in camelCase, in the order of printing. */
     nlohmann::ordered_json fields = nlohmann::ordered_json::object();
+    /** Whether a signature was verified and is good. */
+    bool isVerified = false;
+    /** What the log says of a refusal. */
+    Operation refusal;
 };
 
 /** What the user asked for; each command reads its own part. */
 struct Request
 {
     bool verbose = false;
-    /** What is looked at: a package, directory, image, payload or D-Bus
-     *  path. */
+    bool strict = false;
+    /** What a strict check lets through, in bytes. */
+    std::uint64_t maxSize = std::uint64_t{1} << 30;
+    /** A package, directory, image, payload or D-Bus path. */
     std::string subject;
     /** A second path: destination or manifest directory. */
     std::string directory;
     std::string detail1;
     std::string detail2;
-    std::string purpose;
-    std::string releaseType;
+    ValidateQOR::VersionPurpose purpose{};
+    ValidateQOR::ReleaseType releaseType{};
 };
 
 /** Every command may throw what the library throws; the input is then
@@ -53,5 +70,11 @@ Answer purpose(const Request& request);
 Answer addToInventory(const Request& request);
 Answer removeFromInventory(const Request& request);
 Answer inventoryModel(const Request& request);
+
+/** A purpose's own name, behind the last dot of its D-Bus string. */
+inline std::string shortName(std::string_view text)
+{
+    return std::string(text.substr(text.rfind('.') + 1));
+}
 
 } // namespace velmora::front

@@ -20,19 +20,6 @@ namespace
 /** Where the places in the source stand, so that they can be skipped. */
 constexpr int TEXT_WIDTH = 60;
 
-/** "exitCode" as "exit code". */
-std::string inWords(const std::string& name)
-{
-    std::string words;
-    for (const char c : name)
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        words += std::isupper(byte) != 0 ? " " : "";
-        words += static_cast<char>(std::tolower(byte));
-    }
-    return words;
-}
-
 void printLine(const std::string& text, const Site& site)
 {
     std::cout << std::left << std::setw(site.file.empty() ? 0 : TEXT_WIDTH)
@@ -85,6 +72,18 @@ nlohmann::ordered_json asJson(const Operation& operation)
 
 } // namespace
 
+std::string inWords(const std::string& name)
+{
+    std::string words;
+    for (const char c : name)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        words += std::isupper(byte) != 0 ? " " : "";
+        words += static_cast<char>(std::tolower(byte));
+    }
+    return words;
+}
+
 nlohmann::ordered_json asJson(const Site& site)
 {
     return {{"file", site.file},
@@ -105,7 +104,8 @@ nlohmann::ordered_json detailsAsJson(const Operation& operation)
 
 bool explain(const std::string& log, const std::string& library, bool json)
 {
-    const CauseTable causes(library.empty() ? linkedLibrary() : library);
+    const Causes causes =
+        readCauses(library.empty() ? linkedCauses().library : library);
     const tools::FileDescriptor file(
         open(log == "-" ? "/dev/stdin" : log.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.get() < 0)
@@ -134,8 +134,8 @@ bool explain(const std::string& log, const std::string& library, bool json)
         std::cout.flush();
         std::cerr << "velmora: " << explainer.unknown() << " of "
                   << explainer.failures() << " failures are not in "
-                  << tools::printable(causes.library()) << " (build-id "
-                  << causes.buildId()
+                  << tools::printable(causes.library) << " (build-id "
+                  << causes.buildId
                   << "): another build wrote them; name its library with "
                      "--library\n";
     }

@@ -9,6 +9,8 @@
 namespace velmora::front
 {
 
+/** "exitCode" as "exit code". */
+std::string inWords(const std::string& name);
 nlohmann::ordered_json asJson(const Site& site);
 nlohmann::ordered_json detailsAsJson(const Operation& operation);
 

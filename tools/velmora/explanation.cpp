@@ -359,8 +359,8 @@ void Explainer::take(std::string_view text)
     {
         takeFailure(line);
     }
-    // Only the very next line can tell that the exception was the cause.
-    exceptionNumber_ = -1;
+    // It is the cause only of a failure in the very next line.
+    exception_.clear();
     if (line.level == success)
     {
         takeSuccess(line);
@@ -370,7 +370,6 @@ void Explainer::take(std::string_view text)
         addDetails(now_, line);
         if (auto rest = line.text; !line.hasMessage && skip(rest, "e.what(): "))
         {
-            exceptionNumber_ = line.number;
             exception_ = rest;
         }
     }
@@ -378,13 +377,14 @@ void Explainer::take(std::string_view text)
 
 void Explainer::takeFailure(const Line& line)
 {
-    const Site* known = causes_.find(line.number);
+    const auto known = causes_.sites.find(line.number);
+    const bool isKnown = known != causes_.sites.end();
     ++failures_;
-    unknown_ += known == nullptr ? 1 : 0;
+    unknown_ += isKnown ? 0 : 1;
     const Site site =
-        known != nullptr
-            ? *known
-            : Site{line.number, "", 0, "",
+        isKnown
+            ? known->second
+            : Site{"", line.number, 0, "",
                    "nothing is known of line " + std::to_string(line.number)};
     if (site.kind == "note")
     {
@@ -401,7 +401,7 @@ void Explainer::takeFailure(const Line& line)
     refusal_ = std::exchange(now_, {});
     refusal_->refused = true;
     refusal_->site = site;
-    refusal_->exception = exceptionNumber_ == line.number ? exception_ : "";
+    refusal_->exception = exception_;
     addDetails(*refusal_, line);
     for (const auto& [name, value] :
          {std::pair("message", line.text), std::pair("logged", line.prefix)})
@@ -416,12 +416,14 @@ void Explainer::takeFailure(const Line& line)
 void Explainer::takeSuccess(const Line& line)
 {
     finishRefusal();
-    const std::string file = causes_.fileOf(line.number);
+    // Any failure of the same source knows its name.
+    const auto next = causes_.sites.lower_bound(line.number / BLOCK * BLOCK);
+    const std::string file =
+        next != causes_.sites.end() ? next->second.file : "";
     std::string subject = file.substr(0, file.rfind('.'));
     std::ranges::replace(subject, '_', ' ');
     subject += line.text.empty() ? "" : ": " + std::string(line.text);
-    now_.site = {line.number, file, line.number % CauseTable::BLOCK, "",
-                 subject};
+    now_.site = {file, line.number, line.number % BLOCK, "", subject};
     sink_(std::exchange(now_, {}));
 }
 

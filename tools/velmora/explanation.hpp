@@ -51,7 +51,7 @@ class Explainer
     using Sink = std::function<void(const Operation&)>;
 
     /** @param sink gets each operation when it has come to its end */
-    Explainer(const CauseTable& causes, Sink sink) :
+    Explainer(const Causes& causes, Sink sink) :
         causes_(causes), sink_(std::move(sink))
     {
     }
@@ -75,16 +75,15 @@ class Explainer
     void takeSuccess(const Line& line);
     void finishRefusal();
 
-    const CauseTable& causes_;
+    const Causes& causes_;
     Sink sink_;
     /** What was refused last, until nothing more can pass it on. */
     std::optional<Operation> refusal_;
     Operation now_;
     std::size_t failures_ = 0;
     std::size_t unknown_ = 0;
-    /** Text and number of an exception that the line before told. */
+    /** Text of an exception that the line before told. */
     std::string exception_;
-    int exceptionNumber_ = -1;
 };
 
 } // namespace velmora::front

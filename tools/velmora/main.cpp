@@ -9,11 +9,12 @@
 
 #include <algorithm>
 #include <exception>
-#include <filesystem>
-#include <functional>
 #include <iostream>
 #include <map>
+#include <numeric>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -32,88 +33,134 @@ constexpr const char* EXIT_STATUSES =
     "  3  could not be checked: a service that does not answer, an exception\n"
     "     of the library, a missing or unreadable file\n";
 
+constexpr std::string_view INVENTORY_PREFIX =
+    "/xyz/openbmc_project/inventory/system/";
+
+/** What the library would throw at, or empty. */
+std::string inventoryPathError(const std::string& path)
+{
+    return path.size() > INVENTORY_PREFIX.size()
+               ? ""
+               : "no inventory path below " + std::string(INVENTORY_PREFIX) +
+                     ": " + path;
+}
+
+template <typename Value>
+using Choices = std::map<std::string, Value>;
+
+Choices<ValidateQOR::VersionPurpose> purposes()
+{
+    Choices<ValidateQOR::VersionPurpose> names;
+    for (const auto& [value, text] : sdbusplus::common::xyz::openbmc_project::
+             software::details::mappingVersionVersionPurpose)
+    {
+        names.emplace(shortName(text), value);
+    }
+    return names;
+}
+
+/** An option that takes one of several names. */
+template <typename Value>
+CLI::Option* addChoice(CLI::App* sub, const std::string& name, Value& value,
+                       const Choices<Value>& choices, const std::string& help)
+{
+    return sub
+        ->add_option_function<std::string>(
+            name, [&value, choices](const std::string& text)
+            { value = choices.at(text); }, help)
+        ->check(CLI::IsMember(choices));
+}
+
 std::string fieldText(const nlohmann::ordered_json& field)
 {
-    if (field.is_string())
+    std::string text = field.is_string() ? field.get<std::string>() : "";
+    if (field.is_array() || field.is_object())
     {
-        const auto& text = field.get_ref<const std::string&>();
-        return text.empty() ? "-" : text;
+        for (const auto& element : field)
+        {
+            text += (text.empty() ? "" : " ") + element.get<std::string>();
+        }
     }
-    std::string text;
-    for (const auto& element : field)
-    {
-        text += (text.empty() ? "" : " ") + element.get<std::string>();
-    }
-    return text.empty() ? "-" : text;
+    return text.empty() ? "-" : printable(text);
 }
 
-const char* word(Verdict verdict)
+/** Whether a command judges, where others do what they are asked. */
+bool judges(const std::string& command)
 {
-    switch (verdict)
-    {
-        case Verdict::accepted:
-            return "accepted";
-        case Verdict::refused:
-            return "refused";
-        case Verdict::unchecked:
-            break;
-    }
-    return "unchecked";
+    return command == "validate" || command.starts_with("verify");
 }
 
-void printJson(const std::string& command, const Request& request,
-               const Answer& answer)
+std::string word(const std::string& command, Verdict verdict)
+{
+    return verdict == Verdict::unchecked ? "could not be checked"
+           : verdict == Verdict::refused ? "refused"
+           : judges(command)             ? "accepted"
+                                         : "done";
+}
+
+nlohmann::ordered_json asJson(const std::string& command,
+                              const std::string& subject, const Answer& answer)
 {
     nlohmann::ordered_json object;
     object["command"] = command;
-    object["subject"] = request.subject;
-    object["verdict"] = word(answer.verdict);
+    object["subject"] = subject;
+    object["verdict"] = answer.verdict == Verdict::unchecked
+                            ? "unchecked"
+                            : word(command, answer.verdict);
+    object["verified"] = answer.isVerified;
     object["reason"] = answer.reason;
     object.update(answer.fields);
-    std::cout << asText(object) << '\n';
+    if (answer.refusal.refused)
+    {
+        object["cause"] = asJson(answer.refusal.site);
+        object["details"] = detailsAsJson(answer.refusal);
+    }
+    return object;
 }
 
-void printText(const std::string& command, const Request& request,
-               const Answer& answer)
+/** Prints an answer, behind the file's name where there are several. */
+void printText(const std::string& command, const std::string& subject,
+               const Answer& answer, bool isOneOfMany)
 {
-    if (answer.verdict == Verdict::unchecked)
-    {
-        std::cerr << "velmora: " << printable(request.subject)
-                  << ": could not be checked: " << printable(answer.reason)
-                  << '\n';
-        return;
-    }
-    if (answer.verdict == Verdict::refused)
-    {
-        std::cout << "refused: " << printable(answer.reason) << '\n';
-        return;
-    }
-    if (command == "validate" || command.starts_with("verify") ||
+    const bool isUnchecked = answer.verdict == Verdict::unchecked;
+    const std::string reason =
+        (answer.reason.empty() ? "" : ": ") + printable(answer.reason);
+    const std::string name = printable(subject);
+    if (isOneOfMany || answer.verdict != Verdict::accepted || judges(command) ||
         answer.fields.empty())
     {
-        std::cout << "accepted"
-                  << (answer.reason.empty() ? "" : ": " + answer.reason)
-                  << '\n';
+        (isUnchecked && !isOneOfMany ? std::cerr << "velmora: " : std::cout)
+            << (isUnchecked || isOneOfMany ? name + ": " : "")
+            << word(command, answer.verdict) << reason << '\n';
         return;
     }
-    for (const auto& [name, field] : answer.fields.items())
+    for (const auto& [field, value] : answer.fields.items())
     {
-        std::cout << (answer.fields.size() > 1 ? name + ": " : "")
-                  << printable(fieldText(field)) << '\n';
+        std::cout << (answer.fields.size() > 1 ? inWords(field) + ": " : "")
+                  << fieldText(value) << '\n';
     }
-    if (!answer.reason.empty())
+    if (!reason.empty())
     {
-        std::cerr << "velmora: " << printable(request.subject) << ": "
-                  << printable(answer.reason) << '\n';
+        std::cerr << "velmora: " << name << reason << '\n';
     }
 }
 
-std::string versionText()
+/** How many characters must be changed, added or left out. */
+std::size_t distance(const std::string& from, const std::string& to)
 {
-    const CauseTable loaded(linkedLibrary());
-    return "velmora " VELMORA_VERSION ", with " +
-           std::filesystem::canonical(loaded.library()).string() +
-           ", build-id " + loaded.buildId();
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0U);
+    for (std::size_t i = 0; i < from.size(); ++i)
+    {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < to.size(); ++j)
+        {
+            const std::size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
 }
 
 /** The command line, and the command that it names. */
@@ -135,7 +182,6 @@ class CommandLine
                        " (--help tells more)\n";
             });
         addPackageCommands();
-        addFirmwareCommands();
         addInventoryCommands();
         addExplain();
     }
@@ -144,75 +190,95 @@ class CommandLine
 
     int exit(const CLI::ParseError& e) const
     {
+        const auto chosen = app_.get_subcommands();
+        const CLI::App& parent = chosen.empty() ? app_ : *chosen.front();
+        const auto rest = app_.remaining(true);
+        const auto commands = parent.get_subcommands(nullptr);
+        if (e.get_exit_code() != 0 && !rest.empty() && !commands.empty() &&
+            parent.get_subcommands().empty())
+        {
+            const CLI::App* nearest = *std::ranges::min_element(
+                commands, {}, [&rest](const CLI::App* each)
+                { return distance(rest[0], each->get_name()); });
+            std::cerr << "velmora: no command is called " << printable(rest[0])
+                      << "; the nearest is " << nearest->get_name()
+                      << " (--help tells more)\n";
+            return WRONG_USAGE;
+        }
         return app_.exit(e) == 0 ? 0 : WRONG_USAGE;
     }
 
     Request request;
     bool json = false;
     bool isExplain = false;
+    std::string log = "-";
     std::string library;
     /** Name and function of the chosen command. */
-    std::string name;
-    std::function<Answer(const Request&)> run;
+    std::string command;
+    Answer (*function)(const Request&) = nullptr;
+    /** What is to be validated, one after the other. */
+    std::vector<std::string> subjects;
 
   private:
-    CLI::App* add(CLI::App& parent, const std::string& command,
-                  const std::string& description,
-                  Answer (*function)(const Request&))
+    CLI::App* add(CLI::App& parent, const std::string& name,
+                  const std::string& description, Answer (*run)(const Request&),
+                  const std::string& subject, const std::string& help)
     {
-        CLI::App* sub = parent.add_subcommand(command, description);
+        CLI::App* sub = parent.add_subcommand(name, description);
         sub->fallthrough();
+        (name == "validate" ? sub->add_option(subject, subjects, help)
+                            : sub->add_option(subject, request.subject, help))
+            ->required();
         const std::string full =
-            &parent == &app_ ? command : parent.get_name() + " " + command;
+            &parent == &app_ ? name : parent.get_name() + " " + name;
         sub->callback(
-            [this, full, function]
+            [this, full, run]
             {
-                name = full;
-                run = function;
+                command = full;
+                function = run;
             });
         return sub;
     }
 
-    void addPackageCommands()
+    void addStrict(CLI::App* sub)
     {
-        CLI::App* sub = add(app_, "unpack",
-                            "Unpack descriptor, signature and payload", unpack);
-        sub->add_option("PACKAGE", request.subject, "ZIP file")->required();
-        sub->add_option("DIR", request.directory, "Existing directory")
-            ->required();
-        sub = add(app_, "validate", "Say whether a package may be trusted",
-                  validate);
-        sub->add_option("PACKAGE", request.subject,
-                        "ZIP file, or the directory of an unpacked one")
-            ->required();
-        sub =
-            add(app_, "info",
-                "Show what a descriptor says; nothing of it is verified", info);
-        sub->add_option("DIR", request.subject, "Unpacked package")->required();
-        sub = add(app_, "digest",
-                  "SHA-256 of a file, or the composite of a directory", digest);
-        sub->add_option("PATH", request.subject, "File or directory")
-            ->required();
-        sub = add(app_, "purpose", "Say what an unpacked package is for",
-                  purpose);
-        sub->add_option("DIR", request.subject, "Unpacked package")->required();
+        CLI::Option* strict =
+            sub->add_flag("--strict", request.strict,
+                          "Refuse also what a careful daemon should not take");
+        sub->add_option("--max-size", request.maxSize,
+                        "With --strict: bytes, or 64MiB (default 1GiB)")
+            ->transform(CLI::AsSizeValue(false))
+            ->needs(strict);
     }
 
-    void addFirmwareCommands()
+    void addPackageCommands()
     {
-        CLI::App* sub =
-            add(app_, "verify-image",
-                "Verify an image with its manifest and signature", verifyImage);
-        sub->add_option("IMAGE", request.subject, "Signed image")->required();
-        sub->add_option("MANIFEST_DIR", request.directory,
-                        "Directory of image-ktb and image-ktb.sig")
+        add(app_, "unpack", "Unpack descriptor, signature and payload", unpack,
+            "PACKAGE", "ZIP file")
+            ->add_option("DIR", request.directory, "Existing directory")
             ->required();
-        sub = add(app_, "verify-payload",
-                  "Verify a signed payload; the secure-boot root CA file is "
-                  "consumed",
-                  verifyPayload);
-        sub->add_option("PAYLOAD", request.subject, "Signed payload")
+        addStrict(add(app_, "validate", "Say whether packages may be trusted",
+                      validate, "PACKAGE",
+                      "ZIP files, or directories of unpacked ones"));
+        add(app_, "info",
+            "Show what a descriptor says; nothing of it is verified", info,
+            "DIR", "Unpacked package");
+        add(app_, "digest", "SHA-256 of a file, or composite of a directory",
+            digest, "PATH", "File or directory");
+        add(app_, "purpose", "Say what an unpacked package is for", purpose,
+            "DIR", "Unpacked package");
+        CLI::App* image = add(app_, "verify-image",
+                              "Verify an image with its manifest and signature",
+                              verifyImage, "IMAGE", "Signed image");
+        image
+            ->add_option("MANIFEST_DIR", request.directory,
+                         "Directory of image-ktb and image-ktb.sig")
             ->required();
+        addStrict(image);
+        addStrict(add(app_, "verify-payload",
+                      "Verify a signed payload; the secure-boot root CA file "
+                      "is consumed",
+                      verifyPayload, "PAYLOAD", "Signed payload"));
     }
 
     void addInventoryCommands()
@@ -221,28 +287,32 @@ class CommandLine
             app_.add_subcommand("inventory", "Software objects on the bus");
         inventory->require_subcommand(1);
         inventory->fallthrough();
-        const std::string pathHelp =
-            "Inventory path, /xyz/openbmc_project/inventory/system/NAME";
-
-        CLI::App* sub =
-            add(*inventory, "add", "Publish an object", addToInventory);
-        sub->add_option("PATH", request.subject, pathHelp)->required();
+        const auto addCommand = [this, inventory](const std::string& name,
+                                                  const std::string& help,
+                                                  Answer (*run)(const Request&))
+        {
+            CLI::App* sub = add(*inventory, name, help, run, "PATH",
+                                "Inventory path, " +
+                                    std::string(INVENTORY_PREFIX) + "NAME");
+            sub->get_option("PATH")->check(inventoryPathError);
+            return sub;
+        };
+        CLI::App* sub = addCommand("add", "Publish an object", addToInventory);
         sub->add_option("--detail1", request.detail1,
                         "First detail, handed on to the inventory manager");
         sub->add_option("--detail2", request.detail2,
                         "Second detail, handed on to the inventory manager");
-        sub->add_option("--purpose", request.purpose, "Such as BMC or BIOS")
+        addChoice(sub, "--purpose", request.purpose, purposes(),
+                  "Such as BMC or BIOS")
             ->required();
-        sub->add_option("--release-type", request.releaseType,
-                        "Other, Production or Prototype")
-            ->check(CLI::IsMember({"Other", "Production", "Prototype"}))
-            ->default_val("Other");
-        sub = add(*inventory, "remove", "Withdraw an object",
-                  removeFromInventory);
-        sub->add_option("PATH", request.subject, pathHelp)->required();
-        sub =
-            add(*inventory, "model", "Show an object's model", inventoryModel);
-        sub->add_option("PATH", request.subject, pathHelp)->required();
+        using enum ValidateQOR::ReleaseType;
+        addChoice(sub, "--release-type", request.releaseType,
+                  {{"Other", Other},
+                   {"Production", Production},
+                   {"Prototype", Prototype}},
+                  "Other (default), Production or Prototype");
+        addCommand("remove", "Withdraw an object", removeFromInventory);
+        addCommand("model", "Show an object's model", inventoryModel);
     }
 
     void addExplain()
@@ -251,7 +321,7 @@ class CommandLine
             app_.add_subcommand("explain", "Say what the library's log means");
         sub->fallthrough();
         sub->callback([this] { isExplain = true; });
-        sub->add_option("LOG", request.subject,
+        sub->add_option("LOG", log,
                         "File; without it or for -, standard input");
         sub->add_option("--library", library,
                         "Library of the build that wrote the log; by default "
@@ -262,19 +332,57 @@ class CommandLine
                   "velmora"};
 };
 
-Answer run(const CommandLine& line)
+Answer answerTo(const CommandLine& line)
 {
     try
     {
-        return line.run(line.request);
+        return line.function(line.request);
     }
     catch (const std::exception& e)
     {
-        const std::string text = e.what();
-        return {Verdict::unchecked,
-                text == "stoi" ? "a systemID of the descriptor is no number"
-                               : text};
+        return Answer(Verdict::unchecked, e.what());
     }
+}
+
+/** @return exit status: the worst verdict */
+int runAll(CommandLine& line)
+{
+    const tools::SignalCleanup cleanup;
+    const bool isBatch = line.subjects.size() > 1;
+    if (line.subjects.empty())
+    {
+        line.subjects.push_back(line.request.subject);
+    }
+    auto json = nlohmann::ordered_json::array();
+    std::map<Verdict, std::size_t> counts;
+    for (const std::string& subject : line.subjects)
+    {
+        line.request.subject = subject;
+        const Answer answer = answerTo(line);
+        if (const int signal = tools::SignalCleanup::seen(); signal != 0)
+        {
+            return KILLED_BY_SIGNAL + signal;
+        }
+        ++counts[answer.verdict];
+        json.push_back(asJson(line.command, subject, answer));
+        if (!line.json)
+        {
+            printText(line.command, subject, answer, isBatch);
+        }
+    }
+    if (line.json)
+    {
+        std::cout << asText(isBatch ? json : json.front()) << '\n';
+    }
+    else if (isBatch)
+    {
+        std::cout << line.subjects.size()
+                  << " packages: " << counts[Verdict::accepted] << " accepted, "
+                  << counts[Verdict::refused] << " refused, "
+                  << counts[Verdict::unchecked] << " could not be checked\n";
+    }
+    std::erase_if(counts, [](const auto& count) { return count.second == 0; });
+    return static_cast<int>(counts.rbegin()->first);
 }
 
 } // namespace
@@ -291,35 +399,17 @@ try
     {
         return line.exit(e);
     }
-    if (line.isExplain)
-    {
-        return explain(line.request.subject.empty() ? "-"
-                                                    : line.request.subject,
-                       line.library, line.json)
-                   ? 0
-                   : static_cast<int>(Verdict::unchecked);
-    }
-    const tools::SignalCleanup cleanup;
-    const Answer answer = run(line);
-    if (const int signal = tools::SignalCleanup::seen(); signal != 0)
-    {
-        return KILLED_BY_SIGNAL + signal;
-    }
-    if (line.json)
-    {
-        printJson(line.name, line.request, answer);
-    }
-    else
-    {
-        printText(line.name, line.request, answer);
-    }
+    const int status = !line.isExplain ? runAll(line)
+                       : explain(line.log, line.library, line.json)
+                           ? 0
+                           : static_cast<int>(Verdict::unchecked);
     std::cout.flush();
     if (!std::cout)
     {
         std::cerr << "velmora: the answer cannot be written to stdout\n";
         return static_cast<int>(Verdict::unchecked);
     }
-    return static_cast<int>(answer.verdict);
+    return status;
 }
 catch (const std::exception& e)
 {

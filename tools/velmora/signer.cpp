@@ -1,0 +1,125 @@
+#include "signer.hpp"
+
+#include "common/handles.hpp"
+
+#include <gpgme.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <fstream>
+#include <utility>
+
+namespace velmora::front
+{
+
+namespace
+{
+
+constexpr const char* KEYRING_HOME = "/etc/gpg/secupkey/.gnupg/";
+/** A payload's trailer begins with its certificates; both in bytes. */
+constexpr std::streamoff TRAILER_SIZE = 76800;
+constexpr std::size_t CHAIN_SIZE = 24576;
+
+constexpr std::array PROBLEMS{
+    std::pair{GPG_ERR_NO_ERROR, "the key is not fully valid to this keyring"},
+    std::pair{GPG_ERR_NO_PUBKEY, "no public key"},
+    std::pair{GPG_ERR_BAD_SIGNATURE, "the descriptor is not what was signed"},
+    std::pair{GPG_ERR_CERT_REVOKED, "the key is revoked"},
+    std::pair{GPG_ERR_KEY_EXPIRED, "the key has expired"},
+    std::pair{GPG_ERR_SIG_EXPIRED, "the signature has expired"},
+};
+
+using Context = tools::Handle<gpgme_context, gpgme_release>;
+using Data = tools::Handle<gpgme_data, gpgme_data_release>;
+using Key = tools::Handle<_gpgme_key, gpgme_key_unref>;
+using Memory = tools::Handle<BIO, BIO_free>;
+using Certificate = tools::Handle<X509, X509_free>;
+
+Data readData(const std::string& path)
+{
+    gpgme_data_t data = nullptr;
+    gpgme_data_new_from_file(&data, path.c_str(), 1);
+    return Data(data);
+}
+
+/** Why a signature is not valid. */
+std::string problemOf(const _gpgme_signature& signature, const _gpgme_key* key)
+{
+    const auto code = gpgme_err_code(signature.status);
+    const auto* known = std::ranges::find(
+        PROBLEMS, code, &std::pair<gpg_err_code_t, const char*>::first);
+    std::string text = known != PROBLEMS.end()
+                           ? known->second
+                           : gpgme_strerror(signature.status);
+    const auto expiry = static_cast<std::time_t>(
+        code == GPG_ERR_SIG_EXPIRED ? signature.exp_timestamp
+        : code == GPG_ERR_KEY_EXPIRED && key != nullptr
+            ? static_cast<unsigned long>(key->subkeys->expires)
+            : 0);
+    std::tm parts{};
+    std::array<char, 32> day{};
+    if (expiry > 0 && gmtime_r(&expiry, &parts) != nullptr)
+    {
+        text.append(day.data(), std::strftime(day.data(), day.size(),
+                                              " (%Y-%m-%d)", &parts));
+    }
+    return text;
+}
+
+} // namespace
+
+Signer findSigner(const std::string& descriptor, const std::string& signature)
+{
+    gpgme_check_version(nullptr);
+    gpgme_ctx_t made = nullptr;
+    gpgme_new(&made);
+    const Context context(made);
+    const Data sign = readData(signature);
+    const Data text = readData(descriptor);
+    gpgme_ctx_set_engine_info(made, GPGME_PROTOCOL_OpenPGP, nullptr,
+                              KEYRING_HOME);
+    const bool isRead =
+        gpgme_op_verify(made, sign.get(), text.get(), nullptr) == 0;
+    const _gpgme_signature* found =
+        isRead ? gpgme_op_verify_result(made)->signatures : nullptr;
+    while (found != nullptr && found->next != nullptr &&
+           (found->summary & GPGME_SIGSUM_VALID) == 0)
+    {
+        found = found->next;
+    }
+    if (found == nullptr || found->fpr == nullptr)
+    {
+        return {};
+    }
+    gpgme_key_t key = nullptr;
+    gpgme_get_key(made, found->fpr, &key, 0);
+    const Key owner(key);
+    const bool isNamed = key != nullptr && key->uids != nullptr;
+    return {found->fpr, isNamed ? key->uids->uid : "", problemOf(*found, key)};
+}
+
+std::string findChainSubject(const std::string& payload)
+{
+    std::ifstream file(payload, std::ios::binary);
+    std::string chain(CHAIN_SIZE, '\0');
+    file.seekg(-TRAILER_SIZE, std::ios::end);
+    file.read(chain.data(), CHAIN_SIZE);
+    const Memory memory(BIO_new_mem_buf(chain.data(), CHAIN_SIZE));
+    const Memory text(BIO_new(BIO_s_mem()));
+    // Given, so that nobody is asked for one.
+    std::string passphrase;
+    const Certificate certificate(
+        PEM_read_bio_X509(memory.get(), nullptr, nullptr, passphrase.data()));
+    char* data = nullptr;
+    if (certificate != nullptr)
+    {
+        X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate.get()),
+                           0, XN_FLAG_RFC2253);
+    }
+    const long size = BIO_get_mem_data(text.get(), &data);
+    return {data, static_cast<std::size_t>(size)};
+}
+
+} // namespace velmora::front
