@@ -70,7 +70,7 @@ Json describeSignature(const Source& file, Remarks& remarks)
 bool isSignature(const Source& file)
 {
     Remarks remarks;
-    return file.size() <= largestSignature &&
+    return file.size() <= LARGEST_SIGNATURE &&
            !describeSignatures(file.readAll(), remarks).empty() &&
            remarks.empty();
 }

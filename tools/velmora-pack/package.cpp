@@ -119,7 +119,7 @@ std::vector<fs::path> payloadFiles(const fs::path& payload)
     {
         throw Error(payload.string(), "holds no file");
     }
-    if (files.size() > mostMembers - 2)
+    if (files.size() > MOST_MEMBERS - 2)
     {
         throw Error(payload.string(), "holds too many files");
     }
@@ -140,16 +140,10 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
     return digests;
 }
 
-struct Member
-{
-    ZipMember place;
-    std::uint64_t size = 0;
-    std::string digest;
-};
-
 struct Contents
 {
-    std::vector<Member> members;
+    /** Name, offset, size and digest of each. */
+    Json members = Json::array();
     std::set<std::string> names;
     std::optional<Buffer> descriptor;
     std::optional<Buffer> signature;
@@ -158,23 +152,25 @@ struct Contents
     Remarks remarks;
 };
 
-/** What a member's name makes it; its size and digest are known already. */
-void classify(Contents& contents, const Member& member)
+/** What a member's name makes it. */
+void classify(Contents& contents, const ZipMember& member, std::uint64_t size,
+              const std::string& digest)
 {
     const auto remark = [&](const char* what)
-    { contents.remarks.push_back("member " + member.place.name + " " + what); };
-    std::string_view name = member.place.name;
+    { contents.remarks.push_back("member " + member.name + " " + what); };
+    std::string_view name = member.name;
     if (hasVersionNumber(name) ||
         std::ranges::any_of(name, [](unsigned char c)
                             { return std::iscntrl(c) != 0; }))
     {
         remark("is extracted under another name");
     }
-    if (!contents.names.insert(member.place.name).second)
+    if (!contents.names.insert(member.name).second)
     {
         remark("is there more than once");
     }
-    if (name == descriptorName || name == descriptorSignatureName)
+    if (name == descriptorName || name == descriptorSignatureName ||
+        name == payloadPrefix)
     {
         return;
     }
@@ -184,52 +180,50 @@ void classify(Contents& contents, const Member& member)
         return;
     }
     name.remove_prefix(payloadPrefix.size());
-    if (name.empty())
-    {
-        return;
-    }
-    if (!member.place.regular || name.find('/') != std::string_view::npos)
+    if (!member.regular || name.find('/') != std::string_view::npos)
     {
         remark("is not covered by the payload's digest");
         return;
     }
-    contents.payload.insert_or_assign(std::string(name), member.digest);
-    contents.payloadSize += member.size;
+    contents.payload.insert_or_assign(std::string(name), digest);
+    contents.payloadSize += size;
 }
 
 Contents readContents(const Source& source)
 {
     Contents contents;
-    readZip(source, contents.remarks,
-            [&](const ZipMember& place, const ZipContent& content)
+    const auto read = [&](const ZipMember& member, const ZipContent& content)
+    {
+        Buffer* const kept = member.name == descriptorName
+                                 ? &contents.descriptor.emplace()
+                             : member.name == descriptorSignatureName
+                                 ? &contents.signature.emplace()
+                                 : nullptr;
+        std::uint64_t size = 0;
+        Digest digest(EVP_sha256());
+        content(
+            [&](Bytes piece)
             {
-                Member member{place, 0, {}};
-                Buffer* const kept = place.name == descriptorName
-                                         ? &contents.descriptor.emplace()
-                                     : place.name == descriptorSignatureName
-                                         ? &contents.signature.emplace()
-                                         : nullptr;
-                Digest digest(EVP_sha256());
-                content(
-                    [&](Bytes piece)
-                    {
-                        member.size += piece.size();
-                        digest.update(piece);
-                        if (kept == nullptr)
-                        {
-                            return;
-                        }
-                        if (member.size > largestFileInMemory)
-                        {
-                            throw Error(source.name(),
-                                        "holds too large a " + place.name);
-                        }
-                        append(*kept, piece);
-                    });
-                member.digest = hex(digest.finish());
-                classify(contents, member);
-                contents.members.push_back(std::move(member));
+                size += piece.size();
+                digest.update(piece);
+                if (kept != nullptr && size > largestFileInMemory)
+                {
+                    throw Error(source.name(),
+                                "holds too large a " + member.name);
+                }
+                if (kept != nullptr)
+                {
+                    append(*kept, piece);
+                }
             });
+        const std::string text = hex(digest.finish());
+        contents.members.push_back({{"name", member.name},
+                                    {"offset", member.offset},
+                                    {"size", size},
+                                    {"sha256", text}});
+        classify(contents, member, size, text);
+    };
+    readZip(source, contents.remarks, read);
     return contents;
 }
 
@@ -240,7 +234,7 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
         return OpenPgp(options.gpgHome).sign(options.signing.key, descriptor);
     }
     const Source source(options.signing.signature);
-    if (source.size() == 0 || source.size() > largestSignature)
+    if (source.size() == 0 || source.size() > LARGEST_SIGNATURE)
     {
         throw Error(source.name(), "is empty or too large for a signature");
     }
@@ -362,17 +356,8 @@ Json describePackage(const Source& file, Remarks& remarks)
 {
     const Contents contents = readContents(file);
     remarks = contents.remarks;
-    Json fields;
-    Json& members = fields["members"] = Json::array();
-    for (const Member& member : contents.members)
-    {
-        members.push_back({{"name", member.place.name},
-                           {"offset", member.place.offset},
-                           {"size", member.size},
-                           {"sha256", member.digest}});
-    }
-    const std::string composite = compositeOf(contents.payload);
-    fields["payloadDigest"] = composite;
+    Json fields{{"members", contents.members},
+                {"payloadDigest", compositeOf(contents.payload)}};
     if (contents.payloadSize == 0)
     {
         remarks.emplace_back("the payload is empty");

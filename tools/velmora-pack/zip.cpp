@@ -101,7 +101,7 @@ class ZipReader
             return std::nullopt;
         }
         check(result);
-        if (++members_ > mostMembers)
+        if (++members_ > MOST_MEMBERS)
         {
             throw Error(source_.name(), "has more than 10000 members");
         }

@@ -11,7 +11,7 @@
 namespace pack
 {
 
-inline constexpr std::size_t mostMembers = 10000;
+inline constexpr std::size_t MOST_MEMBERS = 10000;
 
 /** Writes members one after another, always as the same bytes. */
 class ZipWriter
