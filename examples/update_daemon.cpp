@@ -1,14 +1,17 @@
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <velmora.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -31,6 +34,9 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr std::size_t PIECE_SIZE = 65536;
+/** What a package may have when it is packed, and when it is unpacked; no file
+ *  can grow beyond it. In bytes. */
+constexpr std::uintmax_t MAX_SIZE = std::uintmax_t{256} * 1024 * 1024;
 
 enum ExitStatus
 {
@@ -172,7 +178,7 @@ bool isPartOfPackage(const std::string& name, fs::file_type type)
 }
 
 /** Refuses what the signed digest does not cover: links, subdirectories of
- *  the payload, and files beside it. */
+ *  the payload, files that cannot be read, and files beside it. */
 void expectNothingElse(const fs::path& directory)
 {
     for (const fs::directory_entry& entry : fs::directory_iterator(directory))
@@ -184,17 +190,39 @@ void expectNothingElse(const fs::path& directory)
                           "signature and payload directory");
         }
     }
+    std::uintmax_t size = 0;
+    std::size_t files = 0;
     for (const fs::directory_entry& entry :
          fs::directory_iterator(directory / "payload"))
     {
-        if (entry.symlink_status().type() != fs::file_type::regular)
+        if (entry.symlink_status().type() != fs::file_type::regular ||
+            access(entry.path().c_str(), R_OK) != 0)
         {
-            throw Refusal("the payload holds something besides plain files");
+            throw Refusal("the payload holds something besides plain, readable "
+                          "files");
         }
+        size += entry.file_size();
+        ++files;
+    }
+    if (files == 0 || size > MAX_SIZE)
+    {
+        throw Refusal("the payload is empty or too large");
+    }
+}
+
+/** Without a `Model` the package would be for any system. */
+void expectModel(const fs::path& unpacked)
+{
+    if (ValidateQOR::getStrFromPkgXML((unpacked / "package.xml").string(),
+                                      "//Model", "systemID")
+            .empty())
+    {
+        throw Refusal("the descriptor names no Model");
     }
 }
 
 void validate(const fs::path& copy, const fs::path& unpacked)
+try
 {
     if (!ValidateQOR::unZip(copy.string(), unpacked.string()))
     {
@@ -206,6 +234,24 @@ void validate(const fs::path& copy, const fs::path& unpacked)
         throw Refusal("the package is not for this system, not signed by a "
                       "trusted key, or not what was signed");
     }
+    expectModel(unpacked);
+}
+catch (const std::logic_error&)
+{
+    // A hostile descriptor makes the conversion of a system's identifier throw.
+    throw Refusal("the descriptor lists a system that is no 16-bit number");
+}
+
+/** Bounds every file that this process and the extractor write. */
+void limitFiles()
+{
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, MAX_SIZE);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    // A write beyond fails then; the signal would end the process, and an
+    // extractor that a signal ends counts as successful.
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 /** An object path has letters, digits and underscores only. */
@@ -282,10 +328,8 @@ int main(int argc, char** argv)
     // reader of the log that has gone must not end the daemon.
     std::signal(SIGCHLD, SIG_DFL);
     std::signal(SIGPIPE, SIG_IGN);
-    // Options for the extractor that somebody may have set.
-    unsetenv("UNZIP");
-    unsetenv("UNZIPOPT");
     umask(077);
+    limitFiles();
     try
     {
         update(argv[1], stateDirectory);

@@ -88,7 +88,12 @@ export STATE_DIRECTORY=$PWD/state
 echo firmware >files/image
 package=("${pack[@]}" package --payload files --version 1.2 --gpg-home "$keys/gnupg"
     --key "$(cat "$keys/fingerprint")")
-"${package[@]}" --model 113440 -o good.zip >/dev/null
+"${package[@]}" --model 113440 --system-id 0A1B -o good.zip >/dev/null
+"${package[@]}" --model 113440 -o any.zip >/dev/null
+unzip -p good.zip package.xml | sed 's/0A1B/zz/' >package.xml
+cp good.zip hostile.zip
+zip -q hostile.zip package.xml
+rm package.xml
 "${package[@]}" --model 113440 --system-id 1 -o other.zip >/dev/null
 model=("${velmora[@]}" inventory model /xyz/openbmc_project/inventory/system/113440)
 cp good.zip linked.zip
@@ -103,6 +108,8 @@ expect 2 'usage' "${daemon[@]}"
 expect 1 'refused: .*not for this system' "${daemon[@]}" other.zip
 expect 1 'refused: the payload holds' "${daemon[@]}" linked.zip
 expect 1 'refused: the package holds' "${daemon[@]}" more.zip
+expect 1 'refused: the descriptor names no Model' "${daemon[@]}" any.zip
+expect 1 'refused: the descriptor lists a system' "${daemon[@]}" hostile.zip
 expect 3 'none.zip' "${daemon[@]}" none.zip
 expect 1 . "${model[@]}"
 expect 0 '^accepted: model 113440, version 1.2$' "${daemon[@]}" good.zip
