@@ -390,8 +390,12 @@ ulimit -c 0
 expect 0 'digest|[0-9a-f]{64}' sh -c \
     'trap "" HUP; "$0" digest large & sleep 0.1; kill -HUP $!; wait $!' "$velmora"
 for signal in HUP QUIT; do
-    expect 124 '^velmora-pack: interrupted' timeout -s "$signal" 0.1 "$pack" \
-        image large --key "$keys/image-signer.pem" -o signed-large
+    env --default-signal "$pack" image large --key "$keys/image-signer.pem" \
+        -o signed-large 2>interrupted &
+    until compgen -G '.velmora-pack-*' >/dev/null; do sleep 0.01; done
+    kill -s "$signal" $!
+    wait $! || true
+    expect 0 '^velmora-pack: interrupted' cat interrupted
     expect 1 '^$' compgen -G '.velmora-pack-*'
 done
 
