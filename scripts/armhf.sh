@@ -1,0 +1,145 @@
+# shellcheck shell=bash
+# What a build for 32-bit ARM and a machine of it share; sourced in the top
+# directory after common.sh.
+# shellcheck disable=SC2034 # Those that source this use the names.
+
+triplet=arm-linux-gnueabihf
+build=$PWD/build-arm
+sysroot=$build/sysroot
+emulator=(qemu-arm -L "$sysroot")
+
+cross_packages=("g++-$triplet" qemu-user)
+# A development package stands for its library, whose name differs from one
+# release to the next.
+library_packages=(libssl-dev libgpgme-dev libxml2-dev libsystemd-dev
+    libarchive-dev libelf-dev)
+target_packages=("${library_packages[@]}" libcli11-dev nlohmann-json3-dev
+    libgtest-dev libgmock-dev)
+
+# apt with a state of its own below DIR: the host's sources and keys, but no
+# package installed and none of the host's hooks.
+private_apt() {
+    local dir=$1
+    shift
+    apt-get -c "$dir/apt.conf" -q "$@" >>"$dir/log" 2>&1
+}
+
+# download TREE PACKAGE...: Debian's armhf packages with all that they depend
+# on, to TREE.apt/archives, for a TREE that is to be made anew.
+download() {
+    local dir=$1.apt
+    say "making $1 of Debian's armhf packages"
+    rm -rf "$1" "$1.whole" "$dir"
+    shift
+    mkdir -p "$dir"/{lists,archives}/partial
+    touch "$dir/status"
+    cat >"$dir/apt.conf" <<CONF
+#clear APT::Update::Pre-Invoke;
+#clear APT::Update::Post-Invoke;
+#clear APT::Update::Post-Invoke-Success;
+#clear DPkg::Pre-Invoke;
+#clear DPkg::Post-Invoke;
+#clear APT::Architectures;
+APT::Architecture "armhf";
+APT::Architectures { "armhf"; };
+APT::Install-Recommends "false";
+Dir::State "$dir";
+Dir::State::status "$dir/status";
+Dir::Cache "$dir";
+Debug::NoLocking "true";
+CONF
+    # The packages may well be in the indexes that could be fetched.
+    private_apt "$dir" update || grep '^E: ' "$dir/log" >&2 || true
+    if ! private_apt "$dir" install -y --download-only "$@"; then
+        cat "$dir/log" >&2
+        exit 1
+    fi
+}
+
+# unpack_packages ROOT PACKAGE_FILE...: their files, with no script of theirs
+# run.
+unpack_packages() {
+    local root=$1 package
+    shift
+    for package in "$@"; do
+        dpkg-deb --fsys-tarfile "$package" |
+            tar -x -C "$root" --no-same-owner --keep-directory-symlink
+    done
+}
+
+# The list beside a tree tells that it is whole, and of what packages.
+is_whole() {
+    [ "$(cat "$1.whole" 2>/dev/null)" = "$2" ]
+}
+
+mark_whole() {
+    printf '%s\n' "$2" >"$1.whole"
+    say "$(find "$1.apt/archives" -name '*.deb' | wc -l) packages unpacked"
+    rm -rf "$1.apt"
+}
+
+# Unpacks headers and libraries: all that compiling and running need.
+make_sysroot() {
+    local link
+    if is_whole "$sysroot" "${target_packages[*]}"; then
+        return
+    fi
+    download "$sysroot" "${target_packages[@]}"
+    mkdir -p "$sysroot/usr/lib"
+    ln -s usr/lib "$sysroot/lib"
+    unpack_packages "$sysroot" "$sysroot.apt"/archives/*.deb
+    # What is left out is the host's where an emulated program looks for it.
+    find "$sysroot" -mindepth 1 -maxdepth 3 \( -path "$sysroot/lib" -o \
+        -path "$sysroot/usr" -o -path "$sysroot/usr/share" -o \
+        -path "$sysroot/usr/include*" -o -path "$sysroot/usr/lib*" -o \
+        -path "$sysroot/usr/share/pkgconfig" \) -o -prune -exec rm -rf {} +
+    # Links that are meant from the target's own root.
+    while IFS= read -r link; do
+        ln -sfr "$sysroot$(readlink "$link")" "$link"
+    done < <(find "$sysroot" -lname '/*')
+    mark_whole "$sysroot" "${target_packages[*]}"
+}
+
+# cross_file OPTION...: Meson's, with more options for the compiler. GCC 7
+# changed how a few types are passed: that is of interest only where objects of
+# both are linked.
+cross_file() {
+    local wrapper options
+    wrapper=$(printf ", '%s'" "${emulator[@]}")
+    options=$(printf ", '%s'" "--sysroot=$sysroot" -Wno-psabi "$@")
+    cat <<INI
+[binaries]
+c = '$triplet-gcc'
+cpp = '$triplet-g++'
+ar = '$triplet-ar'
+strip = '$triplet-strip'
+pkgconfig = 'pkg-config'
+exe_wrapper = [${wrapper#, }]
+
+[properties]
+emulator = [${wrapper#, }]
+sys_root = '$sysroot'
+pkg_config_libdir = ['$sysroot/usr/lib/$triplet/pkgconfig', '$sysroot/usr/share/pkgconfig']
+
+[built-in options]
+cpp_args = [${options#, }]
+cpp_link_args = ['--sysroot=$sysroot']
+
+[host_machine]
+system = 'linux'
+cpu_family = 'arm'
+cpu = 'armv7'
+endian = 'little'
+INI
+}
+
+# Builds the library, its tools and its tests for the target.
+build_for_arm() {
+    need "${build_packages[@]}" "${test_packages[@]}" "${cross_packages[@]}"
+    make_sysroot
+    if ! cross_file | cmp -s - "$build/cross.ini"; then
+        cross_file >"$build/cross.ini"
+    fi
+    compile build-arm --cross-file="$build/cross.ini" -Dtools=enabled \
+        -Dtests=enabled -Dinstall_stand_ins=true
+}
