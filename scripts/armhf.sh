@@ -4,8 +4,7 @@
 # shellcheck disable=SC2034 # Those that source this use the names.
 
 triplet=arm-linux-gnueabihf
-build=$PWD/build-arm
-sysroot=$build/sysroot
+sysroot=$PWD/build-arm/sysroot
 emulator=(qemu-arm -L "$sysroot")
 
 cross_packages=("g++-$triplet" qemu-user)
@@ -133,13 +132,17 @@ endian = 'little'
 INI
 }
 
-# Builds the library, its tools and its tests for the target.
+# build_for_arm DIR OPTION...: the library, its tools and its tests for the
+# target, with more options for the compiler.
 build_for_arm() {
+    local dir=$1
+    shift
     need "${build_packages[@]}" "${test_packages[@]}" "${cross_packages[@]}"
     make_sysroot
-    if ! cross_file | cmp -s - "$build/cross.ini"; then
-        cross_file >"$build/cross.ini"
+    mkdir -p "$dir"
+    if ! cross_file "$@" | cmp -s - "$dir/cross.ini"; then
+        cross_file "$@" >"$dir/cross.ini"
     fi
-    compile build-arm --cross-file="$build/cross.ini" -Dtools=enabled \
+    compile "$dir" --cross-file="$PWD/$dir/cross.ini" -Dtools=enabled \
         -Dtests=enabled -Dinstall_stand_ins=true
 }
