@@ -2,9 +2,6 @@
 
 #include "signing.hpp"
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <optional>
 
 namespace fs = std::filesystem;
@@ -16,26 +13,28 @@ namespace pack
 namespace
 {
 
-constexpr std::uint32_t headerSize = 16;
-constexpr std::uint32_t recordHeaderSize = 16;
-constexpr std::uint16_t releaseType = 10;
-constexpr std::size_t releaseOffset = 2;
+constexpr auto MANIFEST_NAME = "image-ktb";
+constexpr auto SIGNATURE_NAME = "image-ktb.sig";
+constexpr std::uint32_t HEADER_SIZE = 16;
+constexpr std::uint32_t RECORD_HEADER_SIZE = 16;
+constexpr std::uint16_t RELEASE_TYPE = 10;
+constexpr std::size_t RELEASE_OFFSET = 2;
 
 // What our own manifests hold.
-constexpr std::uint16_t ordinaryType = 1;
-constexpr std::string_view ordinaryData = "velmora manifest";
-constexpr std::uint8_t maskByte = 0x5a;
-constexpr std::size_t releaseDataSize = 4;
+constexpr std::uint16_t ORDINARY_TYPE = 1;
+constexpr std::string_view ORDINARY_DATA = "velmora manifest";
+constexpr std::uint8_t MASK_BYTE = 0x5a;
+constexpr std::size_t RELEASE_DATA_SIZE = 4;
 /** Below the 512 bytes that mark the older format. */
-constexpr std::string_view signatureFile = "velmora manifest, no signature\n";
+constexpr std::string_view SIGNATURE_FILE = "velmora manifest, no signature\n";
 
-constexpr std::size_t mostRecordsListed = 1000;
+constexpr std::size_t MOST_RECORDS_LISTED = 1000;
 
 void appendRecord(Buffer& manifest, std::uint16_t type, std::uint8_t mask,
                   Bytes data)
 {
     appendLittle(manifest, std::uint32_t{0});
-    appendLittle(manifest, recordHeaderSize);
+    appendLittle(manifest, RECORD_HEADER_SIZE);
     appendLittle(manifest, type);
     appendLittle(manifest, mask);
     appendLittle(manifest, std::uint8_t{0});
@@ -47,20 +46,20 @@ Buffer buildManifest(unsigned release)
 {
     Buffer records;
     std::uint32_t count = 1;
-    appendRecord(records, ordinaryType, 0, bytesOf(ordinaryData));
+    appendRecord(records, ORDINARY_TYPE, 0, bytesOf(ORDINARY_DATA));
     if (release != 0)
     {
-        Buffer data(releaseDataSize);
-        data[releaseOffset] = static_cast<std::byte>(release ^ maskByte);
-        appendRecord(records, releaseType, maskByte, data);
+        Buffer data(RELEASE_DATA_SIZE);
+        data[RELEASE_OFFSET] = static_cast<std::byte>(release ^ MASK_BYTE);
+        appendRecord(records, RELEASE_TYPE, MASK_BYTE, data);
         ++count;
     }
     Buffer manifest;
     append(manifest, bytesOf(manifestMagic));
-    appendLittle(manifest, headerSize);
+    appendLittle(manifest, HEADER_SIZE);
     appendLittle(manifest, count);
     appendLittle(manifest,
-                 static_cast<std::uint32_t>(headerSize + records.size()));
+                 static_cast<std::uint32_t>(HEADER_SIZE + records.size()));
     append(manifest, records);
     return manifest;
 }
@@ -79,7 +78,8 @@ struct Record
 /** Empty when the record does not lie within the manifest. */
 std::optional<Record> recordAt(Bytes manifest, std::uint64_t offset)
 {
-    if (offset > manifest.size() || manifest.size() - offset < recordHeaderSize)
+    if (offset > manifest.size() ||
+        manifest.size() - offset < RECORD_HEADER_SIZE)
     {
         return std::nullopt;
     }
@@ -96,8 +96,8 @@ std::optional<Record> recordAt(Bytes manifest, std::uint64_t offset)
 std::optional<unsigned> releaseOf(Bytes manifest, const Record& record)
 {
     const std::uint64_t position =
-        record.offset + record.headerLength + releaseOffset;
-    if (record.type != releaseType || position >= manifest.size())
+        record.offset + record.headerLength + RELEASE_OFFSET;
+    if (record.type != RELEASE_TYPE || position >= manifest.size())
     {
         return std::nullopt;
     }
@@ -133,7 +133,7 @@ Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
             remarks.push_back(name + " does not lie within the manifest");
             break;
         }
-        if (i == mostRecordsListed)
+        if (i == MOST_RECORDS_LISTED)
         {
             remarks.push_back(name + " and those behind it are not listed");
             break;
@@ -149,33 +149,17 @@ Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
     return records;
 }
 
-/** Makes the directory if there is none, and removes it unless it is kept. */
-class MadeDirectory
+/** Makes both files in the directory, or neither. */
+void writeBoth(const fs::path& directory, Bytes manifest)
 {
-  public:
-    explicit MadeDirectory(const fs::path& directory) : path(directory)
-    {
-        made = mkdir(path.c_str(), 0777) == 0;
-        if (!made && errno != EEXIST)
-        {
-            throw systemError(path.string());
-        }
-    }
-    MadeDirectory(const MadeDirectory&) = delete;
-    MadeDirectory& operator=(const MadeDirectory&) = delete;
-    ~MadeDirectory()
-    {
-        if (made)
-        {
-            rmdir(path.c_str());
-        }
-    }
-    void keep() { made = false; }
-
-  private:
-    fs::path path;
-    bool made;
-};
+    OutputFile file(directory / MANIFEST_NAME);
+    OutputFile signature(directory / SIGNATURE_NAME);
+    file.write(manifest);
+    expectCopy(file.readBack(), Source(manifest));
+    signature.write(bytesOf(SIGNATURE_FILE));
+    expectCopy(signature.readBack(), Source(bytesOf(SIGNATURE_FILE)));
+    file.commit(&signature);
+}
 
 } // namespace
 
@@ -197,20 +181,25 @@ void makeManifest(const ManifestOptions& options)
         throw Error("standard output", "cannot hold a manifest's two files; "
                                        "name a directory");
     }
-    for (const char* made : {"image-ktb", "image-ktb.sig"})
+    for (const char* made : {MANIFEST_NAME, SIGNATURE_NAME})
     {
         expectNew(options.output / made, {options.prefix}, options.force);
     }
     const tools::SignalCleanup cleanup;
-    MadeDirectory directory(options.output);
-    OutputFile file(options.output / "image-ktb");
-    OutputFile signature(options.output / "image-ktb.sig");
-    file.write(content);
-    expectCopy(file.readBack(), Source(content));
-    signature.write(bytesOf(signatureFile));
-    expectCopy(signature.readBack(), Source(bytesOf(signatureFile)));
-    file.commit(&signature);
-    directory.keep();
+    const bool fresh = fs::create_directory(options.output);
+    try
+    {
+        writeBoth(options.output, content);
+    }
+    catch (...)
+    {
+        std::error_code ignored;
+        if (fresh)
+        {
+            fs::remove(options.output, ignored);
+        }
+        throw;
+    }
     report(options.output,
            "image-ktb and image-ktb.sig" +
                (options.release == 0
@@ -228,7 +217,7 @@ Json describeManifest(const Source& file, Remarks& remarks)
     }
     Bytes manifest = Bytes(content).subspan(start);
     Json fields{{"offset", start}};
-    if (manifest.size() < headerSize)
+    if (manifest.size() < HEADER_SIZE)
     {
         remarks.emplace_back("the header is not complete");
         return fields;
@@ -240,7 +229,7 @@ Json describeManifest(const Source& file, Remarks& remarks)
     fields["recordOffset"] = recordOffset;
     fields["recordCount"] = recordCount;
     fields["length"] = length;
-    if (length < headerSize || length > manifest.size())
+    if (length < HEADER_SIZE || length > manifest.size())
     {
         remarks.emplace_back("the length does not fit the file");
         return fields;
