@@ -8,9 +8,6 @@ namespace velmora
 {
 
 /** Takes this thread's default system-bus connection for one call. */
-inline sdbusplus::bus_t openSystemBus()
-{
-    return sdbusplus::bus::new_default_system();
-}
+inline auto openSystemBus() { return sdbusplus::bus::new_default_system(); }
 
 } // namespace velmora

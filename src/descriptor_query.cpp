@@ -51,7 +51,8 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
-        LOG_FAILURE("the descriptor is not well-formed, or beyond a limit");
+        LOG_FAILURE("the descriptor cannot be read, is not well-formed, or is "
+                    "beyond a limit");
         return {};
     }
     XPathContext context(xmlXPathNewContext(document.get()));
@@ -81,7 +82,7 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     auto value = firstValue(*nodes, attribute.c_str());
     if (!value)
     {
-        LOG_FAILURE("no selected element has the attribute");
+        LOG_FAILURE("no selected element has a value for the attribute");
         return {};
     }
     result.reset();

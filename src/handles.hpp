@@ -63,8 +63,7 @@ class FileDescriptor
 
     int get() const { return number_; }
 
-    /** @return false when the system refuses; the number is gone all the same
-     */
+    /** @return false when the system refuses; it is closed in either case */
     bool close()
     {
         const int number = std::exchange(number_, -1);

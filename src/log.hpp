@@ -31,12 +31,12 @@
 
 #define LOG_NUMBER (LOG_BLOCK + __LINE__)
 
-/** Not for templates and inline functions: the compiler has no place for them
- *  in a section of ours. */
+/** Not for templates and inline functions: GCC cannot place their constants in
+ *  a named section. */
 #define LOG_RECORD(kind, text)                                                 \
     static_assert(__LINE__ < 1000 && sizeof("" text) > 1);                     \
-    [[gnu::section(".velmora.causes"),                                         \
-      gnu::used]] static const char record[] = __FILE_NAME__                   \
+    [[gnu::section(".velmora.causes"), gnu::used,                              \
+      gnu::retain]] static const char record[] = __FILE_NAME__                 \
         " " LOG_TEXT(LOG_BLOCK) " " LOG_TEXT(__LINE__) " " kind " " text
 
 /** @name The cerr style
@@ -66,12 +66,14 @@
 
 /** @name The stderr style
  *  @param cause, what literal text for the record
- *  @param ... the line's own message: a printf format and its arguments */
+ *  @param ... the line's own message: a printf format and its arguments, which
+ *         may name the line's number, lineNumber */
 ///@{
 #define PRINT_STDERR_FAILURE(kind, text, ...)                                  \
     do                                                                         \
     {                                                                          \
         LOG_RECORD(kind, text);                                                \
+        [[maybe_unused]] constexpr int lineNumber = LOG_NUMBER;                \
         PRINT_LINE("FAILURE", __VA_ARGS__);                                    \
     } while (false)
 #define PRINT_FAILURE(cause, ...)                                              \
@@ -122,7 +124,7 @@ class Decimal
  *  written when memory is out. */
 inline void writeLine(int number, std::initializer_list<std::string_view> parts)
 {
-    // Filled as far as it is used.
+    // Only the bytes before `used` are read, and they have been written.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
     std::array<char, 512> buffer;
     std::size_t used = 0;

@@ -238,7 +238,7 @@ class ImageVerification
         catch (...)
         {
             LOG_INFO("msg: ", currentExceptionName());
-            PRINT_FAILURE("the security service could not be asked",
+            PRINT_FAILURE("the security service gave no usable answer",
                           "vornFwManifestVerification() invoke");
             return std::nullopt;
         }
@@ -426,15 +426,17 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
     }
     const std::string signaturePath = manifestDir + "/" + SIGNATURE_FILE;
     std::ifstream signatureFile;
-    // Anything else may have a size too, which would skip the verification.
+    // A directory or a device may report 512 bytes or more, which would skip
+    // the verification.
     if (isRegularFile(signaturePath))
     {
         signatureFile.open(signaturePath, std::ios::binary);
     }
     if (!signatureFile.is_open())
     {
-        PRINT_FAILURE("image-ktb.sig is missing or no regular file",
-                      "Error opening KTB signature file");
+        PRINT_FAILURE(
+            "image-ktb.sig is missing, no regular file, or cannot be opened",
+            "Error opening KTB signature file");
         return -1;
     }
     signatureFile.seekg(0, std::ios::end);
@@ -474,7 +476,7 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
     std::vector<std::uint8_t> manifest;
     if (!extractManifest(manifestFile, MANIFEST_MAGIC, header, manifest))
     {
-        PRINT_FAILURE("image-ktb holds no whole manifest",
+        PRINT_FAILURE("no whole manifest could be read from image-ktb",
                       "Error in reading manifest information from the payload");
         return -1;
     }

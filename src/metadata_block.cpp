@@ -107,7 +107,7 @@ int ValidateQOR::extract_meta_data(std::string& block)
     std::vector<std::string> tokens = tokenize(block);
     if (tokens.empty())
     {
-        PRINT_FAILURE("the metadata block is empty",
+        PRINT_FAILURE("the metadata block holds no text",
                       "strtok returned nullptr,unable to proceed further");
         return METADATA_EMPTY;
     }
@@ -141,7 +141,7 @@ int ValidateQOR::extract_meta_data(std::string& block)
         static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
     if (errno != 0 && metadata_timestamp == 0)
     {
-        PRINT_FAILURE("the signing time is no number that can be kept",
+        PRINT_FAILURE("the signing time is out of range",
                       "strtoll returned error[%d]", errno);
         return METADATA_BAD_TIMESTAMP;
     }

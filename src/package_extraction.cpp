@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -45,7 +46,22 @@ std::vector<char*> extractorEnvironment()
     return environment;
 }
 
-/** Leaves the child nothing that it could wait for or look into.
+/** Closes all file descriptors but those of the standard streams. */
+void closeInherited()
+{
+    if (close_range(STDERR_FILENO + 1, ~0U, 0) == 0)
+    {
+        return;
+    }
+    // A kernel before 5.9 does not know the call.
+    for (long number = sysconf(_SC_OPEN_MAX) - 1; number > STDERR_FILENO;
+         --number)
+    {
+        close(static_cast<int>(number));
+    }
+}
+
+/** Gives the child no input, no terminal, and no file descriptor but 1 and 2.
  *
  *  The extractor asks for a password on the terminal, and on standard input
  *  what to do when the disk is full. It gets neither. */
@@ -56,14 +72,15 @@ bool isolateChild()
     {
         return false;
     }
+    closeInherited();
     // The child gives up the terminal, but stays in its process group: Ctrl-C
     // still ends it together with the program that called us.
     const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY);
-    if (terminal >= 0 && ioctl(terminal, TIOCNOTTY) != 0)
+    if (terminal < 0)
     {
-        return false;
+        return errno == ENXIO || errno == ENOENT || errno == EACCES;
     }
-    return close_range(STDERR_FILENO + 1, ~0U, 0) == 0;
+    return ioctl(terminal, TIOCNOTTY) == 0 && close(terminal) == 0;
 }
 
 /** Ends the child of a fork in which no program could be started.

@@ -79,9 +79,9 @@ class Sha256
     std::array<unsigned char, SHA256_SIZE> digest_{};
 };
 
-/** Opens a file. A FIFO would hold up a plain open until somebody writes into
- *  it. The other way round, an open that may not wait fails where another
- *  process holds a lease on a regular file, which is worth the wait. */
+/** Opens a file without waiting, as a FIFO would make us wait for a writer.
+ *  That fails for a regular file under another process's write lease: there a
+ *  second open waits. */
 FileDescriptor openFile(const std::string& path)
 {
     constexpr int flags = O_RDONLY | O_CLOEXEC;
@@ -200,7 +200,7 @@ std::string calculateFileSHA(const std::string& filePath)
         posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     }
 
-    // Each failure is logged, and the rest is gone through all the same.
+    // After a failure is logged, the remaining steps still run.
     bool complete = true;
     Sha256 sha;
     if (!sha.init())
@@ -211,9 +211,12 @@ std::string calculateFileSHA(const std::string& filePath)
     const auto buffer = makeReadBuffer(*length);
     const auto partial = static_cast<std::size_t>(*length % PIECE_SIZE);
     const std::uint64_t end = *length - partial;
-    for (std::uint64_t offset = 0; offset < end; offset += PIECE_SIZE)
+    bool readable = true;
+    for (std::uint64_t offset = 0; offset < end && readable;
+         offset += PIECE_SIZE)
     {
-        if (!readPiece(file, buffer.get(), PIECE_SIZE, offset))
+        readable = readPiece(file, buffer.get(), PIECE_SIZE, offset);
+        if (!readable)
         {
             LOG_FAILURE("a piece of a file could not be read whole");
             complete = false;
@@ -224,12 +227,12 @@ std::string calculateFileSHA(const std::string& filePath)
             complete = false;
         }
     }
-    if (partial > 0 && !readPiece(file, buffer.get(), partial, end))
+    if (readable && partial > 0 && !readPiece(file, buffer.get(), partial, end))
     {
         LOG_FAILURE("the end of a file could not be read whole");
         complete = false;
     }
-    else if (partial > 0 && !sha.update(buffer.get(), partial))
+    else if (readable && partial > 0 && !sha.update(buffer.get(), partial))
     {
         LOG_FAILURE("the end of a file could not be digested");
         complete = false;

@@ -26,8 +26,8 @@ using namespace velmora;
 constexpr const char* ROOT_CA_FILE =
     "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
 
-/** The root CA is good for one call: it is removed when this goes, if not
- *  before. */
+/** The root CA serves one call. The destructor removes the file if remove() has
+ *  not. */
 class RootCaFile
 {
   public:
@@ -72,7 +72,7 @@ class PayloadValidation
         payload.seekg(0, std::ios::beg);
         if (length <= TRAILER_SIZE)
         {
-            PRINT_FAILURE("the payload is no longer than a trailer",
+            PRINT_FAILURE("the payload is not larger than its trailer",
                           "Payload length is invalid %llu",
                           static_cast<unsigned long long>(length));
             return false;
@@ -108,7 +108,7 @@ class PayloadValidation
     static bool readRootCa(std::ifstream& stream, RootCaFile& file,
                            std::string& rootCa)
     {
-        // Anything else may open too, or wait for somebody.
+        // A directory would open too, and a FIFO would wait for a writer.
         if (isRegularFile(ROOT_CA_FILE))
         {
             stream.open(ROOT_CA_FILE, std::ios::binary);
@@ -116,17 +116,19 @@ class PayloadValidation
         if (!stream.is_open())
         {
             file.remove();
-            LOG_FAILURE("the root CA file is missing or cannot be opened");
+            LOG_FAILURE("the root CA file is missing, no regular file, or "
+                        "cannot be opened");
             return false;
         }
         stream.seekg(0, std::ios::end);
         const std::streamoff length = stream.tellg();
         stream.seekg(0, std::ios::beg);
-        // A longer one would be cut short where a length has 32 bits.
+        // A 32-bit machine would read a longer file only in part.
         if (length < 1 || length > std::numeric_limits<std::streamsize>::max())
         {
             file.remove();
-            LOG_FAILURE("the root CA file is empty");
+            LOG_FAILURE(
+                "the root CA file is empty, or its length cannot be found");
             return false;
         }
         rootCa.assign(static_cast<std::size_t>(length), '\0');
@@ -148,8 +150,7 @@ class PayloadValidation
         if (result > 0)
         {
             PRINT_FAILURE(
-                "the certificate chain does not lead to the root CA, or did "
-                "not hold at the signing time",
+                "the certificate chain does not verify up to the root CA",
                 "Certificate chain verification failed: error[%d] errstr[%s]",
                 result, X509_verify_cert_error_string(result));
         }

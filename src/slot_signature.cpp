@@ -61,8 +61,7 @@ int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
     return -1;
 }
 
-/** An open payload and its mapping; what is still held goes with it, the
- *  mapping first. */
+/** An open payload and its mapping. The destructor unmaps, then closes. */
 class PayloadFile
 {
   public:
@@ -89,7 +88,7 @@ class PayloadFile
         return true;
     }
 
-    /** In 64 bits, which a mapping need not have. */
+    /** May be more than a 32-bit machine can map. */
     std::int64_t size() const { return size_; }
 
     bool map()
@@ -152,14 +151,14 @@ class SlotVerification
         }
         if (!payload.measure())
         {
-            PRINT_FAILURE("the payload's length could not be had",
+            PRINT_FAILURE("the payload's size cannot be read",
                           "File[%s]could not be stat'ed,strerr[%s]", path,
                           std::strerror(errno));
             return SLOT_STAT;
         }
         if (payload.size() <= TRAILER_SIZE)
         {
-            PRINT_FAILURE("the payload is no longer than a trailer",
+            PRINT_FAILURE("the payload is not larger than its trailer",
                           "Rejecting FW Binary. fileSize:%zu too small",
                           static_cast<std::size_t>(payload.size()));
             return SLOT_TOO_SMALL;
@@ -322,7 +321,7 @@ class SlotVerification
             return SLOT_SIGNATURE;
         }
         PRINT_INFO("EVP_DigestVerifyUpdate is done");
-        // A field that is too short does not verify, and is not read beyond.
+        // A short field is padded with zeros and does not verify.
         std::array<unsigned char, SLOT_SIGNATURE_SIZE> field{};
         std::copy_n(signature.begin(), std::min(signature.size(), field.size()),
                     field.begin());
@@ -491,13 +490,13 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
         verification.certificate.reset(getX509Cert(chain));
         if (verification.certificate == nullptr)
         {
-            PRINT_PASSED_ON("the signer's certificate could not be had",
+            PRINT_PASSED_ON("there is no signer's certificate",
                             "convert char buffer to X509 cert format failed");
             payload.close();
             if (!payload.unmap())
             {
                 PRINT_HARMLESS("the payload could not be unmapped",
-                               "Line[%u]munmap failed", unsigned{LOG_NUMBER});
+                               "Line[%u]munmap failed", unsigned{lineNumber});
             }
             return SLOT_CERTIFICATE;
         }

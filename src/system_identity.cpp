@@ -21,7 +21,7 @@ namespace
 
 using namespace velmora;
 
-/** This machine's identifier, which the platform service has, or nothing after
+/** This machine's identifier as the platform service states it; nothing after
  *  a logged failure. */
 std::optional<std::uint16_t> findOwnSystemId()
 {
@@ -38,7 +38,8 @@ std::optional<std::uint16_t> findOwnSystemId()
         const auto& bytes = std::get<std::vector<std::uint8_t>>(property);
         if (bytes.size() != 2)
         {
-            LOG_FAILURE("the platform service's identifier has not two bytes");
+            LOG_FAILURE(
+                "the platform service's identifier is not two bytes long");
             return std::nullopt;
         }
         const auto value = static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
@@ -51,7 +52,7 @@ std::optional<std::uint16_t> findOwnSystemId()
     catch (const std::exception& e)
     {
         LOG_INFO("e.what(): ", e.what());
-        LOG_FAILURE("the platform service could not be asked");
+        LOG_FAILURE("the platform service gave no identifier");
         return std::nullopt;
     }
 }
@@ -108,7 +109,8 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
     XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
-        LOG_FAILURE("the descriptor is not well-formed, or beyond a limit");
+        LOG_FAILURE("the descriptor cannot be read, is not well-formed, or is "
+                    "beyond a limit");
         return false;
     }
     XPathResult result = selectModels(document.get());
@@ -140,13 +142,13 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
     const auto searchFound = findListed(models, *systemId);
     if (!searchFound)
     {
-        LOG_FAILURE("the package is for other systems");
+        LOG_FAILURE("no listed system is this one");
     }
     result.reset();
     document.reset();
     if (!searchFound)
     {
-        LOG_PASSED_ON("no listed system is this one");
+        LOG_PASSED_ON("the package is not for this system");
         return false;
     }
     LOG_INFO("searchFound: ", *searchFound);

@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -23,12 +24,12 @@ namespace
 
 /** Bytes of a document: 5,000 systems need half of it. */
 constexpr std::size_t MAX_DOCUMENT = std::size_t{256} * 1024;
-/** Bytes of the file that are read for a document type. What it declares is
- *  compared with one another by the parser. */
+/** Bytes of the file that are read for a document type. The parser compares
+ *  declarations with one another, so they must stay few. */
 constexpr std::size_t MAX_DOCUMENT_TYPE = 8192;
-/** What the uses of entities and defaults may add to a document. Each counts
- *  its bytes and something for the node. A line break, which can come back in
- *  the log, counts for much more. */
+/** What the uses of entities and defaults may add to a document. Each use
+ * counts its bytes and NODE_COST. A line break counts LINE_BREAK_COST, because
+ * the log may repeat it. */
 constexpr std::size_t MAX_ADDED = MAX_DOCUMENT;
 constexpr std::size_t NODE_COST = 16;
 constexpr std::size_t LINE_BREAK_COST = 512;
@@ -60,14 +61,15 @@ class GuardedParse
 {
   public:
     explicit GuardedParse(const char* path) :
-        path_(path), file_(open(path, O_RDONLY | O_CLOEXEC)),
+        path_(path), file_(open(path, O_RDONLY | O_CLOEXEC)), openError_(errno),
         previousLoader_(xmlGetExternalEntityLoader()),
         previousReport_(xmlGenericError),
         previousReportContext_(xmlGenericErrorContext),
         previous_(std::exchange(current_, this))
     {
         xmlSetExternalEntityLoader(load);
-        xmlSetGenericErrorFunc(nullptr, report);
+        // The parser's own function looks at the context that is set here.
+        xmlSetGenericErrorFunc(previousReportContext_, report);
     }
 
     GuardedParse(const GuardedParse&) = delete;
@@ -88,10 +90,14 @@ class GuardedParse
                                 xmlParserCtxt* context)
     {
         GuardedParse& guard = *current_;
-        // The first input is the document. There is no second.
-        if (std::exchange(guard.loaded_, true) || !guard.file_ ||
-            context == nullptr)
+        // The first input is the document. No other is loaded.
+        if (std::exchange(guard.loaded_, true) || context == nullptr)
         {
+            return nullptr;
+        }
+        if (!guard.file_)
+        {
+            guard.say("cannot be opened", std::strerror(guard.openError_));
             return nullptr;
         }
         guard.context_ = context;
@@ -103,8 +109,8 @@ class GuardedParse
         return guard.makeInput();
     }
 
-    /** The parser's own opening would decompress. The file stays ours: which
-     *  release of the parser closes it when is not the same everywhere. */
+    /** The parser's own opening would decompress. We close the file ourselves,
+     *  because releases of the parser differ in when they close it. */
     xmlParserInput* makeInput()
     {
 #if LIBXML_VERSION >= 21400
@@ -151,7 +157,9 @@ class GuardedParse
             guard.refuse("the document is larger than 262144 bytes");
         }
         guard.documentTypeSize_ +=
-            guard.inDocumentType_ ? static_cast<std::size_t>(count) : 0;
+            guard.inDocumentType_ && guard.context_->wellFormed != 0
+                ? static_cast<std::size_t>(count)
+                : 0;
         if (guard.documentTypeSize_ > MAX_DOCUMENT_TYPE)
         {
             guard.refuse("the document type is larger than 8192 bytes");
@@ -241,7 +249,8 @@ class GuardedParse
         // value. The defaults come last.
         std::size_t cost =
             NODE_COST * static_cast<std::size_t>(defaultCount + namespaceCount);
-        // A prefix and a URI each. Which of them are defaults is not told.
+        // A prefix and a URI each. The parser does not say which are defaults,
+        // so all count.
         for (int i = 0; i < namespaceCount; ++i)
         {
             cost += costOf(view(namespaces[std::ptrdiff_t{2} * i + 1]));
@@ -281,15 +290,21 @@ class GuardedParse
         xmlStopParser(context_);
     }
 
-    /** Says once which limit it is. What the parser says of a document that
-     *  has been refused is of no use. */
+    /** Writes once which limit it is. Later messages are dropped: they only
+     *  describe the cut-off input. */
     void refuse(const char* limit)
     {
         if (!std::exchange(refused_, true))
         {
-            previousReport_(previousReportContext_, "%s: limit : %s\n", path_,
-                            limit);
+            say("limit", limit);
         }
+    }
+
+    /** Writes where the parser writes, and as it does. */
+    void say(const char* kind, const char* text)
+    {
+        previousReport_(previousReportContext_, "%s: %s : %s\n", path_, kind,
+                        text);
     }
 
     /** Stands in front of what writes the parser's messages. */
@@ -305,22 +320,30 @@ class GuardedParse
         std::array<char, 512> text{};
         std::va_list arguments;
         va_start(arguments, format);
-        std::vsnprintf(text.data(), text.size(), format, arguments);
+        const int size =
+            std::vsnprintf(text.data(), text.size(), format, arguments);
         va_end(arguments);
+        if (size >= static_cast<int>(text.size()))
+        {
+            // Cut off, but still a line.
+            text[text.size() - 2] = '\n';
+        }
         guard.previousReport_(guard.previousReportContext_, "%s", text.data());
         guard.messageLines_ += static_cast<std::size_t>(
             std::count(text.begin(), text.end(), '\n'));
         if (guard.messageLines_ > MAX_MESSAGE_LINES)
         {
-            guard.refuse("the parser has more than 300 lines to say");
+            guard.refuse("the parser reports more than 300 lines");
         }
     }
 
-    // The parser's callbacks have no place for it; set during a parse only.
+    // Callbacks get no pointer of ours and find the guard here. Null outside a
+    // parse.
     static inline GuardedParse* current_ = nullptr;
 
     const char* path_;
     FileDescriptor file_;
+    int openError_;
     xmlExternalEntityLoader previousLoader_;
     xmlGenericErrorFunc previousReport_;
     void* previousReportContext_;
@@ -344,7 +367,7 @@ XmlDocument parseDescriptor(const std::string& path)
     xmlDoc* document = xmlParseFile(path.c_str());
     if (!guard.complete())
     {
-        // None was had, so the parser's state is not cleaned up either.
+        // After a failed parse the parser's state is not cleaned up.
         xmlFreeDoc(document);
         return nullptr;
     }

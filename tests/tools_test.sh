@@ -68,7 +68,7 @@ rm -r unpacked/payload/sub
 echo changed >unpacked/payload/a
 expect 1 "refused: the payload's digest" "$velmora" validate unpacked
 "$pack" "${package[@]}" --payload files/a --system-id 1 -o other.zip
-expect 1 'refused: the package is for other systems' "$velmora" validate other.zip
+expect 1 'refused: no listed system is this one' "$velmora" validate other.zip
 head -c 100 p.zip >cut.zip
 expect 1 'refused: unzip failed .* exit code 9, not a ZIP file' "$velmora" validate cut.zip
 expect 3 'none.zip: could not be checked' "$velmora" validate none.zip
@@ -77,7 +77,7 @@ expect 2 '^velmora: PACKAGE is required' "$velmora" validate
 expect 2 . "$velmora" inventory add x
 sed -i 's/systemID="[^"]*"/systemID="zz"/' unpacked/package.xml
 expect 1 'a systemID of the descriptor is no number: zz' "$velmora" validate unpacked
-expect 3 'platform service could not be asked: it did not answer' env \
+expect 3 'platform service gave no identifier: it did not answer' env \
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none "$velmora" validate p.zip
 # Several at once: a line each, a list in JSON, the worst status.
 expect 3 '^3 packages: 1 accepted, 1 refused, 1 could not be checked$' \
@@ -114,13 +114,13 @@ expect 3 'no library with a section' "$velmora" explain --library log log
 fake='Line: 1 [INFO e.what(): sd_bus_call: org.freedesktop.DBus.Error.NoReply: x]'
 cp -r unpacked fake
 printf '<a>\n%s\n<b></a>' "$fake" >fake/package.xml
-expect 1 'refused: the descriptor is not well-formed' "$velmora" validate fake
+expect 1 'refused: the descriptor cannot be read, is not well-formed' "$velmora" validate fake
 printf '<Model systemID="0A1B]&#10;%s&#10;Line: 1 [FAILURE]&#10;"/>' "$fake" \
     >fake/package.xml
 expect 1 'refused: .* not what was signed' "$velmora" validate fake
 cp p.zip p1.zip
 cp other.zip 'p[1].zip'
-expect 1 'other systems' "$velmora" validate 'p[1].zip'
+expect 1 'no listed system is this one' "$velmora" validate 'p[1].zip'
 head -c 200000 /dev/urandom >files/big
 "$pack" "${package[@]}" --payload files -o big.zip
 rm files/big
@@ -292,7 +292,7 @@ expect 3 'OpenBMCSecureBootRootCA.pem: No such file' "$velmora" verify-payload s
 cp "$keys/foreign-root.pem" "$root_ca"
 expect 1 'unable to get local issuer' "$velmora" verify-payload signed
 cp "$keys/root-ca.pem" "$root_ca"
-expect 1 'the payload is no longer than a trailer' "$velmora" verify-payload files/a
+expect 1 'the payload is not larger than its trailer' "$velmora" verify-payload files/a
 "$pack" "${payload[@]}" --alg PS256 --key "$keys/payload-signer.pem" -o bare
 printf '"ver": "1" "alg": "PS256" "sts"' |
     dd of=bare bs=1 seek=$((100000 + 24576)) conv=notrunc status=none
