@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -64,9 +65,14 @@ Lines logOf(const std::function<void()>& work)
         throw;
     }
     restore();
-    std::istringstream text(
-        readFile("/proc/self/fd/" + std::to_string(memory)));
+    const std::string log =
+        readFile("/proc/self/fd/" + std::to_string(memory));
     close(memory);
+    if (const char* kept = std::getenv("VELMORA_TEST_LOG"))
+    {
+        std::ofstream(kept, std::ios::app) << log;
+    }
+    std::istringstream text(log);
 
     Lines lines;
     for (std::string line; std::getline(text, line);)
