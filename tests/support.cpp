@@ -65,8 +65,7 @@ Lines logOf(const std::function<void()>& work)
         throw;
     }
     restore();
-    const std::string log =
-        readFile("/proc/self/fd/" + std::to_string(memory));
+    const std::string log = readFile("/proc/self/fd/" + std::to_string(memory));
     close(memory);
     if (const char* kept = std::getenv("VELMORA_TEST_LOG"))
     {

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +34,7 @@ constexpr const char* SHA256_COMPONENT =
     "//SoftwareComponent[@hashAlgorithm=\"SHA256\"]";
 constexpr const char* ROOT_CA_FILE =
     "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
+constexpr const char* SECURITY_SERVICE = "xyz.openbmc_project.securityservices";
 constexpr const char* OLDER_FORMAT =
     "image-ktb.sig has the older format, which skips the check";
 /** Systems that are listed; each costs a reading of the descriptor. */
@@ -88,6 +90,15 @@ bool hasAnswered(std::string_view exception)
     const auto name = exception.substr(exception.find(' ') + 1);
     return std::ranges::none_of(unanswered, [name](std::string_view error)
                                 { return name.starts_with(error); });
+}
+
+/** Whether a service is on the bus. */
+bool hasOwner(const char* name)
+{
+    sd_bus* bus = nullptr;
+    sd_bus_open_system(&bus);
+    const tools::Handle<sd_bus, sd_bus_flush_close_unref> owner(bus);
+    return bus != nullptr && sd_bus_get_name_creds(bus, name, 0, nullptr) >= 0;
 }
 
 /** What came of an operation, as the log tells it.
@@ -436,12 +447,16 @@ Answer verifyImage(const Request& request)
             isOlder ? std::string("NOT verified: ") + OLDER_FORMAT : "";
         answer.isVerified = !isOlder;
     }
-    // Only a call of the service throws.
     else if (std::ranges::any_of(answer.refusal.details,
                                  [](const Detail& detail)
                                  { return detail.name == "exceptionType"; }))
     {
+        // Only the call throws; the log does not tell why.
         answer.verdict = Verdict::unchecked;
+        answer.reason += hasOwner(SECURITY_SERVICE)
+                             ? ": it answered with an error, or not in time"
+                             : ": it did not answer: nothing owns " +
+                                   std::string(SECURITY_SERVICE);
     }
     return answer;
 }

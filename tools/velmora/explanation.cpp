@@ -72,19 +72,6 @@ std::string unlessZero(std::string_view text)
     return text == "0" ? "" : std::string(text);
 }
 
-std::string date(std::string_view text)
-{
-    const auto time = static_cast<std::time_t>(toNumber(text));
-    std::tm parts{};
-    std::array<char, 64> buffer{};
-    if (time <= 0 || gmtime_r(&time, &parts) == nullptr)
-    {
-        return unlessZero(text);
-    }
-    return {buffer.data(), std::strftime(buffer.data(), buffer.size(),
-                                         "%Y-%m-%d %H:%M:%S UTC", &parts)};
-}
-
 std::string extractorStatus(std::string_view text)
 {
     const int code = WEXITSTATUS(static_cast<int>(toNumber(text)));
@@ -110,11 +97,10 @@ std::string summary(std::string_view text)
 
 std::string validity(std::string_view text)
 {
-    const auto value = static_cast<unsigned long long>(toNumber(text));
+    const bool isKnown = text.size() == 1 && text[0] >= '0' && text[0] <= '5';
     return "the key's validity is " +
-           (value < VALIDITIES.size()
-                ? VALIDITIES[static_cast<std::size_t>(value)]
-                : std::string(text));
+           (isKnown ? VALIDITIES.at(static_cast<std::size_t>(text[0] - '0'))
+                    : std::string(text));
 }
 
 std::string gpgError(std::string_view text)
@@ -203,6 +189,18 @@ bool skip(std::string_view& text, std::string_view start)
 }
 
 } // namespace
+
+std::string date(std::string_view seconds)
+{
+    const auto time = static_cast<std::time_t>(toNumber(seconds));
+    std::tm parts{};
+    std::array<char, 64> text{};
+    gmtime_r(&time, &parts);
+    return {text.data(), time <= 0
+                             ? 0
+                             : std::strftime(text.data(), text.size(),
+                                             "%Y-%m-%d %H:%M:%S UTC", &parts)};
+}
 
 /** A line of the library. */
 struct Explainer::Line

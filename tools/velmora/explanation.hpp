@@ -43,6 +43,9 @@ struct Operation
     std::string reason() const;
 };
 
+/** Seconds since the epoch as "2026-01-31 00:00:00 UTC"; empty for none. */
+std::string date(std::string_view seconds);
+
 /** Reads a log, with lines of others between ours and anything in front of
  *  ours. Its memory is bounded, whatever the log. */
 class Explainer

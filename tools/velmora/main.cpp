@@ -64,22 +64,26 @@ template <typename Value>
 CLI::Option* addChoice(CLI::App* sub, const std::string& name, Value& value,
                        const Choices<Value>& choices, const std::string& help)
 {
-    return sub
-        ->add_option_function<std::string>(
-            name, [&value, choices](const std::string& text)
-            { value = choices.at(text); }, help)
-        ->check(CLI::IsMember(choices));
+    const CLI::IsMember isMember(choices);
+    const auto choose = [isMember, choices](std::string& text)
+    {
+        std::string error = isMember(text);
+        // An enumerator is read by its value.
+        text = error.empty()
+                   ? std::to_string(static_cast<int>(choices.at(text)))
+                   : text;
+        return error;
+    };
+    return sub->add_option(name, value, help)
+        ->transform(CLI::Validator(choose, "NAME"));
 }
 
 std::string fieldText(const nlohmann::ordered_json& field)
 {
     std::string text = field.is_string() ? field.get<std::string>() : "";
-    if (field.is_array() || field.is_object())
+    for (std::size_t i = 0; field.is_array() && i < field.size(); ++i)
     {
-        for (const auto& element : field)
-        {
-            text += (text.empty() ? "" : " ") + element.get<std::string>();
-        }
+        text += (i == 0 ? "" : " ") + field[i].get<std::string>();
     }
     return text.empty() ? "-" : printable(text);
 }

@@ -1,13 +1,14 @@
 #include "signer.hpp"
 
 #include "common/handles.hpp"
+#include "explanation.hpp"
 
 #include <gpgme.h>
 #include <openssl/pem.h>
 
 #include <algorithm>
 #include <array>
-#include <ctime>
+#include <cstdint>
 #include <fstream>
 #include <utility>
 
@@ -23,7 +24,8 @@ constexpr std::streamoff TRAILER_SIZE = 76800;
 constexpr std::size_t CHAIN_SIZE = 24576;
 
 constexpr std::array PROBLEMS{
-    std::pair{GPG_ERR_NO_ERROR, "the key is not fully valid to this keyring"},
+    std::pair{GPG_ERR_NO_ERROR,
+              "the keyring does not hold its key as fully valid"},
     std::pair{GPG_ERR_NO_PUBKEY, "no public key"},
     std::pair{GPG_ERR_BAD_SIGNATURE, "the descriptor is not what was signed"},
     std::pair{GPG_ERR_CERT_REVOKED, "the key is revoked"},
@@ -50,22 +52,18 @@ std::string problemOf(const _gpgme_signature& signature, const _gpgme_key* key)
     const auto code = gpgme_err_code(signature.status);
     const auto* known = std::ranges::find(
         PROBLEMS, code, &std::pair<gpg_err_code_t, const char*>::first);
-    std::string text = known != PROBLEMS.end()
-                           ? known->second
-                           : gpgme_strerror(signature.status);
-    const auto expiry = static_cast<std::time_t>(
-        code == GPG_ERR_SIG_EXPIRED ? signature.exp_timestamp
-        : code == GPG_ERR_KEY_EXPIRED && key != nullptr
-            ? static_cast<unsigned long>(key->subkeys->expires)
-            : 0);
-    std::tm parts{};
-    std::array<char, 32> day{};
-    if (expiry > 0 && gmtime_r(&expiry, &parts) != nullptr)
-    {
-        text.append(day.data(), std::strftime(day.data(), day.size(),
-                                              " (%Y-%m-%d)", &parts));
-    }
-    return text;
+    const std::string text = known != PROBLEMS.end()
+                                 ? known->second
+                                 : gpgme_strerror(signature.status);
+    // GPGME has had several types for times.
+    const auto expiry = code == GPG_ERR_SIG_EXPIRED
+                            ? static_cast<std::int64_t>(signature.exp_timestamp)
+                        : code == GPG_ERR_KEY_EXPIRED && key != nullptr
+                            ? static_cast<std::int64_t>(key->subkeys->expires)
+                            : 0;
+    return expiry > 0
+               ? text + " (" + date(std::to_string(expiry)).substr(0, 10) + ')'
+               : text;
 }
 
 } // namespace
