@@ -128,12 +128,10 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
 /** Whether an extraction into @p directory can have failed for want of room. */
 bool isFull(const fs::path& directory)
 {
-    const fs::path probe = directory / "velmora-probe";
-    const tools::FileDescriptor file(
-        open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const tools::FileDescriptor probe(
+        open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
     const int error =
-        file.get() < 0 ? errno : posix_fallocate(file.get(), 0, ROOM);
-    unlink(probe.c_str());
+        probe.get() < 0 ? errno : posix_fallocate(probe.get(), 0, ROOM);
     return error == ENOSPC || error == EDQUOT;
 }
 
