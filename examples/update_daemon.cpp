@@ -311,7 +311,7 @@ void update(const fs::path& package, const fs::path& stateDirectory)
     // no signature does for it, and applies the files of unpacked/payload.
     publish(model, version, purpose);
     std::cout << "accepted: model " << model << ", version " << version
-              << std::endl;
+              << '\n';
 }
 
 } // namespace
