@@ -310,8 +310,7 @@ void update(const fs::path& package, const fs::path& stateDirectory)
     // Here a real daemon compares the version with the installed one, which
     // no signature does for it, and applies the files of unpacked/payload.
     publish(model, version, purpose);
-    std::cout << "accepted: model " << model << ", version " << version
-              << '\n';
+    std::cout << "accepted: model " << model << ", version " << version << '\n';
 }
 
 } // namespace
