@@ -5,7 +5,8 @@ Usage: abi.py LIBRARY LIST [--update]
 
 The list has the dynamic symbols, as nm shows them, and, where libabigail is
 installed, the signatures of the functions behind them, the types of the
-variables and the layout of the project's own types. Without libabigail the symbols alone are compared.
+variables and the layout of the project's own types. Without libabigail the
+symbols alone are compared.
 """
 
 import difflib
@@ -20,7 +21,8 @@ OWN_TYPES = ("manifestHeader", "VersionPurpose", "ReleaseType")
 def symbols(library):
     output = subprocess.run(["nm", "-D", "--defined-only", library],
                             check=True, capture_output=True, text=True).stdout
-    return sorted(f"symbol {kind} {name}"
+    # Whether a variable begins as zero is no part of what is exported.
+    return sorted(f"symbol {'D' if kind == 'B' else kind} {name}"
                   for _, kind, name in map(str.split, output.splitlines()))
 
 
@@ -76,7 +78,10 @@ def signatures(library):
         if node.get("mangled-name") in exported:
             parameters = ", ".join(types.name(parameter.get("type-id"))
                                    for parameter in node.findall("parameter"))
-            result = types.name(node.find("return").get("type-id"))
+            # Some releases leave out the return type where it is void.
+            returned = node.find("return")
+            result = "void" if returned is None else types.name(
+                returned.get("type-id"))
             lines.add(f"function {result} {node.get('name')}({parameters})")
     variables = {node.get("name")
                  for node in corpus.find("elf-variable-symbols")}
