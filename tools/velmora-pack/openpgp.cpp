@@ -57,12 +57,10 @@ void spawn(const char* known, const std::vector<std::string>& arguments,
            gpgme_data_t input = nullptr, gpgme_data_t output = nullptr,
            gpgme_data_t errors = nullptr)
 {
-    std::vector<const char*> pointers;
-    for (const std::string& argument : arguments)
-    {
-        pointers.push_back(argument.c_str());
-    }
-    pointers.push_back(nullptr);
+    std::vector<const char*> pointers(arguments.size() + 1);
+    std::ranges::transform(arguments, pointers.begin(),
+                           [](const std::string& text)
+                           { return text.c_str(); });
     gpgme_ctx_t made = nullptr;
     const char* const program = gpgme_get_dirinfo(known);
     if (gpgme_new(&made) != GPG_ERR_NO_ERROR)
