@@ -24,15 +24,23 @@ expect() {
     fi
 }
 
-places=(/etc/gpg /run/velmora /run/obmcupdate /run/bmc-sim /tmp/ingressRelease)
+# A BMC, or a machine that was one, has some of them itself.
+places() {
+    find /etc/gpg /run/velmora /run/obmcupdate /run/bmc-sim /tmp/ingressRelease \
+        -printf '%p %t\n' 2>/dev/null | sort || true
+}
+before=$(places)
 nothing_left() {
-    local place
-    for place in "${places[@]}"; do
-        [ ! -e "$place" ] || fail "$1 leaves $place"
+    [ "$(places)" = "$before" ] || fail "$1 leaves: $(places)"
+    local tries=0
+    while grep -qsz "^BMC_SIM_TEST=$$\$" /proc/[0-9]*/environ; do
+        # Those of a run that was killed need a moment to notice.
+        if [ $((++tries)) -gt 100 ]; then
+            fail "$1 leaves processes"
+            break
+        fi
+        sleep 0.1
     done
-    if grep -lsz "^BMC_SIM_TEST=$$\$" /proc/[0-9]*/environ; then
-        fail "$1 leaves processes"
-    fi
 }
 
 # Where the kernel forbids namespaces, each run says that it works in place.
@@ -50,7 +58,11 @@ expect 7 "$silent" "${sim[@]}" -- sh -c 'exit 7'
 expect 143 "$silent" "${sim[@]}" -- sh -c 'kill -TERM $$'
 expect 127 'none' "${sim[@]}" -- none
 expect 126 'denied' "${sim[@]}" -- /etc/passwd
+expect 127 '--bind' "${sim[@]}" -- sh -c /tmp/none
 expect 2 . "${sim[@]}" --system-id wrong -- true
+expect 2 'COMMAND is missing' "${sim[@]}" --verbose
+expect 2 'takes no COMMAND' "${sim[@]}" --serve platform -- true
+expect 125 'passwd: no certificate' "${sim[@]}" --root-ca /etc/passwd -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --keyring nokey -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --signer-key nokey -- true
 expect 0 '^out$' "${sim[@]}" -- sh -c 'echo out > here; cat here'
@@ -70,6 +82,12 @@ expect 0 '/xyz/openbmc_project/software/a/b' "${sim[@]}" -- sh -c "$get call $ma
     /xyz/openbmc_project/software $manager addSWInventory sssss \
     /xyz/openbmc_project/software/a/b M 1 $version.VersionPurpose.BMC \
     $version.ReleaseType.Other && $get tree $manager"
+# Expanded there; the name is taken when the service owns it.
+# shellcheck disable=SC2016
+expect 0 'ay 2 28 10' "${sim[@]}" --without platform -- sh -c '"$0" --serve platform \
+    --system-id 0A1C & for i in 1 2 3 4 5 6 7 8 9; do sleep 0.2; '"$get get-property \
+    com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
+    xyz.openbmc_project.Inventory.Item.Oem BaseSystemId && break; done" "${sim[2]}"
 nothing_left "a sandbox"
 
 interrupted() {
@@ -84,16 +102,28 @@ interrupted() {
     nothing_left "an interrupted run $*"
 }
 interrupted
+# Killed at any time, it takes the sandbox with it; in place it could not.
+for delay in 0.01 0.02 0.03 0.05 0.1 0.2; do
+    [ "$silent" = '^$' ] || break
+    "${sim[@]}" -- sleep 60 &
+    sleep "$delay"
+    kill -KILL $!
+    wait $! 2>/dev/null || true
+done
+nothing_left "a killed run"
 
 if [ "$(id -u)" -eq 0 ]; then
     expect 3 'in place' "${sim[@]}" --in-place -- sh -c 'ls /run/obmcupdate && exit 3'
     nothing_left "a run in place"
     interrupted --in-place
-    mkdir -p /run/velmora/Zarnholt
-    touch /run/velmora/Zarnholt/mine
-    expect 125 'bmc-sim: .*Zarnholt' "${sim[@]}" --in-place -- true
-    rm /run/velmora/Zarnholt/mine
-    rmdir /run/velmora/Zarnholt /run/velmora
+    if [ ! -e /run/velmora ]; then
+        mkdir -p /run/velmora/Zarnholt
+        touch /run/velmora/Zarnholt/mine
+        expect 125 'bmc-sim: .*Zarnholt' "${sim[@]}" --in-place -- true
+        rm -r /run/velmora
+    fi
+    [ "$silent" != '^$' ] || expect 32 'permission|superuser' \
+        "${sim[@]}" -- mount -t tmpfs none /mnt
     # An ordinary user, with a copy that he can reach.
     cp "${sim[2]}" "$work/bmc-sim"
     chmod 755 "$work"

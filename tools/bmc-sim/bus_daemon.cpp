@@ -1,9 +1,8 @@
 #include "bus_daemon.hpp"
 
+#include "common/files.hpp"
 #include "failure.hpp"
 #include "process.hpp"
-
-#include <fstream>
 
 namespace bmc_sim
 {
@@ -11,7 +10,7 @@ namespace
 {
 
 // There is no service directory: nothing on this bus is started on demand.
-constexpr auto configurationHead = R"(<busconfig>
+constexpr auto CONFIGURATION_HEAD = R"(<busconfig>
   <type>system</type>
   <auth>EXTERNAL</auth>
   <apparmor mode="disabled"/>
@@ -30,20 +29,14 @@ constexpr auto configurationHead = R"(<busconfig>
 
 std::string startBusDaemon(const std::filesystem::path& directory)
 {
-    std::string address = "unix:path=" + (directory / "bus").string();
     const std::string configuration = directory / "bus.conf";
-    std::ofstream file(configuration);
-    file << configurationHead << "  <listen>" << address
-         << "</listen>\n</busconfig>\n";
-    file.close();
-    if (!file)
-    {
-        throw systemFailure(configuration);
-    }
-
+    std::string address = "unix:path=" + (directory / "bus").string();
+    tools::writeFile(configuration,
+                     CONFIGURATION_HEAD +
+                         ("<listen>" + address + "</listen>\n</busconfig>\n"));
     Pipe ready = makePipe();
-    const FileDescriptor input = makeBuffer();
-    const FileDescriptor log = makeBuffer();
+    const FileDescriptor input = tools::memoryFile();
+    const FileDescriptor log = tools::memoryFile();
     const int printTo = ready.writer.get();
     spawn({.arguments = {"dbus-daemon", "--config-file=" + configuration,
                          "--nofork", "--nopidfile",
@@ -51,13 +44,12 @@ std::string startBusDaemon(const std::filesystem::path& directory)
            .input = input.get(),
            .output = log.get(),
            .error = log.get(),
-           .kept = {printTo},
-           .isBound = true});
+           .kept = {printTo}});
     ready.writer.reset();
     // The daemon prints its address and closes the pipe once it listens.
-    if (readAll(ready.reader).empty())
+    if (tools::readAll(ready.reader, "dbus-daemon").empty())
     {
-        throw Failure("dbus-daemon: " + firstLine(bufferContent(log)));
+        throw Error("dbus-daemon", firstLine(contentOf(log)));
     }
     return address;
 }

@@ -1,39 +1,33 @@
 #pragma once
 
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
-#include <string>
+#include "common/error.hpp"
 
 namespace bmc_sim
 {
 
-// The exit statuses of env(1), which callers of a wrapper know already.
-constexpr int exitUsage = 2;
-constexpr int exitFailure = 125;
-constexpr int exitNotExecutable = 126;
-constexpr int exitNotFound = 127;
-constexpr int exitSignalBase = 128;
+using tools::Error;
+using tools::systemError;
 
-/** What keeps bmc-sim from its work, in one line, and its exit status. */
-class Failure : public std::runtime_error
+// The exit statuses of env(1), which callers of a wrapper know already.
+constexpr int WRONG_USAGE = 2;
+constexpr int FAILED = 125;
+constexpr int NOT_EXECUTABLE = 126;
+constexpr int NOT_FOUND = 127;
+constexpr int KILLED_BY_SIGNAL = 128;
+
+/** An error with an exit status of its own; that of others is FAILED. */
+class Failure : public Error
 {
   public:
-    explicit Failure(const std::string& text, int status = exitFailure) :
-        std::runtime_error(text), exitStatus(status)
+    Failure(std::string_view subject, std::string_view what, int status) :
+        Error(subject, what), status_(status)
     {
     }
 
-    [[nodiscard]] int status() const noexcept { return exitStatus; }
+    int status() const noexcept { return status_; }
 
   private:
-    int exitStatus;
+    int status_;
 };
-
-/** A failed system call on `subject`, told with the text of errno. */
-inline Failure systemFailure(const std::string& subject)
-{
-    return Failure(subject + ": " + std::strerror(errno));
-}
 
 } // namespace bmc_sim

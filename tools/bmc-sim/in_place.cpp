@@ -9,8 +9,6 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-
 namespace bmc_sim
 {
 namespace
@@ -18,46 +16,27 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr auto lockedDirectory = "/etc";
-constexpr mode_t publicMode = 0755;
-constexpr mode_t privateMode = 0700;
+constexpr auto LOCKED_DIRECTORY = "/etc";
+constexpr mode_t PUBLIC_MODE = 0755;
+constexpr mode_t PRIVATE_MODE = 0700;
 
 /** A lock that leaves no file behind. */
 FileDescriptor lockHost()
 {
     FileDescriptor lock(
-        open(lockedDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        open(LOCKED_DIRECTORY, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (lock.get() < 0 || flock(lock.get(), LOCK_EX) < 0)
     {
-        throw systemFailure(lockedDirectory);
+        throw systemError(LOCKED_DIRECTORY);
     }
     return lock;
 }
 
-void refuseUsedPlaces()
+void refuseUsed(const fs::path& place, bool isUnused)
 {
-    for (const fs::path place : places::ownDirectories)
+    if (fs::exists(fs::symlink_status(place)) && !isUnused)
     {
-        if (fs::exists(fs::symlink_status(place)) &&
-            !(fs::is_directory(place) && fs::is_empty(place)))
-        {
-            throw Failure(place.string() +
-                          ": in use on this host, not touched");
-        }
-    }
-    if (fs::exists(fs::symlink_status(places::releaseMarker)))
-    {
-        throw Failure(std::string(places::releaseMarker) +
-                      ": in use on this host, not touched");
-    }
-}
-
-void emptyDirectory(const fs::path& directory)
-{
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator(directory, error))
-    {
-        fs::remove_all(entry.path(), error);
+        throw Error(place.string(), "in use on this host, not touched");
     }
 }
 
@@ -67,25 +46,24 @@ void emptyDirectory(const fs::path& directory)
 // destructor cleans up also when the making of the places fails midway.
 InPlaceSite::InPlaceSite() : InPlaceSite(lockHost())
 {
-    makeDirectory(places::temporaryDirectory);
-    for (const fs::path place : places::ownDirectories)
+    makeDirectory(places::TEMPORARY_DIRECTORY);
+    for (const fs::path place : places::OWN_DIRECTORIES)
     {
         makeDirectory(place);
     }
-    std::string pattern =
-        fs::path(places::temporaryDirectory) / "bmc-sim-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr)
-    {
-        throw systemFailure(pattern);
-    }
-    workDirectory = pattern;
+    workDirectory_ = std::make_unique<tools::TemporaryDirectory>(
+        fs::path(places::TEMPORARY_DIRECTORY) / "bmc-sim-XXXXXX");
     // A COMMAND that gives up root still has to reach the bus.
-    chmod(workDirectory.c_str(), publicMode);
+    chmod(workDirectory_->path().c_str(), PUBLIC_MODE);
 }
 
-InPlaceSite::InPlaceSite(FileDescriptor lock) : hostLock(std::move(lock))
+InPlaceSite::InPlaceSite(FileDescriptor lock) : hostLock_(std::move(lock))
 {
-    refuseUsedPlaces();
+    for (const fs::path place : places::OWN_DIRECTORIES)
+    {
+        refuseUsed(place, fs::is_directory(place) && fs::is_empty(place));
+    }
+    refuseUsed(places::RELEASE_MARKER, false);
     holdSignals();
     // Daemons that COMMAND leaves behind come to us to be killed.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -94,20 +72,19 @@ InPlaceSite::InPlaceSite(FileDescriptor lock) : hostLock(std::move(lock))
 InPlaceSite::~InPlaceSite()
 {
     killDescendants();
-    for (const fs::path place : places::ownDirectories)
-    {
-        emptyDirectory(place);
-    }
     std::error_code error;
-    fs::remove(places::releaseMarker, error);
-    if (!workDirectory.empty())
+    for (const fs::path place : places::OWN_DIRECTORIES)
     {
-        fs::remove_all(workDirectory, error);
+        for (const auto& entry : fs::directory_iterator(place, error))
+        {
+            fs::remove_all(entry.path(), error);
+        }
     }
-    while (!madeDirectories.empty())
+    fs::remove(places::RELEASE_MARKER, error);
+    workDirectory_.reset();
+    for (; !madeDirectories_.empty(); madeDirectories_.pop_back())
     {
-        fs::remove(madeDirectories.back(), error);
-        madeDirectories.pop_back();
+        fs::remove(madeDirectories_.back(), error);
     }
 }
 
@@ -118,12 +95,12 @@ void InPlaceSite::makeDirectory(const fs::path& directory)
         return;
     }
     makeDirectory(directory.parent_path());
-    const bool isPrivate = directory == places::keyringHome;
-    if (mkdir(directory.c_str(), isPrivate ? privateMode : publicMode) < 0)
+    const bool isPrivate = directory == places::KEYRING_HOME;
+    if (mkdir(directory.c_str(), isPrivate ? PRIVATE_MODE : PUBLIC_MODE) < 0)
     {
-        throw systemFailure(directory);
+        throw systemError(directory.string());
     }
-    madeDirectories.push_back(directory);
+    madeDirectories_.push_back(directory);
 }
 
 } // namespace bmc_sim

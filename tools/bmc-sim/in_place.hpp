@@ -1,9 +1,10 @@
 #pragma once
 
-#include "handles.hpp"
+#include "common/files.hpp"
 #include "session.hpp"
 
 #include <filesystem>
+#include <memory>
 #include <vector>
 
 namespace bmc_sim
@@ -21,20 +22,17 @@ class InPlaceSite
     InPlaceSite(const InPlaceSite&) = delete;
     InPlaceSite& operator=(const InPlaceSite&) = delete;
 
-    [[nodiscard]] Site site() const
-    {
-        return {.workDirectory = workDirectory, .hasCopies = false};
-    }
+    Site site() const { return {.workDirectory = workDirectory_->path()}; }
 
   private:
-    explicit InPlaceSite(FileDescriptor lock);
+    explicit InPlaceSite(tools::FileDescriptor lock);
 
     void makeDirectory(const std::filesystem::path& directory);
 
-    FileDescriptor hostLock;
+    tools::FileDescriptor hostLock_;
     /** In the order of their making. */
-    std::vector<std::filesystem::path> madeDirectories;
-    std::filesystem::path workDirectory;
+    std::vector<std::filesystem::path> madeDirectories_;
+    std::unique_ptr<tools::TemporaryDirectory> workDirectory_;
 };
 
 } // namespace bmc_sim

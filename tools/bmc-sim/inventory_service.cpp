@@ -7,27 +7,25 @@ namespace bmc_sim
 namespace
 {
 
-constexpr auto managerPath = "/xyz/openbmc_project/software";
-constexpr std::string_view softwarePrefix = "/xyz/openbmc_project/software/";
-constexpr auto modelInterfaceName = "xyz.openbmc_project.Software.Model";
-constexpr auto versionInterfaceName = "xyz.openbmc_project.Software.Version";
+constexpr auto MANAGER_PATH = "/xyz/openbmc_project/software";
+constexpr std::string_view SOFTWARE_PREFIX = "/xyz/openbmc_project/software/";
 
-template <const std::string SoftwareObject::* Text>
+template <std::string SoftwareObject::* Text>
 int getText(sd_bus*, const char*, const char*, const char*,
-            sd_bus_message* reply, void* object, sd_bus_error*) noexcept
+            sd_bus_message* reply, void* object, sd_bus_error*)
 {
     const auto& text = static_cast<const SoftwareObject*>(object)->*Text;
     return sd_bus_message_append(reply, "s", text.c_str());
 }
 
-const sd_bus_vtable modelVtable[] = {
+const sd_bus_vtable MODEL_VTABLE[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_PROPERTY("Model", "s", getText<&SoftwareObject::model>, 0,
                     SD_BUS_VTABLE_PROPERTY_CONST),
     SD_BUS_VTABLE_END,
 };
 
-const sd_bus_vtable versionVtable[] = {
+const sd_bus_vtable VERSION_VTABLE[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_PROPERTY("Purpose", "s", getText<&SoftwareObject::purpose>, 0,
                     SD_BUS_VTABLE_PROPERTY_CONST),
@@ -38,131 +36,141 @@ const sd_bus_vtable versionVtable[] = {
     SD_BUS_VTABLE_END,
 };
 
-const sd_bus_vtable managerVtable[] = {
-    SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD_WITH_NAMES(
-        "addSWInventory", "sssss",
-        SD_BUS_PARAM(path) SD_BUS_PARAM(swDetail1) SD_BUS_PARAM(swDetail2)
-            SD_BUS_PARAM(purpose) SD_BUS_PARAM(releaseType),
-        "", "", (handle<InventoryService, &InventoryService::add>),
-        SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD_WITH_NAMES(
-        "getVersionPurpose", "s", SD_BUS_PARAM(componentID), "s",
-        SD_BUS_PARAM(purpose),
-        (handle<InventoryService, &InventoryService::getPurpose>),
-        SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD_WITH_NAMES(
-        "removeSWInventory", "s", SD_BUS_PARAM(path), "", "",
-        (handle<InventoryService, &InventoryService::remove>),
-        SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_VTABLE_END,
-};
-
-BusSlot addOwnedInterface(sd_bus* bus, const char* path, const char* interface,
-                          const sd_bus_vtable* vtable, SoftwareObject* object)
+int addOwnedInterface(sd_bus* bus, BusSlot& owner, const char* path,
+                      const char* interface, const sd_bus_vtable* vtable,
+                      SoftwareObject& object)
 {
     sd_bus_slot* slot = nullptr;
-    check(sd_bus_add_object_vtable(bus, &slot, path, interface, vtable, object),
-          interface);
-    return BusSlot(slot);
+    const int result =
+        sd_bus_add_object_vtable(bus, &slot, path, interface, vtable, &object);
+    owner.reset(slot);
+    return result;
 }
 
-void checkPath(const std::string& path)
+/** @return negative when a step fails, as with all of sd-bus */
+int publishObject(sd_bus* bus, const char* path, SoftwareObject& object)
 {
-    if (!path.starts_with(softwarePrefix) ||
-        sd_bus_object_path_is_valid(path.c_str()) == 0)
+    int result = addOwnedInterface(bus, object.modelInterface, path,
+                                   "xyz.openbmc_project.Software.Model",
+                                   MODEL_VTABLE, object);
+    if (result >= 0)
     {
-        throw Refusal(invalidArgument,
-                      "Not the path of a software object: " + path);
+        result = addOwnedInterface(bus, object.versionInterface, path,
+                                   "xyz.openbmc_project.Software.Version",
+                                   VERSION_VTABLE, object);
     }
-}
-
-void checkKind(const char* purpose, const char* releaseType)
-{
-    if (!versionPurposes.holds(purpose))
-    {
-        throw Refusal(invalidArgument,
-                      std::string("Not a version purpose: ") + purpose);
-    }
-    if (!releaseTypes.holds(releaseType))
-    {
-        throw Refusal(invalidArgument,
-                      std::string("Not a release type: ") + releaseType);
-    }
+    return result < 0 ? result : sd_bus_emit_object_added(bus, path);
 }
 
 } // namespace
 
-void SoftwareObject::publish(sd_bus* bus, const char* path)
-{
-    modelInterface =
-        addOwnedInterface(bus, path, modelInterfaceName, modelVtable, this);
-    versionInterface =
-        addOwnedInterface(bus, path, versionInterfaceName, versionVtable, this);
-    check(sd_bus_emit_object_added(bus, path), "InterfacesAdded");
-}
-
 void InventoryService::publish(sd_bus* bus)
 {
-    addInterface(bus, managerPath, busName, managerVtable, this);
-    check(sd_bus_add_object_manager(bus, nullptr, managerPath),
+    static const sd_bus_vtable vtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD_WITH_NAMES(
+            "addSWInventory", "sssss",
+            SD_BUS_PARAM(path) SD_BUS_PARAM(swDetail1) SD_BUS_PARAM(swDetail2)
+                SD_BUS_PARAM(purpose) SD_BUS_PARAM(releaseType),
+            "", "", add, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD_WITH_NAMES(
+            "getVersionPurpose", "s", SD_BUS_PARAM(componentID), "s",
+            SD_BUS_PARAM(purpose), getPurpose, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD_WITH_NAMES("removeSWInventory", "s", SD_BUS_PARAM(path),
+                                 "", "", remove, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+    addInterface(bus, MANAGER_PATH, BUS_NAME, vtable, this);
+    check(sd_bus_add_object_manager(bus, nullptr, MANAGER_PATH),
           "object manager");
 }
 
-void InventoryService::add(sd_bus_message* call)
+int InventoryService::add(sd_bus_message* call, void* data, sd_bus_error* error)
 {
-    const std::string path = readString(call);
-    const char* const model = readString(call);
-    const char* const version = readString(call);
-    const char* const purpose = readString(call);
-    const char* const releaseType = readString(call);
-    checkPath(path);
-    checkKind(purpose, releaseType);
-    const auto [object, isNew] =
-        objects.try_emplace(path, model, version, purpose, releaseType);
-    if (!isNew)
+    auto& objects = static_cast<InventoryService*>(data)->objects_;
+    const char* path = nullptr;
+    const char* model = nullptr;
+    const char* version = nullptr;
+    const char* purpose = nullptr;
+    const char* releaseType = nullptr;
+    int result = sd_bus_message_read(call, "sssss", &path, &model, &version,
+                                     &purpose, &releaseType);
+    if (result < 0)
     {
-        throw Refusal(notAllowed, "Software object exists already: " + path);
+        return result;
     }
-    try
+    if (!std::string_view(path).starts_with(SOFTWARE_PREFIX) ||
+        sd_bus_object_path_is_valid(path) == 0)
     {
-        object->second.publish(sd_bus_message_get_bus(call), path.c_str());
+        return sd_bus_error_setf(error, INVALID_ARGUMENT,
+                                 "Not the path of a software object: %s", path);
     }
-    catch (...)
+    if (!VERSION_PURPOSES.holds(purpose) || !RELEASE_TYPES.holds(releaseType))
     {
-        objects.erase(object);
-        throw;
+        return sd_bus_error_setf(
+            error, INVALID_ARGUMENT,
+            "Not a version purpose and a release type: %s, %s", purpose,
+            releaseType);
     }
-    check(sd_bus_reply_method_return(call, nullptr), "reply");
+    if (objects.contains(path))
+    {
+        return sd_bus_error_setf(error, NOT_ALLOWED,
+                                 "Software object exists already: %s", path);
+    }
+    SoftwareObject& object = objects[path];
+    object.model = model;
+    object.version = version;
+    object.purpose = purpose;
+    object.releaseType = releaseType;
+    result = publishObject(sd_bus_message_get_bus(call), path, object);
+    if (result < 0)
+    {
+        objects.erase(path);
+        return result;
+    }
+    return sd_bus_reply_method_return(call, nullptr);
 }
 
-void InventoryService::remove(sd_bus_message* call)
+int InventoryService::remove(sd_bus_message* call, void* data,
+                             sd_bus_error* error)
 {
-    const std::string path = readString(call);
-    const auto object = objects.find(path);
-    if (object == objects.end())
+    auto& objects = static_cast<InventoryService*>(data)->objects_;
+    const char* path = nullptr;
+    int result = sd_bus_message_read(call, "s", &path);
+    if (result >= 0 && !objects.contains(path))
     {
-        throw Refusal(resourceNotFound, "No such software object: " + path);
+        return sd_bus_error_setf(error, RESOURCE_NOT_FOUND,
+                                 "No such software object: %s", path);
     }
-    // The signal lists the interfaces, so it goes first.
-    check(
-        sd_bus_emit_object_removed(sd_bus_message_get_bus(call), path.c_str()),
-        "InterfacesRemoved");
-    objects.erase(object);
-    check(sd_bus_reply_method_return(call, nullptr), "reply");
+    if (result >= 0)
+    {
+        // The signal lists the interfaces, so it goes first.
+        result = sd_bus_emit_object_removed(sd_bus_message_get_bus(call), path);
+    }
+    if (result < 0)
+    {
+        return result;
+    }
+    objects.erase(path);
+    return sd_bus_reply_method_return(call, nullptr);
 }
 
-void InventoryService::getPurpose(sd_bus_message* call)
+int InventoryService::getPurpose(sd_bus_message* call, void* data,
+                                 sd_bus_error* error)
 {
-    const std::string component = readString(call);
+    const auto& purposes = static_cast<InventoryService*>(data)->purposes_;
+    const char* component = nullptr;
+    const int result = sd_bus_message_read(call, "s", &component);
+    if (result < 0)
+    {
+        return result;
+    }
     const auto purpose = purposes.find(component);
-    if (purpose == purposes.end())
-    {
-        throw Refusal(resourceNotFound,
-                      "No purpose is known of component: " + component);
-    }
-    check(sd_bus_reply_method_return(call, "s", purpose->second.c_str()),
-          "reply");
+    return purpose == purposes.end()
+               ? sd_bus_error_setf(error, RESOURCE_NOT_FOUND,
+                                   "No purpose is known of component: %s",
+                                   component)
+               : sd_bus_reply_method_return(call, "s", purpose->second.c_str());
 }
 
 } // namespace bmc_sim

@@ -3,30 +3,18 @@
 #include "service.hpp"
 
 #include <map>
+#include <string>
 
 namespace bmc_sim
 {
 
-/** One published software object. */
-class SoftwareObject
+/** One software object; it has to stay where it is while it is published. */
+struct SoftwareObject
 {
-  public:
-    SoftwareObject(const char* softwareModel, const char* softwareVersion,
-                   const char* versionPurpose, const char* type) :
-        model(softwareModel), version(softwareVersion), purpose(versionPurpose),
-        releaseType(type)
-    {
-    }
-
-    /** The object has to stay where it is as long as it is published. */
-    void publish(sd_bus* bus, const char* path);
-
-    const std::string model;
-    const std::string version;
-    const std::string purpose;
-    const std::string releaseType;
-
-  private:
+    std::string model;
+    std::string version;
+    std::string purpose;
+    std::string releaseType;
     BusSlot modelInterface;
     BusSlot versionInterface;
 };
@@ -35,26 +23,26 @@ class SoftwareObject
 class InventoryService
 {
   public:
-    static constexpr auto busName =
+    static constexpr auto BUS_NAME =
         "xyz.openbmc_project.Software.Installed.Inventory";
 
-    /** `versionPurposes` has D-Bus strings by component identifier. */
-    explicit InventoryService(
-        std::map<std::string, std::string> versionPurposes) :
-        purposes(std::move(versionPurposes))
+    /** @param purposes D-Bus strings by component identifier */
+    explicit InventoryService(std::map<std::string, std::string> purposes) :
+        purposes_(std::move(purposes))
     {
     }
 
     void publish(sd_bus* bus);
 
-    // The methods addSWInventory, removeSWInventory and getVersionPurpose.
-    void add(sd_bus_message* call);
-    void remove(sd_bus_message* call);
-    void getPurpose(sd_bus_message* call);
-
   private:
-    std::map<std::string, std::string> purposes;
-    std::map<std::string, SoftwareObject> objects;
+    // Handlers of the methods, for the service that is given as data.
+    static int add(sd_bus_message* call, void* data, sd_bus_error* error);
+    static int remove(sd_bus_message* call, void* data, sd_bus_error* error);
+    static int getPurpose(sd_bus_message* call, void* data,
+                          sd_bus_error* error);
+
+    std::map<std::string, std::string> purposes_;
+    std::map<std::string, SoftwareObject> objects_;
 };
 
 } // namespace bmc_sim

@@ -3,10 +3,12 @@
 #include "options.hpp"
 #include "process.hpp"
 #include "sandbox.hpp"
+#include "services.hpp"
 #include "session.hpp"
 
+#include <systemd/sd-daemon.h>
+
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 
 namespace bmc_sim
@@ -18,10 +20,11 @@ int runInPlace(const Options& options, const std::string& reason)
 {
     if (geteuid() != 0)
     {
-        throw Failure(reason + "; only root can work in place");
+        throw Error(reason, "only root can work in place");
     }
     const InPlaceSite site;
-    std::cerr << "bmc-sim: " + reason + "; working in place\n";
+    std::cerr << "bmc-sim: " + tools::printable(reason) +
+                     "; working in place\n";
     return runSession(options, site.site());
 }
 
@@ -29,17 +32,17 @@ int run(const Arguments& arguments)
 {
     // A caller that ignores SIGCHLD would keep exit statuses from us.
     std::signal(SIGCHLD, SIG_DFL);
-    const Options options = parseOptions(arguments);
-    if (!options.insideDescriptors.empty())
-    {
-        holdSignals();
-        enterSandbox(options.insideDescriptors);
-        return runSession(options, sandboxSite());
-    }
+    Options options = parseOptions(arguments);
     if (options.serves)
     {
-        serveSystemBus(options);
-        return EXIT_SUCCESS;
+        const EventLoop loop = makeLoop();
+        const Services services(options, loop.get());
+        sd_notify(0, "READY=1");
+        return check(sd_event_loop(loop.get()), "event loop");
+    }
+    if (!options.insideDescriptors.empty())
+    {
+        return runSession(options, enterSandbox(options.insideDescriptors));
     }
     if (options.inPlace)
     {
@@ -62,14 +65,11 @@ int main(int argc, char* argv[])
     {
         return bmc_sim::run({argv + 1, argv + argc});
     }
-    catch (const bmc_sim::Failure& failure)
-    {
-        std::cerr << std::string("bmc-sim: ") + failure.what() + "\n";
-        return failure.status();
-    }
     catch (const std::exception& error)
     {
-        std::cerr << std::string("bmc-sim: ") + error.what() + "\n";
-        return bmc_sim::exitFailure;
+        std::cerr << "bmc-sim: " + tools::printable(error.what()) + "\n";
+        const auto* const failure =
+            dynamic_cast<const bmc_sim::Failure*>(&error);
+        return failure != nullptr ? failure->status() : bmc_sim::FAILED;
     }
 }

@@ -7,106 +7,111 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <charconv>
+#include <cctype>
 #include <cstdlib>
-#include <iostream>
 
 namespace bmc_sim
 {
 namespace
 {
 
-constexpr auto usage =
-    "Usage: bmc-sim [OPTIONS] -- COMMAND [ARGS...]\n"
-    "\n"
-    "Runs COMMAND on a simulated BMC: in a sandbox with fresh directories at "
-    "the\n"
-    "library's places, a private system bus (DBUS_SYSTEM_BUS_ADDRESS names "
-    "it) and\n"
-    "the services that the library asks. Of the host's files, COMMAND can "
-    "write\n"
-    "only to the current directory's tree and the directories given with "
-    "--bind.\n"
-    "\n";
+constexpr auto USAGE =
+    R"(Usage: bmc-sim [OPTIONS] -- COMMAND [ARGS...]
+       bmc-sim --serve SERVICE... [OPTIONS]
 
-constexpr auto exitStatuses =
-    "Exit status:\n"
-    "  that of COMMAND, or 128 + N when signal N ended it; else\n"
-    "  2    wrong usage\n"
-    "  125  bmc-sim itself failed; so also where namespaces are forbidden "
-    "and the\n"
-    "       user is not root, or a place of the library is in use on the "
-    "host\n"
-    "  126  COMMAND cannot be executed\n"
-    "  127  COMMAND was not found\n"
-    "\n"
-    "Where the kernel forbids new namespaces, root (and only root) works in\n"
-    "place: the library's places are made on the host and removed "
-    "afterwards.\n";
+Runs COMMAND on a simulated BMC: in a sandbox with fresh directories at the
+library's places, a private system bus (DBUS_SYSTEM_BUS_ADDRESS names it) and
+the services that the library asks. Of the host's files, COMMAND can write
+only to the current directory's tree and the directories given with --bind.
+
+)";
+
+constexpr auto FOOTER =
+    R"(Exit status:
+  that of COMMAND, or 128 + N when signal N ended it; else
+  2    wrong usage
+  125  bmc-sim itself failed; so also where namespaces are forbidden and the
+       user is not root, or a place of the library is in use on the host
+  126  COMMAND cannot be executed
+  127  COMMAND was not found
+
+Where the kernel forbids new namespaces, root (and only root) works in
+place: the library's places are made on the host and removed afterwards.
+)";
+
+constexpr std::size_t MAX_SYSTEM_ID_DIGITS = 4;
+const std::set<std::string> SERVICES{PLATFORM, SECURITY, INVENTORY};
 
 class HelpFormatter : public CLI::Formatter
 {
   public:
     std::string make_usage(const CLI::App*, std::string) const override
     {
-        return usage;
+        return USAGE;
     }
 };
 
-/** The options whose text is turned into something else. */
-struct RawOptions
+/** Options as they are given. */
+struct Texts
 {
     std::string systemId = "0A1B";
     std::vector<std::string> purposes;
-    std::vector<std::string> absentServices;
-    std::vector<std::string> servedServices;
+    std::set<std::string> absent;
+    std::set<std::string> served;
 };
 
-template <typename Value>
-void addRepeatable(CLI::App& app, const std::string& name,
-                   std::vector<Value>& values, const std::string& valueName,
-                   const std::string& description)
+std::string checkSystemId(const std::string& text)
 {
-    app.add_option(name, values, description + " (repeatable)")
-        ->type_name(valueName)
-        ->allow_extra_args(false);
+    const bool isGood = !text.empty() && text.size() <= MAX_SYSTEM_ID_DIGITS &&
+                        std::ranges::all_of(text, [](unsigned char c)
+                                            { return std::isxdigit(c) != 0; });
+    return isGood ? "" : "not 16 bits in hexadecimal: " + text;
 }
 
-void declareOptions(CLI::App& app, Options& options, RawOptions& raw)
+std::string checkPurpose(const std::string& text)
 {
-    app.set_version_flag("--version",
-                         std::string("bmc-sim " VELMORA_VERSION ", ") +
-                             libraryVersion);
-    app.add_option("--system-id", raw.systemId,
-                   "System identifier, 16 bits in hexadecimal")
-        ->type_name("HEX")
-        ->capture_default_str();
-    addRepeatable(app, "--keyring", options.keyrings, "FILE",
-                  "Exported OpenPGP public keys to trust");
-    app.add_option("--root-ca", options.rootCa, "Secure-boot root CA, in PEM")
-        ->type_name("FILE");
-    app.add_option("--signer-key", options.signerKey,
-                   "Key of the image signer in PEM: public key, private key "
-                   "or certificate")
-        ->type_name("FILE");
-    addRepeatable(app, "--purpose", raw.purposes, "ID=NAME",
-                  "Version purpose of the component ID, such as BIOS");
-    app.add_option("--without", raw.absentServices,
-                   "Leave a service out: platform, security or inventory "
-                   "(repeatable)")
-        ->type_name("SERVICE")
-        ->allow_extra_args(false)
-        ->check(CLI::IsMember(
-            {platformService, securityService, inventoryService}));
-    app.add_option("--serve", raw.servedServices,
-                   "Run services (platform, security, inventory) on the "
-                   "system bus that is there, without sandbox and COMMAND")
+    const auto equals = text.rfind('=');
+    return equals != std::string::npos &&
+                   VERSION_PURPOSES.complete(text.substr(equals + 1))
+               ? ""
+               : "not ID=NAME, or no such version purpose: " + text;
+}
+
+void declareOptions(CLI::App& app, Options& options, Texts& texts)
+{
+    const auto add = [&app](const char* name, auto& value, const char* type,
+                            const char* help)
+    {
+        return app.add_option(name, value, help)
+            ->type_name(type)
+            ->allow_extra_args(false);
+    };
+    add("--system-id", texts.systemId, "HEX",
+        "System identifier, 16 bits in hexadecimal")
+        ->capture_default_str()
+        ->check(checkSystemId);
+    add("--keyring", options.keyrings, "FILE",
+        "Exported OpenPGP public keys to trust (repeatable)");
+    add("--root-ca", options.rootCa, "FILE", "Secure-boot root CA, in PEM");
+    add("--signer-key", options.signerKey, "FILE",
+        "Key of the image signer in PEM: public key, private key or "
+        "certificate");
+    add("--purpose", texts.purposes, "ID=NAME",
+        "Version purpose of the component ID, such as BIOS (repeatable)")
+        ->check(checkPurpose);
+    CLI::Option* const without =
+        add("--without", texts.absent, "SERVICE",
+            "Leave a service out: platform, security or inventory "
+            "(repeatable)")
+            ->check(CLI::IsMember(SERVICES));
+    app.add_option("--serve", texts.served,
+                   "Run these services on the system bus that is there, "
+                   "without sandbox and COMMAND")
         ->type_name("SERVICE...")
-        ->excludes("--without")
-        ->check(CLI::IsMember(
-            {platformService, securityService, inventoryService}));
-    addRepeatable(app, "--bind", options.writableDirectories, "DIR",
-                  "Directory of the host that COMMAND may write to");
+        ->excludes(without)
+        ->check(CLI::IsMember(SERVICES));
+    add("--bind", options.writableDirectories, "DIR",
+        "Directory of the host that COMMAND may write to (repeatable)");
     app.add_flag("--verbose", options.verbose,
                  "Log each request to a service, a line on standard error");
     app.add_flag("--in-place", options.inPlace,
@@ -115,103 +120,99 @@ void declareOptions(CLI::App& app, Options& options, RawOptions& raw)
     app.add_option("--inside", options.insideDescriptors)
         ->expected(2)
         ->group("");
+    app.set_version_flag("--version",
+                         std::string("bmc-sim " VELMORA_VERSION ", ") +
+                             libraryVersion);
 }
 
-std::array<std::uint8_t, 2> parseSystemId(const std::string& text)
+void convert(const Texts& texts, Options& options)
 {
-    constexpr std::size_t mostDigits = 4;
-    std::uint16_t value = 0;
-    const char* const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, value, 16);
-    if (result.ec != std::errc{} || result.ptr != end ||
-        text.size() > mostDigits)
-    {
-        throw Failure("--system-id: not 16 bits in hexadecimal: " + text,
-                      exitUsage);
-    }
-    return {static_cast<std::uint8_t>(value & 0xff),
-            static_cast<std::uint8_t>(value >> 8)};
-}
-
-std::map<std::string, std::string>
-    parsePurposes(const std::vector<std::string>& texts)
-{
-    std::map<std::string, std::string> purposes;
-    for (const std::string& text : texts)
+    const unsigned long id = std::stoul(texts.systemId, nullptr, 16);
+    options.systemId = {static_cast<std::uint8_t>(id & 0xff),
+                        static_cast<std::uint8_t>(id >> 8)};
+    for (const std::string& text : texts.purposes)
     {
         const auto equals = text.rfind('=');
-        if (equals == std::string::npos)
-        {
-            throw Failure("--purpose: not ID=NAME: " + text, exitUsage);
-        }
-        const auto purpose = versionPurposes.complete(text.substr(equals + 1));
-        if (!purpose)
-        {
-            throw Failure("--purpose: no such version purpose: " + text,
-                          exitUsage);
-        }
-        purposes.insert_or_assign(text.substr(0, equals), *purpose);
+        options.purposes.insert_or_assign(
+            text.substr(0, equals),
+            VERSION_PURPOSES.complete(text.substr(equals + 1)).value_or(""));
     }
-    return purposes;
+    options.serves = !texts.served.empty();
+    std::ranges::set_difference(
+        options.serves ? texts.served : SERVICES, texts.absent,
+        std::inserter(options.services, options.services.end()));
+    if (!options.insideDescriptors.empty())
+    {
+        std::size_t number = 0;
+        for (InputFile* const input : inputFiles(options))
+        {
+            input->file = sandboxCopy(number++);
+        }
+    }
 }
 
-void parseWith(CLI::App& app, std::vector<std::string> arguments)
+/** Parses, and ends the program when that does not lead to a run. */
+void parseWith(CLI::App& app, std::vector<std::string> arguments,
+               bool hasCommand)
 {
     // CLI11 takes its arguments from the back.
     std::ranges::reverse(arguments);
     try
     {
         app.parse(std::move(arguments));
-    }
-    catch (const CLI::Success& success)
-    {
-        std::exit(app.exit(success));
+        if (hasCommand == (app.count("--serve") > 0))
+        {
+            throw CLI::ValidationError(
+                hasCommand ? "--serve takes no COMMAND"
+                           : "COMMAND is missing; it comes after --");
+        }
     }
     catch (const CLI::ParseError& error)
     {
-        throw Failure(error.what(), exitUsage);
+        std::exit(app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE);
     }
 }
 
 } // namespace
 
+std::vector<InputFile*> inputFiles(Options& options)
+{
+    std::vector<InputFile*> files(options.keyrings.size());
+    std::ranges::transform(options.keyrings, files.begin(),
+                           [](InputFile& file) { return &file; });
+    for (auto* const file : {&options.rootCa, &options.signerKey})
+    {
+        if (file->has_value())
+        {
+            files.push_back(&file->value());
+        }
+    }
+    return files;
+}
+
 Options parseOptions(const std::vector<std::string>& arguments)
 {
     Options options;
-    RawOptions raw;
+    Texts texts;
     CLI::App app;
     app.formatter(std::make_shared<HelpFormatter>());
-    app.footer(exitStatuses);
-    declareOptions(app, options, raw);
-
+    app.footer(FOOTER);
+    app.failure_message(
+        [](const CLI::App*, const CLI::Error& error)
+        {
+            return "bmc-sim: " + tools::printable(error.what()) +
+                   " (--help tells more)\n";
+        });
+    declareOptions(app, options, texts);
     // What follows the separator is COMMAND's, whatever it looks like.
     const auto separator = std::ranges::find(arguments, "--");
-    parseWith(app, {arguments.begin(), separator});
-    options.serves = !raw.servedServices.empty();
-    if (options.serves)
-    {
-        for (const char* name :
-             {platformService, securityService, inventoryService})
-        {
-            if (std::ranges::find(raw.servedServices, name) ==
-                raw.servedServices.end())
-            {
-                raw.absentServices.emplace_back(name);
-            }
-        }
-    }
-    else if (arguments.end() - separator < 2)
-    {
-        throw Failure("no COMMAND: it stands behind --", exitUsage);
-    }
-    if (!options.serves)
+    const bool hasCommand = arguments.end() - separator > 1;
+    parseWith(app, {arguments.begin(), separator}, hasCommand);
+    if (hasCommand)
     {
         options.command.assign(separator + 1, arguments.end());
     }
-    options.systemId = parseSystemId(raw.systemId);
-    options.purposes = parsePurposes(raw.purposes);
-    options.absentServices.insert(raw.absentServices.begin(),
-                                  raw.absentServices.end());
+    convert(texts, options);
     return options;
 }
 

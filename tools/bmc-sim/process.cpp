@@ -1,14 +1,19 @@
 #include "process.hpp"
 
+#include "common/files.hpp"
+#include "common/signals.hpp"
 #include "failure.hpp"
 
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <sys/wait.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -17,54 +22,30 @@ namespace bmc_sim
 namespace
 {
 
-constexpr std::array endSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-
-sigset_t endSignalSet()
+/** Without those that are ignored: whoever started us wants us to go on. */
+sigset_t endSignals()
 {
     sigset_t set{};
     sigemptyset(&set);
-    for (const int signal : endSignals)
+    for (const int signal : tools::END_SIGNALS)
     {
-        sigaddset(&set, signal);
+        if (!tools::isIgnored(signal))
+        {
+            sigaddset(&set, signal);
+        }
     }
     return set;
 }
 
-sigset_t heldSignalSet()
-{
-    sigset_t set = endSignalSet();
-    sigaddset(&set, SIGCHLD);
-    return set;
-}
-
-/** The signal mask of a new program. A tool keeps the end signals blocked:
- *  it goes on when the terminal interrupts COMMAND. */
-void releaseSignals(bool isCommand)
-{
-    sigset_t set{};
-    sigemptyset(&set);
-    sigaddset(&set, SIGCHLD);
-    if (isCommand)
-    {
-        set = heldSignalSet();
-    }
-    sigprocmask(SIG_UNBLOCK, &set, nullptr);
-}
-
-void redirect(int descriptor, int standard)
-{
-    if (descriptor >= 0)
-    {
-        dup2(descriptor, standard);
-    }
-}
-
-/** The child's way from fork() to the program; errno goes to `report`. */
+/** The child's way from fork() to the program; errno goes to @p report. */
 [[noreturn]] void becomeProgram(const Program& program, int report)
 {
-    redirect(program.input, STDIN_FILENO);
-    redirect(program.output, STDOUT_FILENO);
-    redirect(program.error, STDERR_FILENO);
+    int standard = 0;
+    for (const int stream : {program.input, program.output, program.error})
+    {
+        dup2(stream < 0 ? standard : stream, standard);
+        ++standard;
+    }
     for (const int descriptor : program.kept)
     {
         fcntl(descriptor, F_SETFD, 0);
@@ -75,42 +56,25 @@ void redirect(int descriptor, int standard)
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }
     pointers.push_back(nullptr);
-    releaseSignals(program.isCommand);
+    // A tool keeps the end signals blocked: it goes on when the terminal
+    // interrupts COMMAND.
+    sigset_t mask{};
+    sigemptyset(&mask);
+    if (!program.isCommand)
+    {
+        mask = endSignals();
+    }
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
     execvp(pointers.front(), pointers.data());
     const int error = errno;
     [[maybe_unused]] const auto written = write(report, &error, sizeof(error));
-    _exit(exitFailure);
-}
-
-int waitFor(pid_t child)
-{
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
-    {
-    }
-    return status;
+    _exit(FAILED);
 }
 
 int exitStatus(int status)
 {
     return WIFEXITED(status) ? WEXITSTATUS(status)
-                             : exitSignalBase + WTERMSIG(status);
-}
-
-/** Reaps all that ended; the exit status of `child` if it is among them. */
-std::optional<int> reap(pid_t child)
-{
-    std::optional<int> result;
-    int status = 0;
-    pid_t ended = 0;
-    while ((ended = waitpid(-1, &status, WNOHANG)) > 0)
-    {
-        if (ended == child)
-        {
-            result = exitStatus(status);
-        }
-    }
-    return result;
+                             : KILLED_BY_SIGNAL + WTERMSIG(status);
 }
 
 std::vector<pid_t> childrenOf(pid_t process)
@@ -132,51 +96,91 @@ std::vector<pid_t> childrenOf(pid_t process)
     return children;
 }
 
+/** The next signal that the other bmc-sim sends; ends with it. */
+int receiveSignal(int lifeline)
+{
+    int signal = 0;
+    if (read(lifeline, &signal, sizeof(signal)) != sizeof(signal))
+    {
+        _exit(FAILED);
+    }
+    return signal;
+}
+
+struct Watch
+{
+    pid_t child;
+    const std::function<void(int)>& forward;
+};
+
+/** Reaps all that ended, and ends @p loop when the child is among them. */
+void reap(const Watch& watch, sd_event* loop)
+{
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(-1, &status, WNOHANG)) > 0)
+    {
+        if (ended == watch.child)
+        {
+            sd_event_exit(loop, exitStatus(status));
+        }
+    }
+}
+
+int onSignal(sd_event_source* source, const signalfd_siginfo* info, void* data)
+{
+    const Watch& watch = *static_cast<const Watch*>(data);
+    if (info->ssi_signo == SIGCHLD)
+    {
+        reap(watch, sd_event_source_get_event(source));
+    }
+    // What the kernel sends on behalf of the terminal has reached the whole
+    // process group already.
+    else if (info->ssi_code <= 0 || getpgid(watch.child) != getpgrp())
+    {
+        watch.forward(static_cast<int>(info->ssi_signo));
+    }
+    return 0;
+}
+
+int onLifeline(sd_event_source*, int lifeline, std::uint32_t, void* data)
+{
+    static_cast<const Watch*>(data)->forward(receiveSignal(lifeline));
+    return 0;
+}
+
 } // namespace
+
+int check(int result, const char* step)
+{
+    if (result < 0)
+    {
+        throw Error(step, std::strerror(-result));
+    }
+    return result;
+}
+
+EventLoop makeLoop()
+{
+    sd_event* created = nullptr;
+    check(sd_event_new(&created), "event loop");
+    return EventLoop(created);
+}
 
 Pipe makePipe()
 {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) < 0)
     {
-        throw systemFailure("pipe");
+        throw systemError("pipe");
     }
     return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-FileDescriptor makeBuffer(std::string_view content)
+std::string contentOf(const FileDescriptor& file)
 {
-    FileDescriptor buffer(memfd_create("bmc-sim", MFD_CLOEXEC));
-    if (buffer.get() < 0 ||
-        pwrite(buffer.get(), content.data(), content.size(), 0) < 0)
-    {
-        throw systemFailure("buffer");
-    }
-    return buffer;
-}
-
-std::string readAll(const FileDescriptor& file)
-{
-    std::string text;
-    std::array<char, 4096> chunk{};
-    for (;;)
-    {
-        const ssize_t count = read(file.get(), chunk.data(), chunk.size());
-        if (count > 0)
-        {
-            text.append(chunk.data(), static_cast<std::size_t>(count));
-        }
-        else if (count == 0 || errno != EINTR)
-        {
-            return text;
-        }
-    }
-}
-
-std::string bufferContent(const FileDescriptor& buffer)
-{
-    lseek(buffer.get(), 0, SEEK_SET);
-    return readAll(buffer);
+    lseek(file.get(), 0, SEEK_SET);
+    return tools::readAll(file, "a tool's output");
 }
 
 std::string firstLine(const std::string& text)
@@ -186,97 +190,96 @@ std::string firstLine(const std::string& text)
 
 void holdSignals()
 {
-    const sigset_t set = heldSignalSet();
+    sigset_t set = endSignals();
+    sigaddset(&set, SIGCHLD);
     sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
-std::optional<int> takeEndSignal()
+std::optional<int> takeEndSignal(int lifeline)
 {
-    const sigset_t set = endSignalSet();
+    pollfd source{lifeline, POLLIN, 0};
+    if (poll(&source, 1, 0) > 0)
+    {
+        return receiveSignal(lifeline);
+    }
+    const sigset_t set = endSignals();
     const timespec atOnce{};
     const int signal = sigtimedwait(&set, nullptr, &atOnce);
     return signal > 0 ? std::optional(signal) : std::nullopt;
 }
 
-pid_t forkProcess(bool isBound)
+pid_t spawn(const Program& program)
 {
+    Pipe report = makePipe();
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0)
     {
-        throw systemFailure("fork");
+        throw systemError("fork");
     }
-    if (child == 0 && isBound)
-    {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent)
-        {
-            _exit(exitFailure);
-        }
-    }
-    return child;
-}
-
-pid_t spawn(const Program& program)
-{
-    Pipe report = makePipe();
-    const pid_t child = forkProcess(program.isBound);
     if (child == 0)
     {
+        if (program.isBound)
+        {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+        }
+        if (getppid() != parent)
+        {
+            _exit(FAILED);
+        }
         becomeProgram(program, report.writer.get());
     }
     report.writer.reset();
-    const std::string answer = readAll(report.reader);
     int error = 0;
-    if (answer.size() != sizeof(error))
+    if (read(report.reader.get(), &error, sizeof(error)) != sizeof(error))
     {
         return child;
     }
-    std::memcpy(&error, answer.data(), sizeof(error));
-    waitFor(child);
-    const int status = !program.isCommand ? exitFailure
-                       : error == ENOENT  ? exitNotFound
-                                          : exitNotExecutable;
-    throw Failure(program.arguments.front() + ": " + std::strerror(error),
-                  status);
+    waitpid(child, nullptr, 0);
+    const int status = !program.isCommand ? FAILED
+                       : error == ENOENT  ? NOT_FOUND
+                                          : NOT_EXECUTABLE;
+    throw Failure(program.arguments.front(), std::strerror(error), status);
 }
 
 Outcome runTool(const Arguments& arguments, std::string_view input)
 {
-    const FileDescriptor source = makeBuffer(input);
-    const FileDescriptor output = makeBuffer();
+    const FileDescriptor source = tools::memoryFile(input);
+    const FileDescriptor output = tools::memoryFile();
+    // Not bound: it ends soon, and a bubblewrap that is killed halfway leaves a
+    // child waiting.
     const pid_t child = spawn({.arguments = arguments,
                                .input = source.get(),
                                .output = output.get(),
-                               .error = output.get()});
-    const int status = exitStatus(waitFor(child));
-    return {status, bufferContent(output)};
+                               .error = output.get(),
+                               .kept = {},
+                               .isBound = false});
+    int status = 0;
+    waitpid(child, &status, 0);
+    return {exitStatus(status), contentOf(output)};
 }
 
-int supervise(pid_t child, const std::function<void(int)>& forward)
+int supervise(sd_event* loop, pid_t child, int lifeline,
+              const std::function<void(int)>& forward)
 {
-    const sigset_t set = heldSignalSet();
-    for (;;)
+    Watch watch{child, forward};
+    check(sd_event_add_signal(loop, nullptr, SIGCHLD, onSignal, &watch),
+          "SIGCHLD");
+    for (const int signal : tools::END_SIGNALS)
     {
-        siginfo_t info{};
-        if (sigwaitinfo(&set, &info) < 0)
+        if (!tools::isIgnored(signal))
         {
-            continue;
-        }
-        if (info.si_signo == SIGCHLD)
-        {
-            if (const auto status = reap(child))
-            {
-                return *status;
-            }
-        }
-        // What the kernel sends on behalf of the terminal has reached the
-        // whole process group already.
-        else if (info.si_code <= 0 || getpgid(child) != getpgrp())
-        {
-            forward(info.si_signo);
+            check(sd_event_add_signal(loop, nullptr, signal, onSignal, &watch),
+                  "signals");
         }
     }
+    if (lifeline >= 0)
+    {
+        check(sd_event_add_io(loop, nullptr, lifeline, POLLIN, onLifeline,
+                              &watch),
+              "lifeline");
+    }
+    return check(sd_event_loop(loop), "event loop");
 }
 
 void signalTree(pid_t root, int signal)
@@ -293,13 +296,9 @@ void signalTree(pid_t root, int signal)
 void killDescendants()
 {
     // The children of a killed process become ours, hence the outer loop.
-    for (;;)
+    for (auto children = childrenOf(getpid()); !children.empty();
+         children = childrenOf(getpid()))
     {
-        const std::vector<pid_t> children = childrenOf(getpid());
-        if (children.empty())
-        {
-            return;
-        }
         for (const pid_t child : children)
         {
             kill(child, SIGKILL);

@@ -1,8 +1,9 @@
 #pragma once
 
-#include "handles.hpp"
+#include "common/handles.hpp"
 
 #include <sys/types.h>
+#include <systemd/sd-event.h>
 
 #include <functional>
 #include <optional>
@@ -13,6 +14,8 @@
 namespace bmc_sim
 {
 
+using tools::FileDescriptor;
+using EventLoop = tools::Handle<sd_event, sd_event_unref>;
 using Arguments = std::vector<std::string>;
 
 struct Program
@@ -23,11 +26,11 @@ struct Program
     int output = -1;
     int error = -1;
     /** Further descriptors that the program is to find open. */
-    std::vector<int> kept{};
+    std::vector<int> kept;
     /** Whether this is the user's COMMAND, not a tool of bmc-sim's. */
     bool isCommand = false;
     /** Whether it is killed when bmc-sim is. */
-    bool isBound = false;
+    bool isBound = true;
 };
 
 struct Pipe
@@ -36,45 +39,52 @@ struct Pipe
     FileDescriptor writer;
 };
 
-/** How a tool ended, and all that it wrote. */
+/** How a tool ended, and what it wrote. */
 struct Outcome
 {
     int status;
     std::string output;
 };
 
+/** @return the result of a function of libsystemd
+ *  @throws Error when it is negative */
+int check(int result, const char* step);
+
+EventLoop makeLoop();
+
 Pipe makePipe();
 
-/** An anonymous file, positioned at its start. */
-FileDescriptor makeBuffer(std::string_view content = {});
-
-std::string readAll(const FileDescriptor& file);
-
-/** What was written to a buffer up to now. */
-std::string bufferContent(const FileDescriptor& buffer);
+/** What was written to a file in memory up to now. */
+std::string contentOf(const FileDescriptor& file);
 
 std::string firstLine(const std::string& text);
 
-/** Takes the signals that end a program (INT, TERM, HUP, QUIT) and CHLD out
- *  of delivery: from here on they are waited for. COMMAND gets them back. */
+/** Takes the signals that end a program and SIGCHLD out of delivery: from here
+ *  on they are waited for. COMMAND gets them back. */
 void holdSignals();
 
-/** A held signal that asks to end and is due, if there is one. */
-std::optional<int> takeEndSignal();
+/** A signal that asks to end and is due, if there is one.
+ *
+ *  @param lifeline as for supervise() */
+std::optional<int> takeEndSignal(int lifeline = -1);
 
-/** fork(); a bound child does not outlive its parent. */
-pid_t forkProcess(bool isBound);
-
-/** Starts a program. A failure to execute it is thrown as a Failure; its
- *  status is 126 or 127 for COMMAND. */
+/** Starts a program.
+ *
+ *  @throws Failure when it cannot be executed, with status 126 or 127 for
+ *          COMMAND */
 pid_t spawn(const Program& program);
 
 /** Runs a tool to its end, quietly. */
 Outcome runTool(const Arguments& arguments, std::string_view input = {});
 
-/** Waits for `child`, reaping whatever else ends, and hands the signals that
- *  did not reach it by themselves to `forward`. Gives the exit status. */
-int supervise(pid_t child, const std::function<void(int)>& forward);
+/** Runs @p loop until @p child ends, reaping whatever else ends, and hands the
+ *  signals that did not reach it by themselves to @p forward.
+ *
+ *  @param lifeline a pipe from another bmc-sim, or -1: it sends the numbers of
+ *         signals, and when it is gone so is this process
+ *  @return the exit status */
+int supervise(sd_event* loop, pid_t child, int lifeline,
+              const std::function<void(int)>& forward);
 
 /** Sends a signal to a process and its descendants. */
 void signalTree(pid_t root, int signal);

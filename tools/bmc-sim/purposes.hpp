@@ -16,10 +16,9 @@ struct BusEnumeration
     std::string_view prefix;
     std::array<std::string_view, Count> names;
 
-    /** The D-Bus string of `text`, which is an enumerator's short name or
+    /** The D-Bus string of @p text, which is an enumerator's short name or
      *  already its D-Bus string. */
-    [[nodiscard]] std::optional<std::string>
-        complete(std::string_view text) const
+    std::optional<std::string> complete(std::string_view text) const
     {
         if (text.starts_with(prefix))
         {
@@ -32,18 +31,18 @@ struct BusEnumeration
         return std::string(prefix).append(text);
     }
 
-    [[nodiscard]] bool holds(std::string_view busString) const
+    bool holds(std::string_view busString) const
     {
-        return busString.starts_with(prefix) && complete(busString);
+        return complete(busString) == busString;
     }
 };
 
-constexpr BusEnumeration<15> versionPurposes{
+constexpr BusEnumeration<15> VERSION_PURPOSES{
     "xyz.openbmc_project.Software.Version.VersionPurpose.",
     {"Unknown", "Other", "System", "BMC", "Host", "PSU", "SEPBP", "BIOS",
      "CPLD", "TORLU", "FLOPCPLD", "TPM", "RFCMCU", "VALVEMCU", "LEAKMCU"}};
 
-constexpr BusEnumeration<3> releaseTypes{
+constexpr BusEnumeration<3> RELEASE_TYPES{
     "xyz.openbmc_project.Software.Version.ReleaseType.",
     {"Other", "Production", "Prototype"}};
 

@@ -1,16 +1,14 @@
 #include "sandbox.hpp"
 
+#include "common/files.hpp"
 #include "failure.hpp"
 #include "places.hpp"
 
 #include <fcntl.h>
-#include <nlohmann/json.hpp>
-#include <poll.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
+#include <iostream>
 #include <set>
 
 namespace bmc_sim
@@ -20,23 +18,28 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr auto workDirectory = "/run/bmc-sim";
-
 /** Trees of the host that the sandbox does not show. */
-constexpr std::array hiddenTrees{"/tmp", "/run", "/dev"};
+constexpr std::array HIDDEN_TREES{"/tmp", "/run", "/dev"};
 
 /** What a directory of the host must not be mounted over. */
-constexpr std::array keptPlaces{
-    places::keyringHome,
-    places::slotDirectory,
-    places::updateDirectory,
-    places::temporaryDirectory,
-    "/run/velmora/Zarnholt",
-    "/run/obmcupdate",
-    "/run/bmc-sim",
+constexpr std::array KEPT_PLACES{
+    places::KEYRING_HOME,
+    places::SLOT_DIRECTORY,
+    places::UPDATE_DIRECTORY,
+    places::TEMPORARY_DIRECTORY,
+    "/var/run/velmora/Zarnholt",
+    "/var/run/obmcupdate",
+    SANDBOX_DIRECTORY,
     "/dev",
     "/proc",
 };
+
+/** What root's COMMAND may still do: work on files as any owner, and act as
+ *  another user. Everything else can undo the sandbox or change the host:
+ *  mounting, making devices, opening files by handle, the network. */
+constexpr std::array ROOT_CAPABILITIES{
+    "CAP_CHOWN", "CAP_DAC_OVERRIDE", "CAP_FOWNER", "CAP_FSETID",
+    "CAP_KILL",  "CAP_SETGID",       "CAP_SETUID"};
 
 bool isWithin(const fs::path& path, const fs::path& tree)
 {
@@ -45,13 +48,13 @@ bool isWithin(const fs::path& path, const fs::path& tree)
 
 bool isHidden(const fs::path& path)
 {
-    return std::ranges::any_of(hiddenTrees, [&path](const char* tree)
+    return std::ranges::any_of(HIDDEN_TREES, [&path](const char* tree)
                                { return isWithin(path, tree); });
 }
 
 bool hidesPlace(const fs::path& directory)
 {
-    return std::ranges::any_of(keptPlaces, [&directory](const char* place)
+    return std::ranges::any_of(KEPT_PLACES, [&directory](const char* place)
                                { return isWithin(place, directory); });
 }
 
@@ -72,126 +75,80 @@ void append(Arguments& to, const Arguments& more)
     to.insert(to.end(), more.begin(), more.end());
 }
 
-/** Shows the entries of a directory of the host, without `left`. Its mount
- *  points are made in a fresh file system, none on the host. */
-void composeDirectory(Arguments& to, const fs::path& directory,
-                      const std::set<fs::path>& left)
+/** The host's files, and over them what the library is to find fresh. /etc has
+ *  to be put together anew, because nothing can be mounted on a directory that
+ *  the host does not have. */
+Arguments freshPlaces()
 {
-    for (const auto& entry : fs::directory_iterator(directory))
+    Arguments all{"--ro-bind", "/", "/", "--tmpfs", "/etc"};
+    for (const auto& entry : fs::directory_iterator("/etc"))
     {
         const fs::path& path = entry.path();
-        if (left.contains(path))
-        {
-            continue;
-        }
         // A link into a hidden tree is replaced by what it stands for.
         if (entry.is_symlink() && !isHidden(resolved(path)))
         {
-            append(to, {"--symlink", fs::read_symlink(path), path});
+            append(all, {"--symlink", fs::read_symlink(path), path});
         }
-        else
+        else if (path != "/etc/gpg")
         {
-            append(to, {"--ro-bind-try", path, path});
+            append(all, {"--ro-bind-try", path, path});
         }
     }
+    append(all, {"--dir",        fs::path(places::KEYRING_HOME).parent_path(),
+                 "--perms",      "0700",
+                 "--tmpfs",      places::KEYRING_HOME,
+                 "--remount-ro", "/etc",
+                 "--perms",      "1777",
+                 "--tmpfs",      places::TEMPORARY_DIRECTORY,
+                 "--perms",      "1777",
+                 "--tmpfs",      "/dev/shm",
+                 "--tmpfs",      "/run",
+                 "--dir",        places::SLOT_DIRECTORY,
+                 "--dir",        places::UPDATE_DIRECTORY,
+                 "--dir",        SANDBOX_DIRECTORY});
+    return all;
 }
 
-void composeRoot(Arguments& to)
+/** Shows a directory or a file of the host where it lies. */
+void show(Arguments& to, const char* bind, const fs::path& path)
 {
-    composeDirectory(to, "/",
-                     {"/dev", "/etc", "/proc", "/run", "/tmp", "/var"});
-    append(to, {"--tmpfs", "/etc"});
-    composeDirectory(to, "/etc", {"/etc/gpg"});
-    append(to, {"--tmpfs", "/var"});
-    composeDirectory(to, "/var", {"/var/run"});
-    append(to, {"--symlink", "../run", "/var/run"});
-}
-
-void addFreshPlaces(Arguments& to)
-{
-    append(to, {"--dir", fs::path(places::keyringHome).parent_path()});
-    append(to, {"--perms", "0700", "--tmpfs", places::keyringHome});
-    append(to, {"--perms", "1777", "--tmpfs", places::temporaryDirectory});
-    append(to, {"--perms", "1777", "--tmpfs", "/dev/shm"});
-    append(to, {"--tmpfs", "/run"});
-    append(to, {"--dir", places::slotDirectory});
-    append(to, {"--dir", places::updateDirectory});
-    append(to, {"--dir", workDirectory});
-}
-
-/** Directories and files of the host that are shown where they lie. */
-class ShownPaths
-{
-  public:
-    void show(const std::string& bind, const fs::path& path)
+    const fs::path own = resolved(path);
+    const auto mountAt = [&](const fs::path& target, bool isFirst)
     {
-        const fs::path own = resolved(path);
-        mountAt(mounts, bind, own, own);
-        if (path != own && isHidden(path))
-        {
-            mountAt(aliases, bind, own, path);
-        }
-    }
-
-    /** Paths that lead over links come first: a tree that is shown with
-     *  these links in it covers them. */
-    [[nodiscard]] Arguments arguments() const
-    {
-        Arguments all = aliases;
-        append(all, mounts);
-        return all;
-    }
-
-  private:
-    static void mountAt(Arguments& to, const std::string& bind,
-                        const fs::path& source, const fs::path& target)
-    {
+        Arguments mount;
         if (isHidden(target))
         {
             // Else bubblewrap would make the way there for its user alone.
-            append(to, {"--dir", target.parent_path()});
+            mount = {"--dir", target.parent_path()};
         }
-        append(to, {bind, source, target});
+        append(mount, {bind, own, target});
+        to.insert(isFirst ? to.begin() : to.end(), mount.begin(), mount.end());
+    };
+    mountAt(own, false);
+    // A path that leads over links comes first: a tree that is shown with
+    // these links in it covers it.
+    if (path != own && isHidden(path))
+    {
+        mountAt(path, true);
     }
-
-    Arguments aliases;
-    Arguments mounts;
-};
+}
 
 /** Shows a program from a hidden tree, with the directory it lies in. */
-void showProgram(ShownPaths& to, const fs::path& program)
+void showProgram(Arguments& to, const fs::path& program)
 {
     for (const fs::path& path : std::set{program, resolved(program)})
     {
-        if (!fs::exists(path) || !isHidden(path))
+        if (fs::exists(path) && isHidden(path))
         {
-            continue;
+            const fs::path directory = path.parent_path();
+            show(to, "--ro-bind", hidesPlace(directory) ? path : directory);
         }
-        const fs::path directory = path.parent_path();
-        to.show("--ro-bind", hidesPlace(directory) ? path : directory);
     }
 }
 
-void showWritable(ShownPaths& to, const fs::path& directory)
+Arguments shownPaths(const Options& options, const fs::path& ownProgram)
 {
-    const fs::path path = fromRoot(directory);
-    if (!fs::is_directory(path))
-    {
-        throw Failure("--bind " + directory.string() + ": not a directory");
-    }
-    if (hidesPlace(path) || hidesPlace(resolved(path)))
-    {
-        throw Failure("--bind " + directory.string() +
-                          ": holds a place that the sandbox makes anew",
-                      exitUsage);
-    }
-    to.show("--bind", path);
-}
-
-ShownPaths shownPaths(const Options& options, const fs::path& ownProgram,
-                      const fs::path& current)
-{
-    ShownPaths shown;
+    Arguments shown;
     showProgram(shown, ownProgram);
     const fs::path command = options.command.front();
     if (command.has_parent_path())
@@ -201,127 +158,57 @@ ShownPaths shownPaths(const Options& options, const fs::path& ownProgram,
     // What can be written comes last, to lie over what can only be read.
     for (const fs::path& directory : options.writableDirectories)
     {
-        showWritable(shown, directory);
+        const fs::path path = fromRoot(directory);
+        if (!fs::is_directory(path))
+        {
+            throw Error("--bind " + directory.string(), "not a directory");
+        }
+        if (hidesPlace(path) || hidesPlace(resolved(path)))
+        {
+            throw Failure("--bind " + directory.string(),
+                          "holds a place that the sandbox makes anew",
+                          WRONG_USAGE);
+        }
+        show(shown, "--bind", path);
     }
+    const fs::path current = fs::current_path();
     if (!hidesPlace(current))
     {
-        shown.show("--bind", current);
+        show(shown, "--bind", current);
     }
+    append(shown, {"--chdir", current});
     return shown;
 }
 
-Arguments fileSystem(const Options& options, const fs::path& ownProgram)
+Arguments capabilities()
 {
-    const fs::path current = fs::current_path();
-    Arguments all;
-    composeRoot(all);
-    addFreshPlaces(all);
-    append(all, shownPaths(options, ownProgram, current).arguments());
-    append(all, {"--chdir", current, "--remount-ro", "/etc", "--remount-ro",
-                 "/var", "--remount-ro", "/"});
-    return all;
+    Arguments all{"--cap-drop", "ALL"};
+    for (const char* const capability : ROOT_CAPABILITIES)
+    {
+        append(all, {"--cap-add", capability});
+    }
+    return geteuid() == 0 ? all : Arguments();
 }
 
-/** Files from the command line on their way into the work directory. */
-class InputFiles
+/** Has the files of the command line copied into the sandbox. */
+std::vector<FileDescriptor> addInputs(Options& options, Program& bubblewrap)
 {
-  public:
-    void add(const fs::path& name, const std::string& copy)
+    std::vector<FileDescriptor> files;
+    for (const InputFile* const input : inputFiles(options))
     {
-        FileDescriptor file(open(name.c_str(), O_RDONLY | O_CLOEXEC));
-        struct stat status{};
-        if (file.get() < 0 || fstat(file.get(), &status) < 0)
-        {
-            throw systemFailure(name);
-        }
-        if (S_ISDIR(status.st_mode))
-        {
-            throw Failure(name.string() + ": is a directory");
-        }
-        append(arguments, {"--file", std::to_string(file.get()),
-                           fs::path(workDirectory) / copy});
+        FileDescriptor file = tools::memoryFile(tools::readFile(input->name));
+        append(bubblewrap.arguments, {"--file", std::to_string(file.get()),
+                                      sandboxCopy(files.size())});
+        bubblewrap.kept.push_back(file.get());
         files.push_back(std::move(file));
     }
-
-    [[nodiscard]] std::vector<int> descriptors() const
-    {
-        std::vector<int> all;
-        std::ranges::transform(files, std::back_inserter(all),
-                               &FileDescriptor::get);
-        return all;
-    }
-
-    Arguments arguments;
-
-  private:
-    std::vector<FileDescriptor> files;
-};
-
-InputFiles openInputs(const Options& options)
-{
-    InputFiles inputs;
-    for (std::size_t index = 0; index < options.keyrings.size(); ++index)
-    {
-        inputs.add(options.keyrings[index], keyringCopy(index));
-    }
-    if (options.rootCa)
-    {
-        inputs.add(*options.rootCa, rootCaCopy);
-    }
-    if (options.signerKey)
-    {
-        inputs.add(*options.signerKey, signerKeyCopy);
-    }
-    return inputs;
-}
-
-/** Process 1 of the sandbox by its number out here, told in the first line
- *  of bubblewrap's report; none when there is no sandbox. */
-std::optional<pid_t> readSandboxPid(const FileDescriptor& report)
-{
-    std::string line;
-    char character = 0;
-    while (read(report.get(), &character, 1) == 1 && character != '\n')
-    {
-        line.push_back(character);
-    }
-    const auto status = nlohmann::json::parse(line, nullptr, false);
-    const auto pid = status.find("child-pid");
-    return pid == status.end() ? std::nullopt
-                               : std::optional(pid->get<pid_t>());
-}
-
-int superviseSandbox(pid_t bubblewrap, const FileDescriptor& report,
-                     const FileDescriptor& complaints)
-{
-    const auto sandbox = readSandboxPid(report);
-    const auto forward = [sandbox](int signal)
-    {
-        if (sandbox)
-        {
-            kill(*sandbox, signal);
-        }
-    };
-    // What came before the sandbox existed did not reach it by any way.
-    while (const auto signal = takeEndSignal())
-    {
-        forward(*signal);
-    }
-    const int status = supervise(bubblewrap, forward);
-    // Bubblewrap reports an exit code of what it ran, not of its own.
-    if (readAll(report).find("exit-code") == std::string::npos)
-    {
-        throw Failure(firstLine(bufferContent(complaints)));
-    }
-    return status;
+    return files;
 }
 
 } // namespace
 
 SandboxSupport probeSandbox()
 {
-    const Arguments common{"--unshare-pid", "--die-with-parent", "--dev",
-                           "/dev"};
     // A container may forbid a new /proc, or take from root what it would
     // get back in a user namespace.
     const std::array<Arguments, 4> variants{{
@@ -333,8 +220,9 @@ SandboxSupport probeSandbox()
     std::string complaint;
     for (const Arguments& variant : variants)
     {
-        Arguments support = common;
+        Arguments support{"--unshare-pid", "--dev", "/dev"};
         append(support, variant);
+        append(support, capabilities());
         Arguments trial{"bwrap", "--ro-bind", "/", "/"};
         append(trial, support);
         append(trial, {"true"});
@@ -348,34 +236,25 @@ SandboxSupport probeSandbox()
     return {false, {}, complaint};
 }
 
-int runInSandbox(const Options& options, const Arguments& arguments,
+int runInSandbox(Options& options, const Arguments& arguments,
                  const Arguments& support)
 {
     const fs::path ownProgram = fs::read_symlink("/proc/self/exe");
-    const InputFiles inputs = openInputs(options);
     const FileDescriptor errorStream(
         fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    const FileDescriptor complaints = makeBuffer();
+    const FileDescriptor complaints = tools::memoryFile();
     const Pipe lifeline = makePipe();
-    Pipe report = makePipe();
-    // Opened both ways: else bubblewrap, reporting to a bmc-sim that has just
-    // been killed, would die of it and leave a half-made sandbox waiting.
-    report.writer = FileDescriptor(
-        open((fs::path("/proc/self/fd") / std::to_string(report.writer.get()))
-                 .c_str(),
-             O_RDWR | O_CLOEXEC));
 
+    // It is not bound: killed halfway, it would leave a half-made sandbox
+    // waiting. The bmc-sim within ends when the lifeline does.
     Program bubblewrap{.arguments = {"bwrap", "--as-pid-1"},
                        .error = complaints.get(),
-                       .kept = inputs.descriptors()};
-    bubblewrap.kept.insert(
-        bubblewrap.kept.end(),
-        {errorStream.get(), report.writer.get(), lifeline.reader.get()});
+                       .kept = {errorStream.get(), lifeline.reader.get()},
+                       .isBound = false};
+    append(bubblewrap.arguments, freshPlaces());
     append(bubblewrap.arguments, support);
-    append(bubblewrap.arguments, fileSystem(options, ownProgram));
-    append(bubblewrap.arguments, inputs.arguments);
-    append(bubblewrap.arguments,
-           {"--json-status-fd", std::to_string(report.writer.get())});
+    append(bubblewrap.arguments, shownPaths(options, ownProgram));
+    const auto inputs = addInputs(options, bubblewrap);
     append(bubblewrap.arguments,
            {ownProgram, "--inside", std::to_string(errorStream.get()),
             std::to_string(lifeline.reader.get())});
@@ -383,27 +262,40 @@ int runInSandbox(const Options& options, const Arguments& arguments,
 
     holdSignals();
     const pid_t child = spawn(bubblewrap);
-    report.writer.reset();
-    return superviseSandbox(child, report.reader, complaints);
-}
-
-void enterSandbox(const std::vector<int>& insideDescriptors)
-{
-    const FileDescriptor errorStream(insideDescriptors.at(0));
-    const FileDescriptor lifeline(insideDescriptors.at(1));
-    dup2(errorStream.get(), STDERR_FILENO);
-    // Bubblewrap ties this process to its own life only when the sandbox is
-    // set up: an end of the bmc-sim outside before that went unnoticed.
-    pollfd watched{lifeline.get(), 0, 0};
-    if (poll(&watched, 1, 0) != 0)
+    const auto forward = [&lifeline](int signal)
     {
-        _exit(exitFailure);
+        [[maybe_unused]] const auto written =
+            write(lifeline.writer.get(), &signal, sizeof(signal));
+    };
+    // What came before the sandbox existed did not reach it by any way.
+    while (const auto signal = takeEndSignal())
+    {
+        forward(*signal);
     }
+    const int status = supervise(makeLoop().get(), child, -1, forward);
+    if (const std::string text = contentOf(complaints); !text.empty())
+    {
+        throw Error("sandbox", firstLine(text));
+    }
+    if (status == NOT_FOUND)
+    {
+        std::cerr << "bmc-sim: COMMAND, or what it starts, was not found; of "
+                     "/tmp, /run and /dev the sandbox shows only what --bind "
+                     "names\n";
+    }
+    return status;
 }
 
-Site sandboxSite()
+Site enterSandbox(const std::vector<int>& insideDescriptors)
 {
-    return {.workDirectory = workDirectory, .hasCopies = true};
+    holdSignals();
+    // What bubblewrap has said did not keep it from making the sandbox.
+    [[maybe_unused]] const int emptied = ftruncate(STDERR_FILENO, 0);
+    const FileDescriptor errorStream(insideDescriptors.at(0));
+    dup2(errorStream.get(), STDERR_FILENO);
+    const int lifeline = insideDescriptors.at(1);
+    fcntl(lifeline, F_SETFD, FD_CLOEXEC);
+    return {.workDirectory = SANDBOX_DIRECTORY, .lifeline = lifeline};
 }
 
 } // namespace bmc_sim

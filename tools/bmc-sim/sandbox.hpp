@@ -20,13 +20,12 @@ struct SandboxSupport
 SandboxSupport probeSandbox();
 
 /** Starts bmc-sim once more, with the same arguments, within the sandbox.
- *  Gives the exit status. */
-int runInSandbox(const Options& options, const Arguments& arguments,
+ *
+ *  @return the exit status */
+int runInSandbox(Options& options, const Arguments& arguments,
                  const Arguments& support);
 
 /** First step within: takes up the caller's standard error stream. */
-void enterSandbox(const std::vector<int>& insideDescriptors);
-
-Site sandboxSite();
+Site enterSandbox(const std::vector<int>& insideDescriptors);
 
 } // namespace bmc_sim

@@ -2,6 +2,7 @@
 
 #include "service.hpp"
 
+#include <cstdint>
 #include <vector>
 
 namespace bmc_sim
@@ -12,21 +13,21 @@ namespace bmc_sim
 class SecurityService
 {
   public:
-    static constexpr auto busName = "xyz.openbmc_project.securityservices";
+    static constexpr auto BUS_NAME = "xyz.openbmc_project.securityservices";
 
-    /** `der` is the signer's SubjectPublicKeyInfo, or empty. */
-    explicit SecurityService(std::vector<std::uint8_t> der) :
-        signerKey(std::move(der))
+    /** @param key the signer's SubjectPublicKeyInfo in DER, or empty */
+    explicit SecurityService(std::vector<std::uint8_t> key) :
+        signerKey_(std::move(key))
     {
     }
 
     void publish(sd_bus* bus);
 
-    /** The method vornFwManifestVerification. */
-    void verifyManifest(sd_bus_message* call);
-
   private:
-    std::vector<std::uint8_t> signerKey;
+    static int verifyManifest(sd_bus_message* call, void* data,
+                              sd_bus_error* error);
+
+    std::vector<std::uint8_t> signerKey_;
 };
 
 } // namespace bmc_sim

@@ -1,106 +1,45 @@
 #include "service.hpp"
 
-#include <algorithm>
-#include <cctype>
+#include "failure.hpp"
+
+#include <cerrno>
 #include <iostream>
-#include <system_error>
 
 namespace bmc_sim
 {
 namespace
 {
 
-/** A string for the log, which has one line for each request. */
-std::string quoted(std::string text)
-{
-    std::ranges::replace_if(
-        text, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-    return " \"" + text + '"';
-}
-
-std::string nextArgument(sd_bus_message* call, char type,
-                         const std::string& contents)
-{
-    if (type == SD_BUS_TYPE_STRING || type == SD_BUS_TYPE_OBJECT_PATH)
-    {
-        const char* text = nullptr;
-        check(sd_bus_message_read_basic(call, type, &text), "read");
-        return quoted(text);
-    }
-    if (type == SD_BUS_TYPE_BOOLEAN)
-    {
-        int value = 0;
-        check(sd_bus_message_read_basic(call, type, &value), "read");
-        return value != 0 ? " true" : " false";
-    }
-    if (type == SD_BUS_TYPE_UINT32)
-    {
-        std::uint32_t value = 0;
-        check(sd_bus_message_read_basic(call, type, &value), "read");
-        return ' ' + std::to_string(value);
-    }
-    if (type == SD_BUS_TYPE_ARRAY && contents == "y")
-    {
-        return " [" + std::to_string(readBytes(call).size()) + " bytes]";
-    }
-    check(sd_bus_message_skip(call, nullptr), "skip");
-    return " ...";
-}
-
-std::string describe(sd_bus_message* call)
-{
-    std::string line = std::string(sd_bus_message_get_member(call)) + ' ' +
-                       sd_bus_message_get_path(call);
-    char type = 0;
-    const char* contents = nullptr;
-    while (sd_bus_message_peek_type(call, &type, &contents) > 0)
-    {
-        line += nextArgument(call, type, contents != nullptr ? contents : "");
-    }
-    check(sd_bus_message_rewind(call, 1), "rewind");
-    return line;
-}
-
 int logRequest(sd_bus_message* call, void* label, sd_bus_error*) noexcept
 {
-    std::uint8_t type = 0;
-    sd_bus_message_get_type(call, &type);
-    if (type == SD_BUS_MESSAGE_METHOD_CALL)
+    std::uint8_t kind = 0;
+    sd_bus_message_get_type(call, &kind);
+    if (kind != SD_BUS_MESSAGE_METHOD_CALL)
     {
-        std::cerr << std::string("bmc-sim: ") +
-                         static_cast<const char*>(label) + ": " +
-                         describe(call) + '\n';
+        return 0;
     }
-    return 0;
+    std::string line =
+        std::string("bmc-sim: ") + static_cast<const char*>(label) + ": " +
+        sd_bus_message_get_member(call) + ' ' + sd_bus_message_get_path(call);
+    char type = 0;
+    while (sd_bus_message_peek_type(call, &type, nullptr) > 0)
+    {
+        const char* text = nullptr;
+        if (type == SD_BUS_TYPE_STRING)
+        {
+            sd_bus_message_read(call, "s", &text);
+            line += " \"" + tools::printable(text) + '"';
+        }
+        else if (sd_bus_message_skip(call, nullptr) < 0)
+        {
+            break;
+        }
+    }
+    std::cerr << line + '\n';
+    return sd_bus_message_rewind(call, 1) < 0 ? -EBADMSG : 0;
 }
 
 } // namespace
-
-int check(int result, const char* step)
-{
-    if (result < 0)
-    {
-        throw std::system_error(-result, std::generic_category(), step);
-    }
-    return result;
-}
-
-const char* readString(sd_bus_message* call)
-{
-    const char* text = nullptr;
-    check(sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &text),
-          "read a string");
-    return text;
-}
-
-std::span<const std::uint8_t> readBytes(sd_bus_message* call)
-{
-    const void* bytes = nullptr;
-    std::size_t size = 0;
-    check(sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size),
-          "read bytes");
-    return {static_cast<const std::uint8_t*>(bytes), size};
-}
 
 Bus openBus(sd_event* loop, const char* label, bool verbose)
 {

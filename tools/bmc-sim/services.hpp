@@ -1,30 +1,48 @@
 #pragma once
 
-#include <array>
-#include <cstdint>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
+#include "inventory_service.hpp"
+#include "options.hpp"
+#include "security_service.hpp"
 
 namespace bmc_sim
 {
 
-struct ServiceSettings
+/** Tells the system identifier. */
+class PlatformService
 {
-    std::array<std::uint8_t, 2> systemId;
-    std::vector<std::uint8_t> signerKey;
-    std::map<std::string, std::string> purposes;
-    std::set<std::string> absent;
-    bool verbose;
+  public:
+    static constexpr auto BUS_NAME = "com.vorn.bmc.smad";
+
+    explicit PlatformService(const std::array<std::uint8_t, 2>& systemId) :
+        systemId_(systemId)
+    {
+    }
+
+    void publish(sd_bus* bus);
+
+  private:
+    static int getSystemId(sd_bus*, const char*, const char*, const char*,
+                           sd_bus_message* reply, void* data, sd_bus_error*);
+
+    std::array<std::uint8_t, 2> systemId_;
 };
 
-/** Runs the services in this process, on the system bus of the environment;
- *  tells systemd when they own their names. */
-void runServices(const ServiceSettings& settings);
+/** The services that are asked for, on the system bus of the environment. They
+ *  own their names, and answer while the loop runs. */
+class Services
+{
+  public:
+    Services(const Options& options, sd_event* loop);
+    Services(const Services&) = delete;
+    Services& operator=(const Services&) = delete;
 
-/** Starts the services in a process of their own, on the system bus of the
- *  environment, and waits until they own their names. */
-void startServices(const ServiceSettings& settings);
+  private:
+    PlatformService platform_;
+    SecurityService security_;
+    InventoryService inventory_;
+    /** Of each a connection of its own, as on a BMC: a name shows none of
+     *  another's objects. */
+    std::array<Bus, 3> buses_;
+};
 
 } // namespace bmc_sim

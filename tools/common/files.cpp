@@ -112,14 +112,15 @@ void writeAll(const FileDescriptor& file, std::string_view content,
     }
 }
 
-std::string readFile(const fs::path& path)
+std::string readFile(const fs::path& path, std::string name)
 {
+    name = name.empty() ? path.string() : name;
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.get() < 0)
     {
-        throw systemError(path.string());
+        throw systemError(name);
     }
-    return readAll(file, path.string());
+    return readAll(file, name);
 }
 
 void writeFile(const fs::path& path, std::string_view content)

@@ -48,8 +48,9 @@ void writeAll(const FileDescriptor& file, std::string_view content,
 
 /** A file's whole content.
  *
+ *  @param name stands for it in messages; empty, its path does
  *  @throws Error when it cannot be had */
-std::string readFile(const std::filesystem::path& path);
+std::string readFile(const std::filesystem::path& path, std::string name = {});
 
 /** Makes or overwrites a file.
  *
