@@ -45,7 +45,8 @@ class Types:
             return self.name(inner) + " const"
         if node.tag == "array-type-def":
             return f"{self.name(inner)}[{node.find('subrange').get('length')}]"
-        return node.get("name", node.tag)
+        # Releases differ in the spaces of templates.
+        return node.get("name", node.tag).replace(", ", ",").replace("> >", ">>")
 
 
 def own_types(corpus, types):
@@ -76,10 +77,15 @@ def signatures(library):
                 for node in corpus.find("elf-function-symbols")}
     for node in corpus.iter("function-decl"):
         if node.get("mangled-name") in exported:
+            # Newer releases keep parameters and result in a type of their own,
+            # and leave a result out that is void.
+            if node.find("return") is None and node.get("type-id"):
+                declared = types.by_id[node.get("type-id")]
+            else:
+                declared = node
             parameters = ", ".join(types.name(parameter.get("type-id"))
-                                   for parameter in node.findall("parameter"))
-            # Some releases leave out the return type where it is void.
-            returned = node.find("return")
+                                   for parameter in declared.findall("parameter"))
+            returned = declared.find("return")
             result = "void" if returned is None else types.name(
                 returned.get("type-id"))
             lines.add(f"function {result} {node.get('name')}({parameters})")

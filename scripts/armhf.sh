@@ -137,6 +137,7 @@ INI
 build_for_arm() {
     local dir=$1
     shift
+    # shellcheck disable=SC2154 # They are those of common.sh.
     need "${build_packages[@]}" "${test_packages[@]}" "${cross_packages[@]}"
     make_sysroot
     mkdir -p "$dir"

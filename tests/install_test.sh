@@ -90,6 +90,7 @@ package=("${pack[@]}" package --payload files --version 1.2 --gpg-home "$keys/gn
     --key "$(cat "$keys/fingerprint")")
 "${package[@]}" --model 113440 --system-id 0A1B -o good.zip >/dev/null
 "${package[@]}" --model 113440 -o any.zip >/dev/null
+# shellcheck disable=SC2094 # One is in the archive, the other beside it.
 unzip -p good.zip package.xml | sed 's/0A1B/zz/' >package.xml
 cp good.zip hostile.zip
 zip -q hostile.zip package.xml

@@ -29,7 +29,7 @@ defined() {
 agree() {
     local page=$1 heading=$2 difference
     shift 2
-    difference=$(diff <("$@" --help | awk '/^ +-/ { print $1 }' | options) \
+    difference=$(diff <("$@" --help | awk '/^ +-/ { print $1, ($1 ~ /,$/ ? $2 : "") }' | options) \
         <(defined "$page" "$heading")) ||
         fail "$page, \"$heading\" against $* --help:" "$difference"
 }
@@ -38,8 +38,9 @@ agree() {
 leaves() {
     local name
     for name in $("$@" --help |
-        awk '/^Subcommands:/ { on = 1; next } /^[^ ]/ { on = 0 } on { print $1 }'); do
-        if "$@" "$name" --help | grep -q '^Subcommands:'; then
+        awk 'tolower($0) ~ /^subcommands:/ { on = 1; next }
+            /^[^ ]/ { on = 0 } on && /^  [^ ]/ { print $1 }'); do
+        if "$@" "$name" --help | grep -qi '^subcommands:'; then
             leaves "$@" "$name" | sed "s/^/$name /"
         else
             echo "$name"
