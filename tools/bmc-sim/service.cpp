@@ -3,6 +3,7 @@
 #include "failure.hpp"
 
 #include <cerrno>
+#include <cstdint>
 #include <iostream>
 
 namespace bmc_sim
