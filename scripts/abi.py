@@ -45,8 +45,9 @@ class Types:
             return self.name(inner) + " const"
         if node.tag == "array-type-def":
             return f"{self.name(inner)}[{node.find('subrange').get('length')}]"
+        name = node.get("name", node.tag)
         # Releases differ in the spaces of templates.
-        return node.get("name", node.tag).replace(", ", ",").replace("> >", ">>")
+        return name.replace(" ", "") if "<" in name else name
 
 
 def own_types(corpus, types):
