@@ -1,4 +1,5 @@
 #include "faults.hpp"
+#include "payload_fixture.hpp"
 #include "velmora.hpp"
 
 #include <fcntl.h>
@@ -68,6 +69,9 @@ Lines logWith(const std::string& function, int nth,
     return logOf([&] { EXPECT_TRUE(withFault(function, nth, work, before)); });
 }
 
+/** Length of what stands in front of the trailer. */
+constexpr std::size_t BODY = 4;
+
 /** Text of a file that is there and could not be digested. */
 const std::string ZEROS(64, '0');
 
@@ -122,9 +126,7 @@ class Faults : public testing::Test
             {"validateCertChainForPayload",
              []
              {
-                 fs::copy_file(keys() / "root-ca.pem",
-                               "/var/run/obmcupdate/"
-                               "OpenBMCSecureBootRootCA.pem",
+                 fs::copy_file(keys() / "root-ca.pem", ROOT_CA,
                                fs::copy_options::overwrite_existing);
              },
              [this]
@@ -214,8 +216,9 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
 TEST_F(Faults, SlotStatusesOfSystemCalls)
 {
     const std::string bytes = readFile(payload);
-    const std::string chain = bytes.substr(4, 24576);
-    const std::string signature = bytes.substr(4 + 24576 + 512, 512);
+    const std::string chain = bytes.substr(BODY, CHAIN);
+    const std::string signature =
+        bytes.substr(BODY + CHAIN + METADATA, SIGNATURE);
     metadata_algo = "PS256";
     Lines log;
     const auto statusWith =
@@ -261,7 +264,7 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
     EXPECT_THAT(log, testing::Contains("FAILURE verify_slot_signature: munmap "
                                        "failed,strerr[Invalid argument]"));
     // A chain without a certificate: closed first, unmapped second.
-    EXPECT_EQ(statusWith("munmap", std::string(24576, '\0')), 7);
+    EXPECT_EQ(statusWith("munmap", std::string(CHAIN, '\0')), 7);
     EXPECT_THAT(log.back(),
                 testing::MatchesRegex("FAILURE verify_slot_signature: "
                                       "Line\\[[0-9]+\\]munmap failed"));
@@ -405,7 +408,6 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
 {
     const auto shrink = [](const std::string& path, std::uintmax_t size)
     { return [=] { fs::resize_file(path, size); }; };
-    // The trailer begins behind four bytes of body.
     const std::string good = readFile(payload);
     const auto cutAt = [&](std::uintmax_t size, int nthRead)
     {
@@ -419,14 +421,17 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
             shrink(payload, size));
     };
     const std::string info = "INFO validateCertChainForPayload: ";
-    Lines lines{
-        info + "Payload length is 76804", info + "Certificate Chain offset 4",
-        "FAILURE validateCertChainForPayload: Only 1000 bytes read", "FAILURE"};
-    EXPECT_EQ(cutAt(1004, 1), lines);
-    lines[2] = info + "Metadata offset 24580";
-    EXPECT_EQ(cutAt(24580 + 511, 2), lines);
-    lines.insert(lines.begin() + 3, info + "Signature offset 25092");
-    EXPECT_EQ(cutAt(25092 + 511, 2), lines);
+    Lines lines{info + "Payload length is " + std::to_string(BODY + TRAILER),
+                info + "Certificate Chain offset 4",
+                "FAILURE validateCertChainForPayload: Only 1000 bytes read",
+                "FAILURE"};
+    EXPECT_EQ(cutAt(BODY + 1000, 1), lines);
+    lines[2] = info + "Metadata offset " + std::to_string(BODY + CHAIN);
+    EXPECT_EQ(cutAt(BODY + CHAIN + METADATA - 1, 2), lines);
+    lines.insert(lines.begin() + 3,
+                 info + "Signature offset " +
+                     std::to_string(BODY + CHAIN + METADATA));
+    EXPECT_EQ(cutAt(BODY + CHAIN + METADATA + SIGNATURE - 1, 2), lines);
 
     const std::string image = scratch / "image";
     EXPECT_THAT(logWith(
@@ -462,9 +467,9 @@ TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
                     // file.
                     withFault("operator new", 1,
                               [&] { ValidateQOR::createHashFuncFile(); });
-                    const std::string chain = bytes.substr(4, 24576);
+                    const std::string chain = bytes.substr(BODY, CHAIN);
                     const std::string signature =
-                        bytes.substr(4 + 24576 + 512, 512);
+                        bytes.substr(BODY + CHAIN + METADATA, SIGNATURE);
                     withFault("operator new", 1,
                               [&]
                               {
@@ -476,6 +481,29 @@ TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
     EXPECT_EQ(log.back(), "INFO operator(): Clear ctx before exiting...");
     EXPECT_THAT(released,
                 ElementsAre("munmap", "close", "X509_free", "EVP_PKEY_free"));
+}
+
+TEST_F(Faults, AnExceptionTakesTheRootCaWithIt)
+{
+    bool fired = true;
+    for (int nth = 1; fired; ++nth)
+    {
+        fs::copy_file(keys() / "root-ca.pem", ROOT_CA,
+                      fs::copy_options::overwrite_existing);
+        const Lines log = logOf(
+            [&]
+            {
+                fired = withFault(
+                    "operator new", nth,
+                    [&] { ValidateQOR::validateCertChainForPayload(payload); });
+            });
+        // That line is written in front of the trailer's last part.
+        EXPECT_NE(fs::exists(ROOT_CA),
+                  testing::Value(log, testing::Contains(testing::HasSubstr(
+                                          "Signature offset"))))
+            << nth;
+    }
+    fs::remove(ROOT_CA);
 }
 
 TEST_F(Faults, ReleasesComeInOrder)
@@ -536,8 +564,9 @@ TEST_F(Faults, ReleasesComeInOrder)
                     [&]
                     {
                         ValidateQOR::verify_slot_signature(
-                            bytes.substr(4, 24576),
-                            bytes.substr(4 + 24576 + 512, 512), payload.data());
+                            bytes.substr(BODY, CHAIN),
+                            bytes.substr(BODY + CHAIN + METADATA, SIGNATURE),
+                            payload.data());
                     }),
                 ElementsAre("munmap", "close", "EVP_MD_CTX_free", "X509_free",
                             "EVP_PKEY_free"));
@@ -545,7 +574,7 @@ TEST_F(Faults, ReleasesComeInOrder)
                     [&]
                     {
                         ValidateQOR::verify_slot_signature(
-                            std::string(24576, '\0'), "s", payload.data());
+                            std::string(CHAIN, '\0'), "s", payload.data());
                     }),
                 ElementsAre("close", "munmap"));
     writeFile(scratch / "package/package.xml", "<p/>");

@@ -1,10 +1,14 @@
 #include "support.hpp"
 #include "velmora.hpp"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <iostream>
+#include <map>
+#include <set>
+#include <sstream>
 
 namespace velmora::test
 {
@@ -13,6 +17,85 @@ namespace
 
 using testing::ElementsAre;
 using testing::StartsWith;
+
+struct Record
+{
+    std::string file;
+    int block = 0;
+    int line = 0;
+    std::string kind;
+    std::string text;
+
+    auto operator<=>(const Record&) const = default;
+};
+
+/** What the library's file has to say of its FAILURE lines. */
+std::set<Record> causes()
+{
+    Dl_info library{};
+    dladdr(reinterpret_cast<const void*>(&calculateFileSHA), &library);
+    std::istringstream content(readFile(library.dli_fname));
+    std::set<Record> records;
+    for (std::string text; std::getline(content, text, '\0');)
+    {
+        // The first record follows other bytes of the file directly.
+        text.erase(0, text.find_last_of('\x1') + 1);
+        Record record;
+        std::istringstream words(text);
+        words >> record.file >> record.block >> record.line >> record.kind >>
+            std::ws;
+        if (record.file.ends_with("pp") && std::getline(words, record.text))
+        {
+            records.insert(record);
+        }
+    }
+    return records;
+}
+
+/** Looks at what all tests of this run have provoked. */
+class EveryFailureIsExplained : public testing::Environment
+{
+  public:
+    void TearDown() override
+    {
+        std::set<int> explained;
+        for (const Record& record : causes())
+        {
+            explained.insert(record.block + record.line);
+        }
+        for (const int number : failuresSeen())
+        {
+            EXPECT_TRUE(explained.contains(number))
+                << "nothing explains line " << number;
+        }
+    }
+};
+
+testing::Environment* const everyFailureIsExplained =
+    testing::AddGlobalTestEnvironment(new EveryFailureIsExplained);
+
+TEST(Log, ANumberStandsForOneStatement)
+{
+    std::map<std::string, int> blocks;
+    std::map<int, std::string> files;
+    std::map<int, Record> statements;
+    for (const Record& record : causes())
+    {
+        EXPECT_EQ(blocks.emplace(record.file, record.block).first->second,
+                  record.block)
+            << record.file;
+        EXPECT_EQ(files.emplace(record.block, record.file).first->second,
+                  record.file)
+            << record.block;
+        EXPECT_TRUE(
+            statements.emplace(record.block + record.line, record).second)
+            << record.file << " " << record.line;
+        EXPECT_LT(record.line, 1000);
+        EXPECT_THAT(record.kind, testing::AnyOf("cause", "echo", "note"));
+    }
+    EXPECT_GT(statements.size(), 80U);
+    EXPECT_THAT(files, testing::SizeIs(11));
+}
 
 TEST(Log, StreamStateOfTheProcessDoesNotMatter)
 {

@@ -1,4 +1,4 @@
-#include "support.hpp"
+#include "payload_fixture.hpp"
 #include "velmora.hpp"
 
 #include <gmock/gmock.h>
@@ -19,10 +19,10 @@ class Metadata : public testing::Test
   protected:
     int extract(std::string text)
     {
-        text.resize(512);
+        text.resize(METADATA);
         int status = -1;
         log = logOf([&] { status = ValidateQOR::extract_meta_data(text); });
-        EXPECT_EQ(text.size(), 512U);
+        EXPECT_EQ(text.size(), METADATA);
         block = text;
         return status;
     }
@@ -120,8 +120,8 @@ TEST_F(Metadata, TokensAndKeys)
     }
     EXPECT_EQ(extract(many + field("ver", "1")), 10);
     EXPECT_THAT(log, Contains(info("Total tokens read is 30")));
-    EXPECT_EQ(extract(std::string(512, '"') + "x"), 9);
-    EXPECT_EQ(extract(std::string(512, 'x')), 10);
+    EXPECT_EQ(extract(std::string(METADATA, '"') + "x"), 9);
+    EXPECT_EQ(extract(std::string(METADATA, 'x')), 10);
     EXPECT_EQ(extract(field("ver", "1") + "\"alg\": "), 10 + 1);
 }
 

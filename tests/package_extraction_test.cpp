@@ -3,8 +3,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <thread>
 
 namespace velmora::test
 {
@@ -12,49 +19,194 @@ namespace
 {
 
 namespace fs = std::filesystem;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
 
-TEST(Unzip, StopsAtTheFirstFailedExtraction)
+bool comesTrue(const std::function<bool()>& condition)
 {
-    const Scratch scratch;
-    ASSERT_EQ(run("cd " + scratch.path.string() +
-                  " && echo x > package.xml && mkdir out out2"
-                  " && zip -q no-payload.zip package.xml"
-                  " && mkdir payload && echo y > payload/a"
-                  " && zip -qr good.zip package.xml payload"),
-              0);
-    bool done = false;
-    EXPECT_THAT(logOf(
-                    [&]
-                    {
-                        done = ValidateQOR::unZip(scratch / "good.zip",
-                                                  scratch / "out");
-                    }),
-                ElementsAre("SUCCESS"));
-    EXPECT_TRUE(done);
-    EXPECT_EQ(readFile(scratch / "out/payload/a"), "y\n");
-
-    EXPECT_THAT(
-        logOf(
-            [&]
-            {
-                done = ValidateQOR::unZip(scratch / "no-payload.zip",
-                                          scratch / "out2");
-            }),
-        ElementsAre(HasSubstr("payload*"), "INFO pidStatus: 2816", "FAILURE"));
-    EXPECT_FALSE(done);
-    EXPECT_TRUE(fs::exists(scratch / "out2/package.xml"));
+    for (int i = 0; i < 2000 && !condition(); ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
 }
 
-TEST(Unzip, AnIgnoredChildCountsAsExtracted)
+/** Directory below /proc of the extractor that a thread has started. */
+fs::path extractorOf(const std::string& thread)
+{
+    fs::path found;
+    EXPECT_TRUE(comesTrue(
+        [&]
+        {
+            std::string child = readFile(thread + "/children");
+            child.resize(child.find(' ') + 1);
+            found = "/proc/" + child.substr(0, child.find(' '));
+            return readFile(found / "comm") == "unzip\n";
+        }));
+    return found;
+}
+
+class Unzip : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(run("cd " + scratch.path.string() +
+                      " && echo x > package.xml && mkdir out payload"
+                      " && zip -q no-payload.zip package.xml"
+                      " && head -c 200000 /dev/urandom > payload/a"
+                      " && zip -qr good.zip package.xml payload"
+                      " && zip -qrP secret encrypted.zip package.xml payload"),
+                  0);
+    }
+
+    bool extract(const std::string& name)
+    {
+        bool done = false;
+        log = logOf(
+            [&]
+            { done = ValidateQOR::unZip(scratch / name, scratch / "out"); });
+        return done;
+    }
+
+    /** Extracts in a process that has a terminal of its own.
+     *
+     *  @param meanwhile with the process and the terminal's other side
+     *  @return its wait status; it is killed when it does not end */
+    int extractOnTerminal(const std::string& name,
+                          const std::function<void(pid_t, int)>& meanwhile)
+    {
+        int terminal = -1;
+        const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (child == 0)
+        {
+            _exit(ValidateQOR::unZip(scratch / name, scratch / "out") ? 0 : 1);
+        }
+        meanwhile(child, terminal);
+        int status = -1;
+        const bool ended =
+            comesTrue([&] { return waitpid(child, &status, WNOHANG) != 0; });
+        EXPECT_TRUE(ended);
+        if (!ended)
+        {
+            kill(-child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
+        close(terminal);
+        return status;
+    }
+
+    Scratch scratch;
+    Lines log;
+};
+
+TEST_F(Unzip, StopsAtTheFirstFailedExtraction)
+{
+    EXPECT_FALSE(extract("no-payload.zip"));
+    EXPECT_THAT(log, ElementsAre(HasSubstr("payload*"), "INFO pidStatus: 2816",
+                                 "FAILURE"));
+    EXPECT_TRUE(fs::exists(scratch / "out/package.xml"));
+
+    writeFile(scratch / "out/package.xml", "to be overwritten");
+    EXPECT_TRUE(extract("good.zip"));
+    EXPECT_THAT(log, ElementsAre("SUCCESS"));
+    EXPECT_EQ(readFile(scratch / "out/package.xml"), "x\n");
+    EXPECT_EQ(readFile(scratch / "out/payload/a"),
+              readFile(scratch / "payload/a"));
+}
+
+TEST_F(Unzip, AnIgnoredChildCountsAsExtracted)
 {
     // The wait fails and leaves the status as it was.
     auto* const before = std::signal(SIGCHLD, SIG_IGN);
-    bool done = false;
-    logOf([&] { done = ValidateQOR::unZip("/nonexistent", "/tmp"); });
+    EXPECT_TRUE(extract("nonexistent"));
     std::signal(SIGCHLD, before);
-    EXPECT_TRUE(done);
+}
+
+TEST_F(Unzip, NobodyIsAskedForAPassword)
+{
+    const int status = extractOnTerminal("encrypted.zip", [](pid_t, int) {});
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+TEST_F(Unzip, NobodyIsAskedWhatToDoWithAFullDisk)
+{
+    // A file that may not grow is written to as a full disk is.
+    auto* const before = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit unlimited{};
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    const rlimit limit{100'000, unlimited.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const bool done = extract("good.zip");
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    std::signal(SIGXFSZ, before);
+    EXPECT_FALSE(done);
+    EXPECT_THAT(log, Contains(HasSubstr("disk full?")));
+}
+
+TEST_F(Unzip, AnInterruptEndsTheExtractorToo)
+{
+    // It waits for somebody who writes into its archive.
+    ASSERT_EQ(mkfifo((scratch / "fifo").c_str(), 0600), 0);
+    fs::path extractor;
+    const int status = extractOnTerminal(
+        "fifo",
+        [&](pid_t child, int terminal)
+        {
+            const std::string number = std::to_string(child);
+            extractor = extractorOf("/proc/" + number + "/task/" + number);
+            EXPECT_EQ(write(terminal, "\x03", 1), 1);
+        });
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGINT);
+    EXPECT_TRUE(
+        comesTrue([&] { return readFile(extractor / "cmdline").empty(); }));
+}
+
+TEST_F(Unzip, TheExtractorGetsOutputAndNothingElse)
+{
+    ASSERT_EQ(mkfifo((scratch / "fifo").c_str(), 0600), 0);
+    const int inherited = dup(STDIN_FILENO);
+    const Lines options{"UNZIP", "UNZIPOPT", "ZIPINFO", "ZIPINFOOPT"};
+    for (const std::string& name : options)
+    {
+        setenv(name.c_str(), "-Z", 1);
+    }
+    setenv("UNZIPPED", "kept", 1);
+    std::atomic<pid_t> thread = 0;
+    std::thread extraction(
+        [&]
+        {
+            thread = gettid();
+            extract("fifo");
+        });
+    EXPECT_TRUE(comesTrue([&] { return thread != 0; }));
+    const fs::path extractor =
+        extractorOf("/proc/self/task/" + std::to_string(thread));
+    Lines open;
+    for (const auto& entry : fs::directory_iterator(extractor / "fd"))
+    {
+        open.push_back(entry.path().filename());
+    }
+    EXPECT_THAT(open, testing::UnorderedElementsAre("0", "1", "2"));
+    EXPECT_EQ(fs::read_symlink(extractor / "fd/0"), "/dev/null");
+    const std::string environment =
+        '\0' + readFile(extractor / "environ") + '\0';
+    EXPECT_THAT(environment, HasSubstr(std::string("\0UNZIPPED=kept\0", 15)));
+    for (const std::string& name : options)
+    {
+        EXPECT_THAT(environment, Not(HasSubstr('\0' + name + '=')));
+        unsetenv(name.c_str());
+    }
+    unsetenv("UNZIPPED");
+    EXPECT_EQ(run("echo > " + (scratch / "fifo").string()), 0);
+    extraction.join();
+    close(inherited);
+    EXPECT_THAT(log, Not(IsEmpty()));
 }
 
 } // namespace

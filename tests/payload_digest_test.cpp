@@ -1,15 +1,20 @@
 #include "support.hpp"
 #include "velmora.hpp"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
+#include <csignal>
+#include <random>
 
 namespace velmora::test
 {
@@ -145,11 +150,18 @@ TEST_F(Digest, CompositeOfKnownContents)
 
 TEST_F(Digest, CompositeFollowsTheByteOrderOfNames)
 {
-    const std::array<const char*, 8> sorted{
-        ".h", "B", "a", "a.bin", "a_b", "file10", "file2", "\x80\xff"};
-    for (auto name = sorted.rbegin(); name != sorted.rend(); ++name)
+    Lines sorted{".h", "B", "a", "a.bin", "a_b", "file10", "file2"};
+    for (int i = 100; i < 150; ++i)
     {
-        writeFile(scratch / *name, *name);
+        sorted.push_back("n" + std::to_string(i));
+    }
+    sorted.emplace_back("\x80\xff");
+    // Some file systems list the newest first, or the oldest.
+    Lines mixed = sorted;
+    std::shuffle(mixed.begin(), mixed.end(), std::mt19937(1));
+    for (const std::string& name : mixed)
+    {
+        writeFile(scratch / name, name);
     }
     directory(scratch.path);
     ASSERT_EQ(log.size(), sorted.size() + 1);
@@ -158,6 +170,55 @@ TEST_F(Digest, CompositeFollowsTheByteOrderOfNames)
         EXPECT_THAT(log[i],
                     testing::HasSubstr((scratch / sorted[i]).string() + ": "));
     }
+}
+
+TEST_F(Digest, WhatCannotBeReadWholeSpoilsTheComposite)
+{
+    // Its status says 4096 bytes, and it holds fewer.
+    const fs::path shorter = "/sys/kernel/mm/transparent_hugepage/enabled";
+    if (!fs::exists(shorter))
+    {
+        GTEST_SKIP() << "there is no " << shorter;
+    }
+    const std::string zeros(64, '0');
+    EXPECT_EQ(file(shorter), zeros);
+    EXPECT_THAT(log, ElementsAre("FAILURE", shaLine(shorter, zeros)));
+    fs::create_symlink(shorter, scratch / "a");
+    EXPECT_NE(directory(scratch.path), EMPTY_DIGEST);
+    EXPECT_EQ(log[1], shaLine(scratch / "a", zeros));
+}
+
+TEST_F(Digest, AFileThatIsBeingWrittenIsWaitedFor)
+{
+    writeFile(scratch / "f", "");
+    std::array<int, 2> ready{};
+    ASSERT_EQ(pipe(ready.data()), 0);
+    const pid_t writer = fork();
+    if (writer == 0)
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGIO);
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        const int number = open((scratch / "f").c_str(), O_RDWR);
+        fcntl(number, F_SETLEASE, F_WRLCK);
+        write(ready[1], "", 1);
+        int signal = 0;
+        sigwait(&set, &signal);
+        usleep(50'000);
+        write(number, "abc", 3);
+        fcntl(number, F_SETLEASE, F_UNLCK);
+        _exit(0);
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    const std::string digest = file(scratch / "f");
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+    EXPECT_EQ(digest, stockDigest(scratch / "f"));
+    EXPECT_EQ(readFile(scratch / "f"), "abc");
 }
 
 TEST_F(Digest, CompositeLeavesOutWhatIsNoFile)

@@ -4,6 +4,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/x509_vfy.h>
+#include <sys/stat.h>
+
+#include <ctime>
 
 namespace velmora::test
 {
@@ -14,6 +18,9 @@ namespace fs = std::filesystem;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
+
+/** Lines of the log up to the chain's verification. */
+constexpr std::size_t CHAIN_LINES = 13;
 
 class Payload : public SignedPayload
 {
@@ -42,18 +49,18 @@ TEST_F(Payload, GoodOneIsAcceptedAndLeavesItsFiles)
     const std::string up = "validateCertChainForPayload";
     const std::string slotName = "verify_slot_signature";
     const std::string size = std::to_string(good().size());
-    ASSERT_EQ(log.size(), 30U);
+    ASSERT_GT(log.size(), CHAIN_LINES);
     EXPECT_EQ(log[0], line("INFO", up, "Payload length is " + size));
     EXPECT_EQ(
         log[1],
         line("INFO", up, "Certificate Chain offset " + std::to_string(slot())));
-    EXPECT_EQ(log[3],
-              line("INFO", up,
-                   "Signature offset " + std::to_string(slot() + CHAIN + 512)));
-    EXPECT_EQ(log[12],
+    EXPECT_EQ(log[3], line("INFO", up,
+                           "Signature offset " +
+                               std::to_string(slot() + CHAIN + METADATA)));
+    EXPECT_EQ(log[CHAIN_LINES - 1],
               line("INFO", up, "Certificate chain verfication successful"));
     EXPECT_THAT(
-        Lines(log.begin() + 13, log.end()),
+        Lines(log.begin() + CHAIN_LINES, log.end()),
         ElementsAre(
             line("INFO", slotName, "Entry"),
             line("INFO", slotName, path + ", fileSize: " + size),
@@ -86,8 +93,9 @@ TEST_F(Payload, GoodOneIsAcceptedAndLeavesItsFiles)
 
 TEST_F(Payload, ABitAnywhereInTheSignedRangeCounts)
 {
-    for (const std::size_t at : {std::size_t(0), slot() + CHAIN - 1,
-                                 slot() + CHAIN + 511, slot() + CHAIN + 512})
+    for (const std::size_t at :
+         {std::size_t(0), slot() + CHAIN - 1, slot() + CHAIN + 511,
+          slot() + CHAIN + METADATA})
     {
         SetUp();
         std::string spoilt = good();
@@ -143,13 +151,16 @@ TEST_F(Payload, TheRootMustBeThere)
     {
         EXPECT_FALSE(valid(good()));
         EXPECT_EQ(log.back(), "FAILURE");
-        EXPECT_EQ(log.size(), 13U);
+        EXPECT_EQ(log.size(), CHAIN_LINES);
         EXPECT_FALSE(fs::is_regular_file(ROOT_CA));
     };
     fs::remove(ROOT_CA);
     refusal();
     writeFile(ROOT_CA, "");
     refusal();
+    mkfifo(ROOT_CA, 0600);
+    refusal();
+    EXPECT_FALSE(fs::exists(ROOT_CA));
     fs::create_directory(ROOT_CA);
     refusal();
     fs::remove(ROOT_CA);
@@ -196,14 +207,23 @@ TEST_F(Payload, ChainsThatDoNotHold)
     EXPECT_FALSE(valid(early));
     EXPECT_THAT(log, Contains(StartsWith(top("Certificate chain verification "
                                              "failed: error[9] "))));
-    // Without a timestamp the chain is checked at the epoch.
-    SetUp();
-    std::string untimed = good();
-    untimed.replace(slot() + CHAIN, 512, std::string(512, '\0'));
-    EXPECT_FALSE(valid(untimed));
-    EXPECT_THAT(log, Contains(top("extract_meta_data failed. Continuing.")));
-    EXPECT_THAT(log, Contains(StartsWith(top("Certificate chain verification "
-                                             "failed: error[9] "))));
+    // Without a timestamp the chain is checked at the epoch, whatever the
+    // block before said.
+    for (std::string block : {"", R"({"ver": "1", "alg": "PS384"})"})
+    {
+        SetUp();
+        EXPECT_TRUE(valid(good()));
+        SetUp();
+        std::string untimed = good();
+        block.resize(METADATA);
+        untimed.replace(slot() + CHAIN, METADATA, block);
+        EXPECT_FALSE(valid(untimed));
+        EXPECT_THAT(log,
+                    Contains(top("extract_meta_data failed. Continuing.")));
+        EXPECT_THAT(log, Contains(StartsWith(top("Certificate chain "
+                                                 "verification failed: "
+                                                 "error[9] "))));
+    }
 }
 
 TEST(ChainVerifier, ReadsNoMoreThanTheLength)
@@ -225,6 +245,35 @@ TEST(ChainVerifier, ReadsNoMoreThanTheLength)
     EXPECT_EQ(verify(leaf, now), 20);
     EXPECT_LT(verify(chain.substr(0, chain.size() - 40), now), 0);
     EXPECT_LT(verify_chain_OBMC(chain.c_str(), "", chain.size(), now), 0);
+}
+
+TEST(ChainVerifier, WeakIntermediatesAreRefused)
+{
+    const Scratch scratch;
+    const std::string make =
+        "cd " + scratch.path.string() + " && openssl req -x509 -nodes ";
+    ASSERT_EQ(run(make + "-newkey rsa:2048 -subj /CN=root -keyout rk -out r"),
+              0);
+    for (const auto& [options, error] :
+         {std::pair{"-newkey rsa:2048 -sha256", X509_V_OK},
+          {"-newkey rsa:2048 -md5", X509_V_ERR_CA_MD_TOO_WEAK},
+          {"-newkey rsa:512 -sha256", X509_V_ERR_CA_KEY_TOO_SMALL}})
+    {
+        ASSERT_EQ(
+            run(make + options +
+                " -subj /CN=middle -CA r -CAkey rk -keyout mk -out m && " +
+                make.substr(make.find("openssl")) +
+                "-newkey rsa:2048 -subj /CN=leaf -CA m -CAkey mk "
+                "-keyout lk -out l"),
+            0);
+        const std::string chain =
+            readFile(scratch / "l") + readFile(scratch / "m");
+        EXPECT_EQ(verify_chain_OBMC(chain.c_str(),
+                                    readFile(scratch / "r").c_str(),
+                                    chain.size(), std::time(nullptr)),
+                  error)
+            << options;
+    }
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,9 @@ using Lines = std::vector<std::string>;
  *  source lines: "FAILURE", "SUCCESS", "INFO label value" for the cerr style,
  *  "LEVEL function: message" for the stderr style, others as they are. */
 Lines logOf(const std::function<void()>& work);
+
+/** Numbers of all FAILURE lines that logOf has seen. */
+const std::set<int>& failuresSeen();
 
 /** Open descriptors of this process. */
 std::size_t descriptors();
@@ -49,6 +53,9 @@ struct PackageText
 void makePackage(const std::filesystem::path& directory,
                  const PackageText& text = {});
 void sign(const std::filesystem::path& directory);
+
+/** Lines of the log about one signature of a package. */
+constexpr std::size_t SIGNATURE_LINES = 12;
 
 /** An empty directory of its own for each test. */
 class Scratch
