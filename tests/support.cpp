@@ -42,21 +42,7 @@ std::string withoutSourceLine(const std::string& line)
                     : line;
 }
 
-/** Number of a FAILURE line of either style, 0 for other lines. */
-int failureNumber(const std::string& line)
-{
-    int number = 0;
-    int end = 0;
-    std::sscanf(line.c_str(), "FAILURE: %*[^.].%d:", &number);
-    std::sscanf(line.c_str(), "Line: %d [FAILURE]%n", &number, &end);
-    return line.starts_with("FAILURE: ") || end != 0 ? number : 0;
-}
-
-std::set<int> seen;
-
 } // namespace
-
-const std::set<int>& failuresSeen() { return seen; }
 
 Lines logOf(const std::function<void()>& work)
 {
@@ -90,10 +76,6 @@ Lines logOf(const std::function<void()>& work)
     Lines lines;
     for (std::string line; std::getline(text, line);)
     {
-        if (const int number = failureNumber(line); number != 0)
-        {
-            seen.insert(number);
-        }
         lines.push_back(withoutSourceLine(line));
     }
     return lines;

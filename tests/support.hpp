@@ -5,7 +5,6 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,9 +21,6 @@ using Lines = std::vector<std::string>;
  *  source lines: "FAILURE", "SUCCESS", "INFO label value" for the cerr style,
  *  "LEVEL function: message" for the stderr style, others as they are. */
 Lines logOf(const std::function<void()>& work);
-
-/** Numbers of all FAILURE lines that logOf has seen. */
-const std::set<int>& failuresSeen();
 
 /** Open descriptors of this process. */
 std::size_t descriptors();
