@@ -8,6 +8,7 @@ shift 2
 for program; do
     PATH=$(dirname "$(readlink -f "$program")"):$PATH
 done
+simulator=$(readlink -f "$program")
 work=$(mktemp -d)
 cleanup() {
     local home
@@ -18,6 +19,12 @@ cleanup() {
 }
 trap cleanup EXIT
 cd "$work"
+# What is built may lie below a directory that is fresh in the sandbox.
+mkdir bin
+printf '#!/bin/sh\nexec "%s" --bind "%s" "$@"\n' "$simulator" \
+    "$(dirname "$simulator")/../.." >bin/bmc-sim
+chmod +x bin/bmc-sim
+PATH=$work/bin:$PATH
 
 missing=
 for program in softhsm2-util pkcs11-tool; do
