@@ -12,7 +12,7 @@ namespace
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 
-class Descriptor : public testing::Test
+class Descriptor : public LoggedTest
 {
   protected:
     /** Value of one attribute in a descriptor with the given content. */
@@ -21,18 +21,9 @@ class Descriptor : public testing::Test
     {
         const fs::path path = scratch / "package.xml";
         writeFile(path, xml);
-        std::string value;
-        log = logOf(
-            [&]
-            {
-                value =
-                    ValidateQOR::getStrFromPkgXML(path, expression, attribute);
-            });
-        return value;
+        return logged(ValidateQOR::getStrFromPkgXML, path, expression,
+                      attribute);
     }
-
-    Scratch scratch;
-    Lines log;
 };
 
 TEST_F(Descriptor, FirstNodeWithTheAttributeWins)
@@ -77,14 +68,8 @@ TEST_F(Descriptor, EveryFailureIsOneLine)
          {scratch.path.string(), std::string(), (scratch / "loop").string(),
           std::string(5000, 'x')})
     {
-        EXPECT_THAT(logOf(
-                        [&]
-                        {
-                            EXPECT_EQ(
-                                ValidateQOR::getStrFromPkgXML(path, "//q", "b"),
-                                "");
-                        }),
-                    ElementsAre("FAILURE"));
+        EXPECT_EQ(logged(ValidateQOR::getStrFromPkgXML, path, "//q", "b"), "");
+        EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
 }
 

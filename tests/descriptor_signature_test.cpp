@@ -16,21 +16,15 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
 
-class Signature : public testing::Test
+class Signature : public LoggedTest
 {
   protected:
     void SetUp() override { makePackage(scratch.path); }
 
     bool valid()
     {
-        bool result = false;
-        log = logOf(
-            [&]
-            {
-                result =
-                    ValidateQOR::validatePkgXMLSignature(descriptor, signature);
-            });
-        return result;
+        return logged(ValidateQOR::validatePkgXMLSignature, descriptor,
+                      signature);
     }
 
     /** Puts a signature by a key that the BMC does not know in front. */
@@ -48,10 +42,8 @@ class Signature : public testing::Test
                   0);
     }
 
-    Scratch scratch;
     fs::path descriptor = scratch / "package.xml";
     fs::path signature = scratch / "package.xml.sign";
-    Lines log;
 };
 
 TEST_F(Signature, ValidGivesTwelveLinesAndSuccess)

@@ -33,4 +33,10 @@ extern void* insteadOfResult;
  *  releasing functions. */
 Lines releasesOf(const std::function<void()>& work);
 
+template <typename Operation, typename... Arguments>
+Lines releasesOf(Operation operation, const Arguments&... arguments)
+{
+    return releasesOf(std::function<void()>([&] { operation(arguments...); }));
+}
+
 } // namespace velmora::test

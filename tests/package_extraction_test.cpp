@@ -49,7 +49,7 @@ fs::path extractorOf(const std::string& thread)
     return found;
 }
 
-class Unzip : public testing::Test
+class Unzip : public LoggedTest
 {
   protected:
     void SetUp() override
@@ -65,11 +65,7 @@ class Unzip : public testing::Test
 
     bool extract(const std::string& name)
     {
-        bool done = false;
-        log = logOf(
-            [&]
-            { done = ValidateQOR::unZip(scratch / name, scratch / "out"); });
-        return done;
+        return logged(ValidateQOR::unZip, scratch / name, scratch / "out");
     }
 
     /** Extracts in a process that has a terminal of its own.
@@ -98,9 +94,6 @@ class Unzip : public testing::Test
         close(terminal);
         return status;
     }
-
-    Scratch scratch;
-    Lines log;
 };
 
 TEST_F(Unzip, StopsAtTheFirstFailedExtraction)

@@ -58,25 +58,18 @@ void asOrdinaryUser(const std::function<void()>& work)
     syscall(SYS_capset, &header, before.data());
 }
 
-class Digest : public testing::Test
+class Digest : public LoggedTest
 {
   protected:
     std::string file(const fs::path& path)
     {
-        std::string digest;
-        log = logOf([&] { digest = calculateFileSHA(path); });
-        return digest;
+        return logged(calculateFileSHA, path);
     }
 
     std::string directory(const fs::path& path)
     {
-        std::string digest;
-        log = logOf([&] { digest = ValidateQOR::getSHAStrFromImage(path); });
-        return digest;
+        return logged(ValidateQOR::getSHAStrFromImage, path);
     }
-
-    Scratch scratch;
-    Lines log;
 };
 
 TEST_F(Digest, OfFilesAroundThePieceSize)

@@ -18,7 +18,7 @@ constexpr const char* ROOT_CA =
 inline const std::filesystem::path RUN_TIME = "/var/run/velmora/Zarnholt";
 
 /** A payload that is signed with PS384, and a machine that accepts it. */
-class SignedPayload : public testing::Test
+class SignedPayload : public LoggedTest
 {
   protected:
     void SetUp() override;
@@ -35,9 +35,7 @@ class SignedPayload : public testing::Test
         return good().substr(slot() + CHAIN + METADATA, SIGNATURE);
     }
 
-    Scratch scratch;
     std::string path = scratch / "payload";
-    Lines log;
 };
 
 } // namespace velmora::test

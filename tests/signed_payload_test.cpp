@@ -28,10 +28,7 @@ class Payload : public SignedPayload
     bool valid(const std::string& content)
     {
         writeFile(path, content);
-        bool result = true;
-        log = logOf(
-            [&] { result = ValidateQOR::validateCertChainForPayload(path); });
-        return result;
+        return logged(ValidateQOR::validateCertChainForPayload, path);
     }
 
     static std::string top(const std::string& text)
@@ -43,46 +40,40 @@ class Payload : public SignedPayload
 TEST_F(Payload, GoodOneIsAcceptedAndLeavesItsFiles)
 {
     EXPECT_TRUE(valid(good()));
-    const auto line = [](const std::string& level, const std::string& function,
-                         const std::string& text)
-    { return level + " " + function + ": " + text; };
-    const std::string up = "validateCertChainForPayload";
-    const std::string slotName = "verify_slot_signature";
+    const std::string up = "INFO validateCertChainForPayload: ";
+    const std::string slotInfo = "INFO verify_slot_signature: ";
+    const auto offset = [](std::size_t field)
+    { return std::to_string(slot() + field); };
     const std::string size = std::to_string(good().size());
     ASSERT_GT(log.size(), CHAIN_LINES);
-    EXPECT_EQ(log[0], line("INFO", up, "Payload length is " + size));
-    EXPECT_EQ(
-        log[1],
-        line("INFO", up, "Certificate Chain offset " + std::to_string(slot())));
-    EXPECT_EQ(log[3], line("INFO", up,
-                           "Signature offset " +
-                               std::to_string(slot() + CHAIN + METADATA)));
-    EXPECT_EQ(log[CHAIN_LINES - 1],
-              line("INFO", up, "Certificate chain verfication successful"));
     EXPECT_THAT(
-        Lines(log.begin() + CHAIN_LINES, log.end()),
+        Lines(log.begin(), log.begin() + 4),
+        ElementsAre(up + "Payload length is " + size,
+                    up + "Certificate Chain offset " + offset(0),
+                    up + "Metadata offset " + offset(CHAIN),
+                    up + "Signature offset " + offset(CHAIN + METADATA)));
+    EXPECT_THAT(
+        Lines(log.begin() + CHAIN_LINES - 1, log.end()),
         ElementsAre(
-            line("INFO", slotName, "Entry"),
-            line("INFO", slotName, path + ", fileSize: " + size),
-            line("INFO", slotName,
-                 "length upto slot1 timestamp[" +
-                     std::to_string(good().size() - 51712) + "]"),
-            line("INFO", "getX509Cert", "Entry"),
-            line("INFO", "getX509Cert", "Cert chain file created successfully"),
-            line("SUCCESS", "getX509Cert",
-                 "Getting X509 Certificate successful"),
-            line("INFO", slotName, "getX509Cert is done"),
-            line("INFO", slotName, "X509_get_pubkey is done"),
-            line("INFO", slotName, "Creating public key file is done"),
-            line("INFO", slotName, "Creating hash function file is done"),
-            line("INFO", slotName, "RSA Key length[512]"),
-            line("INFO", slotName, "ALGO_384"),
-            line("INFO", slotName, "EVP_DigestVerifyUpdate is done"),
-            line("INFO", slotName, "EVP_DigestVerifyFinal,RC[1]"),
-            line("INFO", "operator()", "Clear ctx before exiting..."),
-            line("SUCCESS", slotName,
-                 "Image slot signature verification successful"),
-            line("SUCCESS", up, "Signature verification successful")));
+            up + "Certificate chain verfication successful", slotInfo + "Entry",
+            slotInfo + path + ", fileSize: " + size,
+            slotInfo + "length upto slot1 timestamp[" +
+                offset(CHAIN + METADATA) + "]",
+            "INFO getX509Cert: Entry",
+            "INFO getX509Cert: Cert chain file created successfully",
+            "SUCCESS getX509Cert: Getting X509 Certificate successful",
+            slotInfo + "getX509Cert is done",
+            slotInfo + "X509_get_pubkey is done",
+            slotInfo + "Creating public key file is done",
+            slotInfo + "Creating hash function file is done",
+            slotInfo + "RSA Key length[512]", slotInfo + "ALGO_384",
+            slotInfo + "EVP_DigestVerifyUpdate is done",
+            slotInfo + "EVP_DigestVerifyFinal,RC[1]",
+            "INFO operator(): Clear ctx before exiting...",
+            "SUCCESS verify_slot_signature: Image slot signature verification "
+            "successful",
+            "SUCCESS validateCertChainForPayload: Signature verification "
+            "successful"));
     EXPECT_FALSE(fs::exists(ROOT_CA));
     EXPECT_EQ(readFile(RUN_TIME / "certchain"), goodChain());
     EXPECT_THAT(readFile(RUN_TIME / "publickey"),
@@ -126,20 +117,12 @@ TEST_F(Payload, TruncatedOnesAreRefused)
         SetUp();
         EXPECT_FALSE(valid(good().substr(0, size)));
     }
-    EXPECT_THAT(logOf(
-                    []
-                    {
-                        EXPECT_FALSE(ValidateQOR::validateCertChainForPayload(
-                            "/nonexistent"));
-                    }),
-                ElementsAre(top("Unable to read the payload")));
     // A directory opens, but has no length or no content.
-    logOf(
-        []
-        {
-            EXPECT_FALSE(ValidateQOR::validateCertChainForPayload("/tmp"));
-            EXPECT_FALSE(ValidateQOR::validateCertChainForPayload("/etc"));
-        });
+    for (const char* other : {"/tmp", "/etc", "/nonexistent"})
+    {
+        EXPECT_FALSE(logged(ValidateQOR::validateCertChainForPayload, other));
+    }
+    EXPECT_THAT(log, ElementsAre(top("Unable to read the payload")));
     SetUp();
     EXPECT_FALSE(valid(good().substr(0, TRAILER)));
     EXPECT_TRUE(fs::exists(ROOT_CA));

@@ -19,14 +19,8 @@ class Slot : public SignedPayload
   protected:
     int verifySlot(const std::string& chain, const std::string& signature)
     {
-        int status = -1;
-        log = logOf(
-            [&]
-            {
-                status = ValidateQOR::verify_slot_signature(chain, signature,
-                                                            path.data());
-            });
-        return status;
+        return logged(ValidateQOR::verify_slot_signature, chain, signature,
+                      path.data());
     }
 };
 
@@ -37,13 +31,9 @@ TEST_F(Slot, Statuses)
     EXPECT_EQ(verifySlot("", goodSignature()), 1);
     EXPECT_EQ(verifySlot(goodChain(), ""), 1);
     EXPECT_EQ(verifySlot(goodChain(), "short"), 13);
-    logOf(
-        [&]
-        {
-            EXPECT_EQ(ValidateQOR::verify_slot_signature(
-                          goodChain(), goodSignature(), nullptr),
-                      1);
-        });
+    EXPECT_EQ(logged(ValidateQOR::verify_slot_signature, goodChain(),
+                     goodSignature(), nullptr),
+              1);
     EXPECT_EQ(verifySlot("short", goodSignature()), 7);
     // Nobody is asked for the passphrase of an encrypted block.
     std::string encrypted = "-----BEGIN CERTIFICATE-----\n"
@@ -53,7 +43,8 @@ TEST_F(Slot, Statuses)
                             "AAAA\n-----END CERTIFICATE-----\n";
     encrypted.resize(CHAIN);
     EXPECT_EQ(verifySlot(encrypted, goodSignature()), 7);
-    EXPECT_THAT(logOf([] { EXPECT_EQ(ValidateQOR::getX509Cert(""), nullptr); }),
+    EXPECT_EQ(logged(ValidateQOR::getX509Cert, ""), nullptr);
+    EXPECT_THAT(log,
                 ElementsAre("INFO getX509Cert: Entry",
                             "FAILURE getX509Cert: Invalid input argument"));
     EXPECT_EQ(verifySlot(std::string(CHAIN, '\0'), goodSignature()), 7);

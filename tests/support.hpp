@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
 #include <atomic>
@@ -7,6 +8,8 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 /** What the tests share. They run inside the simulated BMC, where the
@@ -68,6 +71,24 @@ class Scratch
     }
 
     std::filesystem::path path;
+};
+
+/** What most tests work with. */
+class LoggedTest : public testing::Test
+{
+  protected:
+    /** Gives what an operation gives, and leaves its lines in the log. */
+    template <typename Operation, typename... Arguments>
+    auto logged(Operation operation, Arguments&&... arguments)
+    {
+        std::invoke_result_t<Operation, Arguments...> result{};
+        log = logOf(
+            [&] { result = operation(std::forward<Arguments>(arguments)...); });
+        return result;
+    }
+
+    Scratch scratch;
+    Lines log;
 };
 
 /** A service with a mind of its own: answers every call to its name by what

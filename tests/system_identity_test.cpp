@@ -15,17 +15,14 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::StartsWith;
 
-class Identity : public testing::Test
+class Identity : public LoggedTest
 {
   protected:
     bool valid(const std::string& models)
     {
         const fs::path path = scratch / "package.xml";
         writeFile(path, "<p>" + models + "</p>");
-        bool result = false;
-        log = logOf([&]
-                    { result = ValidateQOR::validateSytemIdFromPkgXML(path); });
-        return result;
+        return logged(ValidateQOR::validateSytemIdFromPkgXML, path);
     }
 
     static std::string model(const std::string& id)
@@ -36,8 +33,6 @@ class Identity : public testing::Test
     const std::string listed =
         "INFO validateSytemIdFromPkgXML: System IDs listed in the package "
         "XML, hence system ID validation will continue.";
-    Scratch scratch;
-    Lines log;
 };
 
 TEST_F(Identity, IdentifiersAreComparedAsNumbers)
@@ -71,22 +66,17 @@ TEST_F(Identity, NoModelElementsPass)
 {
     const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
     EXPECT_TRUE(valid("<model systemID='1'/>"));
-    for (const std::string& path :
-         {(scratch / "none").string(), std::string(), scratch.path.string()})
-    {
-        EXPECT_THAT(logOf(
-                        [&]
-                        {
-                            EXPECT_FALSE(
-                                ValidateQOR::validateSytemIdFromPkgXML(path));
-                        }),
-                    ElementsAre("INFO hexSystemIDStr: 0A1B", "FAILURE"));
-    }
     EXPECT_THAT(
         log,
         ElementsAre("INFO hexSystemIDStr: 0A1B", "INFO xmlXPathNodeNr: 0",
                     "INFO validateSytemIdFromPkgXML: No system IDs listed in "
                     "the package XML, hence system ID validation bypassed"));
+    for (const std::string& path :
+         {(scratch / "none").string(), std::string(), scratch.path.string()})
+    {
+        EXPECT_FALSE(logged(ValidateQOR::validateSytemIdFromPkgXML, path));
+        EXPECT_THAT(log, ElementsAre("INFO hexSystemIDStr: 0A1B", "FAILURE"));
+    }
 }
 
 TEST_F(Identity, ConversionExceptionsLeaveWithEverythingFreed)

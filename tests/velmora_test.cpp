@@ -22,20 +22,15 @@ constexpr std::size_t UP_TO_SIGNATURE = IDENTITY + SIGNATURE_LINES + 1;
 constexpr std::size_t UP_TO_QUERY = UP_TO_SIGNATURE + 1;
 constexpr std::size_t UP_TO_DIGEST = UP_TO_QUERY + 2;
 
-class Package : public testing::Test
+class Package : public LoggedTest
 {
   protected:
     bool valid()
     {
-        bool result = false;
-        log = logOf(
-            [&] { result = ValidateQOR::validateExtractedQOR(scratch.path); });
-        return result;
+        return logged(ValidateQOR::validateExtractedQOR, scratch.path);
     }
 
-    Scratch scratch;
     Service service{PLATFORM, systemIdBytes({0x1B, 0x0A})};
-    Lines log;
 };
 
 TEST_F(Package, ValidPassesInOrder)
@@ -85,27 +80,11 @@ TEST_F(Package, EachFailedStepEndsIt)
     EXPECT_FALSE(valid());
     EXPECT_EQ(log.size(), UP_TO_QUERY + 2);
 
-    EXPECT_THAT(logOf(
-                    [&]
-                    {
-                        EXPECT_FALSE(ValidateQOR::validateExtractedQOR(
-                            scratch / "package.xml"));
-                    }),
-                ElementsAre("FAILURE"));
+    EXPECT_FALSE(
+        logged(ValidateQOR::validateExtractedQOR, scratch / "package.xml"));
+    EXPECT_THAT(log, ElementsAre("FAILURE"));
     makePackage(scratch.path, {.model = "<Model systemID=\"XYZ\"/>"});
     EXPECT_THROW(valid(), std::invalid_argument);
-}
-
-TEST_F(Package, ManyValidationsLeaveNothingOpen)
-{
-    makePackage(scratch.path);
-    ASSERT_TRUE(valid());
-    const std::size_t before = descriptors();
-    for (int i = 0; i < 25; ++i)
-    {
-        ASSERT_TRUE(valid());
-    }
-    EXPECT_EQ(descriptors(), before);
 }
 
 } // namespace
