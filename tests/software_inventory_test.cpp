@@ -68,6 +68,7 @@ TEST_F(Inventory, KnownComponentsCauseNoTraffic)
     EXPECT_EQ(purposeOf("113440"), Purpose::BMC);
     EXPECT_THAT(log, ElementsAre("SUCCESS", "INFO compID: 113440"));
     EXPECT_EQ(purposeOf("113033"), Purpose::TORLU);
+    EXPECT_THAT(log, ElementsAre("SUCCESS", "INFO compID: 113033"));
     EXPECT_THAT(service.calls, ElementsAre());
 }
 

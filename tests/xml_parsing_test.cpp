@@ -31,6 +31,8 @@ constexpr long MAX_KIB = 64 * 1024;
 constexpr long MAX_LINES = 1000;
 /** The largest document that is parsed. */
 constexpr std::size_t MAX_SIZE = 262144;
+/** The most line breaks that references may make. */
+constexpr std::size_t MAX_LINE_BREAKS = 512;
 
 const std::string MODEL = "<Model systemID='0A1B'/>";
 constexpr const char* TOO_LARGE = "the document is larger than 262144 bytes";
@@ -187,8 +189,10 @@ TEST_F(Parsing, NoDocumentCostsMuch)
          typed(named(2000, "<!ATTLIST p ", " ID #IMPLIED>"), "")},
         {"60,000 attributes",
          inDocument("<q" + named(60'000, " ", "=''") + "/>"), TOO_LARGE},
-        {"attributes", inDocument("<q" + named(28'000, " ", "=''") + "/>"),
+        {"attributes", inDocument("<q" + named(1001, " ", "=''") + "/>"),
          ATTRIBUTES},
+        {"attributes that fit",
+         inDocument("<q" + named(28'000, " ", "=''") + "/>"), ATTRIBUTES},
         {"the same attribute", fit("<p>" + MODEL + "<q", " a=''", "/></p>")},
         {"choices",
          typed("<!ATTLIST p a (" + named(60'000, "a|", "") + ") #IMPLIED>", ""),
@@ -242,7 +246,8 @@ TEST_F(Parsing, NoDocumentCostsMuch)
         {"long messages", inDocument(repeat(95, "<a:b/>") + "<b xmlns:a='" +
                                      repeat(7, lineBreaks) + "'/>")},
         {"line breaks",
-         "<p><Model systemID='0A1B" + repeat(20, lineBreaks) + "'/></p>",
+         "<p><Model systemID='0A1B" + repeat(MAX_LINE_BREAKS + 1, "&#10;") +
+             "'/></p>",
          ADDED},
         {"line breaks and messages", "<p>" + repeat(95, "<a:b/>") +
                                          "<Model systemID='0A1B" + lineBreaks +
@@ -310,6 +315,10 @@ TEST_F(Parsing, WhatCostsNothingIsAccepted)
          "0A1B"},
         {inDocument(std::string(MAX_SIZE - inDocument("").size(), 'x')),
          "0A1B"},
+        {inDocument("<q" + named(1000, " ", "=''") + "/>"), "0A1B"},
+        {"<p><Model systemID='0A1B" + repeat(MAX_LINE_BREAKS, "&#10;") +
+             "'/></p>",
+         "0A1B" + std::string(MAX_LINE_BREAKS, '\n')},
         {wide, "0A1B"}};
     for (const auto& [document, value] : accepted)
     {
