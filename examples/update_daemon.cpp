@@ -57,10 +57,10 @@ class Refusal : public std::runtime_error
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-class Descriptor
+class FileDescriptor
 {
   public:
-    Descriptor(const fs::path& path, int flags) :
+    FileDescriptor(const fs::path& path, int flags) :
         descriptor_(open(path.c_str(), flags | O_CLOEXEC, 0600))
     {
         if (descriptor_ < 0)
@@ -69,10 +69,10 @@ class Descriptor
         }
     }
 
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
 
-    ~Descriptor() { close(descriptor_); }
+    ~FileDescriptor() { close(descriptor_); }
 
     int get() const { return descriptor_; }
 
@@ -94,7 +94,7 @@ class OneAtATime
     }
 
   private:
-    Descriptor directory_;
+    FileDescriptor directory_;
 };
 
 /** A directory that nobody else can look into; fresh, and gone afterwards. */
@@ -144,7 +144,7 @@ void writeAll(int descriptor, const char* data, std::size_t size)
 void takeOver(const fs::path& package, const fs::path& copy)
 {
     // Opening a FIFO must not block.
-    const Descriptor from(package, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    const FileDescriptor from(package, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat status = {};
     if (fstat(from.get(), &status) != 0)
     {
@@ -154,7 +154,7 @@ void takeOver(const fs::path& package, const fs::path& copy)
     {
         throw Refusal("the package is not a regular file");
     }
-    const Descriptor to(copy, O_WRONLY | O_CREAT | O_EXCL);
+    const FileDescriptor to(copy, O_WRONLY | O_CREAT | O_EXCL);
     std::array<char, PIECE_SIZE> piece{};
     ssize_t size = 0;
     while ((size = read(from.get(), piece.data(), piece.size())) > 0)

@@ -41,7 +41,7 @@ def own_instructions(path):
             elif line.startswith("calls="):
                 after_call = True
             elif line[:1] in "0123456789+-*":
-                # The line behind a call has the cost of what was called.
+                # callgrind puts the cost of a call on the line after it.
                 if ours and not after_call:
                     total += int(line.split()[1])
                 after_call = False

@@ -41,7 +41,7 @@ install_packages() {
         fi
         sleep $((attempt * 5))
     done
-    # One that cannot be had must not take the others with it.
+    # If an optional package cannot be had, the others are still installed.
     local required=()
     for package in "$@"; do
         if [[ $optional_packages == *" $package "* ]]; then
@@ -98,7 +98,7 @@ compile() {
         printf '%s\n' "${new[@]}" >>"$dir/dev-options"
     fi
     say "compiling $dir"
-    # First what Meson has to say anew after a change of its files.
+    # If Meson's files have changed, it configures again first.
     if ! ninja --quiet -C "$dir" build.ninja >"$log" 2>&1; then
         cat "$log" >&2
         exit 1

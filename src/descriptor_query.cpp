@@ -73,8 +73,8 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     if (nodes == nullptr || nodes->nodeNr <= 0 || nodes->nodeTab == nullptr)
     {
         LOG_FAILURE("the expression selects nothing in the descriptor");
-        // Without nodes the result does not need the document, which goes
-        // first here.
+        // A result without nodes does not refer to the document, so the
+        // document is freed first.
         document.reset();
         return {};
     }

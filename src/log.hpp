@@ -161,7 +161,7 @@ inline void writeInfo(int number, std::string_view label,
     writeLine(number, {" [INFO ", label, value, "]"});
 }
 
-/** Library name functions may have no name to give. */
+/** GPGME gives null for an algorithm that it does not know. */
 inline void writeInfo(int number, std::string_view label, const char* value)
 {
     writeInfo(number, label,

@@ -217,6 +217,27 @@ class ImageVerification
   public:
     static constexpr const char* LOGGED_AS = "verifyManifestAndSignature";
 
+    /** In bytes, or nothing after a logged failure. */
+    static std::optional<std::streamoff>
+        signatureFileSize(const std::string& path)
+    {
+        std::ifstream file;
+        // A directory or a device may report 512 bytes or more, which would
+        // skip the verification.
+        if (isRegularFile(path))
+        {
+            file.open(path, std::ios::binary);
+        }
+        if (!file.is_open())
+        {
+            PRINT_FAILURE("image-ktb.sig is missing, no regular file, or "
+                          "cannot be opened",
+                          "Error opening KTB signature file");
+            return std::nullopt;
+        }
+        return file.seekg(0, std::ios::end).tellg();
+    }
+
     static std::optional<SecurityReply>
         askSecurityService(const std::vector<std::uint8_t>& manifest)
     {
@@ -310,9 +331,9 @@ class ImageVerification
     }
 
   private:
-    /** Feeds @p left bytes from the stream to the verification. An image that
-     *  is shorter than a signature makes the count wrap, and the reading ends
-     *  short. */
+    /** Feeds @p left bytes from the stream to the verification. If the image is
+     *  shorter than a signature, @p left has wrapped around, and reading fails
+     *  at the end of the file. */
     static bool digestContent(std::ifstream& image, std::uint32_t left,
                               char* buffer, EVP_MD_CTX* context)
     {
@@ -353,7 +374,7 @@ class ImageVerification
                              ? i2d_ECDSA_SIG(signature.get(), &encoding)
                              : 0;
         const OpensslBytes der(encoding);
-        // One that could not be made does not verify either.
+        // A signature that could not be encoded does not verify either.
         if (der == nullptr || size <= 0 ||
             EVP_DigestVerifyFinal(context, der.get(),
                                   static_cast<std::size_t>(size)) != 1)
@@ -392,7 +413,7 @@ bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
     std::memcpy(stored.data(), &header, stored.size());
     const std::size_t length =
         loadLe32(stored, offsetof(manifestHeader, length));
-    // Only reserved so far: it costs no memory where the file ends early.
+    // This reserves addresses only. Memory is used as bytes are read.
     const auto storage = tryAllocate(length);
     if (storage == nullptr)
     {
@@ -424,30 +445,19 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
                       "Invalid path for image-ktb");
         return -1;
     }
-    const std::string signaturePath = manifestDir + "/" + SIGNATURE_FILE;
-    std::ifstream signatureFile;
-    // A directory or a device may report 512 bytes or more, which would skip
-    // the verification.
-    if (isRegularFile(signaturePath))
+    const auto signatureSize = ImageVerification::signatureFileSize(
+        manifestDir + "/" + SIGNATURE_FILE);
+    if (!signatureSize)
     {
-        signatureFile.open(signaturePath, std::ios::binary);
-    }
-    if (!signatureFile.is_open())
-    {
-        PRINT_FAILURE(
-            "image-ktb.sig is missing, no regular file, or cannot be opened",
-            "Error opening KTB signature file");
         return -1;
     }
-    signatureFile.seekg(0, std::ios::end);
-    if (signatureFile.tellg() > SIGNATURE_FILE_MAX_SIZE)
+    if (*signatureSize > SIGNATURE_FILE_MAX_SIZE)
     {
         PRINT_SUCCESS("Older version of KTB signature file is found");
         PRINT_SUCCESS(
             "Skipping signature verification for backward compatibility");
         return 0;
     }
-    signatureFile.close();
 
     std::ifstream image(imagePath, std::ios::binary);
     if (!image)

@@ -137,6 +137,46 @@ std::unique_ptr<char[]> makeReadBuffer(std::uint64_t length)
         static_cast<std::size_t>(length));
 }
 
+/** Gives the file's content to the digest, piece by piece. Nothing is read any
+ *  more behind a piece that could not be read whole.
+ *
+ *  @param length in bytes
+ *  @return whether all of it was digested; failures have been logged */
+bool digestContent(const FileDescriptor& file, std::uint64_t length,
+                   char* buffer, Sha256& sha)
+{
+    bool complete = true;
+    const auto partial = static_cast<std::size_t>(length % PIECE_SIZE);
+    const std::uint64_t end = length - partial;
+    bool readable = true;
+    for (std::uint64_t offset = 0; offset < end && readable;
+         offset += PIECE_SIZE)
+    {
+        readable = readPiece(file, buffer, PIECE_SIZE, offset);
+        if (!readable)
+        {
+            LOG_FAILURE("a piece of a file could not be read whole");
+            complete = false;
+        }
+        else if (!sha.update(buffer, PIECE_SIZE))
+        {
+            LOG_FAILURE("a piece of a file could not be digested");
+            complete = false;
+        }
+    }
+    if (readable && partial > 0 && !readPiece(file, buffer, partial, end))
+    {
+        LOG_FAILURE("the end of a file could not be read whole");
+        complete = false;
+    }
+    else if (readable && partial > 0 && !sha.update(buffer, partial))
+    {
+        LOG_FAILURE("the end of a file could not be digested");
+        complete = false;
+    }
+    return complete;
+}
+
 /** Paths of the regular files of a directory, in the order in which the file
  *  system delivers them; links are followed. Each other entry is logged.
  *
@@ -209,34 +249,7 @@ std::string calculateFileSHA(const std::string& filePath)
         complete = false;
     }
     const auto buffer = makeReadBuffer(*length);
-    const auto partial = static_cast<std::size_t>(*length % PIECE_SIZE);
-    const std::uint64_t end = *length - partial;
-    bool readable = true;
-    for (std::uint64_t offset = 0; offset < end && readable;
-         offset += PIECE_SIZE)
-    {
-        readable = readPiece(file, buffer.get(), PIECE_SIZE, offset);
-        if (!readable)
-        {
-            LOG_FAILURE("a piece of a file could not be read whole");
-            complete = false;
-        }
-        else if (!sha.update(buffer.get(), PIECE_SIZE))
-        {
-            LOG_FAILURE("a piece of a file could not be digested");
-            complete = false;
-        }
-    }
-    if (readable && partial > 0 && !readPiece(file, buffer.get(), partial, end))
-    {
-        LOG_FAILURE("the end of a file could not be read whole");
-        complete = false;
-    }
-    else if (readable && partial > 0 && !sha.update(buffer.get(), partial))
-    {
-        LOG_FAILURE("the end of a file could not be digested");
-        complete = false;
-    }
+    complete = digestContent(file, *length, buffer.get(), sha) && complete;
     file.close();
     if (!sha.finish())
     {

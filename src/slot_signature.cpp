@@ -342,6 +342,39 @@ class SlotVerification
     }
 };
 
+/** A step of the operation. */
+class ChainFile
+{
+  public:
+    static constexpr const char* LOGGED_AS = "getX509Cert";
+
+    /** @param chain at least CHAIN_SIZE bytes */
+    static bool write(const std::string& chain)
+    {
+        FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
+        if (file == nullptr)
+        {
+            PRINT_FAILURE("the certchain file cannot be opened for writing",
+                          "Error creating certchain file");
+            return false;
+        }
+        bool written = std::fwrite(chain.data(), 1, CHAIN_SIZE, file.get()) >=
+                       chain.size();
+        // What the stream has buffered can still fail to reach the file.
+        written = std::fflush(file.get()) == 0 && written;
+        file.reset();
+        if (!written)
+        {
+            PRINT_FAILURE("the certchain file could not be written",
+                          "Error writing certchain to file");
+            std::remove(CERTCHAIN_FILE);
+            return false;
+        }
+        PRINT_INFO("Cert chain file created successfully");
+        return true;
+    }
+};
+
 } // namespace
 
 X509* ValidateQOR::getX509Cert(const std::string& chain)
@@ -378,34 +411,18 @@ X509* ValidateQOR::getX509Cert(const std::string& chain)
                       "an X509 is failed");
         return nullptr;
     }
-    // The whole area is written below; a part of one must not be read beyond.
+    // CHAIN_SIZE bytes are written below. A shorter chain would be read past
+    // its end.
     if (chain.size() < CHAIN_SIZE)
     {
         PRINT_FAILURE("the chain area is shorter than 24,576 bytes",
                       "Invalid input argument");
         return nullptr;
     }
-    FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
-    if (file == nullptr)
+    if (!ChainFile::write(chain))
     {
-        PRINT_FAILURE("the certchain file cannot be opened for writing",
-                      "Error creating certchain file");
         return nullptr;
     }
-    bool written =
-        std::fwrite(chain.data(), 1, CHAIN_SIZE, file.get()) >= chain.size();
-    // What the stream has buffered can still fail to reach the file.
-    written = std::fflush(file.get()) == 0 && written;
-    if (!written)
-    {
-        PRINT_FAILURE("the certchain file could not be written",
-                      "Error writing certchain to file");
-        file.reset();
-        std::remove(CERTCHAIN_FILE);
-        return nullptr;
-    }
-    file.reset();
-    PRINT_INFO("Cert chain file created successfully");
     bio.reset();
     PRINT_SUCCESS("Getting X509 Certificate successful");
     return certificate.release();

@@ -57,7 +57,8 @@ std::optional<std::uint16_t> findOwnSystemId()
     }
 }
 
-/** First `systemID` of the nodes that equals the identifier, as written.
+/** First `systemID` of the nodes that equals the identifier, as written;
+ *  nothing after a logged failure.
  *
  *  @throws std::invalid_argument, std::out_of_range from the conversion */
 std::optional<std::string> findListed(const xmlNodeSet& models,
@@ -75,6 +76,7 @@ std::optional<std::string> findListed(const xmlNodeSet& models,
             return toString(*text);
         }
     }
+    LOG_FAILURE("no listed system is this one");
     return std::nullopt;
 }
 
@@ -104,8 +106,8 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
         LOG_FAILURE("the descriptor is missing or no regular file");
         return false;
     }
-    // Where nothing has been found in the document, it is freed before the
-    // result, and elsewhere after it.
+    // The early returns free the document first. After a search the result
+    // goes first.
     XmlDocument document = parseDescriptor(descriptorPath);
     if (document == nullptr)
     {
@@ -140,10 +142,6 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
     }
 
     const auto searchFound = findListed(models, *systemId);
-    if (!searchFound)
-    {
-        LOG_FAILURE("no listed system is this one");
-    }
     result.reset();
     document.reset();
     if (!searchFound)

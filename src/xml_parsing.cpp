@@ -68,7 +68,7 @@ class GuardedParse
         previous_(std::exchange(current_, this))
     {
         xmlSetExternalEntityLoader(load);
-        // The parser's own function looks at the context that is set here.
+        // The previous report function reads this context, so it stays set.
         xmlSetGenericErrorFunc(previousReportContext_, report);
     }
 
@@ -221,7 +221,7 @@ class GuardedParse
                 text.substr(at + 1, text.find(';', at) - at - 1);
             if (name.starts_with('#'))
             {
-                // It may be a line break, which only shows when it is used.
+                // It may be a line break, so it counts as one.
                 cost += LINE_BREAK_COST;
                 continue;
             }

@@ -168,7 +168,7 @@ class Faults : public LoggedTest
                 const bool fired = withFault(
                     function, nth, [&] { result = operation(arguments...); },
                     meanwhile);
-                // That call is met in the child, not here.
+                // It is called in the child, so this process does not see it.
                 EXPECT_EQ(fired, function != "execl") << function;
             });
         meanwhile = nullptr;
@@ -202,7 +202,7 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
         const std::size_t before = descriptors();
         for (const std::string& function : faultyFunctions())
         {
-            // Here only the children open files, which is not seen to happen.
+            // Only the children open files here: their calls are not counted.
             if (scenario.name == std::string("unZip") && function == "open64")
             {
                 continue;
@@ -447,7 +447,7 @@ TEST_F(Faults, AnExceptionTakesTheRootCaWithIt)
                     "operator new", nth,
                     [&] { ValidateQOR::validateCertChainForPayload(payload); });
             });
-        // That is the last line before the root CA's turn.
+        // The last line that is logged before the root CA is read.
         EXPECT_NE(fs::exists(ROOT_CA),
                   testing::Value(
                       log, Contains(HasSubstr("Extract metadata successful"))))

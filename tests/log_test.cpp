@@ -29,7 +29,7 @@ struct Record
     auto operator<=>(const Record&) const = default;
 };
 
-/** What the library's file has to say of its FAILURE lines. */
+/** The records of FAILURE lines in the library's file. */
 std::set<Record> causes()
 {
     Dl_info library{};

@@ -330,7 +330,7 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
     for (const auto& [manifest, marker] : std::initializer_list<Case>{
              {manifestOf(other + marked, 2), "2\n"},
              {manifestOf(record(10, 0x31, "ab0"), 1), "1\n"},
-             // The first is not counted.
+             // The count leaves out the first record.
              {manifestOf(other + marked, 1), "2\n"},
              {manifestOf("pad" + marked, 1, 19), "2\n"},
              {manifestOf(record(10, 0, "abc"), 1), "old"},
@@ -352,7 +352,7 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
         EXPECT_LT(std::clock() - start, 3 * CLOCKS_PER_SEC);
         EXPECT_EQ(readFile(MARKER), marker);
     }
-    // The image does not matter to it.
+    // The marker is written even when the image is bad.
     const std::string good = readFile(scratch / "image");
     writeFile(scratch / "image", good + "x");
     writeFile(scratch / "image-ktb", manifestOf(marked, 1));

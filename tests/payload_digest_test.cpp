@@ -233,7 +233,8 @@ TEST_F(Digest, CompositeLeavesOutWhatIsNoFile)
 
 TEST_F(Digest, CompositeNeedsTheStatusOfEveryEntry)
 {
-    // Neither is a right, nor a path, for what the directory lists.
+    // The directory may be listed but not searched. Then its path is longer
+    // than the system takes.
     writeFile(scratch / "f", "");
     fs::permissions(scratch.path, fs::perms::owner_read);
     asOrdinaryUser(

@@ -91,8 +91,8 @@ class LoggedTest : public testing::Test
     Lines log;
 };
 
-/** A service with a mind of its own: answers every call to its name by what
- *  the handler puts in the reply, or with the errno that it returns; a
+/** A service whose answers the test chooses: answers every call to its name by
+ * what the handler puts in the reply, or with the errno that it returns; a
  *  handler that returns NO_REPLY lets the caller wait. */
 class Service
 {

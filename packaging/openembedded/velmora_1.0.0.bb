@@ -26,7 +26,7 @@ EXTRA_OEMESON = " \
 PACKAGECONFIG ??= ""
 PACKAGECONFIG[tools] = "-Dtools=enabled,-Dtools=disabled,cli11 elfutils libarchive nlohmann-json"
 
-PACKAGE_BEFORE_PN = "${PN}-tools ${PN}-sim"
+PACKAGE_BEFORE_PN = "${PN}-sim ${PN}-tools"
 FILES:${PN}-sim = "${bindir}/bmc-sim ${datadir}/bash-completion/completions/bmc-sim"
 FILES:${PN}-tools = "${bindir} ${datadir}/bash-completion"
 FILES:${PN} += "${nonarch_libdir}/tmpfiles.d ${datadir}/dbus-1/system.d"

@@ -70,7 +70,8 @@ Certificate readCertificate(BIO* bio)
     return Certificate(PEM_read_bio_X509(bio, nullptr, noPassphrase, nullptr));
 }
 
-/** Whether the last read found no further block, which is the good end. */
+/** Whether reading stopped because there are no more blocks, not because of an
+ *  error. */
 bool atEnd()
 {
     const unsigned long error = ERR_peek_last_error();

@@ -99,7 +99,7 @@ void importKeys(const std::vector<InputFile>& files)
         }
     }
     runGpg({"--import-ownertrust"}, trust, places::KEYRING_HOME);
-    // Now, so that whoever verifies later finds a home that is settled.
+    // Done now, so that gpg has nothing to update when the library verifies.
     runGpg({"--check-trustdb"}, {}, places::KEYRING_HOME);
 }
 

@@ -155,7 +155,7 @@ void convert(const Texts& texts, Options& options)
 void parseWith(CLI::App& app, std::vector<std::string> arguments,
                bool hasCommand)
 {
-    // CLI11 takes its arguments from the back.
+    // CLI11 wants the arguments in reverse order.
     std::ranges::reverse(arguments);
     try
     {

@@ -96,7 +96,8 @@ std::vector<pid_t> childrenOf(pid_t process)
     return children;
 }
 
-/** The next signal that the other bmc-sim sends; ends with it. */
+/** Waits for a signal number from the outer bmc-sim. This process ends when
+ *  that one does. */
 int receiveSignal(int lifeline)
 {
     int signal = 0;
@@ -246,8 +247,8 @@ Outcome runTool(const Arguments& arguments, std::string_view input)
 {
     const FileDescriptor source = tools::memoryFile(input);
     const FileDescriptor output = tools::memoryFile();
-    // Not bound: it ends soon, and a bubblewrap that is killed halfway leaves a
-    // child waiting.
+    // Not killed with us: the tool ends soon, and killing bubblewrap midway
+    // would leave its child waiting.
     const pid_t child = spawn({.arguments = arguments,
                                .input = source.get(),
                                .output = output.get(),
@@ -284,7 +285,7 @@ int supervise(sd_event* loop, pid_t child, int lifeline,
 
 void signalTree(pid_t root, int signal)
 {
-    // A shell that sees its child die first would start the next command.
+    // The parent first: a shell whose child dies would start its next command.
     const std::vector<pid_t> children = childrenOf(root);
     kill(root, signal);
     for (const pid_t child : children)

@@ -118,15 +118,16 @@ void show(Arguments& to, const char* bind, const fs::path& path)
         Arguments mount;
         if (isHidden(target))
         {
-            // Else bubblewrap would make the way there for its user alone.
+            // Otherwise bubblewrap makes the parent directories accessible to
+            // its own user only.
             mount = {"--dir", target.parent_path()};
         }
         append(mount, {bind, own, target});
         to.insert(isFirst ? to.begin() : to.end(), mount.begin(), mount.end());
     };
     mountAt(own, false);
-    // A path that leads over links comes first: a tree that is shown with
-    // these links in it covers it.
+    // A path with links in it is mounted first, because a later mount may
+    // bring those links with it.
     if (path != own && isHidden(path))
     {
         mountAt(path, true);
@@ -267,7 +268,7 @@ int runInSandbox(Options& options, const Arguments& arguments,
         [[maybe_unused]] const auto written =
             write(lifeline.writer.get(), &signal, sizeof(signal));
     };
-    // What came before the sandbox existed did not reach it by any way.
+    // Signals that came before the sandbox existed are passed on now.
     while (const auto signal = takeEndSignal())
     {
         forward(*signal);
@@ -289,7 +290,7 @@ int runInSandbox(Options& options, const Arguments& arguments,
 Site enterSandbox(const std::vector<int>& insideDescriptors)
 {
     holdSignals();
-    // What bubblewrap has said did not keep it from making the sandbox.
+    // The sandbox was made, so bubblewrap's messages are dropped.
     [[maybe_unused]] const int emptied = ftruncate(STDERR_FILENO, 0);
     const FileDescriptor errorStream(insideDescriptors.at(0));
     dup2(errorStream.get(), STDERR_FILENO);

@@ -27,7 +27,7 @@ constexpr std::array UNPRINTABLE{
     Range{0xD800, 0xDFFF}, // surrogates
 };
 
-/** The smallest character that takes so many bytes, by their number. */
+/** The smallest code point for each length in UTF-8. */
 constexpr std::array<char32_t, 5> SMALLEST{0, 0, 0x80, 0x800, 0x10000};
 constexpr char32_t LARGEST = 0x10FFFF;
 

@@ -182,7 +182,7 @@ Source OutputFile::readBack() const
     {
         throw systemError(target().string());
     }
-    // What is checked is then what the disk holds, not what memory remembers.
+    // Drops the cached pages, so that the check reads the disk.
     posix_fadvise(file_.get(), 0, 0, POSIX_FADV_DONTNEED);
     return Source(path(), target().string());
 }

@@ -39,13 +39,13 @@ constexpr auto FOOTER =
 struct InspectOptions
 {
     std::vector<fs::path> files;
-    /** Empty when each file is to tell. */
+    /** Empty: each file's content tells its kind. */
     std::string kind;
     bool json = false;
     bool strict = false;
 };
 
-/** Makes of the text what the systems display: four digits, upper case. */
+/** The form that systems show: four hexadecimal digits, upper case. */
 std::string normaliseSystemId(std::string& text)
 {
     const bool hexadecimal =
@@ -117,8 +117,9 @@ void addTrust(CLI::App& command, const std::string& name, pack::Trust& trust,
     addPath(command, name, trust.anchor, help);
     command
         .add_option("--min-days", trust.days,
-                    "So many days must be left to key and certificates: with " +
-                        name + " they are refused, else warned of; default 30")
+                    "Days for which key and certificates must still be valid: "
+                    "fewer is a refusal with " +
+                        name + ", and a warning without; default 30")
         ->type_name("DAYS")
         ->check(CLI::Range(0, MOST_DAYS));
 }
@@ -332,7 +333,7 @@ void addTestKeys(CLI::App& app, fs::path& directory)
     command.final_callback([&directory] { pack::makeTestKeys(directory); });
 }
 
-/** Names a command that there is not, which the parser would only count. */
+/** Says which word is no command. CLI11 would only say that one is missing. */
 void expectCommand(const CLI::App& app, int argc, char** argv)
 {
     const std::string given = argc > 1 ? argv[1] : "-";

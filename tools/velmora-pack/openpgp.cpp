@@ -30,7 +30,7 @@ constexpr int AGENT_POLLS = 250;
 using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
 using Data = Handle<std::remove_pointer_t<gpgme_data_t>, gpgme_data_release>;
 
-/** Bytes for the engine to read, or none that it can write to. */
+/** A buffer for gpg: to read from, or empty, to write to. */
 Data dataOf(Bytes bytes = {})
 {
     gpgme_data_t data = nullptr;

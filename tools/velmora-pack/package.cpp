@@ -79,7 +79,7 @@ bool isLeftover(std::string_view name)
                                { return name.ends_with(end); });
 }
 
-/** What is made there would be payload the next time. */
+/** An output there would be part of the payload the next time. */
 void expectOutside(const fs::path& made, const fs::path& payload)
 {
     const fs::path below = fs::weakly_canonical(fs::absolute(made))
@@ -152,7 +152,7 @@ struct Contents
     Remarks remarks;
 };
 
-/** What a member's name makes it. */
+/** Counts a member as what its name says it is. */
 void classify(Contents& contents, const ZipMember& member, std::uint64_t size,
               const std::string& digest)
 {

@@ -293,7 +293,8 @@ struct Slot
     {
         return chain.empty() ? nullptr : X509_get0_pubkey(chain.front().get());
     }
-    /** As the checker converts it: 0 when something else is missing. */
+
+    /** As the checker reads it: 0 when version or algorithm is missing. */
     std::int32_t timestamp() const
     {
         return metadata.version.empty() || metadata.algorithm.empty()

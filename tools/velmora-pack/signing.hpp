@@ -17,7 +17,7 @@ struct Signing
     std::filesystem::path passphraseFile;
     /** A signature that was made elsewhere. */
     std::filesystem::path signature;
-    /** Nothing is signed: this file receives what is to be. */
+    /** Nothing is signed. The bytes to be signed are written here. */
     std::filesystem::path toBeSigned;
     std::filesystem::path output;
     /** The output may replace a file. */
@@ -35,11 +35,10 @@ struct Trust
 {
     /** The machine's keyring or root CA; may be empty. */
     std::filesystem::path anchor;
-    /** So many days must be left to them. */
+    /** Days for which they must still be valid. */
     int days = 30;
 
-    /** What a machine would refuse, or soon will, is refused where it is known
-     *  what that trusts, and else warned of. */
+    /** Refuses when an anchor is given, and warns otherwise. */
     void object(std::string_view subject, std::string_view what) const
     {
         if (!anchor.empty())

@@ -125,7 +125,7 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
     return answer;
 }
 
-/** Whether an extraction into @p directory can have failed for want of room. */
+/** Whether @p directory may have been too full for an extraction. */
 bool isFull(const fs::path& directory)
 {
     const tools::FileDescriptor probe(
