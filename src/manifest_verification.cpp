@@ -497,7 +497,8 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
         return -1;
     }
     writeReleaseMarker(manifest);
-    const bool verified = ImageVerification::verifyImage(
-        image, static_cast<std::uint32_t>(imageSize), reply->key);
-    return verified ? 0 : -1;
+    return ImageVerification::verifyImage(
+               image, static_cast<std::uint32_t>(imageSize), reply->key)
+               ? 0
+               : -1;
 }

@@ -78,7 +78,8 @@ bool isolateChild()
     const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY);
     if (terminal < 0)
     {
-        return errno == ENXIO || errno == ENOENT || errno == EACCES;
+        return errno == ENXIO || errno == ENOENT || errno == EACCES ||
+               errno == EPERM;
     }
     return ioctl(terminal, TIOCNOTTY) == 0 && close(terminal) == 0;
 }

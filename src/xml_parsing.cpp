@@ -156,13 +156,17 @@ class GuardedParse
         {
             guard.refuse("the document is larger than 262144 bytes");
         }
+        // Behind an error the parser no longer says where a type ends, or that
+        // there is one, and still reads it.
         guard.documentTypeSize_ +=
-            guard.inDocumentType_ && guard.context_->wellFormed != 0
+            guard.inDocumentType_ || guard.context_->wellFormed == 0
                 ? static_cast<std::size_t>(count)
                 : 0;
         if (guard.documentTypeSize_ > MAX_DOCUMENT_TYPE)
         {
-            guard.refuse("the document type is larger than 8192 bytes");
+            guard.refuse(
+                "a document type, or what follows an error, is larger than "
+                "8192 bytes");
         }
         // The parser cannot be stopped while it fills its buffer. It stops
         // at the end of its input.

@@ -67,6 +67,9 @@ expect 125 'bmc-sim: .*nokey' "${sim[@]}" --keyring nokey -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --signer-key nokey -- true
 expect 0 '^out$' "${sim[@]}" -- sh -c 'echo out > here; cat here'
 expect 0 '^out$' cat here
+# Opened only. What is written there would run on the host.
+expect 0 '^closed$' "${sim[@]}" -- sh -c \
+    '(: >> /proc/sys/kernel/core_pattern) 2>/dev/null || echo closed'
 expect 0 '^700$' "${sim[@]}" -- stat -c %a /etc/gpg/secupkey/.gnupg
 expect 0 "$silent" "${sim[@]}" -- sh -c 'cd /var/run/velmora/Zarnholt && cd \
     /var/run/obmcupdate && echo 1 > /tmp/ingressRelease'

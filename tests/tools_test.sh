@@ -145,6 +145,7 @@ strict() {
 }
 strict '1 entry is not covered: payload2' 'mkdir payload2'
 strict '1 entry is not covered: package.xml.old' 'touch package.xml.old'
+strict '1 entry is not covered: payload/pipe' 'mkfifo payload/pipe'
 strict '1 entry is not covered: payload/a .a link' \
     'mv payload/a ../a; ln -s ../../a payload/a'
 if compgen -G '/tmp/velmora-*' >/dev/null; then
@@ -298,6 +299,14 @@ expect 1 'the payload is not larger than its trailer' "$velmora" verify-payload 
 printf '"ver": "1" "alg": "PS256" "sts"' |
     dd of=bare bs=1 seek=$((100000 + 24576)) conv=notrunc status=none
 expect 1 'refused: the metadata block ' "$velmora" verify-payload --strict bare
+# A value that looks like a bus that does not answer, in front of a failure.
+printf '"ver": "1" "alg": "PS256" "sts": "1\n%s' "$fake" |
+    dd of=bare bs=1 seek=$((100000 + 24576)) conv=notrunc status=none
+expect 1 'refused: ' "$velmora" verify-payload --strict bare
+cp "$keys/root-ca.pem" "$root_ca"
+expect 1 'refused: it has more than 99 bytes' "$velmora" verify-payload \
+    --strict --max-size 99 bare
+expect 2 'max-size' "$velmora" verify-payload --strict --max-size -1 bare
 fails image-signer "${payload[@]}" --key "$keys/image-signer.pem" --alg PS256 -o x
 fails foreign payload content --chain "$keys/foreign-root.pem" \
     --key "$keys/payload-signer.pem" --alg PS256 -o x

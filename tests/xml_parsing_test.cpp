@@ -37,7 +37,7 @@ constexpr std::size_t MAX_LINE_BREAKS = 512;
 const std::string MODEL = "<Model systemID='0A1B'/>";
 constexpr const char* TOO_LARGE = "the document is larger than 262144 bytes";
 constexpr const char* TOO_LARGE_TYPE =
-    "the document type is larger than 8192 bytes";
+    "a document type, or what follows an error, is larger than 8192 bytes";
 constexpr const char* ADDED = "entities, defaults and line breaks add too much";
 constexpr const char* ATTRIBUTES = "an element has more than 1000 attributes";
 
@@ -184,6 +184,8 @@ TEST_F(Parsing, NoDocumentCostsMuch)
     };
     const std::string names = named(1000, "|", "").substr(1);
     const std::string lineBreaks = repeat(300, "&#10;");
+    const std::string manyChoices =
+        "<!ATTLIST p a (x" + named(53'000, "|", "") + ") #IMPLIED>";
     const Hostile all[] = {
         {"ID declarations",
          typed(named(2000, "<!ATTLIST p ", " ID #IMPLIED>"), "")},
@@ -197,6 +199,10 @@ TEST_F(Parsing, NoDocumentCostsMuch)
         {"choices",
          typed("<!ATTLIST p a (" + named(60'000, "a|", "") + ") #IMPLIED>", ""),
          nullptr},
+        {"choices behind an error",
+         typed("<!ENTITY b '&#0;'>" + manyChoices, "")},
+        {"choices behind an error before the type",
+         "<!-- a -- b -->" + typed(manyChoices, "")},
         {"choices that fit",
          typed("<!ATTLIST p a (" + names + ") #IMPLIED>", "")},
         {"repeated choices",

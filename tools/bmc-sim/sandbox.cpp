@@ -211,12 +211,14 @@ std::vector<FileDescriptor> addInputs(Options& options, Program& bubblewrap)
 SandboxSupport probeSandbox()
 {
     // A container may forbid a new /proc, or take from root what it would
-    // get back in a user namespace.
+    // get back in a user namespace. The kernel's settings in /proc/sys ask for
+    // root alone, so they are read-only.
     const std::array<Arguments, 4> variants{{
-        {"--proc", "/proc"},
-        {"--proc", "/proc", "--unshare-user"},
-        {"--bind", "/proc", "/proc"},
-        {"--bind", "/proc", "/proc", "--unshare-user"},
+        {"--proc", "/proc", "--ro-bind", "/proc/sys", "/proc/sys"},
+        {"--proc", "/proc", "--unshare-user", "--ro-bind", "/proc/sys",
+         "/proc/sys"},
+        {"--ro-bind", "/proc", "/proc"},
+        {"--ro-bind", "/proc", "/proc", "--unshare-user"},
     }};
     std::string complaint;
     for (const Arguments& variant : variants)

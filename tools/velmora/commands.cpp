@@ -291,14 +291,18 @@ Answer inventoryAnswer(const Request& request,
     return answerFrom(run(request.verbose, work), Verdict::refused);
 }
 
-/** What a strict check finds wrong with the size of a signed file, or empty. */
-std::string sizeObjection(const Request& request)
+/** What a strict check finds wrong with the size of a file, or empty. */
+std::string sizeObjection(const Request& request, const fs::path& path)
 {
-    std::error_code error;
-    const auto size = fs::file_size(request.subject, error);
-    return request.strict && (error || size > request.maxSize)
-               ? tooLarge(request)
-               : "";
+    if (!request.strict)
+    {
+        return "";
+    }
+    if (!fs::is_regular_file(path))
+    {
+        return path.filename().string() + " is no regular file";
+    }
+    return fs::file_size(path) > request.maxSize ? tooLarge(request) : "";
 }
 
 bool isMetadataGood(const std::string& payload)
@@ -403,7 +407,8 @@ Answer digest(const Request& request)
                 // Zeros stand for a file that could not be read whole.
                 return text.find_first_not_of('0') != std::string::npos;
             });
-    if (!outcome.passed)
+    // A directory's digest covers only what could be read.
+    if (!outcome.passed || outcome.refusal.refused)
     {
         return unchecked("it cannot be digested: " + outcome.refusal.reason());
     }
@@ -427,10 +432,14 @@ Answer verifyImage(const Request& request)
     {
         return refused(OLDER_FORMAT);
     }
-    if (const std::string objection = sizeObjection(request);
-        !objection.empty())
+    for (const fs::path& path :
+         {fs::path(request.subject), directory / "image-ktb"})
     {
-        return refused(objection);
+        if (const std::string objection = sizeObjection(request, path);
+            !objection.empty())
+        {
+            return refused(objection);
+        }
     }
     Answer answer =
         answerFrom(run(request.verbose,
@@ -463,7 +472,7 @@ Answer verifyPayload(const Request& request)
 {
     expectReadable(request, request.subject);
     expectReadable(request, ROOT_CA_FILE);
-    if (const std::string objection = sizeObjection(request);
+    if (const std::string objection = sizeObjection(request, request.subject);
         !objection.empty())
     {
         return refused(objection);

@@ -399,7 +399,8 @@ void Explainer::takeFailure(const Line& line)
     refusal_ = std::exchange(now_, {});
     refusal_->refused = true;
     refusal_->site = site;
-    refusal_->exception = exception_;
+    // Only a line without a message tells of one.
+    refusal_->exception = line.hasMessage ? "" : exception_;
     addDetails(*refusal_, line);
     for (const auto& [name, value] :
          {std::pair("message", line.text), std::pair("logged", line.prefix)})

@@ -252,6 +252,7 @@ class CommandLine
         sub->add_option("--max-size", request.maxSize,
                         "With --strict: bytes, or 64MiB (default 1GiB)")
             ->transform(CLI::AsSizeValue(false))
+            ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60))
             ->needs(strict);
     }
 
