@@ -48,11 +48,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     }
     catch (const std::invalid_argument&)
     {
-        // Documented, for an identifier that is no number.
+        return 0; // Documented, for an identifier that is no number.
     }
     catch (const std::out_of_range&)
     {
-        // The same, for one that is too large.
+        return 0; // The same, for one that is too large.
     }
     return 0;
 }

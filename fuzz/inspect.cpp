@@ -44,11 +44,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         return 0;
     }
     const fuzz::Bytes input(data + 1, size - 1);
-    const bool isPayload = data[0] == 'y' || data[0] == 'Y';
-    std::string kind = data[0] == 'y' ? "payload" : "";
+    const char choice = static_cast<char>(data[0]);
+    const bool isPayload = choice == 'y' || choice == 'Y';
+    std::string kind = choice == 'y' ? "payload" : "";
     for (const std::string& name : pack::kindNames())
     {
-        if (name != "payload" && data[0] == name.front())
+        if (name != "payload" && choice == name.front())
         {
             kind = name;
         }
@@ -67,7 +68,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     }
     catch (const pack::Error&)
     {
-        // Not of its kind.
+        return 0; // Not of its kind.
     }
     return 0;
 }

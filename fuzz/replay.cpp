@@ -16,7 +16,7 @@ int main(int argc, char* argv[])
         std::error_code absent;
         for (const auto& entry : fs::directory_iterator(directory, absent))
         {
-            std::cout << entry.path().string() << std::endl;
+            std::cout << entry.path().string() << '\n' << std::flush;
             std::ifstream file(entry.path(), std::ios::binary);
             const std::string input{std::istreambuf_iterator<char>(file), {}};
             LLVMFuzzerTestOneInput(

@@ -59,8 +59,12 @@ bool failNow(std::string_view function, const void* caller)
     {
         releases->emplace_back(function);
     }
-    if (countdown == 0 || !watched || chosen != function ||
-        !inLibrary(caller) || --countdown != 0)
+    if (countdown == 0 || !watched || chosen != function || !inLibrary(caller))
+    {
+        return false;
+    }
+    --countdown;
+    if (countdown != 0)
     {
         return false;
     }
@@ -256,11 +260,14 @@ extern "C" int fault_execl(const char* path, const char* first, ...)
 // Memory fails for whatever the library calls, its own code or not.
 static void* allocate(std::size_t size)
 {
-    if (watched && countdown != 0 && chosen == "operator new" &&
-        --countdown == 0)
+    if (watched && countdown != 0 && chosen == "operator new")
     {
-        fired = true;
-        return nullptr;
+        --countdown;
+        if (countdown == 0)
+        {
+            fired = true;
+            return nullptr;
+        }
     }
     return std::malloc(size != 0 ? size : 1);
 }

@@ -333,6 +333,7 @@ TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
     std::fflush(stdout);
     const int saved = dup(STDOUT_FILENO);
     const int file = open((scratch / "stdout").c_str(), O_CREAT | O_RDWR, 0600);
+    ASSERT_TRUE(saved >= 0 && file >= 0);
     dup2(file, STDOUT_FILENO);
     std::fputs("buffered", stdout);
     EXPECT_FALSE(extract("execl", 1));

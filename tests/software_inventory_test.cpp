@@ -144,7 +144,7 @@ TEST_F(Inventory, ArgumentsArriveInOrder)
 
 TEST_F(Inventory, FaultsOfTheCaller)
 {
-    const auto throwsText = [&](auto exception, const std::string& text,
+    const auto throwsText = [&](const auto& exception, const std::string& text,
                                 const std::function<void()>& work)
     {
         try
@@ -152,7 +152,7 @@ TEST_F(Inventory, FaultsOfTheCaller)
             work();
             ADD_FAILURE() << "nothing thrown";
         }
-        catch (const decltype(exception)& e)
+        catch (decltype(exception) e)
         {
             EXPECT_EQ(e.what(), text);
         }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iostream>
 
 namespace velmora::test
 {
@@ -27,7 +28,7 @@ void substituteEntities(int on) { xmlSubstituteEntitiesDefault(on); }
 
 /** What one descriptor may cost in one call. */
 constexpr double MAX_SECONDS = 2;
-constexpr long MAX_KIB = 64 * 1024;
+constexpr long MAX_KIB = 65'536;
 constexpr long MAX_LINES = 1000;
 /** The largest document that is parsed. */
 constexpr std::size_t MAX_SIZE = 262144;
@@ -134,17 +135,21 @@ class Parsing : public testing::Test
         const pid_t child = fork();
         if (child == 0)
         {
-            dup2(open((scratch / "log").c_str(), O_CREAT | O_TRUNC | O_WRONLY,
-                      0600),
-                 STDERR_FILENO);
+            const int file = open((scratch / "log").c_str(),
+                                  O_CREAT | O_TRUNC | O_WRONLY, 0600);
+            if (file < 0 || dup2(file, STDERR_FILENO) < 0)
+            {
+                _exit(1);
+            }
             rusage before{};
             getrusage(RUSAGE_SELF, &before);
             try
             {
                 ValidateQOR::validateSytemIdFromPkgXML(path);
             }
-            catch (const std::exception&)
+            catch (const std::exception& refusal)
             {
+                std::cerr << refusal.what() << '\n';
             }
             rusage after{};
             getrusage(RUSAGE_SELF, &after);
