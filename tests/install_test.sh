@@ -33,7 +33,7 @@ expect() {
 
 # The compiler that README.md means by c++ is that of the build.
 c++() {
-    "${compiler[@]}" -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror "$@"
+    command "${compiler[@]}" -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror "$@"
 }
 
 # The lines for a private prefix, but for what has been done for the tests:
