@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 struct Holdings
 {
     long residentKib = 0;
-    long descriptors = 0;
+    long fileDescriptors = 0;
     long processes = 0;
     long connections = 0;
 
@@ -81,7 +81,7 @@ Holdings measure()
     statm >> pages >> now.residentKib;
     now.residentKib *= 4;
     statm.close();
-    now.descriptors = countEntries("/proc/self/fd");
+    now.fileDescriptors = countEntries("/proc/self/fd");
     now.processes = countProcesses();
     now.connections = countConnections();
     return now;
@@ -89,10 +89,11 @@ Holdings measure()
 
 void show(int round, const Holdings& now)
 {
-    std::printf("after %d: %ld KiB resident, %ld descriptors, %ld processes, "
-                "%ld bus connections\n",
-                round, now.residentKib, now.descriptors, now.processes,
-                now.connections);
+    std::printf(
+        "after %d: %ld KiB resident, %ld file descriptors, %ld processes, "
+        "%ld bus connections\n",
+        round, now.residentKib, now.fileDescriptors, now.processes,
+        now.connections);
 }
 
 bool once(const std::string& operation, const char* directory)
@@ -111,8 +112,8 @@ bool once(const std::string& operation, const char* directory)
 
 int main(int argc, char** argv)
 {
-    constexpr int settled = 100;
-    constexpr long slackKib = 256;
+    constexpr int SETTLED = 100;
+    constexpr long SLACK_KIB = 256;
     const int count = argc > 2 ? std::atoi(argv[2]) : 0;
     if (count < 1)
     {
@@ -127,20 +128,20 @@ int main(int argc, char** argv)
             std::fprintf(stdout, "refused in round %d\n", i);
             return 1;
         }
-        if (i == settled)
+        if (i == SETTLED)
         {
             first = measure();
             show(i, first);
         }
     }
-    if (count <= settled)
+    if (count <= SETTLED)
     {
         std::puts("nothing measured: that takes more than 100 rounds");
         return 0;
     }
     Holdings last = measure();
     show(count, last);
-    const bool grown = last.residentKib > first.residentKib + slackKib;
+    const bool grown = last.residentKib > first.residentKib + SLACK_KIB;
     last.residentKib = first.residentKib;
     const bool flat = !grown && last == first;
     std::printf("%s\n", flat ? "flat" : "NOT flat");

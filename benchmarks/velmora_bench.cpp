@@ -131,9 +131,9 @@ void bareComposite(benchmark::State& state)
         std::array<char, 4096> buffer;
         for (const std::string& path : paths)
         {
-            const int descriptor = open(path.c_str(), O_RDONLY);
-            const ssize_t size = read(descriptor, buffer.data(), buffer.size());
-            close(descriptor);
+            const int file = open(path.c_str(), O_RDONLY);
+            const ssize_t size = read(file, buffer.data(), buffer.size());
+            close(file);
             digest(EVP_sha256(), buffer.data(),
                    static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
         }

@@ -14,7 +14,7 @@ model=113440
 version=1.2.3
 system=0A1B
 
-# ---- keys ----------------------------------------------------------------
+# Keys.
 # A real release has its keys already, and only names them here. This one makes
 # some for a try and puts them into a token of SoftHSM.
 velmora-pack test-keys keys
@@ -36,7 +36,7 @@ payload_key="pkcs11:token=release;object=payload"
 keyring=keys/keyring.asc
 root_ca=keys/root-ca.pem
 
-# ---- make ----------------------------------------------------------------
+# Make.
 # --keyring and --root-ca: nothing is made that the machine would refuse.
 velmora-pack package --payload "$files" --model "$model" --version "$version" \
     --system-id "$system" --gpg-home keys/gnupg \
@@ -47,13 +47,13 @@ velmora-pack image content --key "$image_key" -o image
 velmora-pack payload content --chain keys/chain.pem --alg PS384 \
     --key "$payload_key" --root-ca "$root_ca" -o payload
 
-# ---- look ----------------------------------------------------------------
+# Look.
 # --strict: a remark ends the release.
 velmora-pack inspect --strict update.zip
 velmora-pack inspect --strict --as image image
 velmora-pack inspect --strict payload
 
-# ---- judge ---------------------------------------------------------------
+# Judge.
 # The machine's security service is simulated too: it needs a manifest.
 velmora-pack manifest -o manifest
 bmc-sim --system-id "$system" --keyring "$keyring" --root-ca "$root_ca" \

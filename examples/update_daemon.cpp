@@ -61,9 +61,9 @@ class FileDescriptor
 {
   public:
     FileDescriptor(const fs::path& path, int flags) :
-        descriptor_(open(path.c_str(), flags | O_CLOEXEC, 0600))
+        number_(open(path.c_str(), flags | O_CLOEXEC, 0600))
     {
-        if (descriptor_ < 0)
+        if (number_ < 0)
         {
             failWithErrno(path.string());
         }
@@ -72,12 +72,12 @@ class FileDescriptor
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
 
-    ~FileDescriptor() { close(descriptor_); }
+    ~FileDescriptor() { close(number_); }
 
-    int get() const { return descriptor_; }
+    int get() const { return number_; }
 
   private:
-    int descriptor_;
+    int number_;
 };
 
 /** The library's fixed files and the bus objects are for one at a time. */
@@ -125,11 +125,11 @@ class PrivateDirectory
     fs::path path_;
 };
 
-void writeAll(int descriptor, const char* data, std::size_t size)
+void writeAll(int file, const char* data, std::size_t size)
 {
     while (size > 0)
     {
-        const ssize_t written = write(descriptor, data, size);
+        const ssize_t written = write(file, data, size);
         if (written < 0)
         {
             failWithErrno("cannot write the private copy");

@@ -94,24 +94,24 @@ class InputFile
   public:
     InputFile(const Scratch& scratch, const std::string& name) :
         path_(scratch.path() + "/" + name),
-        descriptor_(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+        file_(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {
     }
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
-    ~InputFile() { close(descriptor_); }
+    ~InputFile() { close(file_); }
 
     void set(Bytes content)
     {
-        expect(pwrite(descriptor_, content.data(), content.size(), 0) ==
+        expect(pwrite(file_, content.data(), content.size(), 0) ==
                    static_cast<ssize_t>(content.size()) &&
-               ftruncate(descriptor_, static_cast<off_t>(content.size())) == 0);
+               ftruncate(file_, static_cast<off_t>(content.size())) == 0);
     }
     const std::string& path() const { return path_; }
 
   private:
     std::string path_;
-    int descriptor_;
+    int file_;
 };
 
 } // namespace fuzz

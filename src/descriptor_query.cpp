@@ -93,12 +93,12 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
 
 std::string ValidateQOR::getImageModel(const std::string& packageDir)
 {
-    return getStrFromPkgXML(joined(packageDir, descriptorFileName), "//Device",
-                            "componentID");
+    return getStrFromPkgXML(joined(packageDir, DESCRIPTOR_FILE_NAME),
+                            "//Device", "componentID");
 }
 
 std::string ValidateQOR::getImageVersion(const std::string& packageDir)
 {
-    return getStrFromPkgXML(joined(packageDir, descriptorFileName),
+    return getStrFromPkgXML(joined(packageDir, DESCRIPTOR_FILE_NAME),
                             "//SoftwareComponent", "vendorVersion");
 }

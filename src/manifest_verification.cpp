@@ -146,11 +146,11 @@ void writeReleaseMarker(Bytes manifest)
     {
         return;
     }
-    constexpr mode_t readableByAll = 0666;
+    constexpr mode_t READABLE_BY_ALL = 0666;
     const FileDescriptor file(
         open(RELEASE_MARKER_FILE,
              O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-             readableByAll));
+             READABLE_BY_ALL));
     struct stat status{};
     if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
         status.st_nlink != 1 || ftruncate(file.get(), 0) != 0)

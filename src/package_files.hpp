@@ -8,9 +8,9 @@ namespace velmora
 {
 
 /** Members of a package, each one path component. */
-extern const std::filesystem::path descriptorFileName;
-extern const std::filesystem::path signatureFileName;
-extern const std::filesystem::path payloadName;
+extern const std::filesystem::path DESCRIPTOR_FILE_NAME;
+extern const std::filesystem::path SIGNATURE_FILE_NAME;
+extern const std::filesystem::path PAYLOAD_NAME;
 
 inline std::string joined(const std::string& directory,
                           const std::filesystem::path& name)

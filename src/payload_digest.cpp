@@ -63,13 +63,13 @@ class Sha256
     /** Lower-case hexadecimal text of what finish() gave. */
     std::string text() const
     {
-        constexpr std::string_view digits = "0123456789abcdef";
+        constexpr std::string_view DIGITS = "0123456789abcdef";
         std::string hex;
         hex.reserve(2 * SHA256_SIZE);
         for (const unsigned char byte : digest_)
         {
-            hex += digits[byte >> 4];
-            hex += digits[byte & 0xF];
+            hex += DIGITS[byte >> 4];
+            hex += DIGITS[byte & 0xF];
         }
         return hex;
     }
@@ -84,10 +84,10 @@ class Sha256
  *  second open waits. */
 FileDescriptor openFile(const std::string& path)
 {
-    constexpr int flags = O_RDONLY | O_CLOEXEC;
-    const int number = open(path.c_str(), flags | O_NONBLOCK);
+    constexpr int FLAGS = O_RDONLY | O_CLOEXEC;
+    const int number = open(path.c_str(), FLAGS | O_NONBLOCK);
     return FileDescriptor(number < 0 && errno == EWOULDBLOCK
-                              ? open(path.c_str(), flags)
+                              ? open(path.c_str(), FLAGS)
                               : number);
 }
 

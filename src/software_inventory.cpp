@@ -154,7 +154,7 @@ int callInventoryManager(const char* method,
 VersionPurpose ValidateQOR::getImagePurpose(const std::string& packageDir)
 {
     const std::string compID = getStrFromPkgXML(
-        joined(packageDir, descriptorFileName), "//Device", "componentID");
+        joined(packageDir, DESCRIPTOR_FILE_NAME), "//Device", "componentID");
     if (compID == BMC_COMPONENT)
     {
         LOG_INFO("compID: ", compID);

@@ -12,9 +12,9 @@
 namespace velmora
 {
 
-const std::filesystem::path descriptorFileName("package.xml");
-const std::filesystem::path signatureFileName("package.xml.sign");
-const std::filesystem::path payloadName("payload");
+const std::filesystem::path DESCRIPTOR_FILE_NAME("package.xml");
+const std::filesystem::path SIGNATURE_FILE_NAME("package.xml.sign");
+const std::filesystem::path PAYLOAD_NAME("payload");
 
 } // namespace velmora
 
@@ -29,8 +29,8 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         LOG_FAILURE("the package directory is missing or no directory");
         return false;
     }
-    const std::string descriptorPath = joined(packageDir, descriptorFileName);
-    const std::string signaturePath = joined(packageDir, signatureFileName);
+    const std::string descriptorPath = joined(packageDir, DESCRIPTOR_FILE_NAME);
+    const std::string signaturePath = joined(packageDir, SIGNATURE_FILE_NAME);
     if (!validateSytemIdFromPkgXML(descriptorPath))
     {
         LOG_PASSED_ON("the system identity check refused");
@@ -50,7 +50,7 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         return false;
     }
     const std::string sha256FromImage =
-        getSHAStrFromImage(joined(packageDir, payloadName));
+        getSHAStrFromImage(joined(packageDir, PAYLOAD_NAME));
     if (sha256FromImage.empty())
     {
         LOG_PASSED_ON("the payload has no digest");

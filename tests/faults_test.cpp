@@ -199,7 +199,7 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
         scenario.prepare();
         logOf(work);
         ASSERT_TRUE(accepted) << scenario.name;
-        const std::size_t before = descriptors();
+        const std::size_t before = openFileDescriptors();
         for (const std::string& function : faultyFunctions())
         {
             // Only the children open files here: their calls are not counted.
@@ -217,7 +217,7 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
                 logOf([&] { fired = withFault(function, nth, work); });
                 EXPECT_EQ(accepted, !fired || harmless)
                     << scenario.name << ": " << function << " " << nth;
-                EXPECT_EQ(descriptors(), before)
+                EXPECT_EQ(openFileDescriptors(), before)
                     << scenario.name << ": " << function << " " << nth;
                 met[function] += fired;
                 ASSERT_LT(nth, 1000);

@@ -43,8 +43,6 @@ std::string manifestOf(const std::string& records, std::uint32_t count,
            records;
 }
 
-// ---- container ---------------------------------------------------------
-
 class Manifest : public LoggedTest
 {
   protected:
@@ -92,8 +90,6 @@ TEST_F(Manifest, WhatIsNotWholeIsRefusedAndLeavesTheOutput)
     EXPECT_FALSE(
         ValidateQOR::extractManifest(directory, "$KTB", header, manifest));
 }
-
-// ---- image -------------------------------------------------------------
 
 class Image : public LoggedTest
 {
@@ -164,9 +160,9 @@ class Image : public LoggedTest
 
 TEST_F(Image, VerifiesAtEverySize)
 {
-    constexpr std::size_t chunk = 4'194'304;
-    for (const std::size_t size : {std::size_t(0), std::size_t(1), chunk - 1,
-                                   chunk, chunk + 1, 2 * chunk})
+    constexpr std::size_t CHUNK = 4'194'304;
+    for (const std::size_t size : {std::size_t(0), std::size_t(1), CHUNK - 1,
+                                   CHUNK, CHUNK + 1, 2 * CHUNK})
     {
         if (size > 0)
         {

@@ -77,9 +77,9 @@ TEST_F(Digest, OfFilesAroundThePieceSize)
     writeFile(scratch / "f", "");
     EXPECT_EQ(file(scratch / "f"), EMPTY_DIGEST);
     EXPECT_THAT(log, ElementsAre(shaLine(scratch / "f", EMPTY_DIGEST)));
-    constexpr std::size_t piece = 10'485'760;
+    constexpr std::size_t PIECE = 10'485'760;
     for (const std::size_t size :
-         {std::size_t(3), piece - 1, piece, piece + 1, 2 * piece + 7})
+         {std::size_t(3), PIECE - 1, PIECE, PIECE + 1, 2 * PIECE + 7})
     {
         std::string content(size, 'x');
         content[size / 2] = '\0';
@@ -129,10 +129,10 @@ TEST_F(Digest, CompositeOfKnownContents)
                                  std::string(EMPTY_DIGEST)));
     writeFile(scratch / "b", "abc");
     writeFile(scratch / "a", "");
-    constexpr const char* digest =
+    constexpr const char* DIGEST =
         "302d3d24b187100835e04a2cd639ad14026ab49e914d2fdc80abf018000b10dd";
-    EXPECT_EQ(directory(scratch.path), digest);
-    EXPECT_EQ(directory(scratch.path.string() + "/"), digest);
+    EXPECT_EQ(directory(scratch.path), DIGEST);
+    EXPECT_EQ(directory(scratch.path.string() + "/"), DIGEST);
     EXPECT_EQ(log.front(), shaLine(scratch / "a", EMPTY_DIGEST));
     writeFile(scratch / "a", "abc");
     writeFile(scratch / "b", "");

@@ -81,7 +81,7 @@ Lines logOf(const std::function<void()>& work)
     return lines;
 }
 
-std::size_t descriptors()
+std::size_t openFileDescriptors()
 {
     return static_cast<std::size_t>(std::distance(
         fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));

@@ -25,8 +25,8 @@ using Lines = std::vector<std::string>;
  *  "LEVEL function: message" for the stderr style, others as they are. */
 Lines logOf(const std::function<void()>& work);
 
-/** Open descriptors of this process. */
-std::size_t descriptors();
+/** Open file descriptors of this process. */
+std::size_t openFileDescriptors();
 
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& content);

@@ -47,7 +47,7 @@ mkdir files unpacked
 echo one >files/a
 echo two >files/b
 
-# ---- packages ----------------------------------------------------------
+# Packages.
 "$pack" "${package[@]}" --payload files --system-id 1 --system-id 0a1b -o p.zip
 expect 0 "^accepted: signed by TEST.* $(cat "$keys/fingerprint")\$" "$velmora" validate p.zip
 expect 0 '"verified": true' "$velmora" --json validate p.zip
@@ -215,7 +215,7 @@ mkdir secret
 cp "$keys/image-signer.pem" secret/a
 fails secret/a "${package[@]}" --payload secret -o x.zip
 
-# ---- images ------------------------------------------------------------
+# Images.
 head -c 100000 /dev/urandom >content
 touch empty
 "$pack" manifest --release 1 --prefix files/a -o manifest
@@ -244,7 +244,7 @@ fails own-key "image" own-key --key "$keys/image-signer.pem" -o x
 fails content "image" content --signature content \
     --public-key "$keys/image-signer.pub.pem" -o x
 
-# ---- payloads ----------------------------------------------------------
+# Payloads.
 payload=(payload content --chain "$keys/chain.pem")
 for algorithm in PS256 PS384 PS512; do
     "$pack" "${payload[@]}" --key "$keys/payload-signer.pem" \
@@ -320,7 +320,7 @@ for file in files/a content /dev/null "$keys" none; do
     expect '1' '^velmora-pack: ' "$pack" inspect "$file"
 done
 
-# ---- inspect -----------------------------------------------------------
+# Inspect.
 python3 - <<'PY'
 import zipfile
 with zipfile.ZipFile("p.zip") as package:
@@ -373,7 +373,7 @@ expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
 files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))
 print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'
 
-# ---- inventory ---------------------------------------------------------
+# Inventory.
 path=/xyz/openbmc_project/inventory/system/x
 add=(inventory add "$path" --detail1 M --detail2 2 --purpose CPLD)
 expect 0 '^done$' "$velmora" "${add[@]}"
@@ -388,7 +388,7 @@ expect 2 . "$velmora" "${add[@]}" --release-type None
 sed -i 's/componentID="[^"]*"/componentID="7"/' unpacked/package.xml
 expect 0 '^TPM$' "$velmora" purpose unpacked
 
-# ---- terminals and signals ---------------------------------------------
+# Terminals and signals.
 sed -i $'s/componentID="[^"]*"/componentID="\u009b\u202ex\u00e4"/' unpacked/package.xml
 expect 0 $'^model: \\\\xc2\\\\x9b\\\\xe2\\\\x80\\\\xaex\u00e4$' "$velmora" info unpacked
 expect 3 '^velmora: a.x0ab.xff.xed.xa0.x80: could' "$velmora" digest \

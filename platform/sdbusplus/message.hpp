@@ -20,11 +20,11 @@ namespace details
 
 /** D-Bus signature of a type that a variant can hold. */
 template <typename T>
-inline constexpr const char* signature = nullptr;
+inline constexpr const char* SIGNATURE = nullptr;
 template <>
-inline constexpr const char* signature<std::string> = "s";
+inline constexpr const char* SIGNATURE<std::string> = "s";
 template <>
-inline constexpr const char* signature<std::vector<std::uint8_t>> = "ay";
+inline constexpr const char* SIGNATURE<std::vector<std::uint8_t>> = "ay";
 
 /** @throws exception::SdBusError for a negative @p result */
 inline int check(int result, const char* step)
@@ -105,14 +105,14 @@ inline void read(sd_bus_message* m, std::vector<std::uint8_t>& bytes)
 template <typename T>
 void read(sd_bus_message* m, std::variant<T>& value)
 {
-    if (check(sd_bus_message_verify_type(m, 'v', signature<T>),
+    if (check(sd_bus_message_verify_type(m, 'v', SIGNATURE<T>),
               "sd_bus_message_verify_type variant") == 0)
     {
         check(sd_bus_message_skip(m, "v"), "sd_bus_message_skip variant");
         value = T{};
         return;
     }
-    check(sd_bus_message_enter_container(m, 'v', signature<T>),
+    check(sd_bus_message_enter_container(m, 'v', SIGNATURE<T>),
           "sd_bus_message_enter_container variant");
     T content{};
     read(m, content);

@@ -40,9 +40,9 @@ int run(const Arguments& arguments)
         sd_notify(0, "READY=1");
         return check(sd_event_loop(loop.get()), "event loop");
     }
-    if (!options.insideDescriptors.empty())
+    if (!options.insideFiles.empty())
     {
-        return runSession(options, enterSandbox(options.insideDescriptors));
+        return runSession(options, enterSandbox(options.insideFiles));
     }
     if (options.inPlace)
     {

@@ -117,9 +117,7 @@ void declareOptions(CLI::App& app, Options& options, Texts& texts)
     app.add_flag("--in-place", options.inPlace,
                  "Work in place, as in a container that forbids namespaces; "
                  "root only");
-    app.add_option("--inside", options.insideDescriptors)
-        ->expected(2)
-        ->group("");
+    app.add_option("--inside", options.insideFiles)->expected(2)->group("");
     app.set_version_flag("--version",
                          std::string("bmc-sim " VELMORA_VERSION ", ") +
                              libraryVersion);
@@ -141,7 +139,7 @@ void convert(const Texts& texts, Options& options)
     std::ranges::set_difference(
         options.serves ? texts.served : SERVICES, texts.absent,
         std::inserter(options.services, options.services.end()));
-    if (!options.insideDescriptors.empty())
+    if (!options.insideFiles.empty())
     {
         std::size_t number = 0;
         for (InputFile* const input : inputFiles(options))

@@ -42,7 +42,7 @@ struct Options
     /** Given by bmc-sim to itself alone, when it starts itself within the
      *  sandbox: the standard error stream to go on with, and supervise()'s
      *  lifeline to the bmc-sim outside. */
-    std::vector<int> insideDescriptors;
+    std::vector<int> insideFiles;
 
     std::vector<std::string> command;
 };

@@ -46,9 +46,9 @@ sigset_t endSignals()
         dup2(stream < 0 ? standard : stream, standard);
         ++standard;
     }
-    for (const int descriptor : program.kept)
+    for (const int number : program.kept)
     {
-        fcntl(descriptor, F_SETFD, 0);
+        fcntl(number, F_SETFD, 0);
     }
     std::vector<char*> pointers;
     for (const std::string& argument : program.arguments)

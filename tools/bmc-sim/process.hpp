@@ -21,11 +21,11 @@ using Arguments = std::vector<std::string>;
 struct Program
 {
     Arguments arguments;
-    /** Descriptors to use for the standard streams; -1 keeps bmc-sim's. */
+    /** File descriptors to use for the standard streams; -1 keeps bmc-sim's. */
     int input = -1;
     int output = -1;
     int error = -1;
-    /** Further descriptors that the program is to find open. */
+    /** Further file descriptors that the program is to find open. */
     std::vector<int> kept;
     /** Whether this is the user's COMMAND, not a tool of bmc-sim's. */
     bool isCommand = false;

@@ -289,14 +289,14 @@ int runInSandbox(Options& options, const Arguments& arguments,
     return status;
 }
 
-Site enterSandbox(const std::vector<int>& insideDescriptors)
+Site enterSandbox(const std::vector<int>& insideFiles)
 {
     holdSignals();
     // The sandbox was made, so bubblewrap's messages are dropped.
     [[maybe_unused]] const int emptied = ftruncate(STDERR_FILENO, 0);
-    const FileDescriptor errorStream(insideDescriptors.at(0));
+    const FileDescriptor errorStream(insideFiles.at(0));
     dup2(errorStream.get(), STDERR_FILENO);
-    const int lifeline = insideDescriptors.at(1);
+    const int lifeline = insideFiles.at(1);
     fcntl(lifeline, F_SETFD, FD_CLOEXEC);
     return {.workDirectory = SANDBOX_DIRECTORY, .lifeline = lifeline};
 }

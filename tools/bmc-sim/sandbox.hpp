@@ -26,6 +26,6 @@ int runInSandbox(Options& options, const Arguments& arguments,
                  const Arguments& support);
 
 /** First step within: takes up the caller's standard error stream. */
-Site enterSandbox(const std::vector<int>& insideDescriptors);
+Site enterSandbox(const std::vector<int>& insideFiles);
 
 } // namespace bmc_sim

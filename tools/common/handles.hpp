@@ -27,32 +27,30 @@ class FileDescriptor
 {
   public:
     FileDescriptor() = default;
-    explicit FileDescriptor(int descriptor) noexcept : descriptor_(descriptor)
-    {
-    }
+    explicit FileDescriptor(int descriptor) noexcept : number_(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept :
-        descriptor_(std::exchange(other.descriptor_, -1))
+        number_(std::exchange(other.number_, -1))
     {
     }
     FileDescriptor& operator=(FileDescriptor&& other) noexcept
     {
-        std::swap(descriptor_, other.descriptor_);
+        std::swap(number_, other.number_);
         return *this;
     }
     ~FileDescriptor() { reset(); }
 
-    int get() const noexcept { return descriptor_; }
+    int get() const noexcept { return number_; }
 
     void reset() noexcept
     {
-        if (descriptor_ >= 0)
+        if (number_ >= 0)
         {
-            close(std::exchange(descriptor_, -1));
+            close(std::exchange(number_, -1));
         }
     }
 
   private:
-    int descriptor_ = -1;
+    int number_ = -1;
 };
 
 } // namespace tools
