@@ -238,6 +238,26 @@ class ImageVerification
         return file.seekg(0, std::ios::end).tellg();
     }
 
+    /** In bytes, or nothing after a logged failure. */
+    static std::optional<std::uint32_t> imageSize(std::ifstream& image)
+    {
+        if (!image)
+        {
+            PRINT_FAILURE("the image cannot be opened",
+                          "Error opening ZRN tar file");
+            return std::nullopt;
+        }
+        const std::streamoff size = image.seekg(0, std::ios::end).tellg();
+        // Past 32 bits the count would wrap and only a part would be verified.
+        if (size < 0 || size > std::numeric_limits<std::uint32_t>::max())
+        {
+            PRINT_FAILURE("the image has no length, or 4 GiB or more",
+                          "Payload size error");
+            return std::nullopt;
+        }
+        return static_cast<std::uint32_t>(size);
+    }
+
     static std::optional<SecurityReply>
         askSecurityService(const std::vector<std::uint8_t>& manifest)
     {
@@ -460,19 +480,9 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
     }
 
     std::ifstream image(imagePath, std::ios::binary);
-    if (!image)
+    const auto imageSize = ImageVerification::imageSize(image);
+    if (!imageSize)
     {
-        PRINT_FAILURE("the image cannot be opened",
-                      "Error opening ZRN tar file");
-        return -1;
-    }
-    image.seekg(0, std::ios::end);
-    const std::streamoff imageSize = image.tellg();
-    // Past 32 bits the count would wrap and only a part would be verified.
-    if (imageSize < 0 || imageSize > std::numeric_limits<std::uint32_t>::max())
-    {
-        PRINT_FAILURE("the image has no length, or 4 GiB or more",
-                      "Payload size error");
         return -1;
     }
     std::ifstream manifestFile(manifestDir + "/" + MANIFEST_FILE,
@@ -497,8 +507,6 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
         return -1;
     }
     writeReleaseMarker(manifest);
-    return ImageVerification::verifyImage(
-               image, static_cast<std::uint32_t>(imageSize), reply->key)
-               ? 0
-               : -1;
+    return ImageVerification::verifyImage(image, *imageSize, reply->key) ? 0
+                                                                         : -1;
 }

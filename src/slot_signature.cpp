@@ -175,6 +175,19 @@ class SlotVerification
         return SLOT_VERIFIED;
     }
 
+    static SlotStatus refuseCertificate(PayloadFile& payload)
+    {
+        PRINT_PASSED_ON("there is no signer's certificate",
+                        "convert char buffer to X509 cert format failed");
+        payload.close();
+        if (!payload.unmap())
+        {
+            PRINT_HARMLESS("the payload could not be unmapped",
+                           "Line[%u]munmap failed", unsigned{lineNumber});
+        }
+        return SLOT_CERTIFICATE;
+    }
+
     /** @return @p status, or what went wrong here */
     static SlotStatus releasePayload(PayloadFile& payload, const char* path,
                                      SlotStatus status)
@@ -509,15 +522,7 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
         verification.certificate.reset(getX509Cert(chain));
         if (verification.certificate == nullptr)
         {
-            PRINT_PASSED_ON("there is no signer's certificate",
-                            "convert char buffer to X509 cert format failed");
-            payload.close();
-            if (!payload.unmap())
-            {
-                PRINT_HARMLESS("the payload could not be unmapped",
-                               "Line[%u]munmap failed", unsigned{lineNumber});
-            }
-            return SLOT_CERTIFICATE;
+            return SlotVerification::refuseCertificate(payload);
         }
         PRINT_INFO("getX509Cert is done");
         status = verification.verify(signature, payload, len_upto_s1_ts);
