@@ -7,11 +7,9 @@
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
 #include <clocale>
 #include <ctime>
 #include <sstream>
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -22,10 +20,7 @@ namespace
 {
 
 constexpr std::size_t FINGERPRINT_LENGTH = 40;
-constexpr auto TEST_KEY_ALGORITHM = "ed25519";
 constexpr std::int64_t SECONDS_PER_DAY = 86400;
-constexpr std::chrono::milliseconds AGENT_POLL(20);
-constexpr int AGENT_POLLS = 250;
 
 using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
 using Data = Handle<std::remove_pointer_t<gpgme_data_t>, gpgme_data_release>;
@@ -52,48 +47,43 @@ Buffer contentOf(Data data)
     return {bytes.begin(), bytes.end()};
 }
 
-/** Runs a program of GnuPG, which gpgme knows under that name. */
-void spawn(const char* known, const std::vector<std::string>& arguments,
-           gpgme_data_t input = nullptr, gpgme_data_t output = nullptr,
-           gpgme_data_t errors = nullptr)
+} // namespace
+
+Said runProgram(const char* program, const std::vector<std::string>& arguments,
+                Bytes input)
 {
     std::vector<const char*> pointers(arguments.size() + 1);
     std::ranges::transform(arguments, pointers.begin(),
                            [](const std::string& text)
                            { return text.c_str(); });
+    gpgme_check_version(nullptr);
     gpgme_ctx_t made = nullptr;
-    const char* const program = gpgme_get_dirinfo(known);
-    if (gpgme_new(&made) != GPG_ERR_NO_ERROR)
-    {
-        throw Error("gpg", "no memory");
-    }
+    const bool isReady = gpgme_new(&made) == GPG_ERR_NO_ERROR;
     const Context context(made);
-    if (program == nullptr ||
+    const Data given = dataOf(input);
+    Data output = dataOf();
+    Data errors = dataOf();
+    if (!isReady || program == nullptr ||
         gpgme_set_protocol(made, GPGME_PROTOCOL_SPAWN) != GPG_ERR_NO_ERROR ||
-        gpgme_op_spawn(made, program, pointers.data(), input, output, errors,
-                       0) != GPG_ERR_NO_ERROR)
+        gpgme_op_spawn(made, program, pointers.data(), given.get(),
+                       output.get(), errors.get(), 0) != GPG_ERR_NO_ERROR)
     {
         throw Error(arguments.front(), "cannot be run");
     }
+    // A signal from the terminal ends the program too.
+    throwIfInterrupted();
+    return {contentOf(std::move(output)), contentOf(std::move(errors))};
 }
 
-/** What gpg said at last, for the end of a message. */
-std::string reasonIn(std::string_view text)
+std::string reasonIn(const Said& said)
 {
+    std::string_view text = textOf(said.errors);
     text = text.substr(0, text.find_last_not_of('\n') + 1);
     text.remove_prefix(text.rfind('\n') + 1);
     constexpr std::string_view name = "gpg: ";
     text.remove_prefix(text.starts_with(name) ? name.size() : 0);
-    const bool asked = text.find("ioctl") != std::string_view::npos ||
-                       text.find("pinentry") != std::string_view::npos;
-    return (text.empty() ? "" : ": ") + std::string(text) +
-           (asked ? "; to ask for a passphrase gpg needs a terminal, with "
-                    "GPG_TTY=$(tty) in the environment; without one, "
-                    "gpg-preset-passphrase"
-                  : "");
+    return (text.empty() ? "" : ": ") + std::string(text);
 }
-
-} // namespace
 
 bool sameFingerprint(const std::string& left, const std::string& right)
 {
@@ -124,29 +114,6 @@ OpenPgp::OpenPgp(fs::path directory) : home_(std::move(directory))
     }
 }
 
-OpenPgp::~OpenPgp()
-{
-    if (!ownsHome_)
-    {
-        return;
-    }
-    try
-    {
-        spawn("gpgconf-name", {"gpgconf", "--homedir", home_, "--kill", "all"});
-    }
-    catch (const std::exception&)
-    {
-        return;
-    }
-    // The agent removes its sockets by path: the home must not move before.
-    std::error_code error;
-    for (int i = 0; i < AGENT_POLLS && fs::exists(home_ / "S.gpg-agent", error);
-         ++i)
-    {
-        std::this_thread::sleep_for(AGENT_POLL);
-    }
-}
-
 std::string OpenPgp::name() const
 {
     return home_.empty() ? "gpg" : home_.string();
@@ -170,18 +137,22 @@ Buffer OpenPgp::run(std::vector<std::string> arguments, Bytes input,
         arguments.insert(arguments.begin(), {"--homedir", home_});
     }
     arguments.insert(arguments.begin(), {"gpg", "--batch", "--no-tty"});
-    const Data given = dataOf(input);
-    Data said = dataOf();
-    Data made = dataOf();
-    spawn("gpg-name", arguments, given.get(), made.get(), said.get());
-    throwIfInterrupted();
-    Buffer output = contentOf(std::move(made));
-    if (output.empty())
+    const Said said =
+        runProgram(gpgme_get_dirinfo("gpg-name"), arguments, input);
+    if (said.output.empty())
     {
-        const Buffer errors = contentOf(std::move(said));
-        throw Error(name(), doing + reasonIn(textOf(errors)));
+        const std::string reason = reasonIn(said);
+        const bool isPassphrase = reason.find("ioctl") != std::string::npos ||
+                                  reason.find("pinentry") != std::string::npos;
+        throw Error(name(),
+                    doing + reason +
+                        (isPassphrase ? "; to ask for a passphrase gpg needs a "
+                                        "terminal, with GPG_TTY=$(tty) in the "
+                                        "environment; without one, "
+                                        "gpg-preset-passphrase"
+                                      : ""));
     }
-    return output;
+    return said.output;
 }
 
 Buffer OpenPgp::sign(const std::string& fingerprint, Bytes data)
@@ -263,7 +234,6 @@ std::string OpenPgp::verify(Bytes data, Bytes signature, const Trust& trust)
 
 void OpenPgp::importKeyring(const fs::path& file)
 {
-    ownsHome_ = true;
     const Buffer said = run({"--status-fd", "1", "--import"},
                             Source(file).readAll(), "cannot import keys");
     std::string trusted;
@@ -280,28 +250,6 @@ void OpenPgp::importKeyring(const fs::path& file)
         throw Error(file.string(), "holds no OpenPGP public key");
     }
     writeFile(home_ / "gpg.conf", Source(bytesOf(trusted)));
-}
-
-std::string OpenPgp::createKey(const std::string& userId,
-                               const std::string& created)
-{
-    ownsHome_ = true;
-    const Buffer said =
-        run({"--status-fd", "1", "--faked-system-time", created + '!',
-             "--passphrase", "", "--quick-generate-key", userId,
-             TEST_KEY_ALGORITHM, "sign", "never"},
-            {}, "cannot make a key");
-    constexpr std::string_view made = " KEY_CREATED P ";
-    const std::string_view text = textOf(said);
-    const std::size_t start = text.find(made);
-    require(start != std::string_view::npos, "gpg names no key");
-    return std::string(text.substr(start + made.size(), FINGERPRINT_LENGTH));
-}
-
-Buffer OpenPgp::exportKey(const std::string& fingerprint)
-{
-    return run({"--armor", "--export", fingerprint}, {},
-               "cannot export the key");
 }
 
 } // namespace pack

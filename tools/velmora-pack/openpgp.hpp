@@ -14,6 +14,21 @@
 namespace pack
 {
 
+struct Said
+{
+    Buffer output;
+    Buffer errors;
+};
+
+/** Runs a program to its end, whatever that is.
+ *
+ *  @throws Error when it cannot be run */
+Said runProgram(const char* program, const std::vector<std::string>& arguments,
+                Bytes input = {});
+
+/** The last thing that a program said, for the end of a message. */
+std::string reasonIn(const Said& said);
+
 /** Whether both texts name one key; fingerprints are written in any case. */
 bool sameFingerprint(const std::string& left, const std::string& right);
 
@@ -23,9 +38,6 @@ class OpenPgp
   public:
     /** An empty path stands for gpg's own home. */
     explicit OpenPgp(std::filesystem::path home);
-    OpenPgp(const OpenPgp&) = delete;
-    OpenPgp& operator=(const OpenPgp&) = delete;
-    ~OpenPgp();
 
     /** Detached and binary, made at the time of SOURCE_DATE_EPOCH if that is
      *  set. The full fingerprint names the primary key. */
@@ -38,14 +50,6 @@ class OpenPgp
     /** Trusts each key that the file holds, and no other. */
     void importKeyring(const std::filesystem::path& file);
 
-    /** Makes a signing key without a passphrase; gives its fingerprint.
-     *
-     *  @param created such as 20200101T000000 */
-    std::string createKey(const std::string& userId,
-                          const std::string& created);
-    /** The public key, ASCII-armoured. */
-    Buffer exportKey(const std::string& fingerprint);
-
   private:
     using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
 
@@ -56,8 +60,6 @@ class OpenPgp
     std::string name() const;
 
     std::filesystem::path home_;
-    /** The home's agent ends with this object. */
-    bool ownsHome_ = false;
     Context context_;
 };
 
