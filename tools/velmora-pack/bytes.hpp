@@ -70,13 +70,13 @@ inline bool isZero(Bytes bytes)
 
 inline std::string hex(Bytes bytes)
 {
-    constexpr std::string_view digits = "0123456789abcdef";
+    constexpr std::string_view DIGITS = "0123456789abcdef";
     std::string text;
     text.reserve(2 * bytes.size());
     for (const std::byte byte : bytes)
     {
-        text += digits[std::to_integer<std::size_t>(byte >> 4)];
-        text += digits[std::to_integer<std::size_t>(byte & std::byte{0x0f})];
+        text += DIGITS[std::to_integer<std::size_t>(byte >> 4)];
+        text += DIGITS[std::to_integer<std::size_t>(byte & std::byte{0x0f})];
     }
     return text;
 }

@@ -184,7 +184,7 @@ Buffer writeDescriptor(const Descriptor& descriptor)
 
 Descriptor readDescriptor(Bytes xml)
 {
-    const XmlDocument document = parse(xml, descriptorName);
+    const XmlDocument document = parse(xml, DESCRIPTOR_NAME);
     Descriptor descriptor{.model = firstOf(document.get(), MODEL_PATH),
                           .version = firstOf(document.get(), VERSION_PATH),
                           .digest = firstOf(document.get(), DIGEST_PATH),

@@ -11,8 +11,9 @@
 namespace pack
 {
 
-inline constexpr std::string_view descriptorName = "package.xml";
-inline constexpr std::string_view descriptorSignatureName = "package.xml.sign";
+inline constexpr std::string_view DESCRIPTOR_NAME = "package.xml";
+inline constexpr std::string_view DESCRIPTOR_SIGNATURE_NAME =
+    "package.xml.sign";
 
 struct Descriptor
 {

@@ -21,6 +21,8 @@ namespace
 {
 
 constexpr std::uint64_t CHUNK_SIZE = 1U << 20;
+/** Of a file's start, in bytes. */
+constexpr std::uint64_t SEARCHED_FOR_KEYS = 65536;
 constexpr auto TEMPORARY_NAME = ".velmora-pack-XXXXXX";
 
 fs::path directoryOf(const fs::path& target)
@@ -93,10 +95,10 @@ void Source::read(std::uint64_t offset, std::span<std::byte> into) const
 
 Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
 {
-    if (size > largestFileInMemory)
+    if (size > LARGEST_FILE_IN_MEMORY)
     {
         throw Error(name_, "is too large: at most " +
-                               std::to_string(largestFileInMemory) +
+                               std::to_string(LARGEST_FILE_IN_MEMORY) +
                                " bytes are read");
     }
     Buffer buffer(static_cast<std::size_t>(size));
@@ -104,19 +106,12 @@ Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
     return buffer;
 }
 
-void Source::stream(std::uint64_t offset, std::uint64_t size,
-                    const Consumer& consume) const
+void Source::stream(std::uint64_t size, const Consumer& consume) const
 {
-    Buffer chunk(static_cast<std::size_t>(std::min(size, CHUNK_SIZE)));
-    while (size > 0)
+    for (std::uint64_t offset = 0; offset < size; offset += CHUNK_SIZE)
     {
         throwIfInterrupted();
-        const std::span piece = std::span(chunk).first(
-            static_cast<std::size_t>(std::min(size, CHUNK_SIZE)));
-        read(offset, piece);
-        consume(piece);
-        offset += piece.size();
-        size -= piece.size();
+        consume(read(offset, std::min(size - offset, CHUNK_SIZE)));
     }
 }
 
@@ -150,7 +145,7 @@ void Output::giveName() const
     if (target_ == STANDARD_OUTPUT)
     {
         const Source made(path());
-        made.stream(0, made.size(),
+        made.stream(made.size(),
                     [](Bytes piece) { std::cout << textOf(piece); });
         return;
     }
@@ -161,9 +156,9 @@ void Output::giveName() const
     synchroniseDirectory(directoryOf(target_));
 }
 
-OutputFile::OutputFile(const fs::path& target, mode_t mode) :
+OutputFile::OutputFile(const fs::path& target) :
     Output(target),
-    file_(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode))
+    file_(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666))
 {
     if (file_.get() < 0)
     {
@@ -197,7 +192,7 @@ void expectCopy(const Source& copy, const Source& original, Bytes tail)
             same && std::ranges::equal(copy.read(offset, piece.size()), piece);
         offset += piece.size();
     };
-    original.stream(0, original.size(), compare);
+    original.stream(original.size(), compare);
     compare(tail);
     if (!same)
     {
@@ -206,12 +201,14 @@ void expectCopy(const Source& copy, const Source& original, Bytes tail)
 }
 
 void writeFile(const fs::path& target, const Source& source, Bytes tail,
-               mode_t mode)
+               const std::function<void(const Source&)>& check)
 {
-    OutputFile output(target, mode);
-    source.stream(0, source.size(), [&](Bytes piece) { output.write(piece); });
+    OutputFile output(target);
+    source.stream(source.size(), [&](Bytes piece) { output.write(piece); });
     output.write(tail);
-    expectCopy(output.readBack(), source, tail);
+    const Source made = output.readBack();
+    expectCopy(made, source, tail);
+    check(made);
     output.commit();
 }
 
@@ -258,8 +255,8 @@ void expectNew(const fs::path& output, const std::vector<fs::path>& inputs,
 
 void expectNoPrivateKey(const Source& source)
 {
-    constexpr std::uint64_t lookedAt = 65536;
-    const Buffer start = source.read(0, std::min(source.size(), lookedAt));
+    const Buffer start =
+        source.read(0, std::min(source.size(), SEARCHED_FOR_KEYS));
     const std::string_view text = textOf(start);
     if (text.find("PRIVATE KEY-----") != std::string_view::npos ||
         text.find("PRIVATE KEY BLOCK-----") != std::string_view::npos)

@@ -18,7 +18,7 @@ namespace pack
 {
 
 /** The largest file that is read into memory whole. */
-inline constexpr std::uint64_t largestFileInMemory = 16U << 20;
+inline constexpr std::uint64_t LARGEST_FILE_IN_MEMORY = 16U << 20;
 
 /** The path that stands for standard output. */
 inline constexpr std::string_view STANDARD_OUTPUT = "-";
@@ -35,14 +35,14 @@ class Source
 
     const std::string& name() const { return name_; }
     std::uint64_t size() const { return size_; }
-    int descriptor() const { return file_.get(); }
+    int fileDescriptor() const { return file_.get(); }
 
     void read(std::uint64_t offset, std::span<std::byte> into) const;
     Buffer read(std::uint64_t offset, std::uint64_t size) const;
     Buffer readAll() const { return read(0, size_); }
-    /** Hands a range on, piece by piece; throws when a signal asks to end. */
-    void stream(std::uint64_t offset, std::uint64_t size,
-                const Consumer& consume) const;
+    /** Hands so many bytes from the start on, piece by piece; throws when a
+     *  signal asks to end. */
+    void stream(std::uint64_t size, const Consumer& consume) const;
 
   private:
     std::string name_;
@@ -79,13 +79,9 @@ class Output
 class OutputFile : public Output
 {
   public:
-    static constexpr mode_t SHARED = 0666;
-    static constexpr mode_t SECRET = 0600;
+    explicit OutputFile(const std::filesystem::path& target);
 
-    explicit OutputFile(const std::filesystem::path& target,
-                        mode_t mode = SHARED);
-
-    int descriptor() const { return file_.get(); }
+    int fileDescriptor() const { return file_.get(); }
     void write(Bytes bytes);
     /** What the disk holds, before it gets its name. */
     Source readBack() const;
@@ -97,9 +93,12 @@ class OutputFile : public Output
 /** Throws unless the copy holds the original's bytes and then the tail. */
 void expectCopy(const Source& copy, const Source& original, Bytes tail = {});
 
-/** Writes the source and then the tail, and compares what the disk holds. */
-void writeFile(const std::filesystem::path& target, const Source& source,
-               Bytes tail = {}, mode_t mode = OutputFile::SHARED);
+/** Writes the source and then the tail, and compares what the disk holds.
+ *
+ *  @param check throws when that must not become the target */
+void writeFile(
+    const std::filesystem::path& target, const Source& source, Bytes tail = {},
+    const std::function<void(const Source&)>& check = [](const Source&) {});
 
 /** The time that SOURCE_DATE_EPOCH gives, in seconds. */
 std::optional<std::int32_t> sourceDateEpoch();

@@ -10,8 +10,6 @@
 
 #include <array>
 #include <limits>
-#include <memory>
-#include <optional>
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
@@ -33,7 +31,7 @@ constexpr std::uint64_t LARGEST_IMAGE =
 using BigNumber = Handle<BIGNUM, BN_free>;
 using EcdsaSignature = Handle<ECDSA_SIG, ECDSA_SIG_free>;
 
-SignatureScheme scheme() { return {EVP_sha512(), false}; }
+SignatureScheme scheme() { return {.digest = EVP_sha512(), .pss = false}; }
 
 void expectCurve(const EVP_PKEY* key, const std::string& file)
 {
@@ -78,13 +76,12 @@ Buffer derFromRaw(Bytes raw)
     // The signature owns its numbers now.
     static_cast<void>(r.release());
     static_cast<void>(s.release());
-    unsigned char* encoded = nullptr;
-    const int size = i2d_ECDSA_SIG(signature.get(), &encoded);
+    Buffer der(2 * SIGNATURE_SIZE);
+    unsigned char* end = unsignedData(std::span(der));
+    const int size = i2d_ECDSA_SIG(signature.get(), &end);
     require(size > 0, "the signature cannot be encoded");
-    const Memory<unsigned char> owned(encoded);
-    const Bytes der =
-        std::as_bytes(std::span(encoded, static_cast<std::size_t>(size)));
-    return {der.begin(), der.end()};
+    der.resize(static_cast<std::size_t>(size));
+    return der;
 }
 
 Buffer readSignature(const fs::path& file)
@@ -112,26 +109,26 @@ void checkImage(const Source& image, EVP_PKEY* publicKey)
 
 void makeImage(const ImageOptions& options)
 {
-    const Source source(options.input);
-    expectNoPrivateKey(source);
+    const Source content(options.input);
+    expectNoPrivateKey(content);
     const Signing& signing = options.signing;
     expectNew(
         signing.made(),
         {options.input, options.publicKey, signing.key, signing.signature},
         signing.force);
-    if (source.size() == 0)
+    if (content.size() == 0)
     {
-        throw Error(source.name(), "is empty");
+        throw Error(content.name(), "is empty");
     }
-    if (source.size() > LARGEST_IMAGE - SIGNATURE_SIZE)
+    if (content.size() > LARGEST_IMAGE - SIGNATURE_SIZE)
     {
-        throw Error(source.name(),
+        throw Error(content.name(),
                     "is too large: with its signature an image must stay "
                     "below 4 GiB");
     }
     if (!signing.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, source);
+        writeFile(signing.toBeSigned, content);
         report(signing.toBeSigned, "image content to be signed");
         return;
     }
@@ -142,17 +139,14 @@ void makeImage(const ImageOptions& options)
                         ? readPrivateKey(signing.key, signing.passphraseFile)
                         : readPublicKey(keyFile);
     expectCurve(key.get(), keyFile);
-
-    const Buffer given =
-        signsHere ? Buffer() : readSignature(signing.signature);
-    OutputFile output(signing.output);
-    const Buffer signature = writeSigned(
-        output, source, {}, signsHere ? key.get() : nullptr, scheme());
-    output.write(signsHere ? rawFromDer(signature, keyFile) : given);
-    checkImage(output.readBack(), publicPart(key.get()).get());
-    output.commit();
+    const Key publicKey = publicPart(key.get());
+    writeFile(signing.output, content,
+              signsHere
+                  ? rawFromDer(sign(content, {}, key.get(), scheme()), keyFile)
+                  : readSignature(signing.signature),
+              [&](const Source& made) { checkImage(made, publicKey.get()); });
     report(signing.output, "image of " +
-                               std::to_string(source.size() + SIGNATURE_SIZE) +
+                               std::to_string(content.size() + SIGNATURE_SIZE) +
                                " bytes, signed and checked");
 }
 
@@ -180,7 +174,7 @@ Json describeImage(const Source& file, Remarks& remarks)
     return {{"content",
              {{"offset", 0},
               {"size", content},
-              {"sha512", digestText(file, 0, content, EVP_sha512())}}},
+              {"sha512", digestText(file, content, EVP_sha512())}}},
             {"signature",
              {{"offset", content},
               {"size", SIGNATURE_SIZE},

@@ -37,11 +37,7 @@ bool isPackage(const Source& file)
 
 /** A payload's body can be a package, and a package can hold a certificate
  *  where a payload has its chain. */
-bool isPayload(const Source& file)
-{
-    const PayloadMarks marks = payloadMarks(file);
-    return marks.chain && (marks.metadata || !isPackage(file));
-}
+bool isPayload(const Source& file) { return hasTrailer(file, isPackage(file)); }
 
 bool isDescriptor(const Source& file)
 {
@@ -52,8 +48,9 @@ bool isDescriptor(const Source& file)
 
 bool isManifest(const Source& file)
 {
-    return file.size() <= largestFileInMemory &&
-           textOf(file.readAll()).find(manifestMagic) != std::string_view::npos;
+    return file.size() <= LARGEST_FILE_IN_MEMORY &&
+           textOf(file.readAll()).find(MANIFEST_MAGIC) !=
+               std::string_view::npos;
 }
 
 Json describeSignature(const Source& file, Remarks& remarks)

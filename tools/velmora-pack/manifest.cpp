@@ -55,7 +55,7 @@ Buffer buildManifest(unsigned release)
         ++count;
     }
     Buffer manifest;
-    append(manifest, bytesOf(manifestMagic));
+    append(manifest, bytesOf(MANIFEST_MAGIC));
     appendLittle(manifest, HEADER_SIZE);
     appendLittle(manifest, count);
     appendLittle(manifest,
@@ -170,7 +170,7 @@ void makeManifest(const ManifestOptions& options)
     const std::size_t start = content.size();
     const Buffer manifest = buildManifest(options.release);
     append(content, manifest);
-    if (textOf(content).find(manifestMagic) != start)
+    if (textOf(content).find(MANIFEST_MAGIC) != start)
     {
         throw Error(options.prefix.string(),
                     "holds \"$KTB\", where the manifest would be looked for");
@@ -210,7 +210,7 @@ void makeManifest(const ManifestOptions& options)
 Json describeManifest(const Source& file, Remarks& remarks)
 {
     const Buffer content = file.readAll();
-    const std::size_t start = textOf(content).find(manifestMagic);
+    const std::size_t start = textOf(content).find(MANIFEST_MAGIC);
     if (start == std::string_view::npos)
     {
         throw Error(file.name(), "holds no \"$KTB\"");
@@ -225,7 +225,7 @@ Json describeManifest(const Source& file, Remarks& remarks)
     const auto recordOffset = loadLittle<std::uint32_t>(manifest, 4);
     const auto recordCount = loadLittle<std::uint32_t>(manifest, 8);
     const auto length = loadLittle<std::uint32_t>(manifest, 12);
-    fields["magic"] = manifestMagic;
+    fields["magic"] = MANIFEST_MAGIC;
     fields["recordOffset"] = recordOffset;
     fields["recordCount"] = recordCount;
     fields["length"] = length;

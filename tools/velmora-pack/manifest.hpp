@@ -11,7 +11,7 @@
 namespace pack
 {
 
-inline constexpr std::string_view manifestMagic = "$KTB";
+inline constexpr std::string_view MANIFEST_MAGIC = "$KTB";
 
 struct ManifestOptions
 {

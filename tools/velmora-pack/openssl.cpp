@@ -58,16 +58,16 @@ void require(bool success, std::string_view what)
     }
 }
 
-Digest::Digest(const EVP_MD* algorithm) : context(EVP_MD_CTX_new())
+Digest::Digest(const EVP_MD* algorithm) : context_(EVP_MD_CTX_new())
 {
-    require(context &&
-                EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1,
+    require(context_ &&
+                EVP_DigestInit_ex(context_.get(), algorithm, nullptr) == 1,
             "the digest cannot be set up");
 }
 
 void Digest::update(Bytes bytes)
 {
-    require(EVP_DigestUpdate(context.get(), bytes.data(), bytes.size()) == 1,
+    require(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1,
             "the digest failed");
 }
 
@@ -75,56 +75,44 @@ Buffer Digest::finish()
 {
     Buffer digest(EVP_MAX_MD_SIZE);
     unsigned size = 0;
-    require(EVP_DigestFinal_ex(context.get(), unsignedData(std::span(digest)),
+    require(EVP_DigestFinal_ex(context_.get(), unsignedData(std::span(digest)),
                                &size) == 1,
             "the digest failed");
     digest.resize(size);
     return digest;
 }
 
-std::string digestText(const Source& source, std::uint64_t offset,
-                       std::uint64_t size, const EVP_MD* algorithm)
+std::string digestText(const Source& source, std::uint64_t size,
+                       const EVP_MD* algorithm)
 {
     Digest digest(algorithm);
-    source.stream(offset, size, [&](Bytes piece) { digest.update(piece); });
+    source.stream(size, [&](Bytes piece) { digest.update(piece); });
     return hex(digest.finish());
 }
 
-Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
-                   EVP_PKEY* key, const SignatureScheme& scheme)
+Buffer sign(const Source& source, Bytes tail, EVP_PKEY* key,
+            const SignatureScheme& scheme)
 {
     const DigestContext context(EVP_MD_CTX_new());
     EVP_PKEY_CTX* keyContext = nullptr;
-    if (key != nullptr)
+    require(context && EVP_DigestSignInit(context.get(), &keyContext,
+                                          scheme.digest, nullptr, key) > 0,
+            "signing cannot be set up");
+    initialise(keyContext, scheme);
+    const auto add = [&](Bytes piece)
     {
-        require(context && EVP_DigestSignInit(context.get(), &keyContext,
-                                              scheme.digest, nullptr, key) > 0,
-                "signing cannot be set up");
-        initialise(keyContext, scheme);
-    }
-    const auto write = [&](Bytes piece)
-    {
-        output.write(piece);
-        require(key == nullptr ||
-                    EVP_DigestSignUpdate(context.get(), piece.data(),
-                                         piece.size()) > 0,
-                "signing failed");
+        require(
+            EVP_DigestSignUpdate(context.get(), piece.data(), piece.size()) > 0,
+            "signing failed");
     };
-    source.stream(0, source.size(), write);
-    write(tail);
-    std::size_t size = 0;
-    Buffer signature;
-    if (key != nullptr)
-    {
-        require(EVP_DigestSignFinal(context.get(), nullptr, &size) > 0,
-                "signing failed");
-        signature.resize(size);
-        require(EVP_DigestSignFinal(context.get(),
-                                    unsignedData(std::span(signature)),
-                                    &size) > 0,
-                "signing failed");
-        signature.resize(size);
-    }
+    source.stream(source.size(), add);
+    add(tail);
+    auto size = static_cast<std::size_t>(EVP_PKEY_get_size(key));
+    Buffer signature(size);
+    require(EVP_DigestSignFinal(context.get(),
+                                unsignedData(std::span(signature)), &size) > 0,
+            "signing failed");
+    signature.resize(size);
     return signature;
 }
 
@@ -137,7 +125,7 @@ bool verifies(const Source& source, std::uint64_t size, Bytes signature,
                                             scheme.digest, nullptr, key) > 0,
             "verification cannot be set up");
     initialise(keyContext, scheme);
-    source.stream(0, size,
+    source.stream(size,
                   [&](Bytes piece)
                   {
                       require(EVP_DigestVerifyUpdate(context.get(),
@@ -153,7 +141,7 @@ bool verifies(const Source& source, std::uint64_t size, Bytes signature,
 
 Bio memoryBio(Bytes bytes)
 {
-    if (bytes.size() > largestFileInMemory)
+    if (bytes.size() > LARGEST_FILE_IN_MEMORY)
     {
         throw Error("OpenSSL", "too much to read");
     }
@@ -215,6 +203,11 @@ std::string nameText(const X509_NAME* name)
     return std::string(textOf(contentOf(bio.get())));
 }
 
+std::string certificateText(const X509* certificate)
+{
+    return "certificate " + nameText(X509_get_subject_name(certificate));
+}
+
 std::string timeText(const ASN1_TIME* time)
 {
     const Bio bio(BIO_new(BIO_s_mem()));
@@ -260,38 +253,7 @@ void verifyChain(const std::vector<Certificate>& chain, const fs::path& root,
                 std::to_string(seconds) + ": " +
                 X509_verify_cert_error_string(
                     X509_STORE_CTX_get_error(context.get())) +
-                (at == nullptr
-                     ? ""
-                     : ", certificate " + nameText(X509_get_subject_name(at))));
-    }
-}
-
-void checkValidity(std::string_view subject, const X509* certificate,
-                   std::int32_t seconds, const Trust& trust)
-{
-    const ASN1_TIME* const start = X509_get0_notBefore(certificate);
-    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
-    const std::string who =
-        "certificate " + nameText(X509_get_subject_name(certificate));
-    int days = 0;
-    int rest = 0;
-    if (ASN1_TIME_diff(&days, &rest, nullptr, end) == 1 && days < trust.days)
-    {
-        trust.object(subject,
-                     who +
-                         (days < 0 || rest < 0
-                              ? " has expired, on "
-                              : " expires within " +
-                                    std::to_string(trust.days) + " days, on ") +
-                         timeText(end));
-    }
-    std::time_t time = seconds;
-    if (X509_cmp_time(start, &time) > 0 || X509_cmp_time(end, &time) < 0)
-    {
-        trust.object(subject, who + " is valid from " + timeText(start) +
-                                  " to " + timeText(end) +
-                                  ", and so not at the timestamp " +
-                                  std::to_string(seconds));
+                (at == nullptr ? "" : ", " + certificateText(at)));
     }
 }
 

@@ -24,10 +24,6 @@ using Certificate = Handle<X509, X509_free>;
 using DigestContext = Handle<EVP_MD_CTX, EVP_MD_CTX_free>;
 using Key = Handle<EVP_PKEY, EVP_PKEY_free>;
 
-inline void freeMemory(void* memory) { OPENSSL_free(memory); }
-template <typename T>
-using Memory = Handle<T, freeMemory>;
-
 /** An error that OpenSSL explains; its queue is empty afterwards. */
 Error opensslError(std::string_view subject, std::string_view what);
 
@@ -43,12 +39,12 @@ class Digest
     Buffer finish();
 
   private:
-    DigestContext context;
+    DigestContext context_;
 };
 
-/** The digest of a range of the source, as hexadecimal text. */
-std::string digestText(const Source& source, std::uint64_t offset,
-                       std::uint64_t size, const EVP_MD* algorithm);
+/** The digest of the first @p size bytes, as hexadecimal text. */
+std::string digestText(const Source& source, std::uint64_t size,
+                       const EVP_MD* algorithm);
 
 struct SignatureScheme
 {
@@ -57,10 +53,9 @@ struct SignatureScheme
     bool pss;
 };
 
-/** Writes the source and then the tail. With a key the result is the signature
- *  over both; without one it is empty. */
-Buffer writeSigned(OutputFile& output, const Source& source, Bytes tail,
-                   EVP_PKEY* key, const SignatureScheme& scheme);
+/** The signature over the source and then the tail. */
+Buffer sign(const Source& source, Bytes tail, EVP_PKEY* key,
+            const SignatureScheme& scheme);
 
 /** Whether the signature over the first @p size bytes is the key's. */
 bool verifies(const Source& source, std::uint64_t size, Bytes signature,
@@ -76,6 +71,8 @@ Buffer contentOf(BIO* bio);
 /** The certificates of a PEM text, up to the first block that is none. */
 std::vector<Certificate> readCertificates(Bytes pem);
 std::string nameText(const X509_NAME* name);
+/** What a message calls it. */
+std::string certificateText(const X509* certificate);
 std::string timeText(const ASN1_TIME* time);
 
 /** Checks as the machine will that the first certificate leads to the root.
@@ -85,10 +82,5 @@ std::string timeText(const ASN1_TIME* time);
  *  @throws Error when it does not */
 void verifyChain(const std::vector<Certificate>& chain,
                  const std::filesystem::path& root, std::time_t seconds);
-
-/** Objects to a certificate that is not valid at that time, in seconds since
- *  1970, or that has expired or soon will. */
-void checkValidity(std::string_view subject, const X509* certificate,
-                   std::int32_t seconds, const Trust& trust);
 
 } // namespace pack

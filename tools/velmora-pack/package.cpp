@@ -22,8 +22,8 @@ namespace pack
 namespace
 {
 
-constexpr std::string_view payloadPrefix = "payload/";
-constexpr std::size_t longestFileName = 255;
+constexpr std::string_view PAYLOAD_PREFIX = "payload/";
+constexpr std::size_t LONGEST_FILE_NAME = 255;
 
 /** Digests of the payload's files under their names, in byte order. */
 using FileDigests = std::map<std::string, std::string>;
@@ -57,7 +57,7 @@ void expectPortable(const fs::path& file)
         throw Error(file.string(),
                     "has a name with characters other than printable ASCII");
     }
-    if (name.size() > longestFileName)
+    if (name.size() > LONGEST_FILE_NAME)
     {
         throw Error(file.string(), "has a name longer than 255 bytes");
     }
@@ -72,10 +72,10 @@ void expectPortable(const fs::path& file)
 /** Files that desktops and editors leave, and nobody means to ship. */
 bool isLeftover(std::string_view name)
 {
-    constexpr std::array ends{"~", ".bak", ".orig", ".rej", ".swp", ".tmp"};
+    constexpr std::array ENDS{"~", ".bak", ".orig", ".rej", ".swp", ".tmp"};
     return name.starts_with('.') || name.starts_with('#') ||
            name == "Thumbs.db" || name == "desktop.ini" ||
-           std::ranges::any_of(ends, [&](std::string_view end)
+           std::ranges::any_of(ENDS, [&](std::string_view end)
                                { return name.ends_with(end); });
 }
 
@@ -135,7 +135,7 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
         const Source source(file);
         expectNoPrivateKey(source);
         digests[file.filename().string()] =
-            digestText(source, 0, source.size(), EVP_sha256());
+            digestText(source, source.size(), EVP_sha256());
     }
     return digests;
 }
@@ -169,17 +169,17 @@ void classify(Contents& contents, const ZipMember& member, std::uint64_t size,
     {
         remark("is there more than once");
     }
-    if (name == descriptorName || name == descriptorSignatureName ||
-        name == payloadPrefix)
+    if (name == DESCRIPTOR_NAME || name == DESCRIPTOR_SIGNATURE_NAME ||
+        name == PAYLOAD_PREFIX)
     {
         return;
     }
-    if (!name.starts_with(payloadPrefix))
+    if (!name.starts_with(PAYLOAD_PREFIX))
     {
         remark("is not part of a package");
         return;
     }
-    name.remove_prefix(payloadPrefix.size());
+    name.remove_prefix(PAYLOAD_PREFIX.size());
     if (!member.regular || name.find('/') != std::string_view::npos)
     {
         remark("is not covered by the payload's digest");
@@ -194,9 +194,9 @@ Contents readContents(const Source& source)
     Contents contents;
     const auto read = [&](const ZipMember& member, const ZipContent& content)
     {
-        Buffer* const kept = member.name == descriptorName
+        Buffer* const kept = member.name == DESCRIPTOR_NAME
                                  ? &contents.descriptor.emplace()
-                             : member.name == descriptorSignatureName
+                             : member.name == DESCRIPTOR_SIGNATURE_NAME
                                  ? &contents.signature.emplace()
                                  : nullptr;
         std::uint64_t size = 0;
@@ -206,7 +206,7 @@ Contents readContents(const Source& source)
             {
                 size += piece.size();
                 digest.update(piece);
-                if (kept != nullptr && size > largestFileInMemory)
+                if (kept != nullptr && size > LARGEST_FILE_IN_MEMORY)
                 {
                     throw Error(source.name(),
                                 "holds too large a " + member.name);
@@ -231,7 +231,7 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
 {
     if (options.signing.signature.empty())
     {
-        return OpenPgp(options.gpgHome).sign(options.signing.key, descriptor);
+        return signDetached(options.gpgHome, options.signing.key, descriptor);
     }
     const Source source(options.signing.signature);
     if (source.size() == 0 || source.size() > LARGEST_SIGNATURE)
@@ -245,22 +245,6 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
                                    "--dearmor makes one of an armoured one)");
     }
     return signature;
-}
-
-/** Checks as the machine will if its keyring is given, and else with the
- *  signer's own. */
-std::string signerOf(const PackageOptions& options, Bytes descriptor,
-                     Bytes signature)
-{
-    if (options.trust.anchor.empty())
-    {
-        return OpenPgp(options.gpgHome)
-            .verify(descriptor, signature, options.trust);
-    }
-    const tools::TemporaryDirectory home;
-    OpenPgp machine(home.path());
-    machine.importKeyring(options.trust.anchor);
-    return machine.verify(descriptor, signature, options.trust);
 }
 
 void checkPackage(const Source& made, const PackageOptions& options,
@@ -278,7 +262,8 @@ void checkPackage(const Source& made, const PackageOptions& options,
                                  "did the payload change meanwhile?");
     }
     const std::string signer =
-        signerOf(options, *contents.descriptor, *contents.signature);
+        verifyDetached(options.gpgHome, options.trust, *contents.descriptor,
+                       *contents.signature);
     if (!options.signing.key.empty() &&
         !sameFingerprint(options.signing.key, signer))
     {
@@ -292,7 +277,7 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
     try
     {
         const Json described = describeDescriptor(
-            Source(descriptor, std::string(descriptorName)), remarks);
+            Source(descriptor, std::string(DESCRIPTOR_NAME)), remarks);
         fields["descriptor"] = described;
         const Json::json_pointer stated("/hash/value");
         if (!described.contains(stated))
@@ -337,11 +322,11 @@ void makePackage(const PackageOptions& options)
     const Buffer signature = signatureFor(options, descriptor);
     OutputFile output(signing.output);
     ZipWriter zip(output);
-    zip.add(std::string(descriptorName), Source(descriptor));
-    zip.add(std::string(descriptorSignatureName), Source(signature));
+    zip.add(std::string(DESCRIPTOR_NAME), Source(descriptor));
+    zip.add(std::string(DESCRIPTOR_SIGNATURE_NAME), Source(signature));
     for (const fs::path& file : files)
     {
-        zip.add(std::string(payloadPrefix) + file.filename().string(),
+        zip.add(std::string(PAYLOAD_PREFIX) + file.filename().string(),
                 Source(file));
     }
     zip.finish();

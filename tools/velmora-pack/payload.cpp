@@ -23,43 +23,21 @@ namespace pack
 namespace
 {
 
-constexpr std::size_t trailerSize = 76800;
-constexpr std::size_t chainAreaSize = 24576;
-constexpr std::size_t metadataSize = 512;
-constexpr std::size_t slotSignatureSize = 512;
-constexpr std::size_t signedPartOfTrailer = chainAreaSize + metadataSize;
-constexpr std::size_t remainderSize =
-    trailerSize - signedPartOfTrailer - slotSignatureSize;
-constexpr int keyBits = 4096;
-constexpr std::string_view metadataVersion = "1";
-constexpr std::string_view certificateStart = "-----BEGIN CERTIFICATE-----";
+constexpr std::size_t TRAILER_SIZE = 76800;
+// The fields of the trailer.
+constexpr std::size_t CHAIN_SIZE = 24576;
+constexpr std::size_t METADATA_OFFSET = CHAIN_SIZE;
+constexpr std::size_t METADATA_SIZE = 512;
+constexpr std::size_t SIGNATURE_OFFSET = METADATA_OFFSET + METADATA_SIZE;
+constexpr std::size_t SIGNATURE_SIZE = 512;
+constexpr std::size_t REMAINDER_OFFSET = SIGNATURE_OFFSET + SIGNATURE_SIZE;
+constexpr std::size_t REMAINDER_SIZE = TRAILER_SIZE - REMAINDER_OFFSET;
+
+constexpr int KEY_BITS = 4096;
+constexpr auto METADATA_VERSION = "1";
+constexpr std::string_view CERTIFICATE_START = "-----BEGIN CERTIFICATE-----";
 /** The checker's table of tokens holds no more. */
-constexpr std::size_t mostTokens = 30;
-
-/** Where the fields of a payload of that size begin. */
-struct Layout
-{
-    explicit Layout(std::uint64_t size) :
-        chain(size - trailerSize), metadata(chain + chainAreaSize),
-        signature(metadata + metadataSize),
-        remainder(signature + slotSignatureSize)
-    {
-    }
-
-    std::uint64_t chain;
-    std::uint64_t metadata;
-    std::uint64_t signature;
-    std::uint64_t remainder;
-};
-
-Layout layoutOf(const Source& payload)
-{
-    if (payload.size() <= trailerSize)
-    {
-        throw Error(payload.name(), "is not larger than a payload's trailer");
-    }
-    return Layout(payload.size());
-}
+constexpr std::size_t MOST_TOKENS = 30;
 
 struct Metadata
 {
@@ -67,12 +45,6 @@ struct Metadata
     std::string algorithm;
     std::string timestamp;
 };
-
-std::string metadataText(const Metadata& metadata)
-{
-    return R"({"ver": ")" + metadata.version + R"(", "alg": ")" +
-           metadata.algorithm + R"(", "sts": ")" + metadata.timestamp + R"("})";
-}
 
 /** The text of a field that NUL bytes fill up. */
 std::string_view textUpToNul(Bytes field)
@@ -85,7 +57,7 @@ std::string_view textUpToNul(Bytes field)
 Metadata readMetadata(std::string_view text)
 {
     std::vector<std::string_view> tokens;
-    while (tokens.size() < mostTokens)
+    while (tokens.size() < MOST_TOKENS)
     {
         const std::size_t start = text.find_first_not_of('"');
         if (start == std::string_view::npos)
@@ -116,17 +88,16 @@ Metadata readMetadata(std::string_view text)
 /** Any name but these three stands for SHA-256, as it does to the checker. */
 SignatureScheme schemeOf(std::string_view algorithm)
 {
-    if (algorithm == "PS384")
-    {
-        return {EVP_sha384(), true};
-    }
-    return {algorithm == "PS512" ? EVP_sha512() : EVP_sha256(), true};
+    return {.digest = algorithm == "PS384"   ? EVP_sha384()
+                      : algorithm == "PS512" ? EVP_sha512()
+                                             : EVP_sha256(),
+            .pss = true};
 }
 
 bool isSlotKey(const EVP_PKEY* key)
 {
     return key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
-           EVP_PKEY_get_bits(key) == keyBits;
+           EVP_PKEY_get_bits(key) == KEY_BITS;
 }
 
 void expectRsa(const EVP_PKEY* key, std::string_view file)
@@ -161,7 +132,7 @@ Chain readChain(const fs::path& file)
     {
         throw Error(source.name(), "is empty");
     }
-    if (source.size() >= chainAreaSize)
+    if (source.size() >= CHAIN_SIZE)
     {
         throw Error(source.name(),
                     "is too long: a chain must be shorter than 24576 bytes");
@@ -169,7 +140,7 @@ Chain readChain(const fs::path& file)
     Chain chain{source.readAll(), {}};
     // A private key beside the certificates would be published with them.
     const std::string_view text = textOf(chain.text);
-    const std::size_t count = countOf(text, certificateStart);
+    const std::size_t count = countOf(text, CERTIFICATE_START);
     chain.certificates = readCertificates(chain.text);
     if (count == 0 || count != countOf(text, "-----BEGIN ") ||
         count != chain.certificates.size() ||
@@ -212,8 +183,7 @@ std::int32_t timestampOf(const PayloadOptions& options)
         return *options.timestamp;
     }
     const std::optional<std::int32_t> epoch = sourceDateEpoch();
-    const std::int64_t seconds =
-        epoch ? std::int64_t{*epoch} : std::int64_t{std::time(nullptr)};
+    const std::int64_t seconds = epoch ? *epoch : std::time(nullptr);
     if (seconds < 1 || seconds > std::numeric_limits<std::int32_t>::max())
     {
         throw Error("timestamp", "is not from 1 to 2147483647");
@@ -236,62 +206,115 @@ bool belongs(const Certificate& certificate,
                                });
 }
 
+/** For a certificate that is not valid at that time: what to say of it, up to
+ *  the name of the time. */
+std::string invalidityAt(std::time_t time, const X509* certificate)
+{
+    const ASN1_TIME* const start = X509_get0_notBefore(certificate);
+    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    if (X509_cmp_time(start, &time) < 0 && X509_cmp_time(end, &time) > 0)
+    {
+        return {};
+    }
+    return certificateText(certificate) + " is valid from " + timeText(start) +
+           " to " + timeText(end) + ", and so not ";
+}
+
+/** Objects to a certificate that is not valid at the timestamp, or that has
+ *  expired or soon will. */
+void checkValidity(const PayloadOptions& options, const X509* certificate,
+                   std::int32_t timestamp)
+{
+    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
+    const std::string file = options.chain.string();
+    const int least = options.trust.days;
+    int days = 0;
+    int seconds = 0;
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) == 1 && days < least)
+    {
+        const bool isOver = days < 0 || seconds < 0;
+        options.trust.object(file, certificateText(certificate) +
+                                       (isOver ? " has expired"
+                                               : " expires within " +
+                                                     std::to_string(least) +
+                                                     " days") +
+                                       ", on " + timeText(end));
+    }
+    const std::string invalidity = invalidityAt(timestamp, certificate);
+    if (!invalidity.empty())
+    {
+        options.trust.object(file, invalidity + "at the timestamp " +
+                                       std::to_string(timestamp));
+    }
+}
+
 /** Objects to what a machine is likely to refuse. */
 void checkChain(const PayloadOptions& options,
                 const std::vector<Certificate>& chain, std::int32_t timestamp)
 {
-    const std::string file = options.chain.string();
     if (!options.trust.anchor.empty())
     {
         verifyChain(chain, options.trust.anchor, timestamp);
     }
     for (const Certificate& certificate : chain)
     {
-        checkValidity(file, certificate.get(), timestamp, options.trust);
+        checkValidity(options, certificate.get(), timestamp);
         if (!belongs(certificate, chain))
         {
-            warn(file, "certificate " +
-                           nameText(X509_get_subject_name(certificate.get())) +
-                           " is not the issuer of another one in the chain");
+            warn(options.chain.string(),
+                 certificateText(certificate.get()) +
+                     " is not the issuer of another one in the chain");
         }
     }
 }
 
-/** The chain area and the metadata block. */
-Buffer slotHead(const Chain& chain, const Metadata& metadata)
+/** The chain's area and the metadata block. */
+Buffer signedFields(const Chain& chain, const std::string& algorithm,
+                    std::int32_t timestamp)
 {
-    Buffer head(chain.text);
-    head.resize(chainAreaSize);
-    append(head, bytesOf(metadataText(metadata)));
-    head.resize(signedPartOfTrailer);
-    return head;
-}
-
-bool verifySlot(const Source& payload, EVP_PKEY* key,
-                std::string_view algorithm)
-{
-    const std::uint64_t signedSize = layoutOf(payload).signature;
-    return verifies(payload, signedSize,
-                    payload.read(signedSize, slotSignatureSize), key,
-                    schemeOf(algorithm));
+    Buffer fields(chain.text);
+    fields.resize(METADATA_OFFSET);
+    append(fields, bytesOf(std::string(R"({"ver": ")") + METADATA_VERSION +
+                           R"(", "alg": ")" + algorithm + R"(", "sts": ")" +
+                           std::to_string(timestamp) + R"("})"));
+    fields.resize(SIGNATURE_OFFSET);
+    return fields;
 }
 
 /** What the checker finds in the trailer. */
 struct Slot
 {
-    explicit Slot(const Source& payload) :
-        layout(layoutOf(payload)),
-        chainArea(payload.read(layout.chain, chainAreaSize)),
-        block(payload.read(layout.metadata, metadataSize)),
-        chain(readCertificates(bytesOf(chainText()))),
-        metadata(readMetadata(textUpToNul(block)))
+    explicit Slot(const Source& payload)
     {
+        if (payload.size() <= TRAILER_SIZE)
+        {
+            throw Error(payload.name(),
+                        "is not larger than a payload's trailer");
+        }
+        bodySize = payload.size() - TRAILER_SIZE;
+        trailer = payload.read(bodySize, TRAILER_SIZE);
+        chainText = textUpToNul(field(0, CHAIN_SIZE));
+        chain = readCertificates(bytesOf(chainText));
+        metadataText = textUpToNul(field(METADATA_OFFSET, METADATA_SIZE));
+        metadata = readMetadata(metadataText);
     }
 
-    std::string_view chainText() const { return textUpToNul(chainArea); }
+    Bytes field(std::size_t offset, std::size_t size) const
+    {
+        return Bytes(trailer).subspan(offset, size);
+    }
+
+    Bytes signature() const { return field(SIGNATURE_OFFSET, SIGNATURE_SIZE); }
+
     EVP_PKEY* key() const
     {
         return chain.empty() ? nullptr : X509_get0_pubkey(chain.front().get());
+    }
+
+    bool verifies(const Source& payload) const
+    {
+        return pack::verifies(payload, bodySize + SIGNATURE_OFFSET, signature(),
+                              key(), schemeOf(metadata.algorithm));
     }
 
     /** As the checker reads it: 0 when version or algorithm is missing. */
@@ -303,24 +326,18 @@ struct Slot
                          std::strtoll(metadata.timestamp.c_str(), nullptr, 10));
     }
 
-    Layout layout;
-    Buffer chainArea;
-    Buffer block;
+    std::uint64_t bodySize = 0;
+    Buffer trailer;
+    std::string chainText;
     std::vector<Certificate> chain;
+    std::string metadataText;
     Metadata metadata;
 };
 
-void checkPayload(const Source& made, std::uint64_t bodySize, Bytes head)
+void checkPayload(const Source& made)
 {
     const Slot slot(made);
-    if (slot.layout.chain != bodySize ||
-        !std::ranges::equal(made.read(bodySize, head.size()), head) ||
-        !isZero(made.read(slot.layout.remainder, remainderSize)))
-    {
-        throw Error(made.name(), "does not hold on the disk what was written");
-    }
-    if (slot.key() == nullptr ||
-        !verifySlot(made, slot.key(), slot.metadata.algorithm))
+    if (slot.key() == nullptr || !slot.verifies(made))
     {
         throw Error(made.name(),
                     "the signature does not fit the body, the chain, the "
@@ -332,7 +349,7 @@ void checkPayload(const Source& made, std::uint64_t bodySize, Bytes head)
 Buffer readSignature(const fs::path& file)
 {
     const Source source(file);
-    if (source.size() != slotSignatureSize)
+    if (source.size() != SIGNATURE_SIZE)
     {
         throw Error(source.name(), "is not a signature of 512 bytes");
     }
@@ -352,20 +369,6 @@ Json describeKey(const X509* certificate)
             {"bits", EVP_PKEY_get_bits(key)}};
 }
 
-void remarkOnValidity(Remarks& remarks, const X509* certificate,
-                      std::string_view when, std::time_t time)
-{
-    const ASN1_TIME* const start = X509_get0_notBefore(certificate);
-    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
-    if (X509_cmp_time(start, &time) >= 0 || X509_cmp_time(end, &time) <= 0)
-    {
-        remarks.push_back("certificate " +
-                          nameText(X509_get_subject_name(certificate)) +
-                          " is valid from " + timeText(start) + " to " +
-                          timeText(end) + ", and so not " + std::string(when));
-    }
-}
-
 Json describeChain(const Slot& slot, Remarks& remarks)
 {
     Json certificates = Json::array();
@@ -378,29 +381,36 @@ Json describeChain(const Slot& slot, Remarks& remarks)
              {"notBefore", timeText(X509_get0_notBefore(certificate))},
              {"notAfter", timeText(X509_get0_notAfter(certificate))},
              {"key", describeKey(certificate)}});
-        remarkOnValidity(remarks, certificate, "now", std::time(nullptr));
-        if (slot.timestamp() != 0)
+        const std::string now = invalidityAt(std::time(nullptr), certificate);
+        const std::string then = invalidityAt(slot.timestamp(), certificate);
+        if (!now.empty())
         {
-            remarkOnValidity(remarks, certificate, "at the timestamp",
-                             slot.timestamp());
+            remarks.push_back(now + "now");
+        }
+        if (!then.empty() && slot.timestamp() != 0)
+        {
+            remarks.push_back(then + "at the timestamp");
         }
     }
     if (slot.chain.empty())
     {
         remarks.emplace_back("the chain has no certificate that can be read");
     }
-    return {{"offset", slot.layout.chain},
-            {"size", chainAreaSize},
-            {"textSize", slot.chainText().size()},
+    return {{"offset", slot.bodySize},
+            {"size", CHAIN_SIZE},
+            {"textSize", slot.chainText.size()},
             {"certificates", certificates}};
 }
 
 Json describeMetadata(const Slot& slot, Remarks& remarks)
 {
     const Metadata& metadata = slot.metadata;
-    Json fields{{"offset", slot.layout.metadata},  {"size", metadataSize},
-                {"text", textUpToNul(slot.block)}, {"ver", metadata.version},
-                {"alg", metadata.algorithm},       {"sts", metadata.timestamp}};
+    Json fields{{"offset", slot.bodySize + METADATA_OFFSET},
+                {"size", METADATA_SIZE},
+                {"text", slot.metadataText},
+                {"ver", metadata.version},
+                {"alg", metadata.algorithm},
+                {"sts", metadata.timestamp}};
     if (metadata.version.empty())
     {
         remarks.emplace_back("the metadata has no version");
@@ -425,20 +435,19 @@ Json describeMetadata(const Slot& slot, Remarks& remarks)
 
 Json describeSignature(const Source& file, const Slot& slot, Remarks& remarks)
 {
-    const std::string& algorithm = slot.metadata.algorithm;
-    const std::uint64_t offset = slot.layout.signature;
-    Json fields{{"offset", offset},
-                {"size", slotSignatureSize},
-                {"algorithm", std::string("RSA-PSS, ") +
-                                  EVP_MD_get0_name(schemeOf(algorithm).digest)},
-                {"value", hex(file.read(offset, slotSignatureSize))}};
+    const EVP_MD* const digest = schemeOf(slot.metadata.algorithm).digest;
+    Json fields{
+        {"offset", slot.bodySize + SIGNATURE_OFFSET},
+        {"size", SIGNATURE_SIZE},
+        {"algorithm", std::string("RSA-PSS, ") + EVP_MD_get0_name(digest)},
+        {"value", hex(slot.signature())}};
     if (!isSlotKey(slot.key()))
     {
         remarks.emplace_back(
             "the chain's first key is not an RSA key of 4096 bits");
         return fields;
     }
-    const bool verifies = verifySlot(file, slot.key(), algorithm);
+    const bool verifies = slot.verifies(file);
     fields["verifies"] = verifies;
     if (!verifies)
     {
@@ -466,58 +475,53 @@ void makePayload(const PayloadOptions& options)
     const Key key = readSigner(options, chain);
     const std::int32_t timestamp = timestampOf(options);
     checkChain(options, chain.certificates, timestamp);
-    const Metadata metadata{std::string(metadataVersion), options.algorithm,
-                            std::to_string(timestamp)};
-    const Buffer head = slotHead(chain, metadata);
+    const Buffer fields = signedFields(chain, options.algorithm, timestamp);
     if (!signing.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, body, head);
-        report(signing.toBeSigned,
-               "signed range of a payload, timestamp " + metadata.timestamp);
+        writeFile(signing.toBeSigned, body, fields);
+        report(signing.toBeSigned, "signed range of a payload, timestamp " +
+                                       std::to_string(timestamp));
         return;
     }
-    const Buffer given = key ? Buffer() : readSignature(signing.signature);
-    OutputFile output(signing.output);
-    const Buffer signature =
-        writeSigned(output, body, head, key.get(), schemeOf(options.algorithm));
-    output.write(key ? signature : given);
-    output.write(Buffer(remainderSize));
-    checkPayload(output.readBack(), body.size(), head);
-    output.commit();
-    report(signing.output, "payload with " + options.algorithm +
-                               " signature and timestamp " +
-                               metadata.timestamp + ", signed and checked");
+    Buffer trailer(fields);
+    append(trailer,
+           key ? sign(body, fields, key.get(), schemeOf(options.algorithm))
+               : readSignature(signing.signature));
+    trailer.resize(TRAILER_SIZE);
+    writeFile(signing.output, body, trailer, checkPayload);
+    report(signing.output,
+           "payload with " + options.algorithm + " signature and timestamp " +
+               std::to_string(timestamp) + ", signed and checked");
 }
 
-PayloadMarks payloadMarks(const Source& file)
+bool hasTrailer(const Source& file, bool withMetadata)
 {
-    if (file.size() <= trailerSize)
+    if (file.size() <= TRAILER_SIZE)
     {
-        return {};
+        return false;
     }
     const Slot slot(file);
     const Metadata& metadata = slot.metadata;
-    return {
-        slot.chainText().find(certificateStart) != std::string_view::npos,
-        !(metadata.version + metadata.algorithm + metadata.timestamp).empty()};
+    const std::string values =
+        metadata.version + metadata.algorithm + metadata.timestamp;
+    return slot.chainText.find(CERTIFICATE_START) != std::string_view::npos &&
+           !(withMetadata && values.empty());
 }
 
 Json describePayload(const Source& file, Remarks& remarks)
 {
     const Slot slot(file);
-    const std::uint64_t bodySize = slot.layout.chain;
-    const std::uint64_t remainder = slot.layout.remainder;
     return {{"body",
              {{"offset", 0},
-              {"size", bodySize},
-              {"sha256", digestText(file, 0, bodySize, EVP_sha256())}}},
+              {"size", slot.bodySize},
+              {"sha256", digestText(file, slot.bodySize, EVP_sha256())}}},
             {"chain", describeChain(slot, remarks)},
             {"metadata", describeMetadata(slot, remarks)},
             {"signature", describeSignature(file, slot, remarks)},
             {"remainder",
-             {{"offset", remainder},
-              {"size", remainderSize},
-              {"zero", isZero(file.read(remainder, remainderSize))}}}};
+             {{"offset", slot.bodySize + REMAINDER_OFFSET},
+              {"size", REMAINDER_SIZE},
+              {"zero", isZero(slot.field(REMAINDER_OFFSET, REMAINDER_SIZE))}}}};
 }
 
 } // namespace pack

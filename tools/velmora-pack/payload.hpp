@@ -26,13 +26,9 @@ struct PayloadOptions
 
 void makePayload(const PayloadOptions& options);
 
-/** What of a trailer a file has at its end. */
-struct PayloadMarks
-{
-    bool chain = false;
-    bool metadata = false;
-};
-PayloadMarks payloadMarks(const Source& file);
+/** Whether a file has a payload's chain where that belongs, and metadata too if
+ *  that is asked for. */
+bool hasTrailer(const Source& file, bool withMetadata);
 nlohmann::ordered_json describePayload(const Source& file, Remarks& remarks);
 
 } // namespace pack

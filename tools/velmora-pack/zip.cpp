@@ -32,7 +32,7 @@ using Reader = Handle<archive, archive_read_free>;
 /** What the archive library reads from. */
 struct Input
 {
-    int descriptor;
+    int fileDescriptor;
     Buffer block = Buffer(READ_BLOCK);
     /** So many bytes may still be read. */
     std::uint64_t budget = LARGEST_DIRECTORY;
@@ -53,7 +53,7 @@ std::string reasonOf(archive* handle)
 la_ssize_t readInput(archive* handle, void* data, const void** block)
 {
     Input& input = *static_cast<Input*>(data);
-    const ssize_t count = read(input.descriptor, input.block.data(),
+    const ssize_t count = read(input.fileDescriptor, input.block.data(),
                                static_cast<std::size_t>(std::min<std::uint64_t>(
                                    input.block.size(), input.budget)));
     if (count < 0)
@@ -69,7 +69,7 @@ la_ssize_t readInput(archive* handle, void* data, const void** block)
 la_int64_t seekInput(archive* /*handle*/, void* data, la_int64_t offset,
                      int whence)
 {
-    return lseek(static_cast<Input*>(data)->descriptor, offset, whence);
+    return lseek(static_cast<Input*>(data)->fileDescriptor, offset, whence);
 }
 
 /** One pass over the members of an archive. */
@@ -77,7 +77,7 @@ class ZipReader
 {
   public:
     ZipReader(const Source& source, Remarks& remarks) :
-        source_(source), remarks_(remarks), input_{source.descriptor()},
+        source_(source), remarks_(remarks), input_{source.fileDescriptor()},
         reader_(archive_read_new())
     {
         // A name in UTF-8 is handed out in the locale's characters.
@@ -194,7 +194,7 @@ ZipWriter::ZipWriter(OutputFile& output) :
     // Firmware hardly compresses, and a compressor's output changes with its
     // version.
     check(archive_write_zip_set_compression_store(writer_.get()));
-    check(archive_write_open_fd(writer_.get(), output_.descriptor()));
+    check(archive_write_open_fd(writer_.get(), output_.fileDescriptor()));
 }
 
 void ZipWriter::check(int result)
@@ -217,7 +217,7 @@ void ZipWriter::add(const std::string& name, const Source& source)
         std::max(sourceDateEpoch().value_or(EARLIEST_TIME), EARLIEST_TIME), 0);
     check(archive_write_header(writer_.get(), entry.get()));
     source.stream(
-        0, source.size(),
+        source.size(),
         [&](Bytes piece)
         {
             if (archive_write_data(writer_.get(), piece.data(), piece.size()) !=
