@@ -1,5 +1,7 @@
 #include "descriptor.hpp"
 
+#include "inspect.hpp"
+
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
@@ -8,11 +10,8 @@
 #include <stdexcept>
 #include <utility>
 
-using Json = nlohmann::ordered_json;
-
 namespace pack
 {
-
 namespace
 {
 

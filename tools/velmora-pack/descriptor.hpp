@@ -2,8 +2,6 @@
 
 #include "files.hpp"
 
-#include <nlohmann/json.hpp>
-
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,8 +29,5 @@ Buffer writeDescriptor(const Descriptor& descriptor);
 /** What the checker finds: the first element that carries the attribute
  *  counts. Throws when the text is not XML. */
 Descriptor readDescriptor(Bytes xml);
-
-/** The same with the lines, for inspection. */
-nlohmann::ordered_json describeDescriptor(const Source& file, Remarks& remarks);
 
 } // namespace pack

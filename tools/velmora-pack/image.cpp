@@ -1,6 +1,6 @@
-#include "image.hpp"
-
+#include "inspect.hpp"
 #include "keys.hpp"
+#include "making.hpp"
 #include "openssl.hpp"
 
 #include <openssl/bn.h>
@@ -12,11 +12,9 @@
 #include <limits>
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
 
 namespace pack
 {
-
 namespace
 {
 

@@ -1,21 +1,12 @@
 #include "inspect.hpp"
 
-#include "descriptor.hpp"
-#include "image.hpp"
-#include "manifest.hpp"
 #include "openssl.hpp"
-#include "package.hpp"
-#include "payload.hpp"
-#include "signature_packet.hpp"
 
 #include <algorithm>
 #include <array>
 
-using Json = nlohmann::ordered_json;
-
 namespace pack
 {
-
 namespace
 {
 
@@ -35,41 +26,11 @@ bool isPackage(const Source& file)
     return start.starts_with("PK\3\4") || start.starts_with("PK\5\6");
 }
 
-/** A payload's body can be a package, and a package can hold a certificate
- *  where a payload has its chain. */
-bool isPayload(const Source& file) { return hasTrailer(file, isPackage(file)); }
-
 bool isDescriptor(const Source& file)
 {
     const std::string start = startOf(file);
     const std::size_t first = start.find_first_not_of("\xef\xbb\xbf \t\r\n");
     return first != std::string::npos && start[first] == '<';
-}
-
-bool isManifest(const Source& file)
-{
-    return file.size() <= LARGEST_FILE_IN_MEMORY &&
-           textOf(file.readAll()).find(MANIFEST_MAGIC) !=
-               std::string_view::npos;
-}
-
-Json describeSignature(const Source& file, Remarks& remarks)
-{
-    const Json signatures = describeSignatures(file.readAll(), remarks);
-    if (signatures.empty())
-    {
-        throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
-                                 "--dearmor makes one of an armoured one)");
-    }
-    return {{"signatures", signatures}};
-}
-
-bool isSignature(const Source& file)
-{
-    Remarks remarks;
-    return file.size() <= LARGEST_SIGNATURE &&
-           !describeSignatures(file.readAll(), remarks).empty() &&
-           remarks.empty();
 }
 
 struct Kind
@@ -82,7 +43,10 @@ struct Kind
 
 /** In the order in which a file's content is looked at. */
 constexpr std::array KINDS{
-    Kind{"payload", "signed payload", isPayload, describePayload},
+    // A payload's body can be a package, and a package can hold a certificate
+    // where a payload has its chain.
+    Kind{"payload", "signed payload", [](const Source& file)
+         { return isPayload(file, isPackage(file)); }, describePayload},
     Kind{"package", "package", isPackage, describePackage},
     Kind{"descriptor", "descriptor", isDescriptor, describeDescriptor},
     Kind{"manifest", "manifest", isManifest, describeManifest},

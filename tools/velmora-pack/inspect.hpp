@@ -12,6 +12,8 @@
 namespace pack
 {
 
+using Json = nlohmann::ordered_json;
+
 /** The names of the kinds of files that are known. */
 std::vector<std::string> kindNames();
 
@@ -20,12 +22,28 @@ std::vector<std::string> kindNames();
  *  @param kind one of the names; empty, the file's content must tell, which a
  *         signed image's cannot
  *  @throws Error on a file that is not of its kind */
-nlohmann::ordered_json inspect(const Source& file, std::string_view kind);
+Json inspect(const Source& file, std::string_view kind);
 
 /** The fields as indented lines of printable text. */
-std::string renderText(const nlohmann::ordered_json& fields);
+std::string renderText(const Json& fields);
 
 /** The date and time of seconds since 1970. */
 std::string dateText(std::int64_t seconds);
+
+// The fields of each kind.
+Json describePackage(const Source& file, Remarks& remarks);
+Json describeDescriptor(const Source& file, Remarks& remarks);
+Json describeSignature(const Source& file, Remarks& remarks);
+Json describeImage(const Source& file, Remarks& remarks);
+Json describeManifest(const Source& file, Remarks& remarks);
+Json describePayload(const Source& file, Remarks& remarks);
+/** Of each signature in a detached, binary one. */
+Json describeSignatures(Bytes file, Remarks& remarks);
+
+// Whether a file looks like one of that kind.
+bool isSignature(const Source& file);
+bool isManifest(const Source& file);
+/** @param withMetadata a chain alone is not enough */
+bool isPayload(const Source& file, bool withMetadata);
 
 } // namespace pack

@@ -19,7 +19,6 @@ namespace fs = std::filesystem;
 
 namespace pack
 {
-
 namespace
 {
 

@@ -1,12 +1,7 @@
 #include "files.hpp"
-#include "image.hpp"
 #include "inspect.hpp"
 #include "library_version.hpp"
-#include "manifest.hpp"
-#include "package.hpp"
-#include "payload.hpp"
-#include "signing.hpp"
-#include "test_keys.hpp"
+#include "making.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -20,7 +15,7 @@
 #include <vector>
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
+using pack::Json;
 
 namespace
 {

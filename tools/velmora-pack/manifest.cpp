@@ -1,18 +1,17 @@
-#include "manifest.hpp"
-
-#include "signing.hpp"
+#include "files.hpp"
+#include "inspect.hpp"
+#include "making.hpp"
 
 #include <optional>
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
 
 namespace pack
 {
-
 namespace
 {
 
+constexpr std::string_view MAGIC = "$KTB";
 constexpr auto MANIFEST_NAME = "image-ktb";
 constexpr auto SIGNATURE_NAME = "image-ktb.sig";
 constexpr std::uint32_t HEADER_SIZE = 16;
@@ -55,7 +54,7 @@ Buffer buildManifest(unsigned release)
         ++count;
     }
     Buffer manifest;
-    append(manifest, bytesOf(MANIFEST_MAGIC));
+    append(manifest, bytesOf(MAGIC));
     appendLittle(manifest, HEADER_SIZE);
     appendLittle(manifest, count);
     appendLittle(manifest,
@@ -170,7 +169,7 @@ void makeManifest(const ManifestOptions& options)
     const std::size_t start = content.size();
     const Buffer manifest = buildManifest(options.release);
     append(content, manifest);
-    if (textOf(content).find(MANIFEST_MAGIC) != start)
+    if (textOf(content).find(MAGIC) != start)
     {
         throw Error(options.prefix.string(),
                     "holds \"$KTB\", where the manifest would be looked for");
@@ -207,10 +206,16 @@ void makeManifest(const ManifestOptions& options)
                     : ", release " + std::to_string(options.release)));
 }
 
+bool isManifest(const Source& file)
+{
+    return file.size() <= LARGEST_FILE_IN_MEMORY &&
+           textOf(file.readAll()).find(MAGIC) != std::string_view::npos;
+}
+
 Json describeManifest(const Source& file, Remarks& remarks)
 {
     const Buffer content = file.readAll();
-    const std::size_t start = textOf(content).find(MANIFEST_MAGIC);
+    const std::size_t start = textOf(content).find(MAGIC);
     if (start == std::string_view::npos)
     {
         throw Error(file.name(), "holds no \"$KTB\"");
@@ -225,7 +230,7 @@ Json describeManifest(const Source& file, Remarks& remarks)
     const auto recordOffset = loadLittle<std::uint32_t>(manifest, 4);
     const auto recordCount = loadLittle<std::uint32_t>(manifest, 8);
     const auto length = loadLittle<std::uint32_t>(manifest, 12);
-    fields["magic"] = MANIFEST_MAGIC;
+    fields["magic"] = MAGIC;
     fields["recordOffset"] = recordOffset;
     fields["recordCount"] = recordCount;
     fields["length"] = length;

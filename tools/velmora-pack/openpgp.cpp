@@ -16,7 +16,6 @@ namespace fs = std::filesystem;
 
 namespace pack
 {
-
 namespace
 {
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bytes.hpp"
-#include "signing.hpp"
+#include "making.hpp"
 
 #include <filesystem>
 #include <string>

@@ -8,7 +8,6 @@ namespace fs = std::filesystem;
 
 namespace pack
 {
-
 namespace
 {
 

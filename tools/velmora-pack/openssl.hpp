@@ -2,7 +2,6 @@
 
 #include "bytes.hpp"
 #include "files.hpp"
-#include "signing.hpp"
 
 #include <openssl/bio.h>
 #include <openssl/crypto.h>

@@ -1,9 +1,8 @@
-#include "package.hpp"
-
 #include "descriptor.hpp"
+#include "inspect.hpp"
+#include "making.hpp"
 #include "openpgp.hpp"
 #include "openssl.hpp"
-#include "signature_packet.hpp"
 #include "zip.hpp"
 
 #include <algorithm>
@@ -14,11 +13,9 @@
 #include <set>
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
 
 namespace pack
 {
-
 namespace
 {
 
@@ -234,12 +231,9 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
         return signDetached(options.gpgHome, options.signing.key, descriptor);
     }
     const Source source(options.signing.signature);
-    if (source.size() == 0 || source.size() > LARGEST_SIGNATURE)
-    {
-        throw Error(source.name(), "is empty or too large for a signature");
-    }
     Buffer signature = source.readAll();
-    if ((signature.front() & std::byte{0x80}) == std::byte{0})
+    if (signature.empty() ||
+        (signature.front() & std::byte{0x80}) == std::byte{0})
     {
         throw Error(source.name(), "is not a binary OpenPGP signature (gpg "
                                    "--dearmor makes one of an armoured one)");

@@ -1,7 +1,6 @@
-#include "payload.hpp"
-
 #include "inspect.hpp"
 #include "keys.hpp"
+#include "making.hpp"
 #include "openssl.hpp"
 
 #include <openssl/err.h>
@@ -15,11 +14,9 @@
 #include <vector>
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
 
 namespace pack
 {
-
 namespace
 {
 
@@ -494,7 +491,7 @@ void makePayload(const PayloadOptions& options)
                std::to_string(timestamp) + ", signed and checked");
 }
 
-bool hasTrailer(const Source& file, bool withMetadata)
+bool isPayload(const Source& file, bool withMetadata)
 {
     if (file.size() <= TRAILER_SIZE)
     {

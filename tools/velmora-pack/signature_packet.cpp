@@ -1,5 +1,3 @@
-#include "signature_packet.hpp"
-
 #include "inspect.hpp"
 
 #include <algorithm>
@@ -8,11 +6,8 @@
 #include <string>
 #include <utility>
 
-using Json = nlohmann::ordered_json;
-
 namespace pack
 {
-
 namespace
 {
 
@@ -29,6 +24,8 @@ constexpr std::array DIGEST_ALGORITHMS{
     std::pair{2U, "SHA1"}, std::pair{8U, "SHA256"}, std::pair{9U, "SHA384"},
     std::pair{10U, "SHA512"}, std::pair{11U, "SHA224"}};
 constexpr std::size_t MOST_SIGNATURES = 16;
+/** No detached signature of a descriptor comes near it, in bytes. */
+constexpr std::uint64_t LARGEST_SIGNATURE = 64U << 10;
 
 /** Takes bytes off the front; throws std::out_of_range when they do not
  *  suffice, as all below do. */
@@ -128,7 +125,7 @@ void describeSubpackets(Json& fields, Bytes area)
     }
 }
 
-void describeSignature(Json& fields, Bytes body)
+void describeBody(Json& fields, Bytes body)
 {
     const std::uint32_t version = takeNumber(body, 1);
     fields["version"] = version;
@@ -169,7 +166,7 @@ Json describeSignatures(Bytes file, Remarks& remarks)
             const Bytes body = takeSignature(rest);
             Json fields{{"offset", offset},
                         {"size", file.size() - rest.size() - offset}};
-            describeSignature(fields, body);
+            describeBody(fields, body);
             signatures.push_back(std::move(fields));
         }
         catch (const std::out_of_range&)
@@ -180,6 +177,25 @@ Json describeSignatures(Bytes file, Remarks& remarks)
         }
     }
     return signatures;
+}
+
+Json describeSignature(const Source& file, Remarks& remarks)
+{
+    const Json signatures = describeSignatures(file.readAll(), remarks);
+    if (signatures.empty())
+    {
+        throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
+                                 "--dearmor makes one of an armoured one)");
+    }
+    return {{"signatures", signatures}};
+}
+
+bool isSignature(const Source& file)
+{
+    Remarks remarks;
+    return file.size() <= LARGEST_SIGNATURE &&
+           !describeSignatures(file.readAll(), remarks).empty() &&
+           remarks.empty();
 }
 
 } // namespace pack

@@ -1,13 +1,11 @@
-#include "test_keys.hpp"
-
 #include "files.hpp"
+#include "making.hpp"
 #include "openpgp.hpp"
 
 namespace fs = std::filesystem;
 
 namespace pack
 {
-
 namespace
 {
 

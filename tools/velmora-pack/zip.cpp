@@ -13,7 +13,6 @@
 
 namespace pack
 {
-
 namespace
 {
 

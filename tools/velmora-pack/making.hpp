@@ -1,0 +1,105 @@
+#pragma once
+
+#include "error.hpp"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace pack
+{
+
+/** Where a signature comes from, of which exactly one is given, and where what
+ *  is made goes. */
+struct Signing
+{
+    /** A fingerprint, a PEM file or a pkcs11: URI, as the command says. */
+    std::string key;
+    std::filesystem::path passphraseFile;
+    /** A signature that was made elsewhere. */
+    std::filesystem::path signature;
+    /** Nothing is signed. The bytes to be signed are written here. */
+    std::filesystem::path toBeSigned;
+    std::filesystem::path output;
+    /** The output may replace a file. */
+    bool force = false;
+
+    const std::filesystem::path& made() const
+    {
+        return toBeSigned.empty() ? output : toBeSigned;
+    }
+};
+
+/** How keys and certificates are looked at: as the machine will do, if it is
+ *  known what that trusts. */
+struct Trust
+{
+    /** The machine's keyring or root CA; may be empty. */
+    std::filesystem::path anchor;
+    /** Days for which they must still be valid. */
+    int days = 30;
+
+    /** Refuses when an anchor is given, and warns otherwise. */
+    void object(std::string_view subject, std::string_view what) const
+    {
+        if (!anchor.empty())
+        {
+            throw Error(subject, what);
+        }
+        warn(subject, what);
+    }
+};
+
+struct PackageOptions
+{
+    /** A file, or a directory of files. */
+    std::filesystem::path payload;
+    std::string model;
+    std::string version;
+    std::vector<std::string> systemIds;
+    /** Empty: gpg's own. */
+    std::filesystem::path gpgHome;
+    Trust trust;
+    Signing signing;
+};
+
+struct ImageOptions
+{
+    std::filesystem::path input;
+    /** Checks a signature that was made elsewhere. */
+    std::filesystem::path publicKey;
+    Signing signing;
+};
+
+struct ManifestOptions
+{
+    /** 1 or 2; 0 for a manifest without a release marker. */
+    unsigned release = 0;
+    /** Bytes that stand before the manifest. */
+    std::filesystem::path prefix;
+    std::filesystem::path output;
+    bool force = false;
+};
+
+struct PayloadOptions
+{
+    std::filesystem::path input;
+    std::filesystem::path chain;
+    /** PS256, PS384 or PS512. */
+    std::string algorithm;
+    std::optional<std::int32_t> timestamp;
+    Trust trust;
+    Signing signing;
+};
+
+// Each makes what its options say, or throws and leaves nothing behind.
+void makePackage(const PackageOptions& options);
+void makeImage(const ImageOptions& options);
+void makeManifest(const ManifestOptions& options);
+void makePayload(const PayloadOptions& options);
+/** A complete set of keys and certificates for trying things out. */
+void makeTestKeys(const std::filesystem::path& directory);
+
+} // namespace pack
