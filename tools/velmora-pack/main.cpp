@@ -58,16 +58,22 @@ std::string normaliseSystemId(std::string& text)
     return {};
 }
 
-/** An option or, without dashes, an argument that names a file. */
-CLI::Option* addPath(CLI::App& command, const std::string& name, fs::path& path,
-                     const std::string& help, const std::string& type = "FILE")
+/** An option or, without dashes, an argument.
+ *
+ *  @param type stands for its value in the help */
+template <typename Value>
+CLI::Option* add(CLI::App& command, const std::string& name, Value& value,
+                 const std::string& type, const std::string& help)
 {
-    return command.add_option(name, path, help)->type_name(type);
+    return command.add_option(name, value, help)->type_name(type);
 }
 
-CLI::Option* addForce(CLI::App& command, bool& force)
+CLI::Option* addOutput(CLI::App& command, fs::path& output, bool& force,
+                       const std::string& type, const std::string& help)
 {
-    return command.add_flag("--force", force, "Replace an output that exists");
+    CLI::Option* const option = add(command, "-o,--output", output, type, help);
+    command.add_flag("--force", force, "Replace an output that exists");
+    return option;
 }
 
 /** One of the three ways to a signature must be chosen, and an output given
@@ -76,16 +82,16 @@ void addSigning(CLI::App& command, pack::Signing& signing,
                 const std::string& keyHelp, const std::string& signatureHelp,
                 const std::string& signedHelp)
 {
-    CLI::Option* const out = addPath(command, "-o,--output", signing.output,
-                                     "The file to make; - for standard output");
-    addForce(command, signing.force);
+    CLI::Option* const output =
+        addOutput(command, signing.output, signing.force, "FILE",
+                  "The file to make; - for standard output");
     CLI::Option_group* const ways =
         command.add_option_group("Signature", "one of these");
-    ways->add_option("--key", signing.key, keyHelp)->type_name("KEY");
-    addPath(*ways, "--signature", signing.signature, signatureHelp);
-    addPath(*ways, "--to-be-signed", signing.toBeSigned,
-            "Sign nothing: write the bytes to be signed, " + signedHelp)
-        ->excludes(out);
+    add(*ways, "--key", signing.key, "KEY", keyHelp);
+    add(*ways, "--signature", signing.signature, "FILE", signatureHelp);
+    add(*ways, "--to-be-signed", signing.toBeSigned, "FILE",
+        "Sign nothing: write the bytes to be signed, " + signedHelp)
+        ->excludes(output);
     ways->require_option(1);
     command.parse_complete_callback(
         [&signing]
@@ -100,22 +106,20 @@ void addSigning(CLI::App& command, pack::Signing& signing,
 /** For a key in a file or a token. */
 void addPassphrase(CLI::App& command, pack::Signing& signing)
 {
-    addPath(command, "--passphrase-file", signing.passphraseFile,
-            "Its first line is the key's passphrase or PIN; /dev/fd/N is a "
-            "descriptor")
+    add(command, "--passphrase-file", signing.passphraseFile, "FILE",
+        "Its first line is the key's passphrase or PIN; /dev/fd/N is a file "
+        "descriptor")
         ->needs(command.get_option("--key"));
 }
 
 void addTrust(CLI::App& command, const std::string& name, pack::Trust& trust,
               const std::string& help)
 {
-    addPath(command, name, trust.anchor, help);
-    command
-        .add_option("--min-days", trust.days,
-                    "Days for which key and certificates must still be valid: "
-                    "fewer is a refusal with " +
-                        name + ", and a warning without; default 30")
-        ->type_name("DAYS")
+    add(command, name, trust.anchor, "FILE", help);
+    add(command, "--min-days", trust.days, "DAYS",
+        "Days for which key and certificates must still be valid: fewer is a "
+        "refusal with " +
+            name + ", and a warning without; default 30")
         ->check(CLI::Range(0, MOST_DAYS));
 }
 
@@ -124,22 +128,18 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
     CLI::App& command = *app.add_subcommand(
         "package", "Make a package: descriptor, its OpenPGP signature and the "
                    "payload in a ZIP");
-    addPath(command, "--payload", options.payload,
-            "A file, or a directory of files without subdirectories", "PATH")
+    add(command, "--payload", options.payload, "PATH",
+        "A file, or a directory of files without subdirectories")
         ->required();
-    command.add_option("--model", options.model, "The component identifier")
-        ->type_name("ID")
+    add(command, "--model", options.model, "ID", "The component identifier")
         ->required();
-    command.add_option("--version", options.version, "The firmware version")
+    add(command, "--version", options.version, "TEXT", "The firmware version")
         ->required();
-    command
-        .add_option("--system-id", options.systemIds,
-                    "A supported system, 1 to 4 hexadecimal digits; without "
-                    "any, all are")
-        ->type_name("HEX")
+    add(command, "--system-id", options.systemIds, "HEX",
+        "A supported system, 1 to 4 hexadecimal digits; without any, all are")
         ->transform(CLI::Validator(normaliseSystemId, ""));
-    addPath(command, "--gpg-home", options.gpgHome,
-            "The GnuPG home with the key, instead of gpg's own", "DIR");
+    add(command, "--gpg-home", options.gpgHome, "DIR",
+        "The GnuPG home with the key, instead of gpg's own");
     addTrust(command, "--keyring", options.trust,
              "The machine's exported public keys: refuse what it would refuse");
     addSigning(command, options.signing,
@@ -155,10 +155,11 @@ void addImage(CLI::App& app, pack::ImageOptions& options)
     CLI::App& command = *app.add_subcommand(
         "image",
         "Sign an image with ECDSA, P-384 and SHA-512: 96 bytes are appended");
-    addPath(command, "input", options.input, "The image's content")->required();
+    add(command, "input", options.input, "FILE", "The image's content")
+        ->required();
     CLI::Option* const publicKey =
-        addPath(command, "--public-key", options.publicKey,
-                "With --signature: the signer's public key, PEM");
+        add(command, "--public-key", options.publicKey, "FILE",
+            "With --signature: the signer's public key, PEM");
     addSigning(command, options.signing,
                "The EC private key: a PEM file or a pkcs11: URI",
                "A signature that was made elsewhere, DER or 96 bytes; needs "
@@ -175,17 +176,14 @@ void addManifest(CLI::App& app, pack::ManifestOptions& options)
 {
     CLI::App& command = *app.add_subcommand(
         "manifest", "Make a manifest: image-ktb and a small image-ktb.sig");
-    command
-        .add_option("--release", options.release,
-                    "The release marker, 1 or 2; without it there is none")
-        ->type_name("N")
+    add(command, "--release", options.release, "N",
+        "The release marker, 1 or 2; without it there is none")
         ->check(CLI::IsMember({1, 2}));
-    addPath(command, "--prefix", options.prefix,
-            "A file whose bytes stand before the manifest");
-    addPath(command, "-o,--output", options.output,
-            "The directory for both files; made if there is none", "DIR")
+    add(command, "--prefix", options.prefix, "FILE",
+        "A file whose bytes stand before the manifest");
+    addOutput(command, options.output, options.force, "DIR",
+              "The directory for both files; made if there is none")
         ->required();
-    addForce(command, options.force);
     command.final_callback([&options] { pack::makeManifest(options); });
 }
 
@@ -194,20 +192,17 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
     CLI::App& command = *app.add_subcommand(
         "payload",
         "Sign a payload with RSA-PSS: the trailer of 76800 bytes is appended");
-    addPath(command, "input", options.input, "The payload's body")->required();
-    addPath(command, "--chain", options.chain,
-            "The signer's certificate and its chain, PEM, shorter "
-            "than 24576 bytes")
+    add(command, "input", options.input, "FILE", "The payload's body")
         ->required();
-    command.add_option("--alg", options.algorithm, "PS256, PS384 or PS512")
-        ->type_name("NAME")
+    add(command, "--chain", options.chain, "FILE",
+        "The signer's certificate and its chain, PEM, shorter than 24576 bytes")
+        ->required();
+    add(command, "--alg", options.algorithm, "NAME", "PS256, PS384 or PS512")
         ->required()
         ->check(CLI::IsMember({"PS256", "PS384", "PS512"}));
-    command
-        .add_option("--timestamp", options.timestamp,
-                    "The signing time in seconds since 1970, 1 to 2147483647; "
-                    "default SOURCE_DATE_EPOCH, or now")
-        ->type_name("SECONDS")
+    add(command, "--timestamp", options.timestamp, "SECONDS",
+        "The signing time in seconds since 1970, 1 to 2147483647; default "
+        "SOURCE_DATE_EPOCH, or now")
         ->check(CLI::Range(std::int32_t{1},
                            std::numeric_limits<std::int32_t>::max()));
     addTrust(command, "--root-ca", options.trust,
@@ -305,13 +300,9 @@ void addInspect(CLI::App& app, InspectOptions& options, int& status)
     CLI::App& command = *app.add_subcommand(
         "inspect", "Say what files are, list their fields and remark on what "
                    "a machine would refuse");
-    command.add_option("file", options.files, "The files")
-        ->type_name("FILE")
-        ->required();
-    command
-        .add_option("--as", options.kind,
-                    "What the files are; a signed image must be named")
-        ->type_name("KIND")
+    add(command, "file", options.files, "FILE", "The files")->required();
+    add(command, "--as", options.kind, "KIND",
+        "What the files are; a signed image must be named")
         ->check(CLI::IsMember(pack::kindNames()));
     command.add_flag("--json", options.json, "List the fields as JSON");
     command.add_flag("--strict", options.strict, "Exit with 1 on a remark");
@@ -322,16 +313,20 @@ void addTestKeys(CLI::App& app, fs::path& directory)
 {
     CLI::App& command = *app.add_subcommand(
         "test-keys", "Make keys and certificates for trying things out");
-    addPath(command, "directory", directory,
-            "The directory to make; it must be absent or empty", "DIR")
+    add(command, "directory", directory, "DIR",
+        "The directory to make; it must be absent or empty")
         ->required();
     command.final_callback([&directory] { pack::makeTestKeys(directory); });
 }
 
-/** Says which word is no command. CLI11 would only say that one is missing. */
-void expectCommand(const CLI::App& app, int argc, char** argv)
+/** Says which word is no command, or no option of the tool itself. CLI11 would
+ *  only say that a command is missing. */
+void expectCommand(const CLI::App& app, const std::string& given)
 {
-    const std::string given = argc > 1 ? argv[1] : "-";
+    if (given.starts_with('-') && app.get_option_no_throw(given) == nullptr)
+    {
+        throw CLI::ValidationError(given, "is an unknown option");
+    }
     std::string known;
     for (const CLI::App* const command : app.get_subcommands({}))
     {
@@ -343,7 +338,8 @@ void expectCommand(const CLI::App& app, int argc, char** argv)
     }
     if (!given.starts_with('-'))
     {
-        throw CLI::ValidationError(given, "is no command; there are " + known);
+        throw CLI::ValidationError(given,
+                                   "is no command; the commands are " + known);
     }
 }
 
@@ -352,7 +348,10 @@ void run(CLI::App& app, int argc, char** argv, int& status)
 {
     try
     {
-        expectCommand(app, argc, argv);
+        if (argc > 1)
+        {
+            expectCommand(app, argv[1]);
+        }
         app.parse(argc, argv);
     }
     catch (const CLI::ParseError& error)
