@@ -236,11 +236,18 @@ openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
 expect 0 'r' "$pack" inspect --as image image2
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
 fails 'two files; name a directory' manifest -o -
+fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.pem" -o nodir/x
+# shellcheck disable=SC2016 # Expanded by the other shell.
+expect 1 '^velmora-pack: standard output: No space left' sh -c \
+    '"$1" image content --key "$2/image-signer.pem" -o - >/dev/full' - "$pack" "$keys"
 "$pack" image content --key "$keys/image-signer.pem" -o - >piped
 expect 0 '^100096$' stat -c %s piped
 fails payload-signer "image" content --key "$keys/payload-signer.pem" -o x
 cp "$keys/image-signer.pem" own-key
 fails own-key "image" content --key own-key -o own-key
+echo x >pin
+fails 'pin: is also an input' image content --key own-key \
+    --passphrase-file pin --force -o pin
 fails own-key "image" own-key --key "$keys/image-signer.pem" -o x
 fails content "image" content --signature content \
     --public-key "$keys/image-signer.pub.pem" -o x
@@ -370,6 +377,7 @@ remarks unnamed 'signature does not fit'
 remarks zip 'and so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
 expect 1 '^velmora-pack: none: ' "$pack" inspect p.zip none
+expect 1 '^crc.zip: package, 2 remarks$' "$pack" inspect --strict p.zip crc.zip
 expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
 files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))
 print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'

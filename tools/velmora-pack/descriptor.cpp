@@ -20,6 +20,7 @@ constexpr auto VERSION_PATH = "//SoftwareComponent/@vendorVersion";
 constexpr auto DIGEST_PATH =
     "//SoftwareComponent[@hashAlgorithm=\"SHA256\"]/@hash";
 constexpr auto SYSTEM_ID_PATH = "//Model/@systemID";
+constexpr auto MODEL_WITHOUT_SYSTEM = "//Model[not(@systemID)]";
 /** The checker reads no larger one. */
 constexpr std::size_t LARGEST_DESCRIPTOR = 262144;
 constexpr std::size_t MOST_SYSTEM_IDS = 1000;
@@ -70,14 +71,19 @@ XmlDocument parse(Bytes xml, std::string_view name)
     return document;
 }
 
+XPathResult evaluate(xmlDoc* document, const char* path)
+{
+    const XPathContext context(xmlXPathNewContext(document));
+    return XPathResult(
+        context ? xmlXPathEvalExpression(xmlText(path), context.get())
+                : nullptr);
+}
+
 /** The values of the attributes that the path selects, in document order. An
  *  empty attribute has no text, and counts as absent. */
 std::vector<Found> find(xmlDoc* document, const char* path)
 {
-    const XPathContext context(xmlXPathNewContext(document));
-    const XPathResult result(
-        context ? xmlXPathEvalExpression(xmlText(path), context.get())
-                : nullptr);
+    const XPathResult result = evaluate(document, path);
     std::vector<Found> values;
     if (!result || xmlXPathNodeSetIsEmpty(result->nodesetval))
     {
@@ -124,10 +130,15 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
     std::string what;
     try
     {
-        const int number = std::stoi(systemId.value, nullptr, 16);
+        std::size_t end = 0;
+        const int number = std::stoi(systemId.value, &end, 16);
         if (number < 0 || number > LARGEST_SYSTEM_ID)
         {
             what = "is no number of 16 bits, so that no system has it";
+        }
+        else if (end != systemId.value.size())
+        {
+            what = "goes on behind the number, which alone counts";
         }
     }
     catch (const std::logic_error&)
@@ -214,7 +225,7 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
                                      std::pair{"hash", DIGEST_PATH}})
     {
         const std::vector<Found> values = find(document.get(), path);
-        if (values.empty())
+        if (values.empty() || values.front().value.empty())
         {
             remarks.push_back("the descriptor states no " + std::string(name));
         }
@@ -226,6 +237,12 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
     if (fields.contains("hash"))
     {
         remarkOnDigest(remarks, fields["hash"]["value"]);
+    }
+    const XPathResult without = evaluate(document.get(), MODEL_WITHOUT_SYSTEM);
+    if (without && xmlXPathCastToBoolean(without.get()) == 1)
+    {
+        remarks.emplace_back(
+            "a Model has no systemID, so that no system is it");
     }
     std::vector<Found> systemIds = find(document.get(), SYSTEM_ID_PATH);
     fields["systemIDs"] = systemIds.size();

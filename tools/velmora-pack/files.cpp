@@ -9,7 +9,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -27,9 +26,16 @@ constexpr auto TEMPORARY_NAME = ".velmora-pack-XXXXXX";
 fs::path directoryOf(const fs::path& target)
 {
     const fs::path parent = target.parent_path();
-    return target == STANDARD_OUTPUT ? fs::temp_directory_path()
-           : parent.empty()          ? "."
-                                     : parent;
+    std::error_code missing;
+    const fs::path directory = target == STANDARD_OUTPUT
+                                   ? fs::temp_directory_path(missing)
+                               : parent.empty() ? "."
+                                                : parent;
+    if (!fs::is_directory(directory, missing))
+    {
+        throw Error(target.string(), "there is no directory to make it in");
+    }
+    return directory;
 }
 
 void synchroniseDirectory(const fs::path& directory)
@@ -144,8 +150,10 @@ void Output::giveName() const
     if (target_ == STANDARD_OUTPUT)
     {
         const Source made(path());
-        made.stream(made.size(),
-                    [](Bytes piece) { std::cout << textOf(piece); });
+        const FileDescriptor output(dup(STDOUT_FILENO));
+        made.stream(
+            made.size(), [&](Bytes piece)
+            { tools::writeAll(output, textOf(piece), "standard output"); });
         return;
     }
     if (rename(path().c_str(), target_.c_str()) != 0)

@@ -110,10 +110,7 @@ void makeImage(const ImageOptions& options)
     const Source content(options.input);
     expectNoPrivateKey(content);
     const Signing& signing = options.signing;
-    expectNew(
-        signing.made(),
-        {options.input, options.publicKey, signing.key, signing.signature},
-        signing.force);
+    signing.expectNewOutput({options.input, options.publicKey});
     if (content.size() == 0)
     {
         throw Error(content.name(), "is empty");

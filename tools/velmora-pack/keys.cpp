@@ -41,6 +41,7 @@ struct Secret
     std::optional<std::string> value;
     bool asked = false;
     bool noTerminal = false;
+    bool notGiven = false;
 
     ~Secret()
     {
@@ -56,6 +57,10 @@ int tellSecret(char* buffer, int size, int /*forWriting*/, void* data)
 {
     Secret& secret = *static_cast<Secret*>(data);
     secret.asked = true;
+    if (secret.notGiven)
+    {
+        return -1;
+    }
     if (!secret.value)
     {
         const std::string prompt = "Passphrase or PIN of " + secret.key + ": ";
@@ -63,8 +68,10 @@ int tellSecret(char* buffer, int size, int /*forWriting*/, void* data)
         const FileDescriptor terminal(
             open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
         secret.noTerminal = terminal.get() < 0;
-        if (secret.noTerminal ||
-            EVP_read_pw_string(buffer, size, prompt.c_str(), 0) != 0)
+        secret.notGiven =
+            secret.noTerminal ||
+            EVP_read_pw_string(buffer, size, prompt.c_str(), 0) != 0;
+        if (secret.notGiven)
         {
             return -1;
         }
@@ -183,6 +190,10 @@ Key readPrivateKey(const std::string& key, const fs::path& passphraseFile)
         throw Error(secret.key, "needs a passphrase or PIN, and there is no "
                                 "terminal: give it with --passphrase-file or "
                                 "in VELMORA_PACK_PIN");
+    }
+    if (secret.notGiven)
+    {
+        throw Error(secret.key, "no passphrase or PIN was given");
     }
     if (!found)
     {

@@ -249,8 +249,24 @@ std::string failureOf(const std::function<void()>& work)
     }
 }
 
-/** A section for each file and a summary of more than one; the status is the
- *  worst. */
+/** What the file is, and the remarks below. */
+std::string shortText(const Json& fields)
+{
+    const auto& remarks = fields["remarks"];
+    const std::string file = fields["file"];
+    const std::string kind = fields["kind"];
+    std::string text = pack::printable(file) + ": " + kind + ", " +
+                       std::to_string(remarks.size()) + " remark" +
+                       (remarks.size() == 1 ? "" : "s") + '\n';
+    for (const std::string remark : remarks)
+    {
+        text += "  - " + pack::printable(remark) + '\n';
+    }
+    return text;
+}
+
+/** All of one file, or a line for each of several and a summary; the status is
+ *  the worst. */
 int inspect(const InspectOptions& options)
 {
     const bool several = options.files.size() > 1;
@@ -278,7 +294,8 @@ int inspect(const InspectOptions& options)
         }
         if (!options.json)
         {
-            std::cout << pack::renderText(fields) << (several ? "\n" : "");
+            std::cout << (several ? shortText(fields)
+                                  : pack::renderText(fields));
         }
     }
     if (options.json && (several || failed == 0))

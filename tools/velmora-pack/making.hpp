@@ -1,6 +1,6 @@
 #pragma once
 
-#include "error.hpp"
+#include "files.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -29,6 +29,14 @@ struct Signing
     const std::filesystem::path& made() const
     {
         return toBeSigned.empty() ? output : toBeSigned;
+    }
+
+    /** @param inputs what else the output is made from
+     *  @throws Error when it must not take the place of what is there */
+    void expectNewOutput(std::vector<std::filesystem::path> inputs) const
+    {
+        inputs.insert(inputs.end(), {key, passphraseFile, signature});
+        expectNew(made(), inputs, force);
     }
 };
 

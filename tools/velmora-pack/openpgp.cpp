@@ -123,7 +123,8 @@ void importKeyring(const fs::path& home, const fs::path& file)
     }
     if (trusted.empty())
     {
-        throw Error(file.string(), "holds no OpenPGP public key");
+        throw Error(file.string(),
+                    "holds no OpenPGP public key as gpg --export writes it");
     }
     tools::writeFile(home / "gpg.conf", trusted);
 }

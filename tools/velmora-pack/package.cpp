@@ -69,7 +69,8 @@ void expectPortable(const fs::path& file)
 /** Files that desktops and editors leave, and nobody means to ship. */
 bool isLeftover(std::string_view name)
 {
-    constexpr std::array ENDS{"~", ".bak", ".orig", ".rej", ".swp", ".tmp"};
+    constexpr std::array ENDS{"~",    ".bak", ".BAK", ".orig", ".rej",
+                              ".swn", ".swo", ".swp", ".tmp"};
     return name.starts_with('.') || name.starts_with('#') ||
            name == "Thumbs.db" || name == "desktop.ini" ||
            std::ranges::any_of(ENDS, [&](std::string_view end)
@@ -301,8 +302,8 @@ void makePackage(const PackageOptions& options)
     const Signing& signing = options.signing;
     expectOutside(signing.made(), options.payload);
     std::vector<fs::path> inputs(files);
-    inputs.insert(inputs.end(), {signing.signature, options.trust.anchor});
-    expectNew(signing.made(), inputs, signing.force);
+    inputs.push_back(options.trust.anchor);
+    signing.expectNewOutput(std::move(inputs));
     const FileDigests digests = digestFiles(files);
     const Buffer descriptor =
         writeDescriptor({options.model, options.version, compositeOf(digests),

@@ -420,8 +420,10 @@ Json describeMetadata(const Slot& slot, Remarks& remarks)
     }
     if (slot.timestamp() == 0)
     {
-        remarks.emplace_back("the metadata has no timestamp, so that the chain "
-                             "is checked at the start of 1970");
+        remarks.push_back(std::string("the metadata has no timestamp") +
+                          (metadata.timestamp.empty() ? "" : " that counts") +
+                          ", so that the chain is checked at the start of "
+                          "1970");
     }
     else
     {
@@ -461,9 +463,8 @@ void makePayload(const PayloadOptions& options)
     const Source body(options.input);
     expectNoPrivateKey(body);
     const Signing& signing = options.signing;
-    expectNew(signing.made(),
-              {options.input, options.chain, signing.key, signing.signature},
-              signing.force);
+    signing.expectNewOutput(
+        {options.input, options.chain, options.trust.anchor});
     if (body.size() == 0)
     {
         throw Error(body.name(), "is empty");
