@@ -39,7 +39,8 @@ constexpr std::string_view INVENTORY_PREFIX =
 /** What the library would throw at, or empty. */
 std::string inventoryPathError(const std::string& path)
 {
-    return path.size() > INVENTORY_PREFIX.size()
+    return path.starts_with(INVENTORY_PREFIX) &&
+                   path.size() > INVENTORY_PREFIX.size()
                ? ""
                : "no inventory path below " + std::string(INVENTORY_PREFIX) +
                      ": " + path;
@@ -204,8 +205,12 @@ class CommandLine
             const CLI::App* nearest = *std::ranges::min_element(
                 commands, {}, [&rest](const CLI::App* each)
                 { return distance(rest[0], each->get_name()); });
-            std::cerr << "velmora: no command is called " << printable(rest[0])
-                      << "; the nearest is " << nearest->get_name()
+            std::cerr << "velmora: there is no "
+                      << (rest[0].starts_with('-') ? "option " : "command ")
+                      << printable(rest[0])
+                      << (rest[0].starts_with('-')
+                              ? ""
+                              : "; the nearest is " + nearest->get_name())
                       << " (--help tells more)\n";
             return WRONG_USAGE;
         }
