@@ -14,10 +14,11 @@ std::string inWords(const std::string& name);
 nlohmann::ordered_json asJson(const Site& site);
 nlohmann::ordered_json detailsAsJson(const Operation& operation);
 
-/** Also where texts are no UTF-8, as paths and texts of packages may be. */
+/** In ASCII, so that nothing in a text moves a terminal's cursor. Paths and
+ *  texts of packages may also be no UTF-8. */
 inline std::string asText(const nlohmann::ordered_json& json)
 {
-    return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+    return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
 /** Explains a log on stdout.
