@@ -46,7 +46,7 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         "hash");
     if (sha256FromPkgXML.empty())
     {
-        LOG_FAILURE("the descriptor states no SHA256 hash");
+        LOG_PASSED_ON("the descriptor states no SHA256 hash");
         return false;
     }
     const std::string sha256FromImage =

@@ -84,7 +84,8 @@ expect 3 '^3 packages: 1 accepted, 1 refused, 1 could not be checked$' \
     "$velmora" validate p.zip cut.zip none.zip
 expect 3 '^none.zip: could not be checked: No such file' "$velmora" validate p.zip none.zip
 expect 1 '^\[' "$velmora" --json validate p.zip cut.zip
-expect 2 'no command is called valdate; the nearest is validate' "$velmora" valdate x
+expect 2 'there is no command valdate; the nearest is validate' "$velmora" valdate x
+expect 2 'there is no option --bogus ' "$velmora" --bogus
 
 # What a key in the keyring has against it.
 keyring=/etc/gpg/secupkey/.gnupg
@@ -113,8 +114,8 @@ expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explai
 expect 3 'no library with a section' "$velmora" explain --library log log
 fake='Line: 1 [INFO e.what(): sd_bus_call: org.freedesktop.DBus.Error.NoReply: x]'
 cp -r unpacked fake
-printf '<a>\n%s\n<b></a>' "$fake" >fake/package.xml
-expect 1 'refused: the descriptor cannot be read, is not well-formed' "$velmora" validate fake
+printf '<a>\n%s' "$fake" >fake/package.xml
+expect 1 'is not well-formed, or is beyond a limit$' "$velmora" validate fake
 printf '<Model systemID="0A1B]&#10;%s&#10;Line: 1 [FAILURE]&#10;"/>' "$fake" \
     >fake/package.xml
 expect 1 'refused: .* not what was signed' "$velmora" validate fake

@@ -180,6 +180,12 @@ void addBounded(std::vector<Item>& items, Item item)
     items.push_back(std::move(item));
 }
 
+Site unknownSite(int number)
+{
+    return {"", number, 0, "",
+            "nothing is known of line " + std::to_string(number)};
+}
+
 /** Takes @p start off the text, if it is there. */
 bool skip(std::string_view& text, std::string_view start)
 {
@@ -318,7 +324,10 @@ std::string Operation::reason() const
             telling = ": " + detail.text;
         }
     }
-    return site.text + telling;
+    // A query does not know what for. Who asked does.
+    const bool isQuery = site.file == "descriptor_query.cpp";
+    return (isQuery && !echoes.empty() ? echoes.front().text + ": " : "") +
+           site.text + telling;
 }
 
 void Explainer::read(int descriptor, const std::string& name)
@@ -359,7 +368,15 @@ void Explainer::take(std::string_view text)
     }
     // It is the cause only of a failure in the very next line.
     exception_.clear();
-    if (line.level == success)
+    if (line.level == none)
+    {
+        // A parser quotes its document, which may imitate lines of ours.
+        for (Detail& detail : now_.details)
+        {
+            detail.isTelling = false;
+        }
+    }
+    else if (line.level == success)
     {
         takeSuccess(line);
     }
@@ -379,11 +396,7 @@ void Explainer::takeFailure(const Line& line)
     const bool isKnown = known != causes_.sites.end();
     ++failures_;
     unknown_ += isKnown ? 0 : 1;
-    const Site site =
-        isKnown
-            ? known->second
-            : Site{"", line.number, 0, "",
-                   "nothing is known of line " + std::to_string(line.number)};
+    const Site site = isKnown ? known->second : unknownSite(line.number);
     if (site.kind == "note")
     {
         addBounded(now_.notes, site);
@@ -416,13 +429,20 @@ void Explainer::takeSuccess(const Line& line)
 {
     finishRefusal();
     // Any failure of the same source knows its name.
-    const auto next = causes_.sites.lower_bound(line.number / BLOCK * BLOCK);
-    const std::string file =
-        next != causes_.sites.end() ? next->second.file : "";
-    std::string subject = file.substr(0, file.rfind('.'));
-    std::ranges::replace(subject, '_', ' ');
-    subject += line.text.empty() ? "" : ": " + std::string(line.text);
-    now_.site = {file, line.number, line.number % BLOCK, "", subject};
+    const int block = line.number / BLOCK;
+    const auto next = causes_.sites.lower_bound(block * BLOCK);
+    if (next != causes_.sites.end() && next->first / BLOCK == block)
+    {
+        const std::string& file = next->second.file;
+        std::string subject = file.substr(0, file.rfind('.'));
+        std::ranges::replace(subject, '_', ' ');
+        now_.site = {file, line.number, line.number % BLOCK, "", subject};
+    }
+    else
+    {
+        now_.site = unknownSite(line.number);
+    }
+    now_.site.text += line.text.empty() ? "" : ": " + std::string(line.text);
     sink_(std::exchange(now_, {}));
 }
 
