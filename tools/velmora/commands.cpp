@@ -37,8 +37,16 @@ constexpr const char* ROOT_CA_FILE =
 constexpr const char* SECURITY_SERVICE = "xyz.openbmc_project.securityservices";
 constexpr const char* OLDER_FORMAT =
     "image-ktb.sig has the older format, which skips the check";
+/** Errors of the bus itself: nothing has answered. */
+constexpr std::array<std::string_view, 6> UNANSWERED{
+    "org.freedesktop.DBus.Error.ServiceUnknown",
+    "org.freedesktop.DBus.Error.NameHasNoOwner",
+    "org.freedesktop.DBus.Error.NoReply",
+    "org.freedesktop.DBus.Error.Timeout",
+    "org.freedesktop.DBus.Error.Disconnected",
+    "System.Error."};
 /** Systems that are listed; each costs a reading of the descriptor. */
-constexpr int MAX_SYSTEMS = 64;
+constexpr std::size_t MAX_SYSTEMS = 64;
 /** A larger image-ktb.sig, in bytes, has the older format. */
 constexpr std::uintmax_t SIGNATURE_FILE_MAX_SIZE = 511;
 /** Where a signed payload has its metadata, and how much; in bytes. */
@@ -48,16 +56,6 @@ constexpr std::size_t METADATA_SIZE = 512;
 constexpr off_t ROOM = 65536;
 /** The extractor may always write so much into a file, in bytes. */
 constexpr std::uint64_t MIN_FILE_LIMIT = 1 << 20;
-
-Answer refused(std::string reason)
-{
-    return Answer(Verdict::refused, std::move(reason));
-}
-
-Answer unchecked(std::string reason)
-{
-    return Answer(Verdict::unchecked, std::move(reason));
-}
 
 /** @throws std::runtime_error when a path cannot be read at all */
 void expectReadable(const Request& request, const fs::path& path)
@@ -79,16 +77,9 @@ void expectReadable(const Request& request, const fs::path& path)
 /** Whether a service answered, if only with an error of its own. */
 bool hasAnswered(std::string_view exception)
 {
-    constexpr std::array<std::string_view, 6> unanswered{
-        "org.freedesktop.DBus.Error.ServiceUnknown",
-        "org.freedesktop.DBus.Error.NameHasNoOwner",
-        "org.freedesktop.DBus.Error.NoReply",
-        "org.freedesktop.DBus.Error.Timeout",
-        "org.freedesktop.DBus.Error.Disconnected",
-        "System.Error."};
     // In front of the error's name stands the step that failed.
     const auto name = exception.substr(exception.find(' ') + 1);
-    return std::ranges::none_of(unanswered, [name](std::string_view error)
+    return std::ranges::none_of(UNANSWERED, [name](std::string_view error)
                                 { return name.starts_with(error); });
 }
 
@@ -109,10 +100,9 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
     const Operation& refusal = outcome.refusal;
     if (outcome.passed)
     {
-        return Answer();
+        return {};
     }
-    Answer answer = refused(refusal.reason());
-    answer.refusal = refusal;
+    Answer answer{Verdict::refused, refusal.reason(), refusal};
     if (!refusal.exception.empty())
     {
         const bool has = hasAnswered(refusal.exception);
@@ -123,6 +113,12 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
             refusal.exception;
     }
     return answer;
+}
+
+Answer ask(const Request& request, const std::function<bool()>& work,
+           Verdict answered = Verdict::unchecked)
+{
+    return answerFrom(run(request.verbose, work), answered);
 }
 
 /** Whether @p directory may have been too full for an extraction. */
@@ -154,12 +150,13 @@ Answer extract(const Request& request, const fs::path& work,
 {
     const fs::path link = work / "package.zip";
     fs::create_symlink(fs::absolute(request.subject), link);
-    const Outcome outcome =
-        run(request.verbose, [&]
-            { return ValidateQOR::unZip(link, fs::absolute(destination)); });
-    return !outcome.passed && isFull(destination)
-               ? unchecked("no room is left in " + destination.string())
-               : answerFrom(outcome);
+    const auto unZip = [&]
+    { return ValidateQOR::unZip(link, fs::absolute(destination)); };
+    Answer answer = ask(request, unZip);
+    return answer.verdict == Verdict::refused && isFull(destination)
+               ? Answer{Verdict::unchecked,
+                        "no room is left in " + destination.string()}
+               : answer;
 }
 
 std::string tooLarge(const Request& request)
@@ -172,7 +169,7 @@ std::string objectionTo(const PackageContents& contents, const Request& request)
 {
     return !request.strict                   ? ""
            : contents.size > request.maxSize ? tooLarge(request)
-           : contents.uncoveredCount > 0     ? contents.remark()
+           : !contents.uncovered.empty()     ? contents.remark()
            : contents.payloadFiles == 0      ? "its payload is empty"
                                              : "";
 }
@@ -181,73 +178,79 @@ std::string objectionTo(const PackageContents& contents, const Request& request)
 std::vector<std::string> systemsOf(const std::string& descriptor)
 {
     std::vector<std::string> systems;
-    std::string system = "first";
-    for (int i = 1; i <= MAX_SYSTEMS && !system.empty(); ++i)
+    while (systems.size() < MAX_SYSTEMS)
     {
-        const std::string nth =
-            "(//Model[@systemID!=\"\"])[" + std::to_string(i) + "]";
-        system =
-            ValidateQOR::getStrFromPkgXML(descriptor, nth.c_str(), "systemID");
-        systems.push_back(system);
+        const std::string next = "(//Model[@systemID!=\"\"])[" +
+                                 std::to_string(systems.size() + 1) + "]";
+        std::string system =
+            ValidateQOR::getStrFromPkgXML(descriptor, next.c_str(), "systemID");
+        if (system.empty())
+        {
+            break;
+        }
+        systems.push_back(std::move(system));
     }
-    systems.resize(systems.size() - (system.empty() ? 1 : 0));
     return systems;
 }
 
 /** Why the library throws at a descriptor's identifiers. */
 std::string systemProblem(const std::string& descriptor)
 {
+    std::string problem = "no number";
     for (const std::string& system : systemsOf(descriptor))
     {
         try
         {
             static_cast<void>(std::stoi(system, nullptr, 16));
         }
-        catch (const std::out_of_range&)
+        catch (const std::logic_error& e)
         {
-            return "a systemID of the descriptor is too large: " + system;
-        }
-        catch (const std::invalid_argument&)
-        {
-            return "a systemID of the descriptor is no number: " + system;
+            const bool isNumber =
+                dynamic_cast<const std::out_of_range*>(&e) != nullptr;
+            problem = (isNumber ? "too large: " : "no number: ") + system;
+            break;
         }
     }
-    return "a systemID of the descriptor is no number";
+    return "a systemID of the descriptor is " + problem;
 }
 
 /** Says who has signed, or what is wrong with the signature. */
 void addSigner(Answer& answer, const fs::path& package)
 {
-    const Signer signer =
+    const auto [fingerprint, userId, problem] =
         findSigner(package / "package.xml", package / "package.xml.sign");
-    const std::string who = signer.userId +
-                            (signer.userId.empty() ? "" : ", ") +
-                            signer.fingerprint;
-    if (!signer.fingerprint.empty())
+    if (fingerprint.empty())
     {
-        answer.reason = answer.isVerified
-                            ? "signed by " + who
-                            : answer.refusal.site.text + ": " + signer.problem +
-                                  (signer.userId.empty() ? " " : ": ") + who;
-        answer.fields["signer"] = {{"fingerprint", signer.fingerprint},
-                                   {"userId", signer.userId}};
+        return;
     }
+    const bool isNamed = !userId.empty();
+    answer.reason = answer.isVerified ? "signed by "
+                                      : answer.refusal.site.text + ": " +
+                                            problem + (isNamed ? ": " : " ");
+    answer.reason += userId + (isNamed ? ", " : "") + fingerprint;
+    answer.fields["signer"] = {{"fingerprint", fingerprint},
+                               {"userId", userId}};
 }
 
 Answer validateDirectory(const Request& request, const fs::path& package)
 {
-    PackageContents contents;
-    contents.addPackage(package);
+    const PackageContents contents = contentsOfPackage(package);
     std::string objection = objectionTo(contents, request);
     if (!objection.empty())
     {
-        return refused(objection);
+        return {Verdict::refused, objection};
     }
     const auto judge = [&]
     {
         try
         {
-            return ValidateQOR::validateExtractedQOR(package);
+            const bool isValid = ValidateQOR::validateExtractedQOR(package);
+            if (isValid && request.strict &&
+                systemsOf(package / "package.xml").empty())
+            {
+                objection = "its descriptor names no Model";
+            }
+            return isValid;
         }
         catch (const std::logic_error&)
         {
@@ -255,21 +258,10 @@ Answer validateDirectory(const Request& request, const fs::path& package)
             return false;
         }
     };
-    Answer answer =
-        answerFrom(run(request.verbose,
-                       [&]
-                       {
-                           const bool isValid = judge();
-                           if (isValid && request.strict &&
-                               systemsOf(package / "package.xml").empty())
-                           {
-                               objection = "its descriptor names no Model";
-                           }
-                           return isValid && objection.empty();
-                       }));
+    Answer answer = ask(request, judge);
     if (!objection.empty())
     {
-        return refused(objection);
+        return {Verdict::refused, objection};
     }
     answer.isVerified = answer.verdict == Verdict::accepted;
     if (answer.isVerified ||
@@ -277,7 +269,7 @@ Answer validateDirectory(const Request& request, const fs::path& package)
     {
         addSigner(answer, package);
     }
-    if (answer.isVerified && contents.uncoveredCount > 0)
+    if (answer.isVerified && !contents.uncovered.empty())
     {
         answer.reason += "; " + contents.remark();
         answer.fields["notCovered"] = contents.uncovered;
@@ -285,24 +277,14 @@ Answer validateDirectory(const Request& request, const fs::path& package)
     return answer;
 }
 
-Answer inventoryAnswer(const Request& request,
-                       const std::function<bool()>& work)
+/** What a strict check finds wrong with a file, or empty. */
+std::string objectionTo(const fs::path& path, const Request& request)
 {
-    return answerFrom(run(request.verbose, work), Verdict::refused);
-}
-
-/** What a strict check finds wrong with the size of a file, or empty. */
-std::string sizeObjection(const Request& request, const fs::path& path)
-{
-    if (!request.strict)
-    {
-        return "";
-    }
-    if (!fs::is_regular_file(path))
-    {
-        return path.filename().string() + " is no regular file";
-    }
-    return fs::file_size(path) > request.maxSize ? tooLarge(request) : "";
+    return !request.strict ? ""
+           : !fs::is_regular_file(path)
+               ? path.filename().string() + " is no regular file"
+           : fs::file_size(path) > request.maxSize ? tooLarge(request)
+                                                   : "";
 }
 
 bool isMetadataGood(const std::string& payload)
@@ -321,7 +303,7 @@ Answer unpack(const Request& request)
     expectReadable(request, request.subject);
     if (!fs::is_directory(request.directory))
     {
-        return unchecked(request.directory + " is not a directory");
+        return {Verdict::unchecked, request.directory + " is not a directory"};
     }
     const tools::TemporaryDirectory work;
     return extract(request, work.path(), request.directory);
@@ -341,18 +323,18 @@ Answer validate(const Request& request)
     {
         limitFiles(request.maxSize);
     }
-    Answer answer = extract(request, work.path(), unpacked);
-    if (answer.verdict == Verdict::accepted)
+    const Answer answer = extract(request, work.path(), unpacked);
+    if (tools::SignalCleanup::seen() != 0)
     {
         // An interrupted extractor counts as successful.
-        return tools::SignalCleanup::seen() == 0
-                   ? validateDirectory(request, unpacked)
-                   : unchecked("it was interrupted");
+        return {Verdict::unchecked, "it was interrupted"};
     }
-    PackageContents contents;
-    contents.addPackage(unpacked);
-    return request.strict && contents.size > request.maxSize
-               ? refused(tooLarge(request))
+    if (answer.verdict == Verdict::accepted)
+    {
+        return validateDirectory(request, unpacked);
+    }
+    return request.strict && contentsOfPackage(unpacked).size > request.maxSize
+               ? Answer{Verdict::refused, tooLarge(request)}
                : answer;
 }
 
@@ -360,99 +342,86 @@ Answer info(const Request& request)
 {
     const std::string descriptor = fs::path(request.subject) / "package.xml";
     expectReadable(request, descriptor);
-    Answer answer;
-    auto& fields = answer.fields;
-    const Outcome outcome =
-        run(request.verbose,
-            [&]
-            {
-                const auto systems = systemsOf(descriptor);
-                fields["model"] = ValidateQOR::getImageModel(request.subject);
-                fields["version"] =
-                    ValidateQOR::getImageVersion(request.subject);
-                fields["systems"] = systems;
-                fields["expectedDigest"] = ValidateQOR::getStrFromPkgXML(
-                    descriptor, SHA256_COMPONENT, "hash");
-                return fields["model"] != "" || fields["version"] != "" ||
-                       fields["expectedDigest"] != "";
-            });
-    if (!outcome.passed)
+    auto fields = nlohmann::ordered_json::object();
+    const auto read = [&]
     {
-        return answerFrom(outcome);
+        fields["model"] = ValidateQOR::getImageModel(request.subject);
+        fields["version"] = ValidateQOR::getImageVersion(request.subject);
+        fields["systems"] = systemsOf(descriptor);
+        fields["expectedDigest"] =
+            ValidateQOR::getStrFromPkgXML(descriptor, SHA256_COMPONENT, "hash");
+        return fields["model"] != "" || fields["version"] != "" ||
+               fields["expectedDigest"] != "";
+    };
+    Answer answer = ask(request, read);
+    if (answer.verdict == Verdict::accepted)
+    {
+        answer.reason = fields["systems"].size() == MAX_SYSTEMS
+                            ? "only the first systems are listed"
+                            : "";
+        answer.fields = fields;
     }
-    answer.reason = fields["systems"].size() == MAX_SYSTEMS
-                        ? "only the first systems are listed"
-                        : "";
     return answer;
 }
 
 Answer digest(const Request& request)
 {
     expectReadable(request, request.subject);
-    PackageContents contents;
+    const bool isDirectory = fs::is_directory(request.subject);
     std::string text;
-    const Outcome outcome =
-        run(request.verbose,
-            [&]
-            {
-                if (fs::is_directory(request.subject))
-                {
-                    contents.addPayload(request.subject);
-                    text = ValidateQOR::getSHAStrFromImage(request.subject);
-                }
-                else
-                {
-                    text = calculateFileSHA(request.subject);
-                }
-                // Zeros stand for a file that could not be read whole.
-                return text.find_first_not_of('0') != std::string::npos;
-            });
+    const auto read = [&]
+    {
+        text = isDirectory ? ValidateQOR::getSHAStrFromImage(request.subject)
+                           : calculateFileSHA(request.subject);
+        // Zeros stand for a file that could not be read whole.
+        return text.find_first_not_of('0') != std::string::npos;
+    };
+    const Outcome outcome = run(request.verbose, read);
     // A directory's digest covers only what could be read.
     if (!outcome.passed || outcome.refusal.refused)
     {
-        return unchecked("it cannot be digested: " + outcome.refusal.reason());
+        return {Verdict::unchecked,
+                "it cannot be digested: " + outcome.refusal.reason()};
     }
-    Answer answer(Verdict::accepted, contents.remark());
+    Answer answer;
     answer.fields["digest"] = text;
+    answer.reason =
+        isDirectory ? contentsOfPayload(request.subject).remark() : "";
     return answer;
 }
 
 Answer verifyImage(const Request& request)
 {
-    const fs::path directory = request.directory;
-    const fs::path signature = directory / "image-ktb.sig";
+    const fs::path manifest = fs::path(request.directory) / "image-ktb";
+    const fs::path signature = manifest.string() + ".sig";
     for (const fs::path& path :
-         {fs::path(request.subject), directory / "image-ktb", signature})
+         {fs::path(request.subject), manifest, signature})
     {
         expectReadable(request, path);
     }
     const bool isOlder = fs::is_regular_file(signature) &&
                          fs::file_size(signature) > SIGNATURE_FILE_MAX_SIZE;
-    if (isOlder && request.strict)
+    for (const std::string& objection :
+         {std::string(isOlder && request.strict ? OLDER_FORMAT : ""),
+          objectionTo(request.subject, request),
+          objectionTo(manifest, request)})
     {
-        return refused(OLDER_FORMAT);
-    }
-    for (const fs::path& path :
-         {fs::path(request.subject), directory / "image-ktb"})
-    {
-        if (const std::string objection = sizeObjection(request, path);
-            !objection.empty())
+        if (!objection.empty())
         {
-            return refused(objection);
+            return {Verdict::refused, objection};
         }
     }
-    Answer answer =
-        answerFrom(run(request.verbose,
-                       [&]
-                       {
-                           return ValidateQOR::verifyManifestAndSignature(
-                                      request.subject, request.directory) == 0;
-                       }));
+    const auto verify = [&]
+    {
+        return ValidateQOR::verifyManifestAndSignature(request.subject,
+                                                       request.directory) == 0;
+    };
+    Answer answer = ask(request, verify);
     if (answer.verdict == Verdict::accepted)
     {
+        answer.isVerified = !isOlder;
         answer.reason =
             isOlder ? std::string("NOT verified: ") + OLDER_FORMAT : "";
-        answer.isVerified = !isOlder;
     }
     else if (std::ranges::any_of(answer.refusal.details,
                                  [](const Detail& detail)
@@ -472,21 +441,20 @@ Answer verifyPayload(const Request& request)
 {
     expectReadable(request, request.subject);
     expectReadable(request, ROOT_CA_FILE);
-    if (const std::string objection = sizeObjection(request, request.subject);
-        !objection.empty())
+    const std::string objection = objectionTo(request.subject, request);
+    if (!objection.empty())
     {
-        return refused(objection);
+        return {Verdict::refused, objection};
     }
-    Answer answer = answerFrom(run(
-        request.verbose,
-        [&]
-        {
-            return (!request.strict || isMetadataGood(request.subject)) &&
-                   ValidateQOR::validateCertChainForPayload(request.subject);
-        }));
+    const auto verify = [&]
+    {
+        return (!request.strict || isMetadataGood(request.subject)) &&
+               ValidateQOR::validateCertChainForPayload(request.subject);
+    };
+    Answer answer = ask(request, verify);
     if (answer.verdict == Verdict::accepted)
     {
-        const std::string subject = findChainSubject(request.subject);
+        const std::string subject = findChainSubject();
         answer.reason = "signed by " + subject;
         answer.fields["signer"] = {{"subject", subject}};
         answer.isVerified = true;
@@ -500,15 +468,14 @@ Answer purpose(const Request& request)
         mappingVersionVersionPurpose;
     expectReadable(request, fs::path(request.subject) / "package.xml");
     auto value = ValidateQOR::VersionPurpose::Unknown;
-    Outcome outcome =
-        run(request.verbose,
-            [&]
-            {
-                value = ValidateQOR::getImagePurpose(request.subject);
-                return value != ValidateQOR::VersionPurpose::Unknown;
-            });
+    const auto read = [&]
+    {
+        value = ValidateQOR::getImagePurpose(request.subject);
+        return value != ValidateQOR::VersionPurpose::Unknown;
+    };
+    Outcome outcome = run(request.verbose, read);
     // The inventory manager may also answer that it does not know.
-    outcome.passed = outcome.passed || outcome.refusal.exception.empty();
+    outcome.passed = outcome.passed || !outcome.refusal.refused;
     Answer answer = answerFrom(outcome, Verdict::refused);
     if (outcome.passed)
     {
@@ -521,33 +488,31 @@ Answer purpose(const Request& request)
 
 Answer addToInventory(const Request& request)
 {
-    return inventoryAnswer(request,
-                           [&]
-                           {
-                               return ValidateQOR::registerSWInv(
-                                          request.subject, request.detail1,
+    const auto add = [&]
+    {
+        return ValidateQOR::registerSWInv(request.subject, request.detail1,
                                           request.detail2, request.purpose,
                                           request.releaseType) == 1;
-                           });
+    };
+    return ask(request, add, Verdict::refused);
 }
 
 Answer removeFromInventory(const Request& request)
 {
-    return inventoryAnswer(
-        request,
-        [&] { return ValidateQOR::deRegisterSWInv(request.subject) == 1; });
+    const auto remove = [&]
+    { return ValidateQOR::deRegisterSWInv(request.subject) == 1; };
+    return ask(request, remove, Verdict::refused);
 }
 
 Answer inventoryModel(const Request& request)
 {
     std::string model;
-    Outcome outcome =
-        run(request.verbose,
-            [&]
-            {
-                model = ValidateQOR::getInventoryModel(request.subject);
-                return !model.empty();
-            });
+    const auto read = [&]
+    {
+        model = ValidateQOR::getInventoryModel(request.subject);
+        return !model.empty();
+    };
+    Outcome outcome = run(request.verbose, read);
     // An object may also have an empty model.
     outcome.passed = outcome.passed || !outcome.refusal.refused;
     Answer answer = answerFrom(outcome, Verdict::refused);

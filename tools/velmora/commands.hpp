@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <string>
-#include <utility>
 
 /** @file The commands, each of which asks the library and words its answer. */
 
@@ -25,20 +24,15 @@ enum class Verdict : std::uint8_t
 
 struct Answer
 {
-    explicit Answer(Verdict given = Verdict::accepted, std::string why = {}) :
-        verdict(given), reason(std::move(why))
-    {
-    }
-
-    Verdict verdict;
+    Verdict verdict = Verdict::accepted;
     /** Why, in one line; for an accepted input, a remark. */
     std::string reason;
+    /** What the log says of a refusal. */
+    Operation refusal = {};
     /** What was read, by names in camelCase, in the order of printing. */
     nlohmann::ordered_json fields = nlohmann::ordered_json::object();
     /** Whether a signature was verified and is good. */
     bool isVerified = false;
-    /** What the log says of a refusal. */
-    Operation refusal;
 };
 
 /** What the user asked for; each command reads its own part. */

@@ -12,6 +12,7 @@
 #include <iostream>
 #include <map>
 #include <numeric>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,37 +47,29 @@ std::string inventoryPathError(const std::string& path)
                      ": " + path;
 }
 
-template <typename Value>
-using Choices = std::map<std::string, Value>;
-
-Choices<ValidateQOR::VersionPurpose> purposes()
+std::map<std::string, ValidateQOR::VersionPurpose> purposesByName()
 {
-    Choices<ValidateQOR::VersionPurpose> names;
+    std::map<std::string, ValidateQOR::VersionPurpose> purposes;
     for (const auto& [value, text] : sdbusplus::common::xyz::openbmc_project::
              software::details::mappingVersionVersionPurpose)
     {
-        names.emplace(shortName(text), value);
+        purposes.emplace(shortName(text), value);
     }
-    return names;
+    return purposes;
 }
 
-/** An option that takes one of several names. */
+/** An option that takes one of several names.
+ *
+ *  @param choices what each name stands for; kept */
 template <typename Value>
 CLI::Option* addChoice(CLI::App* sub, const std::string& name, Value& value,
-                       const Choices<Value>& choices, const std::string& help)
+                       const std::map<std::string, Value>& choices,
+                       const std::string& help)
 {
-    const CLI::IsMember isMember(choices);
-    const auto choose = [isMember, choices](std::string& text)
-    {
-        std::string error = isMember(text);
-        // An enumerator is read by its value.
-        text = error.empty()
-                   ? std::to_string(static_cast<int>(choices.at(text)))
-                   : text;
-        return error;
-    };
-    return sub->add_option(name, value, help)
-        ->transform(CLI::Validator(choose, "NAME"));
+    const auto choose = [&value, &choices](const std::string& text)
+    { value = choices.at(text); };
+    return sub->add_option_function<std::string>(name, choose, help)
+        ->check(CLI::IsMember(choices).description("NAME"));
 }
 
 std::string fieldText(const nlohmann::ordered_json& field)
@@ -168,18 +161,32 @@ std::size_t distance(const std::string& from, const std::string& to)
     return row.back();
 }
 
-/** The command line, and the command that it names. */
+/** What the user asked for, and the command that answers. */
+struct Invocation
+{
+    Request request;
+    bool json = false;
+    /** What is asked about, one after the other. */
+    std::vector<std::string> subjects;
+    std::string log = "-";
+    std::string library;
+    std::string command;
+    /** Not set for the command that explains a log. */
+    Answer (*function)(const Request&) = nullptr;
+};
+
+/** The command line: it fills an invocation. */
 class CommandLine
 {
   public:
-    CommandLine()
+    explicit CommandLine(Invocation& invocation) : chosen_(invocation)
     {
         app_.footer(EXIT_STATUSES);
         app_.require_subcommand(1);
         app_.set_version_flag("--version", versionText);
-        app_.add_flag("-v,--verbose", request.verbose,
+        app_.add_flag("-v,--verbose", chosen_.request.verbose,
                       "Show the library's log on stderr");
-        app_.add_flag("--json", json, "Answer with one JSON object");
+        app_.add_flag("--json", chosen_.json, "Answer with one JSON object");
         app_.failure_message(
             [](const CLI::App*, const CLI::Error& error)
             {
@@ -187,46 +194,36 @@ class CommandLine
                        " (--help tells more)\n";
             });
         addPackageCommands();
+        addSignatureCommands();
         addInventoryCommands();
         addExplain();
     }
 
     void parse(int argc, char** argv) { app_.parse(argc, argv); }
 
+    /** Prints a help text, or what is wrong. */
     int exit(const CLI::ParseError& e) const
     {
         const auto chosen = app_.get_subcommands();
         const CLI::App& parent = chosen.empty() ? app_ : *chosen.front();
         const auto rest = app_.remaining(true);
         const auto commands = parent.get_subcommands(nullptr);
-        if (e.get_exit_code() != 0 && !rest.empty() && !commands.empty() &&
-            parent.get_subcommands().empty())
+        if (e.get_exit_code() == 0 || rest.empty() || commands.empty() ||
+            !parent.get_subcommands().empty())
         {
-            const CLI::App* nearest = *std::ranges::min_element(
-                commands, {}, [&rest](const CLI::App* each)
-                { return distance(rest[0], each->get_name()); });
-            std::cerr << "velmora: there is no "
-                      << (rest[0].starts_with('-') ? "option " : "command ")
-                      << printable(rest[0])
-                      << (rest[0].starts_with('-')
-                              ? ""
-                              : "; the nearest is " + nearest->get_name())
-                      << " (--help tells more)\n";
-            return WRONG_USAGE;
+            return app_.exit(e) == 0 ? 0 : WRONG_USAGE;
         }
-        return app_.exit(e) == 0 ? 0 : WRONG_USAGE;
+        const CLI::App* nearest = *std::ranges::min_element(
+            commands, {}, [&rest](const CLI::App* each)
+            { return distance(rest[0], each->get_name()); });
+        std::cerr << "velmora: there is no "
+                  << (rest[0].starts_with('-')
+                          ? "option " + printable(rest[0])
+                          : "command " + printable(rest[0]) +
+                                "; the nearest is " + nearest->get_name())
+                  << " (--help tells more)\n";
+        return WRONG_USAGE;
     }
-
-    Request request;
-    bool json = false;
-    bool isExplain = false;
-    std::string log = "-";
-    std::string library;
-    /** Name and function of the chosen command. */
-    std::string command;
-    Answer (*function)(const Request&) = nullptr;
-    /** What is to be validated, one after the other. */
-    std::vector<std::string> subjects;
 
   private:
     CLI::App* add(CLI::App& parent, const std::string& name,
@@ -235,41 +232,29 @@ class CommandLine
     {
         CLI::App* sub = parent.add_subcommand(name, description);
         sub->fallthrough();
-        (name == "validate" ? sub->add_option(subject, subjects, help)
-                            : sub->add_option(subject, request.subject, help))
-            ->required();
+        CLI::Option* subjects =
+            sub->add_option(subject, chosen_.subjects, help)->required();
+        if (name != "validate")
+        {
+            subjects->expected(1)->allow_extra_args(false);
+        }
         const std::string full =
             &parent == &app_ ? name : parent.get_name() + " " + name;
         sub->callback(
             [this, full, run]
             {
-                command = full;
-                function = run;
+                chosen_.command = full;
+                chosen_.function = run;
             });
         return sub;
-    }
-
-    void addStrict(CLI::App* sub)
-    {
-        CLI::Option* strict =
-            sub->add_flag("--strict", request.strict,
-                          "Refuse also what a careful daemon should not take");
-        sub->add_option("--max-size", request.maxSize,
-                        "With --strict: bytes, or 64MiB (default 1GiB)")
-            ->transform(CLI::AsSizeValue(false))
-            ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60))
-            ->needs(strict);
     }
 
     void addPackageCommands()
     {
         add(app_, "unpack", "Unpack descriptor, signature and payload", unpack,
             "PACKAGE", "ZIP file")
-            ->add_option("DIR", request.directory, "Existing directory")
+            ->add_option("DIR", chosen_.request.directory, "Existing directory")
             ->required();
-        addStrict(add(app_, "validate", "Say whether packages may be trusted",
-                      validate, "PACKAGE",
-                      "ZIP files, or directories of unpacked ones"));
         add(app_, "info",
             "Show what a descriptor says; nothing of it is verified", info,
             "DIR", "Unpacked package");
@@ -277,18 +262,37 @@ class CommandLine
             digest, "PATH", "File or directory");
         add(app_, "purpose", "Say what an unpacked package is for", purpose,
             "DIR", "Unpacked package");
+    }
+
+    void addSignatureCommands()
+    {
+        CLI::App* package = add(
+            app_, "validate", "Say whether packages may be trusted", validate,
+            "PACKAGE", "ZIP files, or directories of unpacked ones");
         CLI::App* image = add(app_, "verify-image",
                               "Verify an image with its manifest and signature",
                               verifyImage, "IMAGE", "Signed image");
         image
-            ->add_option("MANIFEST_DIR", request.directory,
+            ->add_option("MANIFEST_DIR", chosen_.request.directory,
                          "Directory of image-ktb and image-ktb.sig")
             ->required();
-        addStrict(image);
-        addStrict(add(app_, "verify-payload",
-                      "Verify a signed payload; the secure-boot root CA file "
-                      "is consumed",
-                      verifyPayload, "PAYLOAD", "Signed payload"));
+        CLI::App* payload =
+            add(app_, "verify-payload",
+                "Verify a signed payload; the secure-boot root CA file is "
+                "consumed",
+                verifyPayload, "PAYLOAD", "Signed payload");
+        for (CLI::App* sub : {package, image, payload})
+        {
+            CLI::Option* strict =
+                sub->add_flag("--strict", chosen_.request.strict,
+                              "Refuse also what a careful daemon should not "
+                              "take");
+            sub->add_option("--max-size", chosen_.request.maxSize,
+                            "With --strict: bytes, or 64MiB (default 1GiB)")
+                ->transform(CLI::AsSizeValue(false))
+                ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60))
+                ->needs(strict);
+        }
     }
 
     void addInventoryCommands()
@@ -297,32 +301,35 @@ class CommandLine
             app_.add_subcommand("inventory", "Software objects on the bus");
         inventory->require_subcommand(1);
         inventory->fallthrough();
-        const auto addCommand = [this, inventory](const std::string& name,
-                                                  const std::string& help,
-                                                  Answer (*run)(const Request&))
+        const std::string path =
+            "Inventory path, " + std::string(INVENTORY_PREFIX) + "NAME";
+        CLI::App* published = add(*inventory, "add", "Publish an object",
+                                  addToInventory, "PATH", path);
+        add(*inventory, "remove", "Withdraw an object", removeFromInventory,
+            "PATH", path);
+        add(*inventory, "model", "Show an object's model", inventoryModel,
+            "PATH", path);
+        for (CLI::App* sub : inventory->get_subcommands(nullptr))
         {
-            CLI::App* sub = add(*inventory, name, help, run, "PATH",
-                                "Inventory path, " +
-                                    std::string(INVENTORY_PREFIX) + "NAME");
             sub->get_option("PATH")->check(inventoryPathError);
-            return sub;
-        };
-        CLI::App* sub = addCommand("add", "Publish an object", addToInventory);
-        sub->add_option("--detail1", request.detail1,
-                        "First detail, handed on to the inventory manager");
-        sub->add_option("--detail2", request.detail2,
-                        "Second detail, handed on to the inventory manager");
-        addChoice(sub, "--purpose", request.purpose, purposes(),
+        }
+        published->add_option(
+            "--detail1", chosen_.request.detail1,
+            "First detail, handed on to the inventory manager");
+        published->add_option(
+            "--detail2", chosen_.request.detail2,
+            "Second detail, handed on to the inventory manager");
+        using enum ValidateQOR::ReleaseType;
+        static const std::map<std::string, ValidateQOR::ReleaseType>
+            releaseTypes{{"Other", Other},
+                         {"Production", Production},
+                         {"Prototype", Prototype}};
+        static const auto purposes = purposesByName();
+        addChoice(published, "--purpose", chosen_.request.purpose, purposes,
                   "Such as BMC or BIOS")
             ->required();
-        using enum ValidateQOR::ReleaseType;
-        addChoice(sub, "--release-type", request.releaseType,
-                  {{"Other", Other},
-                   {"Production", Production},
-                   {"Prototype", Prototype}},
-                  "Other (default), Production or Prototype");
-        addCommand("remove", "Withdraw an object", removeFromInventory);
-        addCommand("model", "Show an object's model", inventoryModel);
+        addChoice(published, "--release-type", chosen_.request.releaseType,
+                  releaseTypes, "Other (default), Production or Prototype");
     }
 
     void addExplain()
@@ -330,69 +337,65 @@ class CommandLine
         CLI::App* sub =
             app_.add_subcommand("explain", "Say what the library's log means");
         sub->fallthrough();
-        sub->callback([this] { isExplain = true; });
-        sub->add_option("LOG", log,
+        sub->add_option("LOG", chosen_.log,
                         "File; without it or for -, standard input");
-        sub->add_option("--library", library,
+        sub->add_option("--library", chosen_.library,
                         "Library of the build that wrote the log; by default "
                         "the one that velmora runs with");
     }
 
     CLI::App app_{"Checks firmware-update packages as the BMC does.",
                   "velmora"};
+    Invocation& chosen_;
 };
 
-Answer answerTo(const CommandLine& line)
+Answer answerTo(const Invocation& invocation)
 {
     try
     {
-        return line.function(line.request);
+        return invocation.function(invocation.request);
     }
     catch (const std::exception& e)
     {
-        return Answer(Verdict::unchecked, e.what());
+        return {Verdict::unchecked, e.what()};
     }
 }
 
 /** @return exit status: the worst verdict */
-int runAll(CommandLine& line)
+int runAll(Invocation& invocation)
 {
     const tools::SignalCleanup cleanup;
-    const bool isBatch = line.subjects.size() > 1;
-    if (line.subjects.empty())
-    {
-        line.subjects.push_back(line.request.subject);
-    }
+    const bool isBatch = invocation.subjects.size() > 1;
     auto json = nlohmann::ordered_json::array();
     std::map<Verdict, std::size_t> counts;
-    for (const std::string& subject : line.subjects)
+    for (const std::string& subject : invocation.subjects)
     {
-        line.request.subject = subject;
-        const Answer answer = answerTo(line);
+        invocation.request.subject = subject;
+        const Answer answer = answerTo(invocation);
         if (const int signal = tools::SignalCleanup::seen(); signal != 0)
         {
             return KILLED_BY_SIGNAL + signal;
         }
         ++counts[answer.verdict];
-        json.push_back(asJson(line.command, subject, answer));
-        if (!line.json)
+        json.push_back(asJson(invocation.command, subject, answer));
+        if (!invocation.json)
         {
-            printText(line.command, subject, answer, isBatch);
+            printText(invocation.command, subject, answer, isBatch);
         }
     }
-    if (line.json)
+    const int worst = static_cast<int>(counts.rbegin()->first);
+    if (invocation.json)
     {
         std::cout << asText(isBatch ? json : json.front()) << '\n';
     }
     else if (isBatch)
     {
-        std::cout << line.subjects.size()
+        std::cout << invocation.subjects.size()
                   << " packages: " << counts[Verdict::accepted] << " accepted, "
                   << counts[Verdict::refused] << " refused, "
                   << counts[Verdict::unchecked] << " could not be checked\n";
     }
-    std::erase_if(counts, [](const auto& count) { return count.second == 0; });
-    return static_cast<int>(counts.rbegin()->first);
+    return worst;
 }
 
 } // namespace
@@ -400,7 +403,8 @@ int runAll(CommandLine& line)
 int main(int argc, char** argv)
 try
 {
-    CommandLine line;
+    Invocation invocation;
+    CommandLine line(invocation);
     try
     {
         line.parse(argc, argv);
@@ -409,15 +413,14 @@ try
     {
         return line.exit(e);
     }
-    const int status = !line.isExplain ? runAll(line)
-                       : explain(line.log, line.library, line.json)
-                           ? 0
-                           : static_cast<int>(Verdict::unchecked);
-    std::cout.flush();
-    if (!std::cout)
+    const int status =
+        invocation.function != nullptr ? runAll(invocation)
+        : explain(invocation.log, invocation.library, invocation.json)
+            ? 0
+            : static_cast<int>(Verdict::unchecked);
+    if (!std::cout.flush())
     {
-        std::cerr << "velmora: the answer cannot be written to stdout\n";
-        return static_cast<int>(Verdict::unchecked);
+        throw std::runtime_error("the answer cannot be written to stdout");
     }
     return status;
 }

@@ -12,8 +12,6 @@ namespace velmora::front
 namespace
 {
 
-constexpr std::size_t MAX_NAMES = 64;
-
 /** None of a directory that cannot be opened: the library complains then. */
 fs::directory_iterator entriesOf(const fs::path& directory)
 {
@@ -21,54 +19,58 @@ fs::directory_iterator entriesOf(const fs::path& directory)
     return fs::directory_iterator(directory, ignored);
 }
 
-} // namespace
-
-void PackageContents::add(const fs::directory_entry& entry, bool belongs,
-                          const std::string& name)
+void add(PackageContents& contents, const fs::directory_entry& entry,
+         const std::string& name, bool belongs)
 {
-    if (belongs && entry.symlink_status().type() == fs::file_type::regular &&
+    if (belongs && !entry.is_symlink() && entry.is_regular_file() &&
         access(entry.path().c_str(), R_OK) == 0)
     {
-        size += entry.file_size();
+        contents.size += entry.file_size();
         return;
     }
-    ++uncoveredCount;
-    if (uncovered.size() < MAX_NAMES)
-    {
-        uncovered.push_back(name + (entry.is_symlink() ? " (a link)" : ""));
-    }
+    contents.uncovered.push_back(name +
+                                 (entry.is_symlink() ? " (a link)" : ""));
 }
 
-void PackageContents::addPayload(const fs::path& payload)
+} // namespace
+
+PackageContents contentsOfPayload(const fs::path& payload)
 {
+    PackageContents contents;
     for (const auto& entry : entriesOf(payload))
     {
-        add(entry, true, "payload" / entry.path().filename());
-        ++payloadFiles;
+        add(contents, entry, "payload" / entry.path().filename(), true);
+        ++contents.payloadFiles;
     }
+    return contents;
 }
 
-void PackageContents::addPackage(const fs::path& package)
+PackageContents contentsOfPackage(const fs::path& package)
 {
+    const fs::path payload = package / "payload";
+    const bool hasPayload =
+        !fs::is_symlink(payload) && fs::is_directory(payload);
+    auto contents = hasPayload ? contentsOfPayload(payload) : PackageContents();
     for (const auto& entry : entriesOf(package))
     {
         const std::string name = entry.path().filename();
-        if (name == "payload" && !entry.is_symlink() && entry.is_directory())
+        if (name != "payload" || !hasPayload)
         {
-            addPayload(entry.path());
-            continue;
+            add(contents, entry, name,
+                name == "package.xml" || name == "package.xml.sign");
         }
-        add(entry, name == "package.xml" || name == "package.xml.sign", name);
     }
+    return contents;
 }
 
 std::string PackageContents::remark() const
 {
-    return uncoveredCount == 0 ? ""
-           : uncoveredCount == 1
+    const std::size_t count = uncovered.size();
+    return count == 0 ? ""
+           : count == 1
                ? "1 entry is not covered: " + uncovered.front()
-               : std::to_string(uncoveredCount) +
-                     " entries are not covered, first " + uncovered.front();
+               : std::to_string(count) + " entries are not covered, first " +
+                     uncovered.front();
 }
 
 } // namespace velmora::front

@@ -11,21 +11,17 @@ namespace velmora::front
 /** What lies in the directory of an unpacked package. */
 struct PackageContents
 {
-    /** Entries that no digest or signature covers, the first ones by name. */
+    /** Names of entries that no digest or signature covers. */
     std::vector<std::string> uncovered;
-    std::size_t uncoveredCount = 0;
     std::size_t payloadFiles = 0;
     /** Of all files that are covered, in bytes. */
     std::uintmax_t size = 0;
 
-    void addPayload(const std::filesystem::path& payload);
-    void addPackage(const std::filesystem::path& package);
     /** "1 entry is not covered: payload/sub", or empty. */
     std::string remark() const;
-
-  private:
-    void add(const std::filesystem::directory_entry& entry, bool belongs,
-             const std::string& name);
 };
+
+PackageContents contentsOfPayload(const std::filesystem::path& payload);
+PackageContents contentsOfPackage(const std::filesystem::path& package);
 
 } // namespace velmora::front

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <fstream>
 #include <utility>
 
 namespace velmora::front
@@ -19,9 +18,8 @@ namespace
 {
 
 constexpr const char* KEYRING_HOME = "/etc/gpg/secupkey/.gnupg/";
-/** A payload's trailer begins with its certificates; both in bytes. */
-constexpr std::streamoff TRAILER_SIZE = 76800;
-constexpr std::size_t CHAIN_SIZE = 24576;
+/** Where the library leaves the chain that it has verified. */
+constexpr const char* CHAIN_FILE = "/var/run/velmora/Zarnholt/certchain";
 
 constexpr std::array PROBLEMS{
     std::pair{GPG_ERR_NO_ERROR,
@@ -36,7 +34,7 @@ constexpr std::array PROBLEMS{
 using Context = tools::Handle<gpgme_context, gpgme_release>;
 using Data = tools::Handle<gpgme_data, gpgme_data_release>;
 using Key = tools::Handle<_gpgme_key, gpgme_key_unref>;
-using Memory = tools::Handle<BIO, BIO_free>;
+using Stream = tools::Handle<BIO, BIO_free>;
 using Certificate = tools::Handle<X509, X509_free>;
 
 Data readData(const std::string& path)
@@ -98,24 +96,20 @@ Signer findSigner(const std::string& descriptor, const std::string& signature)
     return {found->fpr, isNamed ? key->uids->uid : "", problemOf(*found, key)};
 }
 
-std::string findChainSubject(const std::string& payload)
+std::string findChainSubject()
 {
-    std::ifstream file(payload, std::ios::binary);
-    std::string chain(CHAIN_SIZE, '\0');
-    file.seekg(-TRAILER_SIZE, std::ios::end);
-    file.read(chain.data(), CHAIN_SIZE);
-    const Memory memory(BIO_new_mem_buf(chain.data(), CHAIN_SIZE));
-    const Memory text(BIO_new(BIO_s_mem()));
+    const Stream file(BIO_new_file(CHAIN_FILE, "r"));
+    const Stream text(BIO_new(BIO_s_mem()));
     // Given, so that nobody is asked for one.
     std::string passphrase;
     const Certificate certificate(
-        PEM_read_bio_X509(memory.get(), nullptr, nullptr, passphrase.data()));
-    char* data = nullptr;
+        PEM_read_bio_X509(file.get(), nullptr, nullptr, passphrase.data()));
     if (certificate != nullptr)
     {
         X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate.get()),
                            0, XN_FLAG_RFC2253);
     }
+    char* data = nullptr;
     const long size = BIO_get_mem_data(text.get(), &data);
     return {data, static_cast<std::size_t>(size)};
 }

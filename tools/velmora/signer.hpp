@@ -20,7 +20,8 @@ struct Signer
 /** Of several signatures, the one that is valid or the last. */
 Signer findSigner(const std::string& descriptor, const std::string& signature);
 
-/** Subject of the first certificate of a payload's chain, or empty. */
-std::string findChainSubject(const std::string& payload);
+/** Subject of the first certificate of the payload that the library verified
+ *  last, or empty. */
+std::string findChainSubject();
 
 } // namespace velmora::front
