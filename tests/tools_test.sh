@@ -111,7 +111,7 @@ expect 0 "^refused: the descriptor's signature is not valid +descriptor_signatur
 expect 0 '"number": [0-9]+' "$velmora" --json explain log
 expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explain \
     <(cat log; echo 'Line: 1 [FAILURE]')
-expect 3 'no library with a section' "$velmora" explain --library log log
+expect 3 'log: holds no causes' "$velmora" explain --library log log
 fake='Line: 1 [INFO e.what(): sd_bus_call: org.freedesktop.DBus.Error.NoReply: x]'
 cp -r unpacked fake
 printf '<a>\n%s' "$fake" >fake/package.xml

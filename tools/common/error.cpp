@@ -67,9 +67,20 @@ std::size_t printableLength(std::string_view text)
 
 } // namespace
 
+std::string hexadecimal(std::string_view bytes)
+{
+    constexpr std::string_view DIGITS = "0123456789abcdef";
+    std::string text;
+    for (const char c : bytes)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        text += {DIGITS[byte >> 4], DIGITS[byte & 0xF]};
+    }
+    return text;
+}
+
 std::string printable(std::string_view text)
 {
-    constexpr std::string_view digits = "0123456789abcdef";
     std::string result;
     result.reserve(text.size());
     while (!text.empty())
@@ -77,8 +88,7 @@ std::string printable(std::string_view text)
         const std::size_t length = printableLength(text);
         if (length == 0)
         {
-            const auto byte = static_cast<unsigned char>(text.front());
-            result += {'\\', 'x', digits[byte >> 4], digits[byte & 0xF]};
+            result += "\\x" + hexadecimal(text.substr(0, 1));
         }
         result += text.substr(0, length);
         text.remove_prefix(std::max<std::size_t>(length, 1));

@@ -13,6 +13,9 @@ namespace tools
  *  bidirectional controls and bytes that are no UTF-8 become \xNN. */
 std::string printable(std::string_view text);
 
+/** Two lower-case digits for each byte. */
+std::string hexadecimal(std::string_view bytes);
+
 /** What went wrong, and with what: the one line that the user sees. */
 class Error : public std::runtime_error
 {

@@ -3,6 +3,7 @@
 #include "common/error.hpp"
 #include "common/handles.hpp"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gelf.h>
 #include <link.h>
@@ -18,6 +19,7 @@ namespace velmora::front
 namespace
 {
 
+constexpr const char* LIBRARY = "libvelmora.so.1";
 constexpr std::string_view SECTION = ".velmora.causes";
 
 std::string_view contentOf(Elf_Scn* section)
@@ -31,7 +33,6 @@ std::string_view contentOf(Elf_Scn* section)
 
 void readBuildId(Elf_Scn* section, std::string& id)
 {
-    constexpr std::string_view digits = "0123456789abcdef";
     GElf_Nhdr note{};
     std::size_t name = 0;
     std::size_t description = 0;
@@ -42,12 +43,8 @@ void readBuildId(Elf_Scn* section, std::string& id)
     {
         return;
     }
-    id.clear();
-    for (const char c : contentOf(section).substr(description, note.n_descsz))
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        id += {digits[byte >> 4], digits[byte & 0xF]};
-    }
+    id = tools::hexadecimal(
+        contentOf(section).substr(description, note.n_descsz));
 }
 
 void readRecords(const std::string& content, Causes& causes)
@@ -74,21 +71,18 @@ void readRecords(const std::string& content, Causes& causes)
     }
 }
 
-int noteLibrary(dl_phdr_info* info, std::size_t /*size*/, void* path)
-{
-    const bool found =
-        std::string_view(info->dlpi_name).find("/libvelmora.so") !=
-        std::string_view::npos;
-    *static_cast<std::string*>(path) = found ? info->dlpi_name : "";
-    return found ? 1 : 0;
-}
-
+/** Path of the library that this program runs with. */
 std::string linkedLibrary()
 {
-    std::string path;
-    std::error_code ignored;
-    dl_iterate_phdr(noteLibrary, &path);
-    return std::filesystem::canonical(path, ignored);
+    const tools::Handle<void, dlclose> library(
+        dlopen(LIBRARY, RTLD_LAZY | RTLD_NOLOAD));
+    link_map* entry = nullptr;
+    if (library == nullptr ||
+        dlinfo(library.get(), RTLD_DI_LINKMAP, &entry) != 0)
+    {
+        throw tools::Error(LIBRARY, "it is not loaded");
+    }
+    return std::filesystem::canonical(entry->l_name);
 }
 
 } // namespace
@@ -123,31 +117,12 @@ Causes readCauses(const std::string& library)
             readBuildId(section, causes.buildId);
         }
     }
-    if (causes.sites.empty())
-    {
-        throw tools::Error(library, "no library with a section " +
-                                        std::string(SECTION) +
-                                        "; name another with --library");
-    }
     return causes;
 }
 
 const Causes& linkedCauses()
 {
-    static const Causes causes = []
-    {
-        const std::string library = linkedLibrary();
-        try
-        {
-            return readCauses(library);
-        }
-        catch (const tools::Error&)
-        {
-            Causes none;
-            none.library = library;
-            return none;
-        }
-    }();
+    static const Causes causes = readCauses(linkedLibrary());
     return causes;
 }
 

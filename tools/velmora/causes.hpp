@@ -33,11 +33,12 @@ struct Causes
 /** Numbers that each source of the library has. */
 inline constexpr int BLOCK = 1000;
 
-/** @throws tools::Error when the file is no library with such a table */
+/** None where the file has no table.
+ *
+ *  @throws tools::Error when it cannot be read, or a number is there twice */
 Causes readCauses(const std::string& library);
 
-/** Of the library that this program runs with; without any where it has no
- *  table. */
+/** Of the library that this program runs with. */
 const Causes& linkedCauses();
 
 /** This program's version, and the library that it runs with. */

@@ -104,8 +104,14 @@ nlohmann::ordered_json detailsAsJson(const Operation& operation)
 
 bool explain(const std::string& log, const std::string& library, bool json)
 {
-    const Causes causes =
-        readCauses(library.empty() ? linkedCauses().library : library);
+    const Causes& causes =
+        library.empty() ? linkedCauses() : readCauses(library);
+    if (causes.sites.empty())
+    {
+        throw tools::Error(causes.library,
+                           "holds no causes of libvelmora's failures; name "
+                           "another library with --library");
+    }
     const tools::FileDescriptor file(
         open(log == "-" ? "/dev/stdin" : log.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.get() < 0)

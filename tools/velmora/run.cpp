@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <iostream>
+#include <sstream>
 #include <utility>
 
 namespace velmora::front
@@ -16,44 +18,51 @@ namespace velmora::front
 namespace
 {
 
-/** Leads a standard descriptor elsewhere while it lives. */
+tools::FileDescriptor copyOf(int descriptor)
+{
+    tools::FileDescriptor copy(
+        fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (copy.get() < 0)
+    {
+        throw tools::systemError("the log cannot be led elsewhere");
+    }
+    return copy;
+}
+
+/** Leads stdout and stderr into a file while it lives. */
 class Redirection
 {
   public:
-    Redirection(int from, const tools::FileDescriptor& to) :
-        from_(from), saved_(fcntl(from, F_DUPFD_CLOEXEC, STDERR_FILENO + 1))
+    explicit Redirection(const tools::FileDescriptor& file)
     {
-        if (saved_.get() < 0)
-        {
-            throw tools::systemError("the log cannot be led elsewhere");
-        }
-        flushStreams();
-        dup2(to.get(), from_);
+        std::fflush(nullptr);
+        dup2(file.get(), STDOUT_FILENO);
+        dup2(file.get(), STDERR_FILENO);
     }
     Redirection(const Redirection&) = delete;
     Redirection& operator=(const Redirection&) = delete;
     ~Redirection()
     {
-        flushStreams();
-        dup2(saved_.get(), from_);
+        std::fflush(nullptr);
+        dup2(out_.get(), STDOUT_FILENO);
+        dup2(err_.get(), STDERR_FILENO);
     }
 
   private:
-    static void flushStreams()
-    {
-        std::cout.flush();
-        std::fflush(nullptr);
-    }
-
-    int from_;
-    tools::FileDescriptor saved_;
+    const tools::FileDescriptor out_ = copyOf(STDOUT_FILENO);
+    const tools::FileDescriptor err_ = copyOf(STDERR_FILENO);
 };
 
-/** Shows the log, if it is to be shown, and goes back to its start. */
-void finish(const tools::FileDescriptor& log, bool isShown)
+/** Writes the log to stderr, behind a line that names the build. */
+void show(const tools::FileDescriptor& log)
 {
-    lseek(log.get(), 0, SEEK_SET);
-    std::cerr << (isShown ? tools::readAll(log, "the log") : "");
+    static bool isNamed = false;
+    std::cerr << (std::exchange(isNamed, true) ? "" : versionText() + '\n');
+    std::istringstream lines(tools::readAll(log, "the log"));
+    for (std::string line; std::getline(lines, line);)
+    {
+        std::cerr << tools::printable(line) << '\n';
+    }
     lseek(log.get(), 0, SEEK_SET);
 }
 
@@ -61,29 +70,35 @@ void finish(const tools::FileDescriptor& log, bool isShown)
 
 Outcome run(bool verbose, const std::function<bool()>& work)
 {
-    static bool isNamed = false;
-    if (verbose && !std::exchange(isNamed, true))
-    {
-        std::cerr << versionText() << '\n';
-    }
     const tools::FileDescriptor log = tools::memoryFile();
     Outcome outcome;
+    std::exception_ptr thrown;
     try
     {
-        const Redirection out(STDOUT_FILENO, log);
-        const Redirection err(STDERR_FILENO, log);
+        const Redirection redirection(log);
         outcome.passed = work();
     }
     catch (...)
     {
-        finish(log, verbose);
-        throw;
+        thrown = std::current_exception();
     }
-    finish(log, verbose);
-    Explainer(
-        linkedCauses(), [&outcome](const Operation& operation)
-        { outcome.refusal = operation.refused ? operation : outcome.refusal; })
-        .read(log.get(), "the log");
+    lseek(log.get(), 0, SEEK_SET);
+    if (verbose)
+    {
+        show(log);
+    }
+    if (thrown)
+    {
+        std::rethrow_exception(thrown);
+    }
+    const auto keepRefusal = [&outcome](const Operation& operation)
+    {
+        if (operation.refused)
+        {
+            outcome.refusal = operation;
+        }
+    };
+    Explainer(linkedCauses(), keepRefusal).read(log.get(), "the log");
     return outcome;
 }
 
