@@ -152,11 +152,18 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
     }
 }
 
+/** Whether the checker will find those values, of which the parser drops empty
+ *  ones and changes control characters. */
 bool holds(Bytes xml, const Descriptor& descriptor)
 {
     try
     {
-        return readDescriptor(xml) == descriptor;
+        const XmlDocument document = parse(xml, DESCRIPTOR_NAME);
+        return firstOf(document.get(), MODEL_PATH) == descriptor.model &&
+               firstOf(document.get(), VERSION_PATH) == descriptor.version &&
+               firstOf(document.get(), DIGEST_PATH) == descriptor.digest &&
+               std::ranges::equal(find(document.get(), SYSTEM_ID_PATH),
+                                  descriptor.systemIds, {}, &Found::value);
     }
     catch (const Error&)
     {
@@ -182,7 +189,6 @@ Buffer writeDescriptor(const Descriptor& descriptor)
     }
     text += "</Package>\n";
     const Bytes bytes = bytesOf(text);
-    // The parser drops an empty value and changes control characters.
     if (descriptor.model.empty() || descriptor.version.empty() ||
         !holds(bytes, descriptor))
     {
@@ -190,20 +196,6 @@ Buffer writeDescriptor(const Descriptor& descriptor)
                     "is empty, or not UTF-8 text without control characters");
     }
     return {bytes.begin(), bytes.end()};
-}
-
-Descriptor readDescriptor(Bytes xml)
-{
-    const XmlDocument document = parse(xml, DESCRIPTOR_NAME);
-    Descriptor descriptor{.model = firstOf(document.get(), MODEL_PATH),
-                          .version = firstOf(document.get(), VERSION_PATH),
-                          .digest = firstOf(document.get(), DIGEST_PATH),
-                          .systemIds = {}};
-    for (Found& found : find(document.get(), SYSTEM_ID_PATH))
-    {
-        descriptor.systemIds.push_back(std::move(found.value));
-    }
-    return descriptor;
 }
 
 Json describeDescriptor(const Source& file, Remarks& remarks)

@@ -20,14 +20,11 @@ struct Descriptor
     /** The composite digest of the payload. */
     std::string digest;
     std::vector<std::string> systemIds;
-
-    bool operator==(const Descriptor&) const = default;
 };
 
+/** The document.
+ *
+ *  @throws Error unless a reader finds each value in it as it is */
 Buffer writeDescriptor(const Descriptor& descriptor);
-
-/** What the checker finds: the first element that carries the attribute
- *  counts. Throws when the text is not XML. */
-Descriptor readDescriptor(Bytes xml);
 
 } // namespace pack

@@ -108,9 +108,10 @@ void renderInto(std::string& text, const Json& fields, std::size_t indent)
 std::vector<std::string> kindNames()
 {
     std::vector<std::string> names;
-    std::ranges::transform(KINDS, std::back_inserter(names),
-                           [](const Kind& kind)
-                           { return std::string(kind.name); });
+    for (const Kind& kind : KINDS)
+    {
+        names.emplace_back(kind.name);
+    }
     return names;
 }
 

@@ -40,8 +40,8 @@ struct Secret
     std::string key;
     std::optional<std::string> value;
     bool asked = false;
-    bool noTerminal = false;
-    bool notGiven = false;
+    /** Why there is none. */
+    std::string refusal{};
 
     ~Secret()
     {
@@ -57,32 +57,33 @@ int tellSecret(char* buffer, int size, int /*forWriting*/, void* data)
 {
     Secret& secret = *static_cast<Secret*>(data);
     secret.asked = true;
-    if (secret.notGiven)
-    {
-        return -1;
-    }
-    if (!secret.value)
+    if (!secret.value && secret.refusal.empty())
     {
         const std::string prompt = "Passphrase or PIN of " + secret.key + ": ";
         // OpenSSL would read standard input instead.
         const FileDescriptor terminal(
             open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
-        secret.noTerminal = terminal.get() < 0;
-        secret.notGiven =
-            secret.noTerminal ||
-            EVP_read_pw_string(buffer, size, prompt.c_str(), 0) != 0;
-        if (secret.notGiven)
+        if (terminal.get() < 0)
         {
-            return -1;
+            secret.refusal = "needs a passphrase or PIN, and there is no "
+                             "terminal: give it with --passphrase-file or in "
+                             "VELMORA_PACK_PIN";
         }
-        secret.value = buffer;
+        else if (EVP_read_pw_string(buffer, size, prompt.c_str(), 0) != 0)
+        {
+            secret.refusal = "no passphrase or PIN was given";
+        }
+        else
+        {
+            secret.value = buffer;
+        }
     }
-    const std::string& value = *secret.value;
-    const auto length = static_cast<int>(value.size());
-    if (length >= size)
+    if (!secret.value || secret.value->size() >= static_cast<std::size_t>(size))
     {
         return -1;
     }
+    const std::string& value = *secret.value;
+    const auto length = static_cast<int>(value.size());
     std::ranges::copy(value, buffer);
     buffer[length] = '\0';
     return length;
@@ -93,7 +94,8 @@ std::optional<std::string> givenSecret(const fs::path& file)
     if (file.empty())
     {
         const char* const pin = std::getenv(PIN_VARIABLE);
-        return pin == nullptr ? std::nullopt : std::optional<std::string>(pin);
+        return pin == nullptr || *pin == '\0' ? std::nullopt
+                                              : std::optional<std::string>(pin);
     }
     std::string line;
     std::ifstream stream(file);
@@ -185,15 +187,9 @@ Key readPrivateKey(const std::string& key, const fs::path& passphraseFile)
     Key found = key.starts_with(TOKEN_SCHEME)
                     ? keyOfToken(key, prompter.get(), secret)
                     : keyOfFile(key, prompter.get(), secret);
-    if (secret.noTerminal)
+    if (!secret.refusal.empty())
     {
-        throw Error(secret.key, "needs a passphrase or PIN, and there is no "
-                                "terminal: give it with --passphrase-file or "
-                                "in VELMORA_PACK_PIN");
-    }
-    if (secret.notGiven)
-    {
-        throw Error(secret.key, "no passphrase or PIN was given");
+        throw Error(secret.key, secret.refusal);
     }
     if (!found)
     {

@@ -35,6 +35,26 @@ int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
     return -1;
 }
 
+Bio memoryBio(Bytes bytes)
+{
+    Bio bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    require(bio != nullptr, "no memory");
+    return bio;
+}
+
+/** What @p print gives a BIO. */
+template <typename Print>
+std::string printed(Print print)
+{
+    const Bio bio(BIO_new(BIO_s_mem()));
+    require(bio != nullptr, "no memory");
+    print(bio.get());
+    ERR_clear_error();
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    return {data, static_cast<std::size_t>(std::max(size, 0L))};
+}
+
 } // namespace
 
 Error opensslError(std::string_view subject, std::string_view what)
@@ -138,26 +158,6 @@ bool verifies(const Source& source, std::uint64_t size, Bytes signature,
     return result == 1;
 }
 
-Bio memoryBio(Bytes bytes)
-{
-    if (bytes.size() > LARGEST_FILE_IN_MEMORY)
-    {
-        throw Error("OpenSSL", "too much to read");
-    }
-    Bio bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
-    require(bio != nullptr, "no memory");
-    return bio;
-}
-
-Buffer contentOf(BIO* bio)
-{
-    char* data = nullptr;
-    const long size = BIO_get_mem_data(bio, &data);
-    const Bytes bytes =
-        bytesOf({data, static_cast<std::size_t>(std::max(size, 0L))});
-    return {bytes.begin(), bytes.end()};
-}
-
 Key readPublicKey(const fs::path& file)
 {
     const Source source(file);
@@ -173,10 +173,9 @@ Key readPublicKey(const fs::path& file)
 
 Key publicPart(EVP_PKEY* key)
 {
-    const Bio bio(BIO_new(BIO_s_mem()));
-    require(bio && i2d_PUBKEY_bio(bio.get(), key) == 1,
-            "the public key cannot be written");
-    Key result(d2i_PUBKEY_bio(bio.get(), nullptr));
+    const std::string der =
+        printed([&](BIO* bio) { i2d_PUBKEY_bio(bio, key); });
+    Key result(d2i_PUBKEY_bio(memoryBio(bytesOf(der)).get(), nullptr));
     require(result != nullptr, "the public key cannot be read");
     return result;
 }
@@ -196,10 +195,8 @@ std::vector<Certificate> readCertificates(Bytes pem)
 
 std::string nameText(const X509_NAME* name)
 {
-    const Bio bio(BIO_new(BIO_s_mem()));
-    require(bio && X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253) >= 0,
-            "a name cannot be written");
-    return std::string(textOf(contentOf(bio.get())));
+    return printed([&](BIO* bio)
+                   { X509_NAME_print_ex(bio, name, 0, XN_FLAG_RFC2253); });
 }
 
 std::string certificateText(const X509* certificate)
@@ -209,11 +206,9 @@ std::string certificateText(const X509* certificate)
 
 std::string timeText(const ASN1_TIME* time)
 {
-    const Bio bio(BIO_new(BIO_s_mem()));
-    // A date that makes no sense is printed as such, not an error.
-    ASN1_TIME_print_ex(bio.get(), time, ASN1_DTFLGS_ISO8601);
-    ERR_clear_error();
-    return std::string(textOf(contentOf(bio.get())));
+    // A date that makes no sense is printed as such.
+    return printed([&](BIO* bio)
+                   { ASN1_TIME_print_ex(bio, time, ASN1_DTFLGS_ISO8601); });
 }
 
 void verifyChain(const std::vector<Certificate>& chain, const fs::path& root,

@@ -64,9 +64,6 @@ Key readPublicKey(const std::filesystem::path& file);
 /** The key without its private part. */
 Key publicPart(EVP_PKEY* key);
 
-Bio memoryBio(Bytes bytes);
-Buffer contentOf(BIO* bio);
-
 /** The certificates of a PEM text, up to the first block that is none. */
 std::vector<Certificate> readCertificates(Bytes pem);
 std::string nameText(const X509_NAME* name);
