@@ -41,7 +41,7 @@ struct Secret
     std::optional<std::string> value;
     bool asked = false;
     /** Why there is none. */
-    std::string refusal{};
+    std::string refusal;
 
     ~Secret()
     {
@@ -181,7 +181,9 @@ std::string keyName(const std::string& key)
 
 Key readPrivateKey(const std::string& key, const fs::path& passphraseFile)
 {
-    Secret secret{keyName(key), givenSecret(passphraseFile)};
+    Secret secret;
+    secret.key = keyName(key);
+    secret.value = givenSecret(passphraseFile);
     const Prompter prompter(UI_UTIL_wrap_read_pem_callback(tellSecret, 0));
     require(prompter != nullptr, "no memory");
     Key found = key.starts_with(TOKEN_SCHEME)
