@@ -92,18 +92,6 @@ std::optional<Record> recordAt(Bytes manifest, std::uint64_t offset)
                                            : std::nullopt;
 }
 
-std::optional<unsigned> releaseOf(Bytes manifest, const Record& record)
-{
-    const std::uint64_t position =
-        record.offset + record.headerLength + RELEASE_OFFSET;
-    if (record.type != RELEASE_TYPE || position >= manifest.size())
-    {
-        return std::nullopt;
-    }
-    return std::to_integer<unsigned>(
-        manifest[static_cast<std::size_t>(position)] ^ std::byte{record.mask});
-}
-
 Json describeRecord(Bytes manifest, const Record& record)
 {
     Json fields{{"offset", record.offset},
@@ -111,9 +99,13 @@ Json describeRecord(Bytes manifest, const Record& record)
                 {"type", record.type},
                 {"maskByte", record.mask},
                 {"dataLength", record.dataLength}};
-    if (const auto release = releaseOf(manifest, record))
+    const std::uint64_t release =
+        record.offset + record.headerLength + RELEASE_OFFSET;
+    if (record.type == RELEASE_TYPE && release < manifest.size())
     {
-        fields["release"] = *release;
+        fields["release"] = std::to_integer<unsigned>(
+            manifest[static_cast<std::size_t>(release)] ^
+            std::byte{record.mask});
     }
     return fields;
 }

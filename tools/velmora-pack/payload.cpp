@@ -432,7 +432,8 @@ Json describeMetadata(const Slot& slot, Remarks& remarks)
     return fields;
 }
 
-Json describeSignature(const Source& file, const Slot& slot, Remarks& remarks)
+Json describeSlotSignature(const Source& file, const Slot& slot,
+                           Remarks& remarks)
 {
     const EVP_MD* const digest = schemeOf(slot.metadata.algorithm).digest;
     Json fields{
@@ -515,7 +516,7 @@ Json describePayload(const Source& file, Remarks& remarks)
               {"sha256", digestText(file, slot.bodySize, EVP_sha256())}}},
             {"chain", describeChain(slot, remarks)},
             {"metadata", describeMetadata(slot, remarks)},
-            {"signature", describeSignature(file, slot, remarks)},
+            {"signature", describeSlotSignature(file, slot, remarks)},
             {"remainder",
              {{"offset", slot.bodySize + REMAINDER_OFFSET},
               {"size", REMAINDER_SIZE},

@@ -133,7 +133,7 @@ class ZipReader
             {
                 return;
             }
-            check(result);
+            check(result, "member " + name_ + ": ");
             unpacked_ += size;
             if (unpacked_ > MOST_UNPACKED)
             {
@@ -144,7 +144,7 @@ class ZipReader
     }
 
   private:
-    void check(int result) const
+    void check(int result, const std::string& where = {}) const
     {
         // A warning is about a name that the locale cannot show.
         if (result != ARCHIVE_OK && result != ARCHIVE_WARN)
@@ -152,7 +152,7 @@ class ZipReader
             throw Error(source_.name(),
                         input_.budget == 0
                             ? "has a central directory larger than 8 MiB"
-                            : reasonOf(reader_.get()));
+                            : where + reasonOf(reader_.get()));
         }
     }
 
