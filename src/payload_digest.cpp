@@ -18,7 +18,6 @@
 #include <limits>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -36,25 +35,27 @@ constexpr std::size_t PIECE_SIZE = std::size_t{10} * 1024 * 1024;
 constexpr std::size_t SHA256_SIZE = 32;
 
 /** SHA-256 in steps. A step on a context that could not be made, or that was
- *  not initialised, fails. */
+ *  not initialised, fails: what is half initialised crashes. */
 class Sha256
 {
   public:
     bool init()
     {
-        return context_ != nullptr &&
-               EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 0;
+        initialised_ =
+            context_ != nullptr &&
+            EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 0;
+        return initialised_;
     }
 
     bool update(const char* data, std::size_t size)
     {
-        return context_ != nullptr &&
+        return initialised_ &&
                EVP_DigestUpdate(context_.get(), data, size) != 0;
     }
 
     bool finish()
     {
-        return context_ != nullptr &&
+        return initialised_ &&
                EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) != 0;
     }
 
@@ -76,6 +77,7 @@ class Sha256
 
   private:
     DigestContext context_{EVP_MD_CTX_new()};
+    bool initialised_ = false;
     std::array<unsigned char, SHA256_SIZE> digest_{};
 };
 
@@ -89,17 +91,6 @@ FileDescriptor openFile(const std::string& path)
     return FileDescriptor(number < 0 && errno == EWOULDBLOCK
                               ? open(path.c_str(), FLAGS)
                               : number);
-}
-
-/** @return length in bytes, nothing for what is no regular file */
-std::optional<std::uint64_t> lengthOf(const FileDescriptor& file)
-{
-    struct stat status{};
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
-    {
-        return std::nullopt;
-    }
-    return static_cast<std::uint64_t>(status.st_size);
 }
 
 /** @param offset of the first byte, from the start of the file
@@ -228,28 +219,38 @@ std::vector<std::string> regularFiles(const std::string& directory)
 std::string calculateFileSHA(const std::string& filePath)
 {
     FileDescriptor file = openFile(filePath);
-    const auto length = lengthOf(file);
-    if (!length)
+    if (!file)
     {
-        LOG_FAILURE("a file cannot be opened, or is no regular file");
+        LOG_FAILURE("a file cannot be opened");
         return {};
     }
-    if (*length > PIECE_SIZE)
+    struct stat status{};
+    bool complete = fstat(file.get(), &status) == 0;
+    if (!complete)
+    {
+        LOG_FAILURE("the status of a file cannot be read");
+    }
+    else if (!S_ISREG(status.st_mode))
+    {
+        LOG_FAILURE("what is no regular file is not digested");
+        return {};
+    }
+    const auto length = static_cast<std::uint64_t>(status.st_size);
+    if (length > PIECE_SIZE)
     {
         // The kernel reads further ahead of us, which a cold file needs.
         posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     }
 
     // After a failure is logged, the remaining steps still run.
-    bool complete = true;
     Sha256 sha;
     if (!sha.init())
     {
         LOG_FAILURE("the digest of a file could not be begun");
         complete = false;
     }
-    const auto buffer = makeReadBuffer(*length);
-    complete = digestContent(file, *length, buffer.get(), sha) && complete;
+    const auto buffer = makeReadBuffer(length);
+    complete = digestContent(file, length, buffer.get(), sha) && complete;
     file.close();
     if (!sha.finish())
     {
