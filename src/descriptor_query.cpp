@@ -48,7 +48,8 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
         LOG_FAILURE("no expression was given");
         return {};
     }
-    XmlDocument document = parseDescriptor(descriptorPath);
+    const XmlAllocations allocations;
+    XmlDocument document = parseDescriptor(descriptorPath, allocations);
     if (document == nullptr)
     {
         LOG_FAILURE("the descriptor cannot be read, is not well-formed, or is "
@@ -64,9 +65,9 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     XPathResult result(xmlXPathEvalExpression(
         reinterpret_cast<const xmlChar*>(expression), context.get()));
     context.reset();
-    if (result == nullptr)
+    if (result == nullptr || allocations.failed())
     {
-        LOG_FAILURE("the XPath expression is invalid");
+        LOG_FAILURE("the XPath expression is invalid, or memory is out");
         return {};
     }
     const xmlNodeSet* nodes = result->nodesetval;
@@ -80,7 +81,7 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     }
 
     auto value = firstValue(*nodes, attribute.c_str());
-    if (!value)
+    if (!value || allocations.failed())
     {
         LOG_FAILURE("no selected element has a value for the attribute");
         return {};

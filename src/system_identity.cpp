@@ -81,15 +81,16 @@ std::optional<std::string> findListed(const xmlNodeSet& models,
 }
 
 /** The descriptor's `Model` elements; null when they cannot be looked for. */
-XPathResult selectModels(xmlDoc* document)
+XPathResult selectModels(xmlDoc* document, const XmlAllocations& allocations)
 {
     const XPathContext context(xmlXPathNewContext(document));
     if (context == nullptr)
     {
         return nullptr;
     }
-    return XPathResult(xmlXPathEvalExpression(
+    XPathResult result(xmlXPathEvalExpression(
         reinterpret_cast<const xmlChar*>("//Model"), context.get()));
+    return allocations.failed() ? nullptr : std::move(result);
 }
 
 } // namespace
@@ -108,14 +109,15 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
     }
     // The early returns free the document first. After a search the result
     // goes first.
-    XmlDocument document = parseDescriptor(descriptorPath);
+    const XmlAllocations allocations;
+    XmlDocument document = parseDescriptor(descriptorPath, allocations);
     if (document == nullptr)
     {
         LOG_FAILURE("the descriptor cannot be read, is not well-formed, or is "
                     "beyond a limit");
         return false;
     }
-    XPathResult result = selectModels(document.get());
+    XPathResult result = selectModels(document.get(), allocations);
     if (result == nullptr || result->nodesetval == nullptr)
     {
         LOG_FAILURE("the descriptor could not be searched for models");
@@ -141,7 +143,12 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
         return false;
     }
 
-    const auto searchFound = findListed(models, *systemId);
+    auto searchFound = findListed(models, *systemId);
+    if (searchFound && allocations.failed())
+    {
+        LOG_FAILURE("memory is out");
+        searchFound.reset();
+    }
     result.reset();
     document.reset();
     if (!searchFound)

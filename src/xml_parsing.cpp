@@ -51,6 +51,29 @@ std::size_t costOf(std::string_view text)
                                                text.begin(), text.end(), '\n'));
 }
 
+/** The functions with which the process gives the parser its memory. */
+xmlFreeFunc processFree = nullptr;
+xmlMallocFunc processMalloc = nullptr;
+xmlReallocFunc processRealloc = nullptr;
+xmlStrdupFunc processStrdup = nullptr;
+bool allocationFailed = false;
+
+template <typename T>
+T* noted(T* memory)
+{
+    allocationFailed = allocationFailed || memory == nullptr;
+    return memory;
+}
+
+void* allocate(std::size_t size) { return noted(processMalloc(size)); }
+
+void* reallocate(void* memory, std::size_t size)
+{
+    return noted(processRealloc(memory, size));
+}
+
+char* duplicate(const char* text) { return noted(processStrdup(text)); }
+
 /** Bounds one parse.
  *
  *  The parser asks its loader for every input, the document included, and
@@ -64,9 +87,9 @@ class GuardedParse
         path_(path), file_(open(path, O_RDONLY | O_CLOEXEC)), openError_(errno),
         previousLoader_(xmlGetExternalEntityLoader()),
         previousReport_(xmlGenericError),
-        previousReportContext_(xmlGenericErrorContext),
-        previous_(std::exchange(current_, this))
+        previousReportContext_(xmlGenericErrorContext)
     {
+        current_ = this;
         xmlSetExternalEntityLoader(load);
         // The previous report function reads this context, so it stays set.
         xmlSetGenericErrorFunc(previousReportContext_, report);
@@ -79,7 +102,7 @@ class GuardedParse
     {
         xmlSetGenericErrorFunc(previousReportContext_, previousReport_);
         xmlSetExternalEntityLoader(previousLoader_);
-        current_ = previous_;
+        current_ = nullptr;
     }
 
     /** Whether the parser has seen the whole document, within the limits. */
@@ -351,7 +374,6 @@ class GuardedParse
     xmlExternalEntityLoader previousLoader_;
     xmlGenericErrorFunc previousReport_;
     void* previousReportContext_;
-    GuardedParse* previous_;
     xmlParserCtxt* context_ = nullptr;
     std::size_t size_ = 0;
     std::size_t documentTypeSize_ = 0;
@@ -365,11 +387,26 @@ class GuardedParse
 
 } // namespace
 
-XmlDocument parseDescriptor(const std::string& path)
+XmlAllocations::XmlAllocations()
+{
+    allocationFailed = false;
+    xmlMemGet(&processFree, &processMalloc, &processRealloc, &processStrdup);
+    xmlMemSetup(processFree, allocate, reallocate, duplicate);
+}
+
+XmlAllocations::~XmlAllocations()
+{
+    xmlMemSetup(processFree, processMalloc, processRealloc, processStrdup);
+}
+
+bool XmlAllocations::failed() const { return allocationFailed; }
+
+XmlDocument parseDescriptor(const std::string& path,
+                            const XmlAllocations& allocations)
 {
     const GuardedParse guard(path.c_str());
     xmlDoc* document = xmlParseFile(path.c_str());
-    if (!guard.complete())
+    if (!guard.complete() || allocations.failed())
     {
         // After a failed parse the parser's state is not cleaned up.
         xmlFreeDoc(document);

@@ -162,7 +162,7 @@ FAULT(int, EVP_DigestFinal_ex, (EVP_MD_CTX* c, unsigned char* d, unsigned* n), (
 FAULT(int, EVP_DigestVerifyInit, (EVP_MD_CTX* c, EVP_PKEY_CTX** k, const EVP_MD* m, ENGINE* e, EVP_PKEY* p), (c, k, m, e, p), 0)
 FAULT(int, EVP_DigestVerifyUpdate, (EVP_MD_CTX* c, const void* d, size_t n), (c, d, n), 0)
 FAULT(int, EVP_DigestVerifyFinal, (EVP_MD_CTX* c, const unsigned char* s, size_t n), (c, s, n), -1)
-FAULT(int, EVP_PKEY_CTX_set_rsa_padding, (EVP_PKEY_CTX* c, int p), (c, p), -2)
+FAULT(int, EVP_PKEY_CTX_set_rsa_padding, (EVP_PKEY_CTX* c, int p), (c, p), 0)
 FAULT(int, EVP_PKEY_CTX_set_rsa_pss_saltlen, (EVP_PKEY_CTX* c, int n), (c, n), 0)
 FAULT(int, EVP_PKEY_get_size, (const EVP_PKEY* k), (k), 0)
 FAULT(EVP_PKEY*, d2i_PUBKEY, (EVP_PKEY** k, const unsigned char** d, long n), (k, d, n), nullptr)

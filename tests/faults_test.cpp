@@ -242,51 +242,85 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
         bytes.substr(BODY + CHAIN + METADATA, SIGNATURE);
     metadata_algo = "PS256";
     const auto statusWith =
-        [&](const std::string& function, const std::string& area)
+        [&](const std::string& function, int nth, const std::string& area)
     {
-        return faulted(function, 1, ValidateQOR::verify_slot_signature, area,
+        return faulted(function, nth, ValidateQOR::verify_slot_signature, area,
                        signature, payload.data());
     };
     const std::string slot = "verify_slot_signature: ";
-    for (const auto& [function, status] :
-         {std::pair{"open64", 2},
-          {"fstat64", 3},
-          {"mmap64", 5},
-          {"BIO_new", 7},
-          {"BIO_write", 7},
-          {"PEM_read_bio_X509", 7},
-          {"fwrite", 7},
-          {"fflush", 7},
-          {"X509_get_pubkey", 8},
-          {"EVP_PKEY_get_size", 10},
-          {"EVP_DigestVerifyInit", 11},
-          {"EVP_PKEY_CTX_set_rsa_padding", 11},
-          {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 11},
-          {"EVP_DigestVerifyUpdate", 13},
-          {"EVP_DigestVerifyFinal", 13},
-          {"EVP_MD_CTX_new", 16},
-          {"BIO_new_fp", 17},
-          {"PEM_write_bio_PUBKEY", 17},
-          {"munmap", 14},
-          {"close", 15}})
+    struct Row
     {
-        EXPECT_EQ(statusWith(function, chain), status) << function;
+        const char* function;
+        int nth;
+        int status;
+        std::string text;
+    };
+    for (const auto& [function, nth, status, text] : std::initializer_list<Row>{
+             {"open64", 1, 2,
+              slot + "File[" + payload +
+                  "]could not be opened,"
+                  "strerr[Permission denied]"},
+             {"fstat64", 1, 3,
+              slot + "File[" + payload +
+                  "]could not be "
+                  "stat'ed,strerr[Input/output error]"},
+             {"mmap64", 1, 5,
+              slot + "File[" + payload +
+                  "]mmap failed,"
+                  "strerr[Cannot allocate memory]"},
+             {"BIO_new", 1, 7, "getX509Cert: Create a memory BIO failed"},
+             {"BIO_write", 1, 7,
+              "getX509Cert: Writing from buffer to BIO failed"},
+             {"PEM_read_bio_X509", 1, 7,
+              "getX509Cert: Read the PEM formatted certificate from memory "
+              "into an X509 is failed"},
+             {"fopen64", 1, 7, "getX509Cert: Error creating certchain file"},
+             {"fwrite", 1, 7, "getX509Cert: Error writing certchain to file"},
+             {"fflush", 1, 7, "getX509Cert: Error writing certchain to file"},
+             {"X509_get_pubkey", 1, 8,
+              slot + "Error retrieving Cert public key"},
+             {"EVP_PKEY_get_size", 1, 10,
+              slot + "RSA Key length[0]is not match with "
+                     "SLOT_SIGNATURE_SIZE"},
+             {"EVP_DigestVerifyInit", 1, 11,
+              slot + "EVP_DigestVerifyInit failed,err[0]errmsg[]"},
+             {"EVP_PKEY_CTX_set_rsa_padding", 1, 11,
+              slot + "Setting RSA padding mode failed"},
+             {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 1, 11,
+              slot + "Setting RSA PSS salt length failed"},
+             {"EVP_DigestVerifyUpdate", 1, 13,
+              slot + "EVP_DigestVerifyUpdate failed,err[0]errmsg[]"},
+             {"EVP_DigestVerifyFinal", 1, 13,
+              slot + "EVP_DigestVerifyFinal failed,err[0]errmsg[]"},
+             {"EVP_MD_CTX_new", 1, 16, slot + "EVP_MD_CTX_create is failed"},
+             {"fopen64", 2, 17,
+              "createPublicKeyFile: Error opening publickey file"},
+             {"BIO_new_fp", 1, 17,
+              "createPublicKeyFile: Error creating a filestream for public "
+              "key"},
+             {"PEM_write_bio_PUBKEY", 1, 17,
+              "createPublicKeyFile: Error writing publickey file in PEM "
+              "format"},
+             {"munmap", 1, 14, slot + "munmap failed,strerr[Invalid argument]"},
+             {"close", 1, 15,
+              slot + "File " + payload +
+                  " close error,strerr[Input/output error]"}})
+    {
+        EXPECT_EQ(statusWith(function, nth, chain), status) << function;
+        // What passes it on follows, the clean-up, and what was verified.
+        const auto line = std::find(log.begin(), log.end(), "FAILURE " + text);
+        EXPECT_NE(line, log.end()) << text;
+        EXPECT_LE(log.end() - line, 3) << text;
         EXPECT_EQ(log.back() == "SUCCESS " + slot +
                                     "Image slot signature verification "
                                     "successful",
                   status == 14 || status == 15);
     }
-    statusWith("munmap", chain);
-    EXPECT_THAT(log, Contains("FAILURE " + slot +
-                              "munmap failed,strerr[Invalid argument]"));
     // A chain without a certificate: closed first, unmapped second.
-    EXPECT_EQ(statusWith("munmap", std::string(CHAIN, '\0')), 7);
+    EXPECT_EQ(statusWith("munmap", 1, std::string(CHAIN, '\0')), 7);
     EXPECT_THAT(log.back(),
                 testing::MatchesRegex("FAILURE " + slot +
                                       "Line\\[[0-9]+\\]munmap failed"));
-    statusWith("close", chain);
-    EXPECT_THAT(log, Contains("FAILURE " + slot + "File " + payload +
-                              " close error,strerr[Input/output error]"));
 }
 
 TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
@@ -294,6 +328,14 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
     writeFile(scratch / "f", std::string(10'485'761, 'x'));
     fs::create_directory(scratch / "d");
     writeFile(scratch / "d/f", "x");
+    for (const int nth : {1, 2})
+    {
+        // Of the full piece, and of the one byte behind it.
+        EXPECT_EQ(faulted("pread64", nth, calculateFileSHA, scratch / "f"),
+                  ZEROS);
+        EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
+    }
+    EXPECT_EQ(faulted("fstat64", 1, calculateFileSHA, scratch / "d/f"), ZEROS);
     for (const auto& [function, failures] : {std::pair{"EVP_MD_CTX_new", 4},
                                              {"EVP_DigestInit_ex", 4},
                                              {"EVP_DigestUpdate", 1},
@@ -348,6 +390,11 @@ TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
 
 TEST_F(Faults, ResultsWithoutContentAreRefused)
 {
+    EXPECT_FALSE(faulted("gpgme_op_verify_result", 1,
+                         ValidateQOR::validatePkgXMLSignature, descriptor,
+                         descriptor + ".sign"));
+    EXPECT_THAT(
+        log, ElementsAre("INFO err: gpgme_op_verify_result failed", "FAILURE"));
     _gpgme_op_verify_result noSignature{};
     insteadOfResult = &noSignature;
     EXPECT_FALSE(faulted("gpgme_op_verify_result", 1,
@@ -413,6 +460,62 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
     meanwhile = [&] { fs::resize_file(image, 3); };
     EXPECT_EQ(faulted("pread64", 1, calculateFileSHA, image), ZEROS);
     EXPECT_EQ(log.front(), "FAILURE");
+}
+
+/** Lets the parser's nth request for memory fail, from now on. */
+void failParserMemory(int nth)
+{
+    static int left;
+    left = nth;
+    static const auto failed = [] { return --left == 0; };
+    xmlMemSetup(
+        std::free,
+        [](std::size_t size) { return failed() ? nullptr : std::malloc(size); },
+        [](void* memory, std::size_t size)
+        { return failed() ? nullptr : std::realloc(memory, size); },
+        [](const char* text) { return failed() ? nullptr : strdup(text); });
+}
+
+TEST_F(Faults, MemoryThatTheParserLacksIsNoAnswer)
+{
+    writeFile(descriptor, "<p><Model systemID='0B1C'/><Component hash='1'/>"
+                          "<Component hash='2'/></p>");
+    const auto accepts = [this](int nth)
+    {
+        failParserMemory(nth);
+        if (ValidateQOR::validateSytemIdFromPkgXML(descriptor))
+        {
+            return true;
+        }
+        failParserMemory(nth);
+        return ValidateQOR::getStrFromPkgXML(descriptor, "//Component",
+                                             "hash") == "2";
+    };
+    for (int nth = 1; nth < 200; ++nth)
+    {
+        // The parser itself may crash then, and take a process with it.
+        const pid_t child = fork();
+        if (child == 0)
+        {
+            bool accepted = false;
+            logOf(
+                [&]
+                {
+                    try
+                    {
+                        accepted = accepts(nth);
+                    }
+                    catch (const std::invalid_argument&)
+                    {
+                        accepted = false;
+                    }
+                });
+            _exit(accepted ? 1 : 0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << nth;
+    }
 }
 
 TEST_F(Faults, AnExceptionReleasesInTheSameOrder)

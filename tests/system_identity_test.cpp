@@ -65,6 +65,7 @@ TEST_F(Identity, IdentifiersAreComparedAsNumbers)
 TEST_F(Identity, NoModelElementsPass)
 {
     const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
+    EXPECT_FALSE(valid("<Model/><Model id='0A1B'/>"));
     EXPECT_TRUE(valid("<model systemID='1'/>"));
     EXPECT_THAT(
         log,
@@ -97,22 +98,14 @@ TEST_F(Identity, BusFailuresComeBeforeTheDescriptor)
                                             "org.freedesktop.DBus.Error."
                                             "ServiceUnknown: "),
                                  "FAILURE"));
-    for (const std::vector<std::uint8_t>& bytes :
-         {std::vector<std::uint8_t>{}, {1}, {1, 2, 3}})
+    for (const Service::Handler& answer :
+         std::initializer_list<Service::Handler>{
+             systemIdBytes({}), systemIdBytes({1}), systemIdBytes({1, 2, 3}),
+             [](auto*, sd_bus_message* reply)
+             { return sd_bus_message_append(reply, "v", "s", "0A1B"); },
+             [](auto*, auto*) { return 0; }})
     {
-        const Service service(PLATFORM, systemIdBytes(bytes));
-        EXPECT_FALSE(valid(""));
-        EXPECT_THAT(log, ElementsAre("FAILURE"));
-    }
-    {
-        const Service service(
-            PLATFORM, [](auto*, sd_bus_message* reply)
-            { return sd_bus_message_append(reply, "v", "s", "0A1B"); });
-        EXPECT_FALSE(valid(""));
-        EXPECT_THAT(log, ElementsAre("FAILURE"));
-    }
-    {
-        const Service service(PLATFORM, [](auto*, auto*) { return 0; });
+        const Service service(PLATFORM, answer);
         EXPECT_FALSE(valid(""));
         EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
