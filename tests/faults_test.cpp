@@ -64,7 +64,7 @@ Service::Handler stringAnswer(const char* types)
 }
 
 /** Length of what stands in front of the trailer. */
-constexpr std::size_t BODY = 4;
+constexpr std::size_t BODY = 1;
 
 /** Text of a file that is there and could not be digested. */
 const std::string ZEROS(64, '0');
@@ -82,7 +82,7 @@ class Faults : public LoggedTest
             " && zip -qr ../package.zip . && mkdir ../out");
         fs::create_directory(scratch / "manifest");
         pack("manifest -o " + (scratch / "manifest").string());
-        writeFile(scratch / "body", "body");
+        writeFile(scratch / "body", "b");
         pack("image " + (scratch / "body").string() + " --key " +
              (keys() / "image-signer.pem").string() + " -o " +
              (scratch / "image").string());
@@ -438,7 +438,7 @@ TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
     };
     const std::string info = "INFO validateCertChainForPayload: ";
     Lines lines{info + "Payload length is " + std::to_string(BODY + TRAILER),
-                info + "Certificate Chain offset 4",
+                info + "Certificate Chain offset 1",
                 "FAILURE validateCertChainForPayload: Only 1000 bytes read",
                 "FAILURE"};
     EXPECT_EQ(cutAt(BODY + 1000, 1), lines);
@@ -598,6 +598,8 @@ TEST_F(Faults, ReleasesComeInOrder)
                             "gpgme_data_release"));
     writeFile(descriptor, "<p/>");
     EXPECT_THAT(identity(), documentFirst);
+    writeFile(descriptor, "<p>");
+    EXPECT_THAT(identity(), ElementsAre("close"));
 
     EXPECT_THAT(releasesOf(ValidateQOR::verifyManifestAndSignature,
                            scratch / "image", scratch / "manifest"),

@@ -71,6 +71,11 @@ TEST_F(Manifest, FirstOneInTheFileIsCopied)
     EXPECT_TRUE(extract(manifestOf("", 0)));
     EXPECT_EQ(manifest.size(), 16U);
     EXPECT_THAT(log, ElementsAre());
+    // What is found is counted from where the stream stands.
+    writeFile(scratch / "image-ktb", "ab" + one);
+    std::ifstream file(scratch / "image-ktb", std::ios::binary);
+    file.seekg(2);
+    EXPECT_FALSE(ValidateQOR::extractManifest(file, "$KTB", header, manifest));
 }
 
 TEST_F(Manifest, WhatIsNotWholeIsRefusedAndLeavesTheOutput)
@@ -355,6 +360,10 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
     EXPECT_EQ(verify(), -1);
     EXPECT_EQ(readFile(MARKER), "2\n");
     writeFile(scratch / "image", good);
+    fs::remove(MARKER);
+    EXPECT_EQ(verify(), 0);
+    EXPECT_NE(fs::status(MARKER).permissions() & fs::perms::others_read,
+              fs::perms::none);
     // What stands in the marker's place is neither followed nor waited for.
     fs::remove(MARKER);
     writeFile(scratch / "precious", "precious");

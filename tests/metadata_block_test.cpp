@@ -37,6 +37,7 @@ class Metadata : public testing::Test
         return "INFO extract_meta_data: " + text;
     }
 
+    const std::string failure = "FAILURE extract_meta_data: ";
     const std::string version = field("ver", "1");
     const std::string algorithm = field("alg", "PS384");
     std::string block;
@@ -65,17 +66,20 @@ TEST_F(Metadata, StatusesInTheirOrder)
 {
     metadata_algo.clear();
     EXPECT_EQ(extract(""), 9);
+    EXPECT_EQ(log.back(), failure + "strtok returned nullptr,unable to proceed "
+                                    "further");
     EXPECT_EQ(extract("\"\"\"\""), 9);
     std::string none;
     logOf([&] { EXPECT_EQ(ValidateQOR::extract_meta_data(none), 9); });
     EXPECT_EQ(extract("{}"), 10);
     EXPECT_EQ(extract("\"ver\":\"1\"," + algorithm + field("sts", "1")), 10);
     EXPECT_THAT(log, Contains(info("Version found...")));
-    EXPECT_EQ(log.back(), "FAILURE extract_meta_data: Unable to get version "
-                          "from metadata");
+    EXPECT_EQ(log.back(), failure + "Unable to get version from metadata");
     metadata_algo.clear();
     EXPECT_EQ(extract(version + field("sts", "1")), 13);
+    EXPECT_EQ(log.back(), failure + "Unable to get algorithm from metadata");
     EXPECT_EQ(extract(version + algorithm + "\"sts\": 17"), 11);
+    EXPECT_EQ(log.back(), failure + "Unable to get timestamp from metadata");
     // The algorithm of an earlier block is kept.
     EXPECT_EQ(extract(version + field("sts", "1")), 0);
     EXPECT_EQ(metadata_algo, "PS384");
@@ -86,6 +90,7 @@ TEST_F(Metadata, TimestampsKeepTheirLowBits)
     const std::string nines(20, '9');
     for (const auto& [text, status, shown] :
          {std::tuple<std::string, int, std::string>{"17xyz", 0, "17"},
+          {"010", 0, "10"},
           {"xyz", 0, "0"},
           {nines, 0, "-1"},
           {"-" + nines, 12, ""},
@@ -100,8 +105,7 @@ TEST_F(Metadata, TimestampsKeepTheirLowBits)
         }
         else
         {
-            EXPECT_EQ(log.back(), "FAILURE extract_meta_data: strtoll returned "
-                                  "error[34]");
+            EXPECT_EQ(log.back(), failure + "strtoll returned error[34]");
         }
     }
 }

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -180,6 +181,11 @@ TEST_F(Unzip, TheExtractorGetsOutputAndNothingElse)
     EXPECT_TRUE(comesTrue([&] { return thread != 0; }));
     const fs::path extractor =
         extractorOf("/proc/self/task/" + std::to_string(thread));
+    std::string arguments = readFile(extractor / "cmdline");
+    std::replace(arguments.begin(), arguments.end(), '\0', ' ');
+    EXPECT_EQ(arguments, "/usr/bin/unzip -o -q " + (scratch / "fifo").string() +
+                             " -d " + (scratch / "out").string() +
+                             " package.xml* ");
     Lines open;
     for (const auto& entry : fs::directory_iterator(extractor / "fd"))
     {

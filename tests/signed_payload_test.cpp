@@ -39,6 +39,8 @@ class Payload : public SignedPayload
 
 TEST_F(Payload, GoodOneIsAcceptedAndLeavesItsFiles)
 {
+    writeFile(RUN_TIME / "certchain", "old");
+    writeFile(RUN_TIME / "publickey", "old");
     EXPECT_TRUE(valid(good()));
     const std::string up = "INFO validateCertChainForPayload: ";
     const std::string slotInfo = "INFO verify_slot_signature: ";

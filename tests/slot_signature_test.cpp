@@ -87,6 +87,7 @@ TEST_F(Slot, KeysOfAnotherKindAreRefused)
     writeFile(path, good());
     for (const auto& [algorithm, status] :
          {std::pair{"rsa:2048", 10},
+          {"rsa:4104", 10},
           {"ed25519", 10},
           {"ec -pkeyopt ec_paramgen_curve:P-384", 10}})
     {
