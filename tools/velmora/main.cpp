@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <iostream>
 #include <map>
@@ -37,11 +38,67 @@ constexpr const char* EXIT_STATUSES =
 constexpr std::string_view INVENTORY_PREFIX =
     "/xyz/openbmc_project/inventory/system/";
 
+/** A command that asks the library about one thing at a time. */
+struct Command
+{
+    std::string_view name;
+    Answer (*answer)(const Request&);
+    /** What it is asked about, in the help. */
+    const char* subject;
+    const char* subjectHelp;
+    const char* help;
+    /** Whether it judges, where others do what they are asked. */
+    bool judges = false;
+};
+
+constexpr std::array COMMANDS{
+    Command{"unpack", unpack, "PACKAGE", "ZIP file",
+            "Unpack descriptor, signature and payload"},
+    Command{"validate", validate, "PACKAGE",
+            "ZIP files, or directories of unpacked ones",
+            "Say whether packages may be trusted", true},
+    Command{"info", info, "DIR", "Unpacked package",
+            "Show what a descriptor says; nothing of it is verified"},
+    Command{"digest", digest, "PATH", "File or directory",
+            "SHA-256 of a file, or composite of a directory"},
+    Command{"purpose", purpose, "DIR", "Unpacked package",
+            "Say what an unpacked package is for"},
+    Command{"verify-image", verifyImage, "IMAGE", "Signed image",
+            "Verify an image with its manifest and signature", true},
+    Command{"verify-payload", verifyPayload, "PAYLOAD", "Signed payload",
+            "Verify a signed payload; the secure-boot root CA file is consumed",
+            true},
+};
+
+constexpr const char* INVENTORY_PATH_HELP =
+    "Inventory path, /xyz/openbmc_project/inventory/system/NAME";
+
+constexpr std::array INVENTORY_COMMANDS{
+    Command{"inventory add", addToInventory, "PATH", INVENTORY_PATH_HELP,
+            "Publish an object"},
+    Command{"inventory remove", removeFromInventory, "PATH",
+            INVENTORY_PATH_HELP, "Withdraw an object"},
+    Command{"inventory model", inventoryModel, "PATH", INVENTORY_PATH_HELP,
+            "Show an object's model"},
+};
+
+/** What the user asked for. */
+struct Invocation
+{
+    Request request;
+    bool json = false;
+    /** Null for the one that explains a log. */
+    const Command* command = nullptr;
+    /** What is asked about, one after the other. */
+    std::vector<std::string> subjects;
+    std::string log = "-";
+    std::string library;
+};
+
 /** What the library would throw at, or empty. */
 std::string inventoryPathError(const std::string& path)
 {
-    return path.starts_with(INVENTORY_PREFIX) &&
-                   path.size() > INVENTORY_PREFIX.size()
+    return path.starts_with(INVENTORY_PREFIX) && path != INVENTORY_PREFIX
                ? ""
                : "no inventory path below " + std::string(INVENTORY_PREFIX) +
                      ": " + path;
@@ -82,25 +139,19 @@ std::string fieldText(const nlohmann::ordered_json& field)
     return text.empty() ? "-" : printable(text);
 }
 
-/** Whether a command judges, where others do what they are asked. */
-bool judges(const std::string& command)
-{
-    return command == "validate" || command.starts_with("verify");
-}
-
-std::string word(const std::string& command, Verdict verdict)
+std::string word(const Command& command, Verdict verdict)
 {
     return verdict == Verdict::unchecked ? "could not be checked"
            : verdict == Verdict::refused ? "refused"
-           : judges(command)             ? "accepted"
+           : command.judges              ? "accepted"
                                          : "done";
 }
 
-nlohmann::ordered_json asJson(const std::string& command,
+nlohmann::ordered_json asJson(const Command& command,
                               const std::string& subject, const Answer& answer)
 {
     nlohmann::ordered_json object;
-    object["command"] = command;
+    object["command"] = command.name;
     object["subject"] = subject;
     object["verdict"] = answer.verdict == Verdict::unchecked
                             ? "unchecked"
@@ -117,15 +168,16 @@ nlohmann::ordered_json asJson(const std::string& command,
 }
 
 /** Prints an answer, behind the file's name where there are several. */
-void printText(const std::string& command, const std::string& subject,
+void printText(const Command& command, const std::string& subject,
                const Answer& answer, bool isOneOfMany)
 {
     const bool isUnchecked = answer.verdict == Verdict::unchecked;
+    const bool isValue = answer.verdict == Verdict::accepted &&
+                         !command.judges && !answer.fields.empty();
     const std::string reason =
         (answer.reason.empty() ? "" : ": ") + printable(answer.reason);
     const std::string name = printable(subject);
-    if (isOneOfMany || answer.verdict != Verdict::accepted || judges(command) ||
-        answer.fields.empty())
+    if (!isValue)
     {
         (isUnchecked && !isOneOfMany ? std::cerr << "velmora: " : std::cout)
             << (isUnchecked || isOneOfMany ? name + ": " : "")
@@ -161,199 +213,147 @@ std::size_t distance(const std::string& from, const std::string& to)
     return row.back();
 }
 
-/** What the user asked for, and the command that answers. */
-struct Invocation
+void addCommand(CLI::App& parent, const Command& command, Invocation& chosen)
 {
-    Request request;
-    bool json = false;
-    /** What is asked about, one after the other. */
-    std::vector<std::string> subjects;
-    std::string log = "-";
-    std::string library;
-    std::string command;
-    /** Not set for the command that explains a log. */
-    Answer (*function)(const Request&) = nullptr;
-};
+    const std::string name(command.name.substr(command.name.rfind(' ') + 1));
+    CLI::App* sub = parent.add_subcommand(name, command.help);
+    sub->fallthrough();
+    sub->callback([&chosen, &command] { chosen.command = &command; });
+    CLI::Option* subjects =
+        sub->add_option(command.subject, chosen.subjects, command.subjectHelp)
+            ->required();
+    if (name != "validate")
+    {
+        subjects->expected(1)->allow_extra_args(false);
+    }
+}
 
-/** The command line: it fills an invocation. */
-class CommandLine
+/** Options of the commands that judge. */
+void addStrict(CLI::App& command, Request& request)
 {
-  public:
-    explicit CommandLine(Invocation& invocation) : chosen_(invocation)
+    CLI::Option* strict =
+        command.add_flag("--strict", request.strict,
+                         "Refuse also what a careful daemon should not take");
+    command
+        .add_option("--max-size", request.maxSize,
+                    "With --strict: bytes, or 64MiB (default 1GiB)")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60))
+        ->needs(strict);
+}
+
+void addPackageCommands(CLI::App& app, Invocation& chosen)
+{
+    for (const Command& command : COMMANDS)
     {
-        app_.footer(EXIT_STATUSES);
-        app_.require_subcommand(1);
-        app_.set_version_flag("--version", versionText);
-        app_.add_flag("-v,--verbose", chosen_.request.verbose,
-                      "Show the library's log on stderr");
-        app_.add_flag("--json", chosen_.json, "Answer with one JSON object");
-        app_.failure_message(
-            [](const CLI::App*, const CLI::Error& error)
-            {
-                return "velmora: " + printable(error.what()) +
-                       " (--help tells more)\n";
-            });
-        addPackageCommands();
-        addSignatureCommands();
-        addInventoryCommands();
-        addExplain();
+        addCommand(app, command, chosen);
     }
-
-    void parse(int argc, char** argv) { app_.parse(argc, argv); }
-
-    /** Prints a help text, or what is wrong. */
-    int exit(const CLI::ParseError& e) const
+    app.get_subcommand("unpack")
+        ->add_option("DIR", chosen.request.directory, "Existing directory")
+        ->required();
+    app.get_subcommand("verify-image")
+        ->add_option("MANIFEST_DIR", chosen.request.directory,
+                     "Directory of image-ktb and image-ktb.sig")
+        ->required();
+    for (const char* name : {"validate", "verify-image", "verify-payload"})
     {
-        const auto chosen = app_.get_subcommands();
-        const CLI::App& parent = chosen.empty() ? app_ : *chosen.front();
-        const auto rest = app_.remaining(true);
-        const auto commands = parent.get_subcommands(nullptr);
-        if (e.get_exit_code() == 0 || rest.empty() || commands.empty() ||
-            !parent.get_subcommands().empty())
+        addStrict(*app.get_subcommand(name), chosen.request);
+    }
+}
+
+void addInventoryCommands(CLI::App& app, Invocation& chosen)
+{
+    CLI::App* inventory =
+        app.add_subcommand("inventory", "Software objects on the bus");
+    inventory->require_subcommand(1);
+    inventory->fallthrough();
+    for (const Command& command : INVENTORY_COMMANDS)
+    {
+        addCommand(*inventory, command, chosen);
+    }
+    for (CLI::App* sub : inventory->get_subcommands(nullptr))
+    {
+        sub->get_option("PATH")->check(inventoryPathError);
+    }
+    using enum ValidateQOR::ReleaseType;
+    static const std::map<std::string, ValidateQOR::ReleaseType> RELEASE_TYPES{
+        {"Other", Other}, {"Production", Production}, {"Prototype", Prototype}};
+    static const auto PURPOSES = purposesByName();
+    CLI::App* sub = inventory->get_subcommand("add");
+    sub->add_option("--detail1", chosen.request.detail1,
+                    "First detail, handed on to the inventory manager");
+    sub->add_option("--detail2", chosen.request.detail2,
+                    "Second detail, handed on to the inventory manager");
+    addChoice(sub, "--purpose", chosen.request.purpose, PURPOSES,
+              "Such as BMC or BIOS")
+        ->required();
+    addChoice(sub, "--release-type", chosen.request.releaseType, RELEASE_TYPES,
+              "Other (default), Production or Prototype");
+}
+
+void addExplain(CLI::App& app, Invocation& chosen)
+{
+    CLI::App* sub =
+        app.add_subcommand("explain", "Say what the library's log means");
+    sub->fallthrough();
+    sub->add_option("LOG", chosen.log,
+                    "File; without it or for -, standard input");
+    sub->add_option("--library", chosen.library,
+                    "Library of the build that wrote the log; by default the "
+                    "one that velmora runs with");
+}
+
+void addEverything(CLI::App& app, Invocation& chosen)
+{
+    app.footer(EXIT_STATUSES);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", versionText);
+    app.add_flag("-v,--verbose", chosen.request.verbose,
+                 "Show the library's log on stderr");
+    app.add_flag("--json", chosen.json, "Answer with one JSON object");
+    app.failure_message(
+        [](const CLI::App*, const CLI::Error& error)
         {
-            return app_.exit(e) == 0 ? 0 : WRONG_USAGE;
-        }
-        const CLI::App* nearest = *std::ranges::min_element(
-            commands, {}, [&rest](const CLI::App* each)
-            { return distance(rest[0], each->get_name()); });
-        std::cerr << "velmora: there is no "
-                  << (rest[0].starts_with('-')
-                          ? "option " + printable(rest[0])
-                          : "command " + printable(rest[0]) +
-                                "; the nearest is " + nearest->get_name())
-                  << " (--help tells more)\n";
-        return WRONG_USAGE;
-    }
+            return "velmora: " + printable(error.what()) +
+                   " (--help tells more)\n";
+        });
+    addPackageCommands(app, chosen);
+    addInventoryCommands(app, chosen);
+    addExplain(app, chosen);
+}
 
-  private:
-    CLI::App* add(CLI::App& parent, const std::string& name,
-                  const std::string& description, Answer (*run)(const Request&),
-                  const std::string& subject, const std::string& help)
+/** Prints a help text, or what is wrong.
+ *
+ *  @return exit status */
+int endParse(const CLI::App& app, const CLI::ParseError& e)
+{
+    const auto chosen = app.get_subcommands();
+    const CLI::App& parent = chosen.empty() ? app : *chosen.front();
+    const auto rest = app.remaining(true);
+    const auto commands = parent.get_subcommands(nullptr);
+    if (e.get_exit_code() == 0 || rest.empty() || commands.empty() ||
+        !parent.get_subcommands().empty())
     {
-        CLI::App* sub = parent.add_subcommand(name, description);
-        sub->fallthrough();
-        CLI::Option* subjects =
-            sub->add_option(subject, chosen_.subjects, help)->required();
-        if (name != "validate")
-        {
-            subjects->expected(1)->allow_extra_args(false);
-        }
-        const std::string full =
-            &parent == &app_ ? name : parent.get_name() + " " + name;
-        sub->callback(
-            [this, full, run]
-            {
-                chosen_.command = full;
-                chosen_.function = run;
-            });
-        return sub;
+        return app.exit(e) == 0 ? 0 : WRONG_USAGE;
     }
+    // CLI11 says only that a command is missing.
+    const CLI::App* nearest = *std::ranges::min_element(
+        commands, {}, [&rest](const CLI::App* each)
+        { return distance(rest[0], each->get_name()); });
+    std::cerr << "velmora: there is no "
+              << (rest[0].starts_with('-')
+                      ? "option " + printable(rest[0])
+                      : "command " + printable(rest[0]) + "; the nearest is " +
+                            nearest->get_name())
+              << " (--help tells more)\n";
+    return WRONG_USAGE;
+}
 
-    void addPackageCommands()
-    {
-        add(app_, "unpack", "Unpack descriptor, signature and payload", unpack,
-            "PACKAGE", "ZIP file")
-            ->add_option("DIR", chosen_.request.directory, "Existing directory")
-            ->required();
-        add(app_, "info",
-            "Show what a descriptor says; nothing of it is verified", info,
-            "DIR", "Unpacked package");
-        add(app_, "digest", "SHA-256 of a file, or composite of a directory",
-            digest, "PATH", "File or directory");
-        add(app_, "purpose", "Say what an unpacked package is for", purpose,
-            "DIR", "Unpacked package");
-    }
-
-    void addSignatureCommands()
-    {
-        CLI::App* package = add(
-            app_, "validate", "Say whether packages may be trusted", validate,
-            "PACKAGE", "ZIP files, or directories of unpacked ones");
-        CLI::App* image = add(app_, "verify-image",
-                              "Verify an image with its manifest and signature",
-                              verifyImage, "IMAGE", "Signed image");
-        image
-            ->add_option("MANIFEST_DIR", chosen_.request.directory,
-                         "Directory of image-ktb and image-ktb.sig")
-            ->required();
-        CLI::App* payload =
-            add(app_, "verify-payload",
-                "Verify a signed payload; the secure-boot root CA file is "
-                "consumed",
-                verifyPayload, "PAYLOAD", "Signed payload");
-        for (CLI::App* sub : {package, image, payload})
-        {
-            CLI::Option* strict =
-                sub->add_flag("--strict", chosen_.request.strict,
-                              "Refuse also what a careful daemon should not "
-                              "take");
-            sub->add_option("--max-size", chosen_.request.maxSize,
-                            "With --strict: bytes, or 64MiB (default 1GiB)")
-                ->transform(CLI::AsSizeValue(false))
-                ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60))
-                ->needs(strict);
-        }
-    }
-
-    void addInventoryCommands()
-    {
-        CLI::App* inventory =
-            app_.add_subcommand("inventory", "Software objects on the bus");
-        inventory->require_subcommand(1);
-        inventory->fallthrough();
-        const std::string path =
-            "Inventory path, " + std::string(INVENTORY_PREFIX) + "NAME";
-        CLI::App* published = add(*inventory, "add", "Publish an object",
-                                  addToInventory, "PATH", path);
-        add(*inventory, "remove", "Withdraw an object", removeFromInventory,
-            "PATH", path);
-        add(*inventory, "model", "Show an object's model", inventoryModel,
-            "PATH", path);
-        for (CLI::App* sub : inventory->get_subcommands(nullptr))
-        {
-            sub->get_option("PATH")->check(inventoryPathError);
-        }
-        published->add_option(
-            "--detail1", chosen_.request.detail1,
-            "First detail, handed on to the inventory manager");
-        published->add_option(
-            "--detail2", chosen_.request.detail2,
-            "Second detail, handed on to the inventory manager");
-        using enum ValidateQOR::ReleaseType;
-        static const std::map<std::string, ValidateQOR::ReleaseType>
-            releaseTypes{{"Other", Other},
-                         {"Production", Production},
-                         {"Prototype", Prototype}};
-        static const auto purposes = purposesByName();
-        addChoice(published, "--purpose", chosen_.request.purpose, purposes,
-                  "Such as BMC or BIOS")
-            ->required();
-        addChoice(published, "--release-type", chosen_.request.releaseType,
-                  releaseTypes, "Other (default), Production or Prototype");
-    }
-
-    void addExplain()
-    {
-        CLI::App* sub =
-            app_.add_subcommand("explain", "Say what the library's log means");
-        sub->fallthrough();
-        sub->add_option("LOG", chosen_.log,
-                        "File; without it or for -, standard input");
-        sub->add_option("--library", chosen_.library,
-                        "Library of the build that wrote the log; by default "
-                        "the one that velmora runs with");
-    }
-
-    CLI::App app_{"Checks firmware-update packages as the BMC does.",
-                  "velmora"};
-    Invocation& chosen_;
-};
-
-Answer answerTo(const Invocation& invocation)
+Answer answerTo(const Command& command, const Request& request)
 {
     try
     {
-        return invocation.function(invocation.request);
+        return command.answer(request);
     }
     catch (const std::exception& e)
     {
@@ -362,25 +362,26 @@ Answer answerTo(const Invocation& invocation)
 }
 
 /** @return exit status: the worst verdict */
-int runAll(Invocation& invocation)
+int answerAll(Invocation& invocation)
 {
     const tools::SignalCleanup cleanup;
+    const Command& command = *invocation.command;
     const bool isBatch = invocation.subjects.size() > 1;
     auto json = nlohmann::ordered_json::array();
     std::map<Verdict, std::size_t> counts;
     for (const std::string& subject : invocation.subjects)
     {
         invocation.request.subject = subject;
-        const Answer answer = answerTo(invocation);
+        const Answer answer = answerTo(command, invocation.request);
         if (const int signal = tools::SignalCleanup::seen(); signal != 0)
         {
             return KILLED_BY_SIGNAL + signal;
         }
         ++counts[answer.verdict];
-        json.push_back(asJson(invocation.command, subject, answer));
+        json.push_back(asJson(command, subject, answer));
         if (!invocation.json)
         {
-            printText(invocation.command, subject, answer, isBatch);
+            printText(command, subject, answer, isBatch);
         }
     }
     const int worst = static_cast<int>(counts.rbegin()->first);
@@ -404,17 +405,18 @@ int main(int argc, char** argv)
 try
 {
     Invocation invocation;
-    CommandLine line(invocation);
+    CLI::App app{"Checks firmware-update packages as the BMC does.", "velmora"};
+    addEverything(app, invocation);
     try
     {
-        line.parse(argc, argv);
+        app.parse(argc, argv);
     }
     catch (const CLI::ParseError& e)
     {
-        return line.exit(e);
+        return endParse(app, e);
     }
     const int status =
-        invocation.function != nullptr ? runAll(invocation)
+        invocation.command != nullptr ? answerAll(invocation)
         : explain(invocation.log, invocation.library, invocation.json)
             ? 0
             : static_cast<int>(Verdict::unchecked);
