@@ -120,7 +120,7 @@ void declareOptions(CLI::App& app, Options& options, Texts& texts)
     app.add_option("--inside", options.insideFiles)->expected(2)->group("");
     app.set_version_flag("--version",
                          std::string("bmc-sim " VELMORA_VERSION ", ") +
-                             libraryVersion);
+                             LIBRARY_VERSION);
 }
 
 void convert(const Texts& texts, Options& options)

@@ -27,7 +27,7 @@ class FileDescriptor
 {
   public:
     FileDescriptor() = default;
-    explicit FileDescriptor(int descriptor) noexcept : number_(descriptor) {}
+    explicit FileDescriptor(int number) noexcept : number_(number) {}
     FileDescriptor(FileDescriptor&& other) noexcept :
         number_(std::exchange(other.number_, -1))
     {

@@ -402,7 +402,7 @@ int main(int argc, char** argv)
     app.footer(FOOTER);
     app.set_version_flag("--version",
                          std::string("velmora-pack " VELMORA_VERSION ", ") +
-                             libraryVersion);
+                             LIBRARY_VERSION);
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error)
         {

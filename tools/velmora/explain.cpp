@@ -130,7 +130,7 @@ bool explain(const std::string& log, const std::string& library, bool json)
                             std::cout << separator << asText(asJson(operation));
                             separator = ",\n";
                         });
-    explainer.read(file.get(), log);
+    explainer.read(file, log);
     if (json)
     {
         std::cout << (*separator == '[' ? "[" : "") << "]\n";

@@ -269,9 +269,9 @@ std::optional<Explainer::Line> Explainer::parse(std::string_view text)
 std::optional<Explainer::Line> Explainer::find(std::string_view text)
 {
     text.remove_suffix(text.ends_with('\r') ? 1 : 0);
-    constexpr std::string_view starts = "LFSI";
-    for (std::size_t at = text.find_first_of(starts);
-         at != std::string_view::npos; at = text.find_first_of(starts, at + 1))
+    constexpr std::string_view STARTS = "LFSI";
+    for (std::size_t at = text.find_first_of(STARTS);
+         at != std::string_view::npos; at = text.find_first_of(STARTS, at + 1))
     {
         if (at > 0 && std::isalnum(static_cast<unsigned char>(text[at - 1])))
         {
@@ -330,12 +330,12 @@ std::string Operation::reason() const
            site.text + telling;
 }
 
-void Explainer::read(int descriptor, const std::string& name)
+void Explainer::read(const tools::FileDescriptor& file, const std::string& name)
 {
     std::array<char, 65536> piece{};
     std::string line;
     ssize_t size = 0;
-    while ((size = ::read(descriptor, piece.data(), piece.size())) > 0)
+    while ((size = ::read(file.get(), piece.data(), piece.size())) > 0)
     {
         std::string_view rest(piece.data(), static_cast<std::size_t>(size));
         while (!rest.empty())

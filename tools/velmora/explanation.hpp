@@ -1,6 +1,7 @@
 #pragma once
 
 #include "causes.hpp"
+#include "common/handles.hpp"
 
 #include <cstddef>
 #include <functional>
@@ -59,9 +60,9 @@ class Explainer
     {
     }
 
-    /** @param name stands for the file in messages
+    /** @param name stands for it in messages
      *  @throws tools::Error when it cannot be read */
-    void read(int descriptor, const std::string& name);
+    void read(const tools::FileDescriptor& file, const std::string& name);
 
     /** FAILURE lines so far, and those whose number is unknown. */
     std::size_t failures() const { return failures_; }

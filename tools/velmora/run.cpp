@@ -18,10 +18,9 @@ namespace velmora::front
 namespace
 {
 
-tools::FileDescriptor copyOf(int descriptor)
+tools::FileDescriptor copyOf(int file)
 {
-    tools::FileDescriptor copy(
-        fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    tools::FileDescriptor copy(fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     if (copy.get() < 0)
     {
         throw tools::systemError("the log cannot be led elsewhere");
@@ -98,7 +97,7 @@ Outcome run(bool verbose, const std::function<bool()>& work)
             outcome.refusal = operation;
         }
     };
-    Explainer(linkedCauses(), keepRefusal).read(log.get(), "the log");
+    Explainer(linkedCauses(), keepRefusal).read(log, "the log");
     return outcome;
 }
 
