@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 namespace velmora::front
@@ -44,6 +45,23 @@ Data readData(const std::string& path)
     return Data(data);
 }
 
+/** When the key that signed expires, or its owner's first key; 0 for never.
+ *  GPGME has had several types for times. */
+std::int64_t expiryOf(const _gpgme_key& key, std::string_view fingerprint)
+{
+    std::int64_t expiry = 0;
+    for (const _gpgme_subkey* sub = key.subkeys; sub != nullptr;
+         sub = sub->next)
+    {
+        if ((sub == key.subkeys || sub->fpr == fingerprint) &&
+            sub->expires != 0)
+        {
+            expiry = static_cast<std::int64_t>(sub->expires);
+        }
+    }
+    return expiry;
+}
+
 /** Why a signature is not valid. */
 std::string problemOf(const _gpgme_signature& signature, const _gpgme_key* key)
 {
@@ -53,12 +71,12 @@ std::string problemOf(const _gpgme_signature& signature, const _gpgme_key* key)
     const std::string text = known != PROBLEMS.end()
                                  ? known->second
                                  : gpgme_strerror(signature.status);
-    // GPGME has had several types for times.
-    const auto expiry = code == GPG_ERR_SIG_EXPIRED
-                            ? static_cast<std::int64_t>(signature.exp_timestamp)
-                        : code == GPG_ERR_KEY_EXPIRED && key != nullptr
-                            ? static_cast<std::int64_t>(key->subkeys->expires)
-                            : 0;
+    const std::int64_t expiry =
+        code == GPG_ERR_SIG_EXPIRED
+            ? static_cast<std::int64_t>(signature.exp_timestamp)
+        : code == GPG_ERR_KEY_EXPIRED && key != nullptr
+            ? expiryOf(*key, signature.fpr)
+            : 0;
     return expiry > 0
                ? text + " (" + date(std::to_string(expiry)).substr(0, 10) + ')'
                : text;
