@@ -297,7 +297,11 @@ import sys, warnings, zipfile
 warnings.simplefilter("ignore")
 with zipfile.ZipFile(sys.argv[1], "a") as package:
     package.writestr("package.xml", "<Package/>")
+    package.writestr("payload\\x", "")
+    package.writestr("payload/e\u0301", "")
 PY
+expect 0 'payload.*x: extractors differ' "$pack" inspect twice.zip
+expect 0 'payload/e.u0301"' "$pack" inspect --json twice.zip
 expect 0 'package.xml is there more than once' "$pack" inspect twice.zip
 expect 3 'OpenBMCSecureBootRootCA.pem: No such file' "$velmora" verify-payload signed
 cp "$keys/foreign-root.pem" "$root_ca"

@@ -71,15 +71,105 @@ la_int64_t seekInput(archive* /*handle*/, void* data, la_int64_t offset,
     return lseek(static_cast<Input*>(data)->fileDescriptor, offset, whence);
 }
 
+/** What the central directory says of a member. */
+struct Listed
+{
+    /** Of its local header. */
+    std::uint64_t offset = 0;
+    std::string name;
+};
+
+// Records of a ZIP: PKWARE's APPNOTE.TXT, 4.3.7, 4.3.12 and 4.3.16.
+constexpr std::size_t LOCAL_SIZE = 30;
+constexpr std::size_t LISTED_SIZE = 46;
+constexpr std::size_t END_SIZE = 22;
+constexpr std::uint64_t MOST_COMMENT = 65535;
+
+/** A record's name, which stands behind its @p size bytes. */
+std::string nameBehind(const Source& source, std::uint64_t record,
+                       std::size_t size, std::size_t lengthField)
+{
+    const auto length =
+        loadLittle<std::uint16_t>(source.read(record + lengthField, 2), 0);
+    return std::string(textOf(source.read(record + size, length)));
+}
+
+/** Where the record is that ends the directory. */
+std::optional<std::uint64_t> findEnd(const Source& source)
+{
+    const std::uint64_t start =
+        source.size() - std::min(source.size(), END_SIZE + MOST_COMMENT);
+    const Buffer tail = source.read(start, source.size() - start);
+    const std::size_t found =
+        tail.size() < END_SIZE
+            ? std::string_view::npos
+            : textOf(tail).rfind("PK\5\6", tail.size() - END_SIZE);
+    return found == std::string_view::npos ? std::nullopt
+                                           : std::optional(start + found);
+}
+
+/** The members in the order of their places, as the archive library gives
+ *  them. That library writes letters and backslashes of a name anew, which the
+ *  extractor does not do. */
+std::vector<Listed> readDirectory(const Source& source, Remarks& remarks)
+{
+    std::vector<Listed> all;
+    const auto end = findEnd(source);
+    if (!end)
+    {
+        return all;
+    }
+    const Buffer record = source.read(*end, END_SIZE);
+    const auto count = loadLittle<std::uint16_t>(record, 10);
+    const std::uint64_t size = loadLittle<std::uint32_t>(record, 12);
+    const std::uint64_t offset = loadLittle<std::uint32_t>(record, 16);
+    if (size > *end || offset > *end - size || size > LARGEST_DIRECTORY)
+    {
+        return all;
+    }
+    // Something else may stand in front of the archive.
+    const std::uint64_t before = *end - size - offset;
+    for (std::uint64_t at = *end - size; *end - at >= LISTED_SIZE;)
+    {
+        const Buffer member = source.read(at, LISTED_SIZE);
+        if (!textOf(member).starts_with("PK\1\2"))
+        {
+            break;
+        }
+        all.push_back({before + loadLittle<std::uint32_t>(member, 42),
+                       nameBehind(source, at, LISTED_SIZE, 28)});
+        at += LISTED_SIZE + all.back().name.size() +
+              loadLittle<std::uint16_t>(member, 30) +
+              loadLittle<std::uint16_t>(member, 32);
+        at = std::min(at, *end);
+    }
+    if (all.size() != count)
+    {
+        remarks.push_back("the directory's end counts " +
+                          std::to_string(count) + " members, and it has " +
+                          std::to_string(all.size()));
+    }
+    std::ranges::stable_sort(all, {}, &Listed::offset);
+    const auto shared = std::ranges::unique(all, {}, &Listed::offset);
+    for (const Listed& member : shared)
+    {
+        remarks.push_back("member " + member.name +
+                          ": shares its place with another");
+    }
+    all.erase(shared.begin(), shared.end());
+    return all;
+}
+
 /** One pass over the members of an archive. */
 class ZipReader
 {
   public:
     ZipReader(const Source& source, Remarks& remarks) :
-        source_(source), remarks_(remarks), input_{source.fileDescriptor()},
-        reader_(archive_read_new())
+        source_(source), remarks_(remarks),
+        listed_(readDirectory(source, remarks)),
+        input_{source.fileDescriptor()}, reader_(archive_read_new())
     {
-        // A name in UTF-8 is handed out in the locale's characters.
+        // Without it the archive library refuses names in UTF-8.
         std::setlocale(LC_CTYPE, "C.UTF-8");
         archive* const reader = reader_.get();
         // The extractor too goes by the central directory alone.
@@ -100,13 +190,15 @@ class ZipReader
             return std::nullopt;
         }
         check(result);
-        if (++members_ > MOST_MEMBERS)
+        if (members_ == MOST_MEMBERS)
         {
             throw Error(source_.name(), "has more than 10000 members");
         }
         const char* const name = archive_entry_pathname(entry);
         name_ = name == nullptr ? "" : name;
+        remarkOnName();
         remarkOnMethod();
+        ++members_;
         return ZipMember{
             name_,
             static_cast<std::uint64_t>(archive_filter_bytes(reader_.get(), 0)),
@@ -161,6 +253,26 @@ class ZipReader
         remarks_.push_back("member " + name_ + ": " + what);
     }
 
+    void remarkOnName()
+    {
+        if (members_ >= listed_.size())
+        {
+            remark("extractors may not find it in the directory");
+            return;
+        }
+        const auto& [offset, name] = listed_[members_];
+        name_ = name;
+        if (name.find('\\') != std::string::npos)
+        {
+            remark("extractors differ in what a backslash in a name means");
+        }
+        if (offset + LOCAL_SIZE > source_.size() ||
+            nameBehind(source_, offset, LOCAL_SIZE, 26) != name)
+        {
+            remark("has another name in front of its content");
+        }
+    }
+
     void remarkOnMethod()
     {
         // "ZIP 2.0 (deflation)", for instance
@@ -174,6 +286,7 @@ class ZipReader
 
     const Source& source_;
     Remarks& remarks_;
+    std::vector<Listed> listed_;
     Input input_;
     Reader reader_;
     std::string name_;
