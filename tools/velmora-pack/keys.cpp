@@ -148,6 +148,13 @@ Key keyOfEngine([[maybe_unused]] const std::string& uri,
 
 Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
 {
+    // Otherwise any key in the token would do (RFC 7512, 2.3).
+    const auto names = [&](const char* attribute)
+    { return secret.key.find(attribute) != std::string::npos; };
+    if (!names("object=") && !names(":id=") && !names(";id="))
+    {
+        throw Error(secret.key, "names no key: add object= or id=");
+    }
     if (const char* const module = std::getenv(MODULE_VARIABLE))
     {
         setenv(PROVIDER_MODULE_VARIABLE, module, 0);

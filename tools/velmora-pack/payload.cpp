@@ -217,31 +217,23 @@ std::string invalidityAt(std::time_t time, const X509* certificate)
            " to " + timeText(end) + ", and so not ";
 }
 
-/** Objects to a certificate that is not valid at the timestamp, or that has
- *  expired or soon will. */
-void checkValidity(const PayloadOptions& options, const X509* certificate,
-                   std::int32_t timestamp)
+/** Objects to a certificate that has expired or soon will. */
+void checkExpiry(const Trust& trust, const fs::path& file,
+                 const X509* certificate)
 {
     const ASN1_TIME* const end = X509_get0_notAfter(certificate);
-    const std::string file = options.chain.string();
-    const int least = options.trust.days;
+    const int least = trust.days;
     int days = 0;
     int seconds = 0;
     if (ASN1_TIME_diff(&days, &seconds, nullptr, end) == 1 && days < least)
     {
         const bool isOver = days < 0 || seconds < 0;
-        options.trust.object(file, certificateText(certificate) +
-                                       (isOver ? " has expired"
-                                               : " expires within " +
-                                                     std::to_string(least) +
-                                                     " days") +
-                                       ", on " + timeText(end));
-    }
-    const std::string invalidity = invalidityAt(timestamp, certificate);
-    if (!invalidity.empty())
-    {
-        options.trust.object(file, invalidity + "at the timestamp " +
-                                       std::to_string(timestamp));
+        trust.object(file.string(),
+                     certificateText(certificate) +
+                         (isOver ? " has expired"
+                                 : " expires within " + std::to_string(least) +
+                                       " days") +
+                         ", on " + timeText(end));
     }
 }
 
@@ -255,13 +247,27 @@ void checkChain(const PayloadOptions& options,
     }
     for (const Certificate& certificate : chain)
     {
-        checkValidity(options, certificate.get(), timestamp);
+        checkExpiry(options.trust, options.chain, certificate.get());
+        const std::string invalidity =
+            invalidityAt(timestamp, certificate.get());
+        if (!invalidity.empty())
+        {
+            options.trust.object(options.chain.string(),
+                                 invalidity + "at the timestamp " +
+                                     std::to_string(timestamp));
+        }
         if (!belongs(certificate, chain))
         {
             warn(options.chain.string(),
                  certificateText(certificate.get()) +
                      " is not the issuer of another one in the chain");
         }
+    }
+    if (!options.trust.anchor.empty())
+    {
+        const auto roots =
+            readCertificates(Source(options.trust.anchor).readAll());
+        checkExpiry(options.trust, options.trust.anchor, roots.front().get());
     }
 }
 
