@@ -4,6 +4,10 @@
 # BMC. Arguments: the folder with the firmware's files, and a directory to make.
 # velmora, velmora-pack and bmc-sim must be on the path.
 set -euo pipefail
+if [ $# -ne 2 ]; then
+    echo "usage: release.sh FOLDER NEW_DIRECTORY" >&2
+    exit 2
+fi
 files=$(readlink -f "$1")
 mkdir "$2"
 cd "$2"
@@ -18,6 +22,7 @@ system=0A1B
 # A real release has its keys already, and only names them here. This one makes
 # some for a try and puts them into a token of SoftHSM.
 velmora-pack test-keys keys
+trap 'gpgconf --homedir keys/gnupg --kill all' EXIT
 export PKCS11_MODULE_PATH=${PKCS11_MODULE_PATH:-/usr/lib/softhsm/libsofthsm2.so}
 export SOFTHSM2_CONF=$PWD/softhsm2.conf
 export VELMORA_PACK_PIN=123456
@@ -62,5 +67,4 @@ bmc-sim --system-id "$system" --keyring "$keyring" --root-ca "$root_ca" \
         velmora verify-image image manifest
         velmora verify-payload payload'
 
-gpgconf --homedir keys/gnupg --kill all
 sha256sum update.zip image payload

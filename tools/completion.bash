@@ -21,8 +21,10 @@ _velmora() {
             names=$(_velmora_names "$("${command[@]}" --help 2>/dev/null)")
         fi
     done
-    mapfile -t COMPREPLY < <(compgen -W "$names" -- \
-        "${COMP_WORDS[COMP_CWORD]}")
+    word=${COMP_WORDS[COMP_CWORD]}
+    # Options only where one is begun: a file may be meant.
+    [[ $word == -* ]] || names=$(grep -v '^-' <<<"$names") || true
+    mapfile -t COMPREPLY < <(compgen -W "$names" -- "$word")
 }
 
 # Where no name fits, a file is meant.
