@@ -121,6 +121,25 @@ Answer ask(const Request& request, const std::function<bool()>& work,
     return answerFrom(run(request.verbose, work), answered);
 }
 
+/** Asks the inventory manager.
+ *
+ *  @param none is the value where there is none; only the log tells whether
+ *         that is the answer */
+Answer askForValue(const Request& request, const char* name,
+                   const std::function<std::string()>& read, const char* none)
+{
+    std::string value;
+    const auto work = [&] { return (value = read()) != none; };
+    Outcome outcome = run(request.verbose, work);
+    outcome.passed = outcome.passed || !outcome.refusal.refused;
+    Answer answer = answerFrom(outcome, Verdict::refused);
+    if (outcome.passed)
+    {
+        answer.fields[name] = value;
+    }
+    return answer;
+}
+
 /** Whether @p directory may have been too full for an extraction. */
 bool isFull(const fs::path& directory)
 {
@@ -467,23 +486,14 @@ Answer purpose(const Request& request)
     using sdbusplus::common::xyz::openbmc_project::software::details::
         mappingVersionVersionPurpose;
     expectReadable(request, fs::path(request.subject) / "package.xml");
-    auto value = ValidateQOR::VersionPurpose::Unknown;
     const auto read = [&]
     {
-        value = ValidateQOR::getImagePurpose(request.subject);
-        return value != ValidateQOR::VersionPurpose::Unknown;
-    };
-    Outcome outcome = run(request.verbose, read);
-    // The inventory manager may also answer that it does not know.
-    outcome.passed = outcome.passed || !outcome.refusal.refused;
-    Answer answer = answerFrom(outcome, Verdict::refused);
-    if (outcome.passed)
-    {
-        answer.fields["purpose"] = shortName(
+        const auto value = ValidateQOR::getImagePurpose(request.subject);
+        return shortName(
             mappingVersionVersionPurpose.at(static_cast<std::size_t>(value))
                 .second);
-    }
-    return answer;
+    };
+    return askForValue(request, "purpose", read, "Unknown");
 }
 
 Answer addToInventory(const Request& request)
@@ -506,21 +516,9 @@ Answer removeFromInventory(const Request& request)
 
 Answer inventoryModel(const Request& request)
 {
-    std::string model;
     const auto read = [&]
-    {
-        model = ValidateQOR::getInventoryModel(request.subject);
-        return !model.empty();
-    };
-    Outcome outcome = run(request.verbose, read);
-    // An object may also have an empty model.
-    outcome.passed = outcome.passed || !outcome.refusal.refused;
-    Answer answer = answerFrom(outcome, Verdict::refused);
-    if (outcome.passed)
-    {
-        answer.fields["model"] = model;
-    }
-    return answer;
+    { return ValidateQOR::getInventoryModel(request.subject); };
+    return askForValue(request, "model", read, "");
 }
 
 } // namespace velmora::front

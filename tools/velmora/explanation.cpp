@@ -25,6 +25,8 @@ namespace
 
 /** A longer line is cut: none that explains anything is longer. */
 constexpr std::size_t MAX_LINE = 4096;
+/** How a line of ours can begin. */
+constexpr std::string_view STARTS = "LFSI";
 /** Of each kind in one operation; of more, the last are kept. */
 constexpr std::size_t MAX_ITEMS = 64;
 
@@ -200,12 +202,13 @@ std::string date(std::string_view seconds)
 {
     const auto time = static_cast<std::time_t>(toNumber(seconds));
     std::tm parts{};
+    if (time <= 0 || gmtime_r(&time, &parts) == nullptr)
+    {
+        return {};
+    }
     std::array<char, 64> text{};
-    gmtime_r(&time, &parts);
-    return {text.data(), time <= 0
-                             ? 0
-                             : std::strftime(text.data(), text.size(),
-                                             "%Y-%m-%d %H:%M:%S UTC", &parts)};
+    return {text.data(), std::strftime(text.data(), text.size(),
+                                       "%Y-%m-%d %H:%M:%S UTC", &parts)};
 }
 
 /** A line of the library. */
@@ -269,7 +272,6 @@ std::optional<Explainer::Line> Explainer::parse(std::string_view text)
 std::optional<Explainer::Line> Explainer::find(std::string_view text)
 {
     text.remove_suffix(text.ends_with('\r') ? 1 : 0);
-    constexpr std::string_view STARTS = "LFSI";
     for (std::size_t at = text.find_first_of(STARTS);
          at != std::string_view::npos; at = text.find_first_of(STARTS, at + 1))
     {
