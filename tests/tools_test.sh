@@ -61,7 +61,7 @@ expected=$("$velmora" info --json unpacked | grep -o '[0-9a-f]\{64\}')
 expect 0 "^$expected\$" "$velmora" digest unpacked/payload
 expect 0 "^$(sha256sum <files/a | cut -c1-64)\$" "$velmora" digest files/a
 mkdir unpacked/payload/sub
-expect 0 ': 1 entry is not covered: payload/sub$' "$velmora" digest unpacked/payload
+expect 0 ': 1 entry is not covered: sub$' "$velmora" digest unpacked/payload
 expect 0 '; 1 entry is not covered' "$velmora" validate unpacked
 rm -r unpacked/payload/sub
 

@@ -253,7 +253,7 @@ void addSigner(Answer& answer, const fs::path& package)
 
 Answer validateDirectory(const Request& request, const fs::path& package)
 {
-    const PackageContents contents = contentsOfPackage(package);
+    const PackageContents contents = contentsOf(package, false);
     std::string objection = objectionTo(contents, request);
     if (!objection.empty())
     {
@@ -352,7 +352,7 @@ Answer validate(const Request& request)
     {
         return validateDirectory(request, unpacked);
     }
-    return request.strict && contentsOfPackage(unpacked).size > request.maxSize
+    return request.strict && contentsOf(unpacked, false).size > request.maxSize
                ? Answer{Verdict::refused, tooLarge(request)}
                : answer;
 }
@@ -405,7 +405,7 @@ Answer digest(const Request& request)
     Answer answer;
     answer.fields["digest"] = text;
     answer.reason =
-        isDirectory ? contentsOfPayload(request.subject).remark() : "";
+        isDirectory ? contentsOf(request.subject, true).remark() : "";
     return answer;
 }
 

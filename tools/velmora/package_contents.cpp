@@ -9,55 +9,38 @@ namespace fs = std::filesystem;
 namespace velmora::front
 {
 
-namespace
-{
-
-/** None of a directory that cannot be opened: the library complains then. */
-fs::directory_iterator entriesOf(const fs::path& directory)
-{
-    std::error_code ignored;
-    return fs::directory_iterator(directory, ignored);
-}
-
-void add(PackageContents& contents, const fs::directory_entry& entry,
-         const std::string& name, bool belongs)
-{
-    if (belongs && !entry.is_symlink() && entry.is_regular_file() &&
-        access(entry.path().c_str(), R_OK) == 0)
-    {
-        contents.size += entry.file_size();
-        return;
-    }
-    contents.uncovered.push_back(name +
-                                 (entry.is_symlink() ? " (a link)" : ""));
-}
-
-} // namespace
-
-PackageContents contentsOfPayload(const fs::path& payload)
+/** Nothing of a directory that cannot be opened: the library complains then. */
+PackageContents contentsOf(const fs::path& directory, bool isPayload)
 {
     PackageContents contents;
-    for (const auto& entry : entriesOf(payload))
+    const int payloadDepth = isPayload ? 0 : 1;
+    std::error_code ignored;
+    for (fs::recursive_directory_iterator entry(
+             directory, fs::directory_options::skip_permission_denied, ignored),
+         end;
+         entry != end; ++entry)
     {
-        add(contents, entry, "payload" / entry.path().filename(), true);
-        ++contents.payloadFiles;
-    }
-    return contents;
-}
-
-PackageContents contentsOfPackage(const fs::path& package)
-{
-    const fs::path payload = package / "payload";
-    const bool hasPayload =
-        !fs::is_symlink(payload) && fs::is_directory(payload);
-    auto contents = hasPayload ? contentsOfPayload(payload) : PackageContents();
-    for (const auto& entry : entriesOf(package))
-    {
-        const std::string name = entry.path().filename();
-        if (name != "payload" || !hasPayload)
+        const std::string name = entry->path().lexically_relative(directory);
+        const auto type = entry->symlink_status().type();
+        if (entry.depth() < payloadDepth && name == "payload" &&
+            type == fs::file_type::directory)
         {
-            add(contents, entry, name,
-                name == "package.xml" || name == "package.xml.sign");
+            continue;
+        }
+        entry.disable_recursion_pending();
+        const bool belongs = entry.depth() == payloadDepth ||
+                             name == "package.xml" ||
+                             name == "package.xml.sign";
+        contents.payloadFiles += entry.depth() == payloadDepth ? 1 : 0;
+        if (belongs && type == fs::file_type::regular &&
+            access(entry->path().c_str(), R_OK) == 0)
+        {
+            contents.size += entry->file_size();
+        }
+        else
+        {
+            const bool isLink = type == fs::file_type::symlink;
+            contents.uncovered.push_back(name + (isLink ? " (a link)" : ""));
         }
     }
     return contents;

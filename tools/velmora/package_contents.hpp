@@ -8,7 +8,7 @@
 namespace velmora::front
 {
 
-/** What lies in the directory of an unpacked package. */
+/** What lies in the directory of an unpacked package or of its payload. */
 struct PackageContents
 {
     /** Names of entries that no digest or signature covers. */
@@ -21,7 +21,8 @@ struct PackageContents
     std::string remark() const;
 };
 
-PackageContents contentsOfPayload(const std::filesystem::path& payload);
-PackageContents contentsOfPackage(const std::filesystem::path& package);
+/** @param isPayload whether it is a payload, or a whole package */
+PackageContents contentsOf(const std::filesystem::path& directory,
+                           bool isPayload);
 
 } // namespace velmora::front
