@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/error.hpp"
+
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
@@ -70,15 +72,7 @@ inline bool isZero(Bytes bytes)
 
 inline std::string hex(Bytes bytes)
 {
-    constexpr std::string_view DIGITS = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * bytes.size());
-    for (const std::byte byte : bytes)
-    {
-        text += DIGITS[std::to_integer<std::size_t>(byte >> 4)];
-        text += DIGITS[std::to_integer<std::size_t>(byte & std::byte{0x0f})];
-    }
-    return text;
+    return tools::hexadecimal(textOf(bytes));
 }
 
 } // namespace pack
