@@ -148,8 +148,10 @@ class VELMORA_EXPORT ValidateQOR
 
     /** One attribute of the first selected node that has it.
      *
-     *  Cleans up libxml2's process-wide parser state. Refuses a document of
-     *  more than 256 KiB, and one whose document type makes it a larger one.
+     *  Replaces libxml2's memory functions, entity loader and error function
+     *  while it works, and cleans up its process-wide parser state. Refuses a
+     *  document of more than 256 KiB, and one to which entities and defaults
+     *  add more than that.
      *
      *  @param descriptorPath XML file
      *  @param expression XPath 1.0 expression that selects elements, or null
@@ -183,8 +185,8 @@ class VELMORA_EXPORT ValidateQOR
     /** Whether the descriptor lists this system, or lists none.
      *
      *  Reads the 16-bit identifier from com.vorn.bmc.smad on the system bus.
-     *  Cleans up libxml2's process-wide parser state.
      *
+     *  @see getStrFromPkgXML for the limits and the parser's state
      *  @param descriptorPath XML file
      *  @throws std::invalid_argument for a `systemID` that is not hexadecimal
      *  @throws std::out_of_range for one outside 32 signed bits; either only

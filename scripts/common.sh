@@ -75,8 +75,8 @@ need() {
     rm -f "$log"
 }
 
-# Configures a build directory with options, again only for those that it has
-# not been given before, then compiles; what was said is shown on a failure.
+# Configures a build directory, again only when an option is new to it, and
+# compiles. Output is shown only after a failure.
 compile() {
     local dir=$1 option log=$1.log new=()
     shift

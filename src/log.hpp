@@ -67,13 +67,13 @@
 /** @name The stderr style
  *  @param cause, what literal text for the record
  *  @param ... the line's own message: a printf format and its arguments, which
- *         may name the line's number, lineNumber */
+ *         may name the line's number, LINE_NUMBER */
 ///@{
 #define PRINT_STDERR_FAILURE(kind, text, ...)                                  \
     do                                                                         \
     {                                                                          \
         LOG_RECORD(kind, text);                                                \
-        [[maybe_unused]] constexpr int lineNumber = LOG_NUMBER;                \
+        [[maybe_unused]] constexpr int LINE_NUMBER = LOG_NUMBER;               \
         PRINT_LINE("FAILURE", __VA_ARGS__);                                    \
     } while (false)
 #define PRINT_FAILURE(cause, ...)                                              \

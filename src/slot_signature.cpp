@@ -183,7 +183,7 @@ class SlotVerification
         if (!payload.unmap())
         {
             PRINT_HARMLESS("the payload could not be unmapped",
-                           "Line[%u]munmap failed", unsigned{lineNumber});
+                           "Line[%u]munmap failed", unsigned{LINE_NUMBER});
         }
         return SLOT_CERTIFICATE;
     }
@@ -514,10 +514,10 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
         {
             return status;
         }
-        const auto len_upto_s1_ts = static_cast<std::size_t>(
+        const auto signedLength = static_cast<std::size_t>(
             payload.size() - TRAILER_SIZE +
             static_cast<std::int64_t>(CHAIN_SIZE + METADATA_SIZE));
-        PRINT_INFO("length upto slot1 timestamp[%zu]", len_upto_s1_ts);
+        PRINT_INFO("length upto slot1 timestamp[%zu]", signedLength);
 
         verification.certificate.reset(getX509Cert(chain));
         if (verification.certificate == nullptr)
@@ -525,7 +525,7 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
             return SlotVerification::refuseCertificate(payload);
         }
         PRINT_INFO("getX509Cert is done");
-        status = verification.verify(signature, payload, len_upto_s1_ts);
+        status = verification.verify(signature, payload, signedLength);
         verified = status == SLOT_VERIFIED;
         status = SlotVerification::releasePayload(payload, payloadPath, status);
     }

@@ -62,7 +62,8 @@ std::optional<std::uint16_t> findOwnSystemId()
  *
  *  @throws std::invalid_argument, std::out_of_range from the conversion */
 std::optional<std::string> findListed(const xmlNodeSet& models,
-                                      std::uint16_t systemId)
+                                      std::uint16_t systemId,
+                                      const XmlAllocations& allocations)
 {
     for (int i = 0; i < models.nodeNr; ++i)
     {
@@ -73,6 +74,11 @@ std::optional<std::string> findListed(const xmlNodeSet& models,
         const auto text = attributeText(models.nodeTab[i], "systemID");
         if (text && std::stoi(toString(*text), nullptr, 16) == systemId)
         {
+            if (allocations.failed())
+            {
+                LOG_FAILURE("memory is out");
+                return std::nullopt;
+            }
             return toString(*text);
         }
     }
@@ -143,12 +149,7 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
         return false;
     }
 
-    auto searchFound = findListed(models, *systemId);
-    if (searchFound && allocations.failed())
-    {
-        LOG_FAILURE("memory is out");
-        searchFound.reset();
-    }
+    const auto searchFound = findListed(models, *systemId, allocations);
     result.reset();
     document.reset();
     if (!searchFound)

@@ -34,4 +34,4 @@ FILES:${PN} += "${nonarch_libdir}/tmpfiles.d ${datadir}/dbus-1/system.d"
 # They are started, not linked.
 RDEPENDS:${PN} = "gnupg unzip"
 RDEPENDS:${PN}-sim = "bubblewrap dbus"
-RDEPENDS:${PN}-tools = "openssl-bin"
+RDEPENDS:${PN}-tools = "gnupg openssl-bin"

@@ -8,12 +8,13 @@ namespace bmc_sim
 using tools::Error;
 using tools::systemError;
 
-// The exit statuses of env(1), which callers of a wrapper know already.
-constexpr int WRONG_USAGE = 2;
-constexpr int FAILED = 125;
-constexpr int NOT_EXECUTABLE = 126;
-constexpr int NOT_FOUND = 127;
-constexpr int KILLED_BY_SIGNAL = 128;
+// Wrong usage is 2 in all tools. The others are those of env(1), which callers
+// of a wrapper know already.
+inline constexpr int WRONG_USAGE = 2;
+inline constexpr int FAILED = 125;
+inline constexpr int NOT_EXECUTABLE = 126;
+inline constexpr int NOT_FOUND = 127;
+inline constexpr int KILLED_BY_SIGNAL = 128;
 
 /** An error with an exit status of its own; that of others is FAILED. */
 class Failure : public Error

@@ -39,7 +39,7 @@ Buffer signDetached(const std::filesystem::path& home,
 /** Checks as the machine will if its keyring is given, and else with that of
  *  the GnuPG home.
  *
- *  @returns the fingerprint of the primary key that made the first good
+ *  @return the fingerprint of the primary key that made the first good
  *           signature
  *  @throws Error when there is none */
 std::string verifyDetached(const std::filesystem::path& home,

@@ -11,7 +11,7 @@ namespace pack
 namespace
 {
 
-/** That of the machine's verifier: no weak keys, no SHA-1. */
+/** The security level of the machine's verifier: no weak keys, no SHA-1. */
 constexpr int SECURITY_LEVEL = 2;
 
 void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)

@@ -203,8 +203,8 @@ bool belongs(const Certificate& certificate,
                                });
 }
 
-/** For a certificate that is not valid at that time: what to say of it, up to
- *  the name of the time. */
+/** The start of a message about a certificate that is not valid at that time;
+ *  empty for one that is. The caller adds the time. */
 std::string invalidityAt(std::time_t time, const X509* certificate)
 {
     const ASN1_TIME* const start = X509_get0_notBefore(certificate);

@@ -109,8 +109,8 @@ std::optional<std::uint64_t> findEnd(const Source& source)
 }
 
 /** The members in the order of their places, as the archive library gives
- *  them. That library writes letters and backslashes of a name anew, which the
- *  extractor does not do. */
+ *  them. That library changes some letters and backslashes in names; the
+ *  extractor does not. */
 std::vector<Listed> readDirectory(const Source& source, Remarks& remarks)
 {
     std::vector<Listed> all;

@@ -123,8 +123,8 @@ Answer ask(const Request& request, const std::function<bool()>& work,
 
 /** Asks the inventory manager.
  *
- *  @param none is the value where there is none; only the log tells whether
- *         that is the answer */
+ *  @param none what the library gives when it has no value. It can also be
+ *         the answer; the log tells which. */
 Answer askForValue(const Request& request, const char* name,
                    const std::function<std::string()>& read, const char* none)
 {
@@ -212,7 +212,7 @@ std::vector<std::string> systemsOf(const std::string& descriptor)
     return systems;
 }
 
-/** Why the library throws at a descriptor's identifiers. */
+/** Why a descriptor's identifiers make the library throw. */
 std::string systemProblem(const std::string& descriptor)
 {
     std::string problem = "no number";

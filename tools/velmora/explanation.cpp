@@ -326,7 +326,8 @@ std::string Operation::reason() const
             telling = ": " + detail.text;
         }
     }
-    // A query does not know what for. Who asked does.
+    // A query does not know what its value is for. The operation that asked
+    // does.
     const bool isQuery = site.file == "descriptor_query.cpp";
     return (isQuery && !echoes.empty() ? echoes.front().text + ": " : "") +
            site.text + telling;
@@ -414,7 +415,7 @@ void Explainer::takeFailure(const Line& line)
     refusal_ = std::exchange(now_, {});
     refusal_->refused = true;
     refusal_->site = site;
-    // Only a line without a message tells of one.
+    // An exception belongs only to a line without a message.
     refusal_->exception = line.hasMessage ? "" : exception_;
     addDetails(*refusal_, line);
     for (const auto& [name, value] :

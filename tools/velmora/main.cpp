@@ -95,7 +95,7 @@ struct Invocation
     std::string library;
 };
 
-/** What the library would throw at, or empty. */
+/** Why the path would make the library throw, or empty. */
 std::string inventoryPathError(const std::string& path)
 {
     return path.starts_with(INVENTORY_PREFIX) && path != INVENTORY_PREFIX
@@ -310,7 +310,7 @@ void addEverything(CLI::App& app, Invocation& chosen)
     app.set_version_flag("--version", versionText);
     app.add_flag("-v,--verbose", chosen.request.verbose,
                  "Show the library's log on stderr");
-    app.add_flag("--json", chosen.json, "Answer with one JSON object");
+    app.add_flag("--json", chosen.json, "Answer in JSON");
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error)
         {

@@ -9,7 +9,7 @@ namespace fs = std::filesystem;
 namespace velmora::front
 {
 
-/** Nothing of a directory that cannot be opened: the library complains then. */
+/** Empty for a directory that cannot be opened. The library reports that. */
 PackageContents contentsOf(const fs::path& directory, bool isPayload)
 {
     PackageContents contents;
