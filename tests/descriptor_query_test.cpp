@@ -1,16 +1,9 @@
 #include "support.hpp"
-#include "velmora.hpp"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
 
 class Descriptor : public LoggedTest
 {

@@ -1,8 +1,4 @@
 #include "support.hpp"
-#include "velmora.hpp"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <clocale>
 
@@ -10,11 +6,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::StartsWith;
 
 class Signature : public LoggedTest
 {

@@ -155,6 +155,7 @@ FAULT(int, fflush, (FILE* f), (f), failed(ENOSPC))
 
 FAULT(EVP_MD_CTX*, EVP_MD_CTX_new, (), (), nullptr)
 FAULT(const EVP_MD*, EVP_sha256, (), (), nullptr)
+FAULT(const EVP_MD*, EVP_sha384, (), (), nullptr)
 FAULT(const EVP_MD*, EVP_sha512, (), (), nullptr)
 FAULT(int, EVP_DigestInit_ex, (EVP_MD_CTX* c, const EVP_MD* m, ENGINE* e), (c, m, e), 0)
 FAULT(int, EVP_DigestUpdate, (EVP_MD_CTX* c, const void* d, size_t n), (c, d, n), 0)

@@ -1,11 +1,7 @@
 #include "faults.hpp"
-#include "payload_fixture.hpp"
-#include "velmora.hpp"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gpgme.h>
-#include <gtest/gtest.h>
 #include <libxml/xpathInternals.h>
 #include <openssl/x509.h>
 #include <sys/wait.h>
@@ -20,34 +16,14 @@ namespace velmora::test
 namespace
 {
 
-namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-
 /** An operation on good input, which must then not succeed. */
 struct Scenario
 {
     const char* name;
-    std::function<void()> prepare;
     std::function<bool()> accepts;
     /** Functions whose failure is no failure of the operation. */
-    std::vector<std::string> harmless;
+    std::vector<std::string> harmless = {};
 };
-
-Service::Handler keyAnswer()
-{
-    run("openssl pkey -pubin -in " +
-        (keys() / "image-signer.pub.pem").string() +
-        " -outform DER -out /tmp/fault-key");
-    std::string key = readFile("/tmp/fault-key");
-    key.insert(0, {static_cast<char>(key.size()), '\0'});
-    return [key](sd_bus_message*, sd_bus_message* reply)
-    {
-        sd_bus_message_append(reply, "yu", 0, 0);
-        return sd_bus_message_append_array(reply, 'y', key.data(), key.size());
-    };
-}
 
 Service::Handler stringAnswer(const char* types)
 {
@@ -63,17 +39,16 @@ Service::Handler stringAnswer(const char* types)
     };
 }
 
-/** Length of what stands in front of the trailer. */
-constexpr std::size_t BODY = 1;
-
 /** Text of a file that is there and could not be digested. */
 const std::string ZEROS(64, '0');
 
-class Faults : public LoggedTest
+class Faults : public SignedPayload
 {
   protected:
     void SetUp() override
     {
+        SignedPayload::SetUp();
+        writeFile(path, good());
         makePackage(scratch / "package");
         makePackage(scratch / "other");
         writeFile(scratch / "other/package.xml",
@@ -82,53 +57,27 @@ class Faults : public LoggedTest
             " && zip -qr ../package.zip . && mkdir ../out");
         fs::create_directory(scratch / "manifest");
         pack("manifest -o " + (scratch / "manifest").string());
-        writeFile(scratch / "body", "b");
-        pack("image " + (scratch / "body").string() + " --key " +
-             (keys() / "image-signer.pem").string() + " -o " +
-             (scratch / "image").string());
-        pack("payload " + (scratch / "body").string() + " --chain " +
-             (keys() / "chain.pem").string() + " --key " +
-             (keys() / "payload-signer.pem").string() +
-             " --alg PS256 --force -o " + payload);
+        makeImage(scratch / "image", "b");
     }
 
     std::vector<Scenario> scenarios()
     {
-        const std::string path = "/xyz/openbmc_project/inventory/system/bmc";
+        const std::string bmc = "/xyz/openbmc_project/inventory/system/bmc";
         return {
-            {"unZip",
-             [] {},
-             [this]
-             {
-                 return ValidateQOR::unZip(scratch / "package.zip",
-                                           scratch / "out");
-             },
-             {"waitpid"}},
+            {"unZip", [this] { return unZip(); }, {"waitpid"}},
             {"validateExtractedQOR",
-             [] {},
              [this]
              { return ValidateQOR::validateExtractedQOR(scratch / "package"); },
              {"gpgme_hash_algo_name", "gpgme_pubkey_algo_name", "close"}},
             {"verifyManifestAndSignature",
-             [] {},
              [this]
              {
                  return ValidateQOR::verifyManifestAndSignature(
                             scratch / "image", scratch / "manifest") == 0;
-             },
-             {}},
+             }},
             {"validateCertChainForPayload",
-             []
-             {
-                 fs::copy_file(keys() / "root-ca.pem", ROOT_CA,
-                               fs::copy_options::overwrite_existing);
-             },
-             [this]
-             { return ValidateQOR::validateCertChainForPayload(payload); },
-             // The key has the same digest as its default.
-             {"EVP_sha256"}},
+             [this] { return ValidateQOR::validateCertChainForPayload(path); }},
             {"getImagePurpose",
-             [] {},
              [this]
              {
                  return ValidateQOR::getImagePurpose(scratch / "other") ==
@@ -140,19 +89,20 @@ class Faults : public LoggedTest
               "xmlNewInputFromIO", "xmlXPathNewContext",
               "xmlXPathEvalExpression", "xmlNodeGetContent"}},
             {"getInventoryModel",
-             [] {},
-             [=] { return ValidateQOR::getInventoryModel(path) == "M1"; },
-             {}},
+             [=] { return ValidateQOR::getInventoryModel(bmc) == "M1"; }},
             {"registerSWInv",
-             [] {},
              [=]
              {
                  return ValidateQOR::registerSWInv(
-                            path, "a", "b", ValidateQOR::VersionPurpose::BMC,
+                            bmc, "a", "b", ValidateQOR::VersionPurpose::BMC,
                             ValidateQOR::ReleaseType::Other) == 1;
-             },
-             {}},
+             }},
         };
+    }
+
+    bool unZip() const
+    {
+        return ValidateQOR::unZip(scratch / "package.zip", scratch / "out");
     }
 
     /** What an operation gives with the nth call of a function failing, or
@@ -177,15 +127,13 @@ class Faults : public LoggedTest
 
     bool extract(const std::string& function, int nth)
     {
-        return faulted(function, nth, ValidateQOR::unZip,
-                       scratch / "package.zip", scratch / "out");
+        return faulted(function, nth, [this] { return unZip(); });
     }
 
     std::function<void()> meanwhile;
     std::string descriptor = scratch / "package/package.xml";
-    std::string payload = scratch / "payload";
     Service platform{PLATFORM, systemIdBytes({0x1B, 0x0A})};
-    Service security{SECURITY, keyAnswer()};
+    Service security{SECURITY, keyAnswer(0, busKey())};
     Service inventory{INVENTORY, stringAnswer("v")};
 };
 
@@ -196,7 +144,6 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
     {
         bool accepted = false;
         const auto work = [&] { accepted = scenario.accepts(); };
-        scenario.prepare();
         logOf(work);
         ASSERT_TRUE(accepted) << scenario.name;
         const std::size_t before = openFileDescriptors();
@@ -208,17 +155,17 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
                 continue;
             }
             const bool harmless =
-                testing::Value(scenario.harmless, testing::Contains(function));
+                testing::Value(scenario.harmless, Contains(function));
             bool fired = true;
             for (int nth = 1; fired; ++nth)
             {
-                scenario.prepare();
+                SCOPED_TRACE(scenario.name + (": " + function) + " " +
+                             std::to_string(nth));
+                useRootCa();
                 accepted = false;
                 logOf([&] { fired = withFault(function, nth, work); });
-                EXPECT_EQ(accepted, !fired || harmless)
-                    << scenario.name << ": " << function << " " << nth;
-                EXPECT_EQ(openFileDescriptors(), before)
-                    << scenario.name << ": " << function << " " << nth;
+                EXPECT_EQ(accepted, !fired || harmless);
+                EXPECT_EQ(openFileDescriptors(), before);
                 met[function] += fired;
                 ASSERT_LT(nth, 1000);
                 // What an unwaited extractor leaves.
@@ -236,84 +183,68 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
 
 TEST_F(Faults, SlotStatusesOfSystemCalls)
 {
-    const std::string bytes = readFile(payload);
-    const std::string chain = bytes.substr(BODY, CHAIN);
-    const std::string signature =
-        bytes.substr(BODY + CHAIN + METADATA, SIGNATURE);
-    metadata_algo = "PS256";
     const auto statusWith =
-        [&](const std::string& function, int nth, const std::string& area)
+        [&](const std::string& function, int nth, const std::string& chain)
     {
-        return faulted(function, nth, ValidateQOR::verify_slot_signature, area,
-                       signature, payload.data());
+        return faulted(function, nth, ValidateQOR::verify_slot_signature, chain,
+                       goodSignature(), path.data());
     };
     const std::string slot = "verify_slot_signature: ";
+    const std::string file = slot + "File[" + path + "]";
+    const std::string certificate = "getX509Cert: ";
+    const std::string key = "createPublicKeyFile: ";
     struct Row
     {
         const char* function;
-        int nth;
         int status;
         std::string text;
+        int nth = 1;
     };
-    for (const auto& [function, nth, status, text] : std::initializer_list<Row>{
-             {"open64", 1, 2,
-              slot + "File[" + payload +
-                  "]could not be opened,"
-                  "strerr[Permission denied]"},
-             {"fstat64", 1, 3,
-              slot + "File[" + payload +
-                  "]could not be "
-                  "stat'ed,strerr[Input/output error]"},
-             {"mmap64", 1, 5,
-              slot + "File[" + payload +
-                  "]mmap failed,"
-                  "strerr[Cannot allocate memory]"},
-             {"BIO_new", 1, 7, "getX509Cert: Create a memory BIO failed"},
-             {"BIO_write", 1, 7,
-              "getX509Cert: Writing from buffer to BIO failed"},
-             {"PEM_read_bio_X509", 1, 7,
-              "getX509Cert: Read the PEM formatted certificate from memory "
-              "into an X509 is failed"},
-             {"fopen64", 1, 7, "getX509Cert: Error creating certchain file"},
-             {"fwrite", 1, 7, "getX509Cert: Error writing certchain to file"},
-             {"fflush", 1, 7, "getX509Cert: Error writing certchain to file"},
-             {"X509_get_pubkey", 1, 8,
-              slot + "Error retrieving Cert public key"},
-             {"EVP_PKEY_get_size", 1, 10,
-              slot + "RSA Key length[0]is not match with "
-                     "SLOT_SIGNATURE_SIZE"},
-             {"EVP_DigestVerifyInit", 1, 11,
+    for (const auto& [function, status, text, nth] : std::initializer_list<Row>{
+             {"open64", 2,
+              file + "could not be opened,strerr[Permission denied]"},
+             {"fstat64", 3,
+              file + "could not be stat'ed,strerr[Input/output error]"},
+             {"mmap64", 5, file + "mmap failed,strerr[Cannot allocate memory]"},
+             {"BIO_new", 7, certificate + "Create a memory BIO failed"},
+             {"BIO_write", 7,
+              certificate + "Writing from buffer to BIO failed"},
+             {"PEM_read_bio_X509", 7,
+              certificate + "Read the PEM formatted certificate from memory "
+                            "into an X509 is failed"},
+             {"fopen64", 7, certificate + "Error creating certchain file"},
+             {"fwrite", 7, certificate + "Error writing certchain to file"},
+             {"fflush", 7, certificate + "Error writing certchain to file"},
+             {"X509_get_pubkey", 8, slot + "Error retrieving Cert public key"},
+             {"EVP_PKEY_get_size", 10,
+              slot + "RSA Key length[0]is not match with SLOT_SIGNATURE_SIZE"},
+             {"EVP_DigestVerifyInit", 11,
               slot + "EVP_DigestVerifyInit failed,err[0]errmsg[]"},
-             {"EVP_PKEY_CTX_set_rsa_padding", 1, 11,
+             {"EVP_PKEY_CTX_set_rsa_padding", 11,
               slot + "Setting RSA padding mode failed"},
-             {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 1, 11,
+             {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 11,
               slot + "Setting RSA PSS salt length failed"},
-             {"EVP_DigestVerifyUpdate", 1, 13,
+             {"EVP_DigestVerifyUpdate", 13,
               slot + "EVP_DigestVerifyUpdate failed,err[0]errmsg[]"},
-             {"EVP_DigestVerifyFinal", 1, 13,
+             {"EVP_DigestVerifyFinal", 13,
               slot + "EVP_DigestVerifyFinal failed,err[0]errmsg[]"},
-             {"EVP_MD_CTX_new", 1, 16, slot + "EVP_MD_CTX_create is failed"},
-             {"fopen64", 2, 17,
-              "createPublicKeyFile: Error opening publickey file"},
-             {"BIO_new_fp", 1, 17,
-              "createPublicKeyFile: Error creating a filestream for public "
-              "key"},
-             {"PEM_write_bio_PUBKEY", 1, 17,
-              "createPublicKeyFile: Error writing publickey file in PEM "
-              "format"},
-             {"munmap", 1, 14, slot + "munmap failed,strerr[Invalid argument]"},
-             {"close", 1, 15,
-              slot + "File " + payload +
+             {"EVP_MD_CTX_new", 16, slot + "EVP_MD_CTX_create is failed"},
+             {"fopen64", 17, key + "Error opening publickey file", 2},
+             {"BIO_new_fp", 17,
+              key + "Error creating a filestream for public key"},
+             {"PEM_write_bio_PUBKEY", 17,
+              key + "Error writing publickey file in PEM format"},
+             {"munmap", 14, slot + "munmap failed,strerr[Invalid argument]"},
+             {"close", 15,
+              slot + "File " + path +
                   " close error,strerr[Input/output error]"}})
     {
-        EXPECT_EQ(statusWith(function, nth, chain), status) << function;
+        EXPECT_EQ(statusWith(function, nth, goodChain()), status) << function;
         // What passes it on follows, the clean-up, and what was verified.
         const auto line = std::find(log.begin(), log.end(), "FAILURE " + text);
         EXPECT_NE(line, log.end()) << text;
         EXPECT_LE(log.end() - line, 3) << text;
-        EXPECT_EQ(log.back() == "SUCCESS " + slot +
-                                    "Image slot signature verification "
-                                    "successful",
+        EXPECT_EQ(log.back().starts_with("SUCCESS "),
                   status == 14 || status == 15);
     }
     // A chain without a certificate: closed first, unmapped second.
@@ -426,28 +357,27 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
 
 TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
 {
-    const std::string good = readFile(payload);
     const auto cutAt = [&](std::uintmax_t size, int nthRead)
     {
-        writeFile(payload, good);
-        meanwhile = [this, size] { fs::resize_file(payload, size); };
+        writeFile(path, good());
+        meanwhile = [=, this] { fs::resize_file(path, size); };
         EXPECT_FALSE(faulted("read", nthRead,
-                             ValidateQOR::validateCertChainForPayload,
-                             payload));
+                             ValidateQOR::validateCertChainForPayload, path));
         return log;
     };
     const std::string info = "INFO validateCertChainForPayload: ";
-    Lines lines{info + "Payload length is " + std::to_string(BODY + TRAILER),
-                info + "Certificate Chain offset 1",
+    const auto offset = [](std::size_t field)
+    { return std::to_string(slot() + field); };
+    Lines lines{info + "Payload length is " + offset(TRAILER),
+                info + "Certificate Chain offset " + offset(0),
                 "FAILURE validateCertChainForPayload: Only 1000 bytes read",
                 "FAILURE"};
-    EXPECT_EQ(cutAt(BODY + 1000, 1), lines);
-    lines[2] = info + "Metadata offset " + std::to_string(BODY + CHAIN);
-    EXPECT_EQ(cutAt(BODY + CHAIN + METADATA - 1, 2), lines);
+    EXPECT_EQ(cutAt(slot() + 1000, 1), lines);
+    lines[2] = info + "Metadata offset " + offset(CHAIN);
+    EXPECT_EQ(cutAt(slot() + CHAIN + METADATA - 1, 2), lines);
     lines.insert(lines.begin() + 3,
-                 info + "Signature offset " +
-                     std::to_string(BODY + CHAIN + METADATA));
-    EXPECT_EQ(cutAt(BODY + CHAIN + METADATA + SIGNATURE - 1, 2), lines);
+                 info + "Signature offset " + offset(CHAIN + METADATA));
+    EXPECT_EQ(cutAt(slot() + CHAIN + METADATA + SIGNATURE - 1, 2), lines);
 
     const std::string image = scratch / "image";
     meanwhile = [&] { fs::resize_file(image, fs::file_size(image) - 1); };
@@ -520,17 +450,15 @@ TEST_F(Faults, MemoryThatTheParserLacksIsNoAnswer)
 
 TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
 {
-    const std::string bytes = readFile(payload);
-    const std::string chain = bytes.substr(BODY, CHAIN);
-    const std::string signature =
-        bytes.substr(BODY + CHAIN + METADATA, SIGNATURE);
+    const std::string chain = goodChain();
+    const std::string signature = goodSignature();
     const Lines released = releasesOf(
         [&]
         {
             // The first allocation inside: the stream of the hashfunc file.
             withFault("operator new", 1, ValidateQOR::createHashFuncFile);
             faulted("operator new", 1, ValidateQOR::verify_slot_signature,
-                    chain, signature, payload.data());
+                    chain, signature, path.data());
         });
     EXPECT_EQ(log.back(), "INFO operator(): Clear ctx before exiting...");
     EXPECT_THAT(released,
@@ -542,14 +470,13 @@ TEST_F(Faults, AnExceptionTakesTheRootCaWithIt)
     bool fired = true;
     for (int nth = 1; fired; ++nth)
     {
-        fs::copy_file(keys() / "root-ca.pem", ROOT_CA,
-                      fs::copy_options::overwrite_existing);
+        useRootCa();
         log = logOf(
             [&]
             {
                 fired = withFault(
                     "operator new", nth,
-                    [&] { ValidateQOR::validateCertChainForPayload(payload); });
+                    [&] { ValidateQOR::validateCertChainForPayload(path); });
             });
         // The last line that is logged before the root CA is read.
         EXPECT_NE(fs::exists(ROOT_CA),
@@ -606,15 +533,12 @@ TEST_F(Faults, ReleasesComeInOrder)
                 ElementsAre("sd_bus_message_unref", "sd_bus_message_unref",
                             "sd_bus_unref", "ECDSA_SIG_free", "EVP_MD_CTX_free",
                             "EVP_PKEY_free"));
-    const std::string bytes = readFile(payload);
-    EXPECT_THAT(releasesOf(ValidateQOR::verify_slot_signature,
-                           bytes.substr(BODY, CHAIN),
-                           bytes.substr(BODY + CHAIN + METADATA, SIGNATURE),
-                           payload.data()),
+    EXPECT_THAT(releasesOf(ValidateQOR::verify_slot_signature, goodChain(),
+                           goodSignature(), path.data()),
                 ElementsAre("munmap", "close", "EVP_MD_CTX_free", "X509_free",
                             "EVP_PKEY_free"));
     EXPECT_THAT(releasesOf(ValidateQOR::verify_slot_signature,
-                           std::string(CHAIN, '\0'), "s", payload.data()),
+                           std::string(CHAIN, '\0'), "s", path.data()),
                 ElementsAre("close", "munmap"));
 }
 

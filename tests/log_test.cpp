@@ -1,9 +1,6 @@
 #include "support.hpp"
-#include "velmora.hpp"
 
 #include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <iostream>
 #include <map>
@@ -14,9 +11,6 @@ namespace velmora::test
 {
 namespace
 {
-
-using testing::ElementsAre;
-using testing::StartsWith;
 
 struct Record
 {

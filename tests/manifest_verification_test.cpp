@@ -1,8 +1,5 @@
 #include "support.hpp"
-#include "velmora.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <ctime>
@@ -12,9 +9,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
 
 constexpr const char* MARKER = "/tmp/ingressRelease";
 
@@ -102,29 +96,9 @@ class Image : public LoggedTest
     void SetUp() override
     {
         fs::remove(MARKER);
-        writeFile(scratch / "image-ktb", manifestOf(record(3, 0, "data"), 1));
-        writeFile(scratch / "image-ktb.sig", std::string(511, 's'));
-        makeImage("content");
-        useKey("pkey -pubin -in " + (keys() / "image-signer.pub.pem").string());
-    }
-
-    /** Lets the service answer with the key that a command of openssl's
-     *  writes. */
-    void useKey(const std::string& command)
-    {
-        ASSERT_EQ(run("openssl " + command + " -outform DER -out " +
-                      (scratch / "key").string()),
-                  0);
-        key = readFile(scratch / "key");
-        key = le(key.size(), 2) + key;
-    }
-
-    void makeImage(const std::string& content)
-    {
-        writeFile(scratch / "in", content);
-        pack("image " + (scratch / "in").string() + " --key " +
-             (keys() / "image-signer.pem").string() + " --force -o " +
-             (scratch / "image").string());
+        writeFile(manifest, manifestOf(record(3, 0, "data"), 1));
+        writeFile(signature, std::string(511, 's'));
+        makeImage(image, "content");
     }
 
     /** The operation with a service that answers with status and key. */
@@ -140,17 +114,15 @@ class Image : public LoggedTest
                 sd_bus_message_read(call, "bu", &yes, &length);
                 sd_bus_message_read_array(call, 'y', &bytes, &size);
                 sent.assign(static_cast<const char*>(bytes), size);
-                sd_bus_message_append(reply, "yu", status, 7);
-                return sd_bus_message_append_array(reply, 'y', key.data(),
-                                                   key.size());
+                return keyAnswer(status, key)(call, reply);
             });
         return verifyWithoutService();
     }
 
     int verifyWithoutService()
     {
-        return logged(ValidateQOR::verifyManifestAndSignature,
-                      scratch / "image", scratch.path);
+        return logged(ValidateQOR::verifyManifestAndSignature, image,
+                      scratch.path);
     }
 
     static std::string failure(const std::string& text)
@@ -158,7 +130,17 @@ class Image : public LoggedTest
         return "FAILURE verifyManifestAndSignature: " + text;
     }
 
-    std::string key;
+    /** The operation refuses with one line. */
+    void expectRefusal(const std::string& text, std::uint8_t status = 0)
+    {
+        EXPECT_EQ(verify(status), -1) << text;
+        EXPECT_THAT(log, ElementsAre(failure(text)));
+    }
+
+    const fs::path image = scratch / "image";
+    const fs::path manifest = scratch / "image-ktb";
+    const fs::path signature = scratch / "image-ktb.sig";
+    std::string key = busKey();
     std::string sent;
     std::uint32_t length = 0;
 };
@@ -171,7 +153,7 @@ TEST_F(Image, VerifiesAtEverySize)
     {
         if (size > 0)
         {
-            makeImage(std::string(size, 'z'));
+            makeImage(image, std::string(size, 'z'));
         }
         else
         {
@@ -181,20 +163,20 @@ TEST_F(Image, VerifiesAtEverySize)
                 " /dev/null | openssl asn1parse -inform DER |"
                 " awk -F: '/INTEGER/ { printf \"%96s\", $4 }' | tr ' ' 0 |"
                 " basenc --base16 -d >" +
-                (scratch / "image").string());
+                image.string());
         }
         EXPECT_EQ(verify(), 0) << size;
         EXPECT_THAT(log, ElementsAre("SUCCESS verifyManifestAndSignature: "
                                      "Signature verification is successful"));
     }
-    EXPECT_EQ(sent, readFile(scratch / "image-ktb"));
+    EXPECT_EQ(sent, readFile(manifest));
     EXPECT_EQ(length, sent.size());
     EXPECT_FALSE(fs::exists(MARKER));
 }
 
 TEST_F(Image, SpoiltOnesAreRefused)
 {
-    const std::string good = readFile(scratch / "image");
+    const std::string good = readFile(image);
     const auto bad = ElementsAre(failure("EVP_DigestVerifyFinal()"),
                                  failure("Signature verification failed"));
     for (const std::size_t at :
@@ -202,38 +184,35 @@ TEST_F(Image, SpoiltOnesAreRefused)
     {
         std::string spoilt = good;
         spoilt[at] = static_cast<char>(spoilt[at] ^ 1);
-        writeFile(scratch / "image", spoilt);
+        writeFile(image, spoilt);
         EXPECT_EQ(verify(), -1);
         EXPECT_THAT(log, bad);
     }
     for (const char fill : {'\0', '\xFF'})
     {
-        writeFile(scratch / "image", "content" + std::string(96, fill));
+        writeFile(image, "content" + std::string(96, fill));
         EXPECT_EQ(verify(), -1);
         EXPECT_THAT(log, bad);
     }
     for (const std::size_t size : {0, 95})
     {
-        writeFile(scratch / "image", std::string(size, 'x'));
-        EXPECT_EQ(verify(), -1);
-        EXPECT_THAT(log,
-                    ElementsAre(failure("Failed in reading ZRN image data")));
+        writeFile(image, std::string(size, 'x'));
+        expectRefusal("Failed in reading ZRN image data");
     }
 }
 
 TEST_F(Image, PastFourGibibytesIsRefused)
 {
     // 200 bytes more than 32 bits can count: the first 200 would be verified.
-    fs::resize_file(scratch / "image", (std::uint64_t(1) << 32) + 200);
-    EXPECT_EQ(verify(), -1);
-    EXPECT_THAT(log, ElementsAre(failure("Payload size error")));
+    fs::resize_file(image, (std::uint64_t(1) << 32) + 200);
+    expectRefusal("Payload size error");
 }
 
 TEST_F(Image, AnOlderSignatureFileSkipsEverything)
 {
-    writeFile(scratch / "image-ktb.sig", std::string(512, 's'));
-    fs::remove(scratch / "image");
-    fs::remove(scratch / "image-ktb");
+    writeFile(signature, std::string(512, 's'));
+    fs::remove(image);
+    fs::remove(manifest);
     EXPECT_EQ(verifyWithoutService(), 0);
     EXPECT_THAT(log,
                 ElementsAre("SUCCESS verifyManifestAndSignature: Older version "
@@ -247,62 +226,48 @@ TEST_F(Image, FilesThatCannotBeReadAreNamed)
 {
     EXPECT_EQ(logged(ValidateQOR::verifyManifestAndSignature, "x", ""), -1);
     EXPECT_THAT(log, ElementsAre(failure("Invalid path for image-ktb")));
-    writeFile(scratch / "image-ktb", "$KT");
-    EXPECT_EQ(verify(), -1);
-    EXPECT_THAT(log, ElementsAre(failure("Error in reading manifest "
-                                         "information from the payload")));
+    writeFile(manifest, "$KT");
+    expectRefusal("Error in reading manifest information from the payload");
     for (const auto& [name, message] :
          {std::pair{"image-ktb", "Error opening KTB file"},
           {"image", "Error opening ZRN tar file"},
           {"image-ktb.sig", "Error opening KTB signature file"}})
     {
         fs::remove(scratch / name);
-        EXPECT_EQ(verify(), -1);
-        EXPECT_THAT(log, ElementsAre(failure(message)));
+        expectRefusal(message);
     }
     // What is no file is not waited for, and has no format.
-    const fs::path signature = scratch / "image-ktb.sig";
     for (const std::function<void()>& make :
          {std::function<void()>([&] { fs::create_directory(signature); }),
           {[&] { mkfifo(signature.c_str(), 0600); }},
           {[&] { fs::create_symlink("/dev/zero", signature); }}})
     {
         make();
-        EXPECT_EQ(verify(), -1);
-        EXPECT_THAT(log,
-                    ElementsAre(failure("Error opening KTB signature file")));
+        expectRefusal("Error opening KTB signature file");
         fs::remove(signature);
     }
 }
 
 TEST_F(Image, TheServiceDecides)
 {
-    EXPECT_EQ(verify(1), -1);
-    EXPECT_THAT(log, ElementsAre(failure("vornFwManifestVerification() method "
-                                         "returned an error")));
+    expectRefusal("vornFwManifestVerification() method returned an error", 1);
     const std::string good = key;
     key += "behind";
     EXPECT_EQ(verify(), 0);
-    const auto badKey =
-        ElementsAre(failure("Error in converting the public key received from "
-                            "TXQ to EVP PKEY"));
     for (const std::string& reply :
          {std::string("x"), le(1, 2), le(good.size() - 1, 2) + good.substr(2),
           le(0, 2) + good.substr(2), le(20, 2) + good.substr(2)})
     {
         key = reply;
-        EXPECT_EQ(verify(), -1);
-        EXPECT_THAT(log, badKey);
+        expectRefusal("Error in converting the public key received from TXQ "
+                      "to EVP PKEY");
     }
     key.clear();
-    EXPECT_EQ(verify(), -1);
-    EXPECT_THAT(log, ElementsAre(failure("Failed in verifying manifest")));
-    ASSERT_EQ(run("openssl genpkey -algorithm ed25519 -out " +
-                  (scratch / "other").string()),
-              0);
-    useKey("pkey -pubout -in " + (scratch / "other").string());
-    EXPECT_EQ(verify(), -1);
-    EXPECT_THAT(log, ElementsAre(failure("Failed in EVP_DigestVerifyInit()")));
+    expectRefusal("Failed in verifying manifest");
+    const std::string other = scratch / "other";
+    ASSERT_EQ(run("openssl genpkey -algorithm ed25519 -out " + other), 0);
+    key = busKey("-pubout -in " + other);
+    expectRefusal("Failed in EVP_DigestVerifyInit()");
 
     const auto noAnswer =
         ElementsAre("INFO msg: N9sdbusplus9exception10SdBusErrorE",
@@ -318,17 +283,13 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
 {
     const std::string other = record(3, 0, "xyz");
     const std::string marked = record(10, 0x30, "ab2");
-    struct Case
-    {
-        std::string manifest;
-        std::string marker;
-    };
     std::string crossing = manifestOf(marked, 1);
     crossing[16 + 12] = 4;
     std::string endless = manifestOf(std::string(16, 0), 0xFFFFFFFF);
     std::string wrapping = manifestOf(
         le(0, 4) + le(0xFFFFFFF0, 4) + le(3, 4) + le(0x10, 4) + marked, 5);
-    for (const auto& [manifest, marker] : std::initializer_list<Case>{
+    for (const auto& [content, marker] :
+         std::initializer_list<std::pair<std::string, std::string>>{
              {manifestOf(other + marked, 2), "2\n"},
              {manifestOf(record(10, 0x31, "ab0"), 1), "1\n"},
              // The count leaves out the first record.
@@ -347,36 +308,36 @@ TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)
              {wrapping, "old"}})
     {
         writeFile(MARKER, "old");
-        writeFile(scratch / "image-ktb", manifest);
+        writeFile(manifest, content);
         const std::clock_t start = std::clock();
         EXPECT_EQ(verify(), 0);
         EXPECT_LT(std::clock() - start, 3 * CLOCKS_PER_SEC);
         EXPECT_EQ(readFile(MARKER), marker);
     }
     // The marker is written even when the image is bad.
-    const std::string good = readFile(scratch / "image");
-    writeFile(scratch / "image", good + "x");
-    writeFile(scratch / "image-ktb", manifestOf(marked, 1));
+    const std::string good = readFile(image);
+    writeFile(image, good + "x");
+    writeFile(manifest, manifestOf(marked, 1));
     EXPECT_EQ(verify(), -1);
     EXPECT_EQ(readFile(MARKER), "2\n");
-    writeFile(scratch / "image", good);
+    writeFile(image, good);
     fs::remove(MARKER);
     EXPECT_EQ(verify(), 0);
     EXPECT_NE(fs::status(MARKER).permissions() & fs::perms::others_read,
               fs::perms::none);
     // What stands in the marker's place is neither followed nor waited for.
-    fs::remove(MARKER);
-    writeFile(scratch / "precious", "precious");
-    fs::create_symlink(scratch / "precious", MARKER);
-    EXPECT_EQ(verify(), 0);
-    EXPECT_EQ(readFile(scratch / "precious"), "precious");
-    fs::remove(MARKER);
-    fs::create_hard_link(scratch / "precious", MARKER);
-    EXPECT_EQ(verify(), 0);
-    EXPECT_EQ(readFile(scratch / "precious"), "precious");
-    fs::remove(MARKER);
-    ASSERT_EQ(mkfifo(MARKER, 0600), 0);
-    EXPECT_EQ(verify(), 0);
+    const fs::path precious = scratch / "precious";
+    writeFile(precious, "precious");
+    for (const std::function<void()>& make :
+         {std::function<void()>([&] { fs::create_symlink(precious, MARKER); }),
+          {[&] { fs::create_hard_link(precious, MARKER); }},
+          {[] { mkfifo(MARKER, 0600); }}})
+    {
+        fs::remove(MARKER);
+        make();
+        EXPECT_EQ(verify(), 0);
+        EXPECT_EQ(readFile(precious), "precious");
+    }
     fs::remove(MARKER);
 }
 

@@ -1,8 +1,4 @@
-#include "payload_fixture.hpp"
-#include "velmora.hpp"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "support.hpp"
 
 #include <tuple>
 
@@ -10,9 +6,6 @@ namespace velmora::test
 {
 namespace
 {
-
-using testing::Contains;
-using testing::ElementsAre;
 
 class Metadata : public testing::Test
 {

@@ -1,8 +1,5 @@
 #include "support.hpp"
-#include "velmora.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,13 +15,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 bool comesTrue(const std::function<bool()>& condition)
 {
@@ -198,14 +188,14 @@ TEST_F(Unzip, TheExtractorGetsOutputAndNothingElse)
     EXPECT_THAT(environment, HasSubstr(std::string("\0UNZIPPED=kept\0", 15)));
     for (const std::string& name : options)
     {
-        EXPECT_THAT(environment, Not(HasSubstr('\0' + name + '=')));
+        EXPECT_THAT(environment, testing::Not(HasSubstr('\0' + name + '=')));
         unsetenv(name.c_str());
     }
     unsetenv("UNZIPPED");
     EXPECT_EQ(run(": > " + (scratch / "fifo").string()), 0);
     extraction.join();
     close(inherited);
-    EXPECT_THAT(log, Not(IsEmpty()));
+    EXPECT_THAT(log, testing::Not(testing::IsEmpty()));
 }
 
 } // namespace

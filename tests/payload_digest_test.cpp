@@ -1,9 +1,6 @@
 #include "support.hpp"
-#include "velmora.hpp"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -20,9 +17,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
 
 constexpr const char* EMPTY_DIGEST =
     "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
@@ -160,8 +154,7 @@ TEST_F(Digest, CompositeFollowsTheByteOrderOfNames)
     ASSERT_EQ(log.size(), sorted.size() + 1);
     for (std::size_t i = 0; i < sorted.size(); ++i)
     {
-        EXPECT_THAT(log[i],
-                    testing::HasSubstr((scratch / sorted[i]).string() + ": "));
+        EXPECT_THAT(log[i], HasSubstr((scratch / sorted[i]).string() + ": "));
     }
 }
 

@@ -1,9 +1,6 @@
-#include "payload_fixture.hpp"
 #include "quorlin.h"
-#include "velmora.hpp"
+#include "support.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <openssl/x509_vfy.h>
 #include <sys/stat.h>
 
@@ -13,11 +10,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::StartsWith;
 
 /** Lines of the log up to the chain's verification. */
 constexpr std::size_t CHAIN_LINES = 13;
@@ -153,8 +145,7 @@ TEST_F(Payload, TheRootMustBeThere)
 
 TEST_F(Payload, ChainsThatDoNotHold)
 {
-    fs::copy_file(keys() / "foreign-root.pem", ROOT_CA,
-                  fs::copy_options::overwrite_existing);
+    useRootCa("foreign-root.pem");
     EXPECT_FALSE(valid(good()));
     EXPECT_THAT(log, Contains("INFO validateCertChainForPayload: Cert Chain "
                               "validation check failed."));

@@ -1,18 +1,9 @@
-#include "payload_fixture.hpp"
-#include "velmora.hpp"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "support.hpp"
 
 namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::StartsWith;
 
 class Slot : public SignedPayload
 {

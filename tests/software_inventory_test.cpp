@@ -1,8 +1,5 @@
 #include "support.hpp"
-#include "velmora.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sdbusplus/exception.hpp>
 
 #include <chrono>
@@ -13,9 +10,6 @@ namespace velmora::test
 namespace
 {
 
-namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::StartsWith;
 using Purpose = ValidateQOR::VersionPurpose;
 using Release = ValidateQOR::ReleaseType;
 using sdbusplus::exception::InvalidEnumString;

@@ -1,6 +1,5 @@
 #include "support.hpp"
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -11,8 +10,6 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
-
-namespace fs = std::filesystem;
 
 namespace velmora::test
 {
@@ -143,6 +140,14 @@ void makePackage(const fs::path& directory, const PackageText& text)
     sign(directory);
 }
 
+void makeImage(const fs::path& image, const std::string& content)
+{
+    writeFile(image.string() + ".in", content);
+    pack("image " + image.string() + ".in --key " +
+         (keys() / "image-signer.pem").string() + " --force -o " +
+         image.string());
+}
+
 Scratch::Scratch()
 {
     std::string name = "/tmp/test-XXXXXX";
@@ -150,6 +155,36 @@ Scratch::Scratch()
 }
 
 Scratch::~Scratch() { fs::remove_all(path); }
+
+void useRootCa(const std::string& name)
+{
+    fs::copy_file(keys() / name, ROOT_CA, fs::copy_options::overwrite_existing);
+}
+
+void SignedPayload::SetUp()
+{
+    metadata_algo = "PS384";
+    useRootCa();
+    for (const char* name : {"certchain", "publickey", "hashfunc"})
+    {
+        fs::remove_all(RUN_TIME / name);
+    }
+}
+
+const std::string& SignedPayload::good()
+{
+    static const std::string content = []
+    {
+        const Scratch made;
+        writeFile(made / "body", "body");
+        pack("payload " + (made / "body").string() + " --chain " +
+             (keys() / "chain.pem").string() + " --key " +
+             (keys() / "payload-signer.pem").string() + " --alg PS384 -o " +
+             (made / "payload").string());
+        return readFile(made / "payload");
+    }();
+    return content;
+}
 
 Service::Service(const std::string& name, Handler handler) :
     handler_(std::move(handler))
@@ -219,6 +254,31 @@ Service::Handler systemIdBytes(std::vector<std::uint8_t> bytes)
         sd_bus_message_append_array(reply, 'y', bytes.data(), bytes.size());
         return sd_bus_message_close_container(reply);
     };
+}
+
+Service::Handler keyAnswer(std::uint8_t status, std::string key)
+{
+    return [=](sd_bus_message*, sd_bus_message* reply)
+    {
+        sd_bus_message_append(reply, "yu", status, 7);
+        return sd_bus_message_append_array(reply, 'y', key.data(), key.size());
+    };
+}
+
+std::string busKey(std::string options)
+{
+    if (options.empty())
+    {
+        options = "-pubin -in " + (keys() / "image-signer.pub.pem").string();
+    }
+    const Scratch made;
+    EXPECT_EQ(run("openssl pkey " + options + " -outform DER -out " +
+                  (made / "key").string()),
+              0);
+    const std::string key = readFile(made / "key");
+    return std::string{static_cast<char>(key.size()),
+                       static_cast<char>(key.size() >> 8)} +
+           key;
 }
 
 } // namespace velmora::test

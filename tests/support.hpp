@@ -1,5 +1,8 @@
 #pragma once
 
+#include "velmora.hpp"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
@@ -18,6 +21,12 @@
 namespace velmora::test
 {
 
+namespace fs = std::filesystem;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
 using Lines = std::vector<std::string>;
 
 /** Runs @p work and gives the lines written to stderr meanwhile, without the
@@ -28,14 +37,14 @@ Lines logOf(const std::function<void()>& work);
 /** Open file descriptors of this process. */
 std::size_t openFileDescriptors();
 
-std::string readFile(const std::filesystem::path& path);
-void writeFile(const std::filesystem::path& path, const std::string& content);
+std::string readFile(const fs::path& path);
+void writeFile(const fs::path& path, const std::string& content);
 
 /** Exit status of a shell command, whose output is thrown away. */
 int run(const std::string& command);
 
 /** Directory of the test keys that velmora-pack made. */
-std::filesystem::path keys();
+fs::path keys();
 
 /** Runs velmora-pack; the test fails when it does. */
 void pack(const std::string& arguments);
@@ -49,9 +58,11 @@ struct PackageText
     std::string hash =
         "dfe7a23fefeea519e9bbfdd1a6be94c4b2e4529dd6b7cbea83f9959c2621b13c";
 };
-void makePackage(const std::filesystem::path& directory,
-                 const PackageText& text = {});
-void sign(const std::filesystem::path& directory);
+void makePackage(const fs::path& directory, const PackageText& text = {});
+void sign(const fs::path& directory);
+
+/** An image of the given content, signed with the test key. */
+void makeImage(const fs::path& image, const std::string& content);
 
 /** Lines of the log about one signature of a package. */
 constexpr std::size_t SIGNATURE_LINES = 12;
@@ -65,12 +76,9 @@ class Scratch
     Scratch& operator=(const Scratch&) = delete;
     ~Scratch();
 
-    std::filesystem::path operator/(const std::string& name) const
-    {
-        return path / name;
-    }
+    fs::path operator/(const std::string& name) const { return path / name; }
 
-    std::filesystem::path path;
+    fs::path path;
 };
 
 /** What most tests work with. */
@@ -89,6 +97,38 @@ class LoggedTest : public testing::Test
 
     Scratch scratch;
     Lines log;
+};
+
+constexpr std::size_t TRAILER = 76800;
+constexpr std::size_t CHAIN = 24576;
+constexpr std::size_t METADATA = 512;
+constexpr std::size_t SIGNATURE = 512;
+constexpr const char* ROOT_CA =
+    "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
+inline const fs::path RUN_TIME = "/var/run/velmora/Zarnholt";
+
+/** Gives the machine one of the test keys' roots. */
+void useRootCa(const std::string& name = "root-ca.pem");
+
+/** A payload that is signed with PS384, and a machine that accepts it. */
+class SignedPayload : public LoggedTest
+{
+  protected:
+    void SetUp() override;
+
+    static const std::string& good();
+
+    /** Offset of slot 1. */
+    static std::size_t slot() { return good().size() - TRAILER; }
+
+    static std::string goodChain() { return good().substr(slot(), CHAIN); }
+
+    static std::string goodSignature()
+    {
+        return good().substr(slot() + CHAIN + METADATA, SIGNATURE);
+    }
+
+    std::string path = scratch / "payload";
 };
 
 /** A service whose answers the test chooses: answers every call to its name by
@@ -121,6 +161,11 @@ class Service
 
 /** The platform service with the given property bytes. */
 Service::Handler systemIdBytes(std::vector<std::uint8_t> bytes);
+/** The security service with the given answer. */
+Service::Handler keyAnswer(std::uint8_t status, std::string key);
+/** The key that openssl's pkey makes of its options, as the security service
+ *  gives it; without options that of the images' signer. */
+std::string busKey(std::string options = "");
 inline constexpr const char* PLATFORM = "com.vorn.bmc.smad";
 inline constexpr const char* SECURITY = "xyz.openbmc_project.securityservices";
 inline constexpr const char* INVENTORY =

@@ -1,8 +1,4 @@
 #include "support.hpp"
-#include "velmora.hpp"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <stdexcept>
 
@@ -10,10 +6,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::StartsWith;
 
 class Identity : public LoggedTest
 {

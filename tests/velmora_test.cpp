@@ -1,8 +1,4 @@
 #include "support.hpp"
-#include "velmora.hpp"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <stdexcept>
 
@@ -10,11 +6,6 @@ namespace velmora::test
 {
 namespace
 {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 /** Lines of the log up to the end of each step that passes. */
 constexpr std::size_t IDENTITY = 5;

@@ -1,9 +1,6 @@
 #include "support.hpp"
-#include "velmora.hpp"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <libxml/parser.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -17,8 +14,6 @@ namespace velmora::test
 {
 namespace
 {
-
-using testing::HasSubstr;
 
 // Deprecated, but other parts of a process may still use it.
 #pragma GCC diagnostic push
