@@ -18,19 +18,26 @@ class Signature : public LoggedTest
                       signature);
     }
 
-    /** Puts a signature by a key that the BMC does not know in front. */
-    void signByStranger(const std::string& options)
+    /** Makes a signature "first", by a key that the BMC does not know, and
+     *  runs a command beside it. */
+    void signByStranger(const std::string& command)
     {
-        const std::string home = (scratch / "stranger").string();
-        fs::create_directory(home);
-        fs::permissions(home, fs::perms::owner_all);
-        const std::string gpg = "gpg --homedir " + home + " --batch --yes ";
-        ASSERT_EQ(run(gpg +
+        const std::string gpg = "gpg --homedir stranger --batch --yes ";
+        ASSERT_EQ(run("cd " + scratch.path.string() +
+                      " && mkdir -m 700 stranger && " + gpg +
                       "--passphrase '' --quick-generate-key stranger ed25519"
                       " sign && " +
-                      gpg + "--detach-sign -o " + (scratch / "first").string() +
-                      " " + descriptor.string() + " && " + options),
+                      gpg + "--detach-sign -o first package.xml && " + command),
                   0);
+    }
+
+    /** The signature is looked at and refused. */
+    void expectRefusal(const std::string& status)
+    {
+        EXPECT_FALSE(valid());
+        ASSERT_EQ(log.size(), SIGNATURE_LINES + 1);
+        EXPECT_EQ(log[1], "INFO gpgme_strerror(gpgmeSig->status): " + status);
+        EXPECT_EQ(log.back(), "FAILURE");
     }
 
     fs::path descriptor = scratch / "package.xml";
@@ -59,17 +66,15 @@ TEST_F(Signature, ValidGivesTwelveLinesAndSuccess)
 
 TEST_F(Signature, NothingAfterTheFirstValidOneIsLookedAt)
 {
-    signByStranger("cat " + (scratch / "first").string() + " >> " +
-                   signature.string());
+    signByStranger("cat first >> package.xml.sign");
     EXPECT_TRUE(valid());
     EXPECT_EQ(log.size(), SIGNATURE_LINES + 1);
 }
 
 TEST_F(Signature, AnUnknownKeyInFrontIsPassedOver)
 {
-    signByStranger("cat " + signature.string() + " >> " +
-                   (scratch / "first").string() + " && mv " +
-                   (scratch / "first").string() + " " + signature.string());
+    signByStranger(
+        "cat package.xml.sign >> first && mv first package.xml.sign");
     EXPECT_TRUE(valid());
     ASSERT_EQ(log.size(), 2 * SIGNATURE_LINES + 1);
     EXPECT_EQ(log[1], "INFO gpgme_strerror(gpgmeSig->status): No public key");
@@ -79,10 +84,7 @@ TEST_F(Signature, AnUnknownKeyInFrontIsPassedOver)
 TEST_F(Signature, RefusalsAreLogged)
 {
     writeFile(descriptor, readFile(descriptor) + " ");
-    EXPECT_FALSE(valid());
-    ASSERT_EQ(log.size(), SIGNATURE_LINES + 1);
-    EXPECT_EQ(log[1], "INFO gpgme_strerror(gpgmeSig->status): Bad signature");
-    EXPECT_EQ(log.back(), "FAILURE");
+    expectRefusal("Bad signature");
 
     writeFile(signature, "");
     EXPECT_FALSE(valid());
@@ -98,17 +100,11 @@ TEST_F(Signature, RefusalsAreLogged)
 
 TEST_F(Signature, AGoodSignatureByAKeyWithoutTrustIsRefused)
 {
-    signByStranger("mv " + (scratch / "first").string() + " " +
-                   signature.string());
-    const std::string stranger = (scratch / "stranger").string();
     const std::string home = "gpg --homedir /etc/gpg/secupkey/.gnupg --batch ";
-    ASSERT_EQ(
-        run("gpg --homedir " + stranger + " --export | " + home + "--import"),
-        0);
-    EXPECT_FALSE(valid());
-    EXPECT_THAT(log,
-                Contains("INFO gpgme_strerror(gpgmeSig->status): Success"));
-    EXPECT_EQ(log.back(), "FAILURE");
+    signByStranger("mv first package.xml.sign && "
+                   "gpg --homedir stranger --export | " +
+                   home + "--import");
+    expectRefusal("Success");
     ASSERT_EQ(run(home + "--yes --delete-keys stranger"), 0);
 }
 
@@ -121,10 +117,7 @@ TEST_F(Signature, AnExpiredOneIsRefused)
                   signature.string() + " " + descriptor.string() +
                   " && sleep 2"),
               0);
-    EXPECT_FALSE(valid());
-    EXPECT_THAT(log, Contains("INFO gpgme_strerror(gpgmeSig->status): "
-                              "Signature expired"));
-    EXPECT_EQ(log.back(), "FAILURE");
+    expectRefusal("Signature expired");
 }
 
 TEST_F(Signature, TheLocaleIsTheEnvironments)

@@ -4,7 +4,6 @@
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <climits>
 #include <csignal>
 #include <random>
+#include <thread>
 
 namespace velmora::test
 {
@@ -31,12 +31,9 @@ std::string shaLine(const std::string& path, const std::string& digest)
 /** Digest of a file as the stock tool has it. */
 std::string stockDigest(const fs::path& path)
 {
-    const fs::path out = path.string() + ".sum";
-    run("sha256sum < " + path.string() + " | cut -d' ' -f1 | tr -d '\\n' > " +
-        out.string());
-    std::string digest = readFile(out);
-    fs::remove(out);
-    return digest;
+    const Scratch made;
+    run("sha256sum < " + path.string() + " > " + (made / "sum").string());
+    return readFile(made / "sum").substr(0, 64);
 }
 
 /** Runs the work without what lets root pass by modes. */
@@ -177,32 +174,25 @@ TEST_F(Digest, WhatCannotBeReadWholeSpoilsTheComposite)
 TEST_F(Digest, AFileThatIsBeingWrittenIsWaitedFor)
 {
     writeFile(scratch / "f", "");
-    std::array<int, 2> ready{};
-    ASSERT_EQ(pipe(ready.data()), 0);
-    const pid_t writer = fork();
-    if (writer == 0)
-    {
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGIO);
-        sigprocmask(SIG_BLOCK, &set, nullptr);
-        const int number = open((scratch / "f").c_str(), O_RDWR);
-        fcntl(number, F_SETLEASE, F_WRLCK);
-        write(ready[1], "", 1);
-        int signal = 0;
-        sigwait(&set, &signal);
-        usleep(50'000);
-        write(number, "abc", 3);
-        fcntl(number, F_SETLEASE, F_UNLCK);
-        _exit(0);
-    }
-    char byte = 0;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    sigset_t io{};
+    sigemptyset(&io);
+    sigaddset(&io, SIGIO);
+    pthread_sigmask(SIG_BLOCK, &io, nullptr);
+    const int number = open((scratch / "f").c_str(), O_RDWR);
+    EXPECT_EQ(fcntl(number, F_SETLEASE, F_WRLCK), 0);
+    std::thread writer(
+        [&]
+        {
+            const timespec limit{.tv_sec = 10, .tv_nsec = 0};
+            EXPECT_EQ(sigtimedwait(&io, nullptr, &limit), SIGIO);
+            usleep(50'000);
+            EXPECT_EQ(write(number, "abc", 3), 3);
+            fcntl(number, F_SETLEASE, F_UNLCK);
+        });
     const std::string digest = file(scratch / "f");
-    kill(writer, SIGKILL);
-    waitpid(writer, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
+    writer.join();
+    close(number);
+    pthread_sigmask(SIG_UNBLOCK, &io, nullptr);
     EXPECT_EQ(digest, stockDigest(scratch / "f"));
     EXPECT_EQ(readFile(scratch / "f"), "abc");
 }

@@ -2,7 +2,6 @@
 
 #include <sdbusplus/exception.hpp>
 
-#include <chrono>
 #include <stdexcept>
 
 namespace velmora::test
@@ -16,7 +15,7 @@ using sdbusplus::exception::InvalidEnumString;
 using sdbusplus::exception::SdBusError;
 
 const std::string BMC_PATH = "/xyz/openbmc_project/inventory/system/bmc";
-constexpr const char* MANAGER_CALL =
+const std::string MANAGER_CALL =
     "/xyz/openbmc_project/software "
     "xyz.openbmc_project.Software.Installed.Inventory ";
 
@@ -72,18 +71,14 @@ TEST_F(Inventory, OtherComponentsAreAsked)
         "xyz.openbmc_project.Software.Version.VersionPurpose.";
     {
         const Service service(INVENTORY, answer(prefix + "LEAKMCU"));
-        for (const std::string component : {"1134400", " 113440"})
-        {
-            EXPECT_EQ(purposeOf(component), Purpose::LEAKMCU);
-        }
+        EXPECT_EQ(purposeOf("1134400"), Purpose::LEAKMCU);
+        EXPECT_EQ(purposeOf(" 113440"), Purpose::LEAKMCU);
         EXPECT_EQ(static_cast<int>(Purpose::LEAKMCU), 14);
         logOf([&] { ValidateQOR::getImagePurpose("/nonexistent"); });
-        EXPECT_THAT(
-            service.calls,
-            ElementsAre(
-                MANAGER_CALL + std::string("getVersionPurpose"), "1134400",
-                MANAGER_CALL + std::string("getVersionPurpose"), " 113440",
-                MANAGER_CALL + std::string("getVersionPurpose"), ""));
+        EXPECT_THAT(service.calls,
+                    ElementsAre(MANAGER_CALL + "getVersionPurpose", "1134400",
+                                MANAGER_CALL + "getVersionPurpose", " 113440",
+                                MANAGER_CALL + "getVersionPurpose", ""));
     }
     for (const std::string& text :
          {std::string("BMC"), prefix, prefix + "bmc", std::string()})
@@ -124,47 +119,32 @@ TEST_F(Inventory, ArgumentsArriveInOrder)
         });
     const std::string version = "xyz.openbmc_project.Software.Version.";
     EXPECT_THAT(service.calls,
-                ElementsAre(MANAGER_CALL + std::string("addSWInventory"),
+                ElementsAre(MANAGER_CALL + "addSWInventory",
                             "/xyz/openbmc_project/software/bmc", "one", "two",
                             version + "VersionPurpose.BMC",
                             version + "ReleaseType.Production",
-                            MANAGER_CALL + std::string("addSWInventory"),
+                            MANAGER_CALL + "addSWInventory",
                             "/xyz/openbmc_project/software/bmc2", "a", "b",
                             version + "VersionPurpose.TPM",
                             version + "ReleaseType.Prototype",
-                            MANAGER_CALL + std::string("removeSWInventory"),
+                            MANAGER_CALL + "removeSWInventory",
                             "/xyz/openbmc_project/software/bmc"));
 }
 
 TEST_F(Inventory, FaultsOfTheCaller)
 {
-    const auto throwsText = [&](const auto& exception, const std::string& text,
-                                const std::function<void()>& work)
-    {
-        try
-        {
-            work();
-            ADD_FAILURE() << "nothing thrown";
-        }
-        catch (decltype(exception) e)
-        {
-            EXPECT_EQ(e.what(), text);
-        }
-    };
-    throwsText(std::invalid_argument(""), "3",
-               [&] { registerBmc("short", Purpose::BMC, Release(3)); });
-    throwsText(std::invalid_argument(""), "-1",
-               [&] { registerBmc("short", Purpose(-1)); });
-    throwsText(std::invalid_argument(""), "15",
-               [&] { registerBmc(BMC_PATH, Purpose(15)); });
-    const std::string outOfRange =
+    const auto badEnum = [](const char* number)
+    { return testing::ThrowsMessage<std::invalid_argument>(number); };
+    EXPECT_THAT([&] { registerBmc("short", Purpose::BMC, Release(3)); },
+                badEnum("3"));
+    EXPECT_THAT([&] { registerBmc("short", Purpose(-1)); }, badEnum("-1"));
+    EXPECT_THAT([&] { registerBmc(BMC_PATH, Purpose(15)); }, badEnum("15"));
+    const auto tooShort = testing::ThrowsMessage<std::out_of_range>(
         "basic_string::substr: __pos (which is 38) > this->size() (which is "
-        "5)";
-    throwsText(std::out_of_range(""), outOfRange,
-               [&] { registerBmc("short"); });
-    throwsText(std::out_of_range(""), outOfRange, [&] { modelOf("short"); });
-    throwsText(std::out_of_range(""), outOfRange,
-               [] { ValidateQOR::deRegisterSWInv("short"); });
+        "5)");
+    EXPECT_THAT([&] { registerBmc("short"); }, tooShort);
+    EXPECT_THAT([&] { modelOf("short"); }, tooShort);
+    EXPECT_THAT([] { ValidateQOR::deRegisterSWInv("short"); }, tooShort);
     // The prefix alone is no object path.
     EXPECT_THROW(modelOf(BMC_PATH.substr(0, 38)), SdBusError);
 }
@@ -221,18 +201,14 @@ TEST_F(Inventory, NoBusAtAll)
     ASSERT_NE(set, nullptr);
     const std::string address = set;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    try
-    {
-        registerBmc(BMC_PATH);
-        ADD_FAILURE() << "nothing thrown";
-    }
-    catch (const SdBusError& e)
-    {
-        EXPECT_STREQ(e.what(),
-                     "sd_bus_message_new_method_call: System.Error.ENOTCONN: "
-                     "Transport endpoint is not connected");
-        EXPECT_EQ(e.get_errno(), ENOTCONN);
-    }
+    EXPECT_THAT(
+        [&] { registerBmc(BMC_PATH); },
+        testing::Throws<SdBusError>(testing::AllOf(
+            testing::Property(&SdBusError::what,
+                              testing::StrEq("sd_bus_message_new_method_call: "
+                                             "System.Error.ENOTCONN: Transport "
+                                             "endpoint is not connected")),
+            testing::Property(&SdBusError::get_errno, ENOTCONN))));
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
