@@ -125,16 +125,16 @@ Function* next(const char* name)
 #define FSTAT64 "fstat64"
 #endif
 
-#define RELEASE(result, name, type)                                            \
-    extern "C" result note_##name(type* object) __asm__(#name);                \
-    extern "C" result note_##name(type* object)                                \
+#define RELEASE(result, name, parameters, arguments)                           \
+    extern "C" result note_##name parameters __asm__(#name);                   \
+    extern "C" result note_##name parameters                                   \
     {                                                                          \
-        static auto* real = next<result(type*)>(#name);                        \
+        static auto* real = next<result parameters>(#name);                    \
         if (releases != nullptr && inLibrary(__builtin_return_address(0)))     \
         {                                                                      \
             releases->push_back(#name);                                        \
         }                                                                      \
-        return real(object);                                                   \
+        return real arguments;                                                 \
     }
 
 // clang-format off
@@ -213,29 +213,19 @@ FAULT(int, sd_bus_message_exit_container, (sd_bus_message* m), (m), -EBUSY)
 FAULT(int, sd_bus_message_at_end, (sd_bus_message* m, int c), (m, c), -EBADMSG)
 FAULT(int, sd_bus_message_verify_type, (sd_bus_message* m, char t, const char* c), (m, t, c), -EBADMSG)
 
-RELEASE(void, xmlFreeDoc, xmlDoc)
-RELEASE(void, xmlXPathFreeContext, xmlXPathContext)
-RELEASE(void, xmlXPathFreeObject, xmlXPathObject)
-RELEASE(void, gpgme_release, gpgme_context)
-RELEASE(void, gpgme_data_release, gpgme_data)
-RELEASE(sd_bus*, sd_bus_unref, sd_bus)
-RELEASE(sd_bus_message*, sd_bus_message_unref, sd_bus_message)
-RELEASE(void, EVP_MD_CTX_free, EVP_MD_CTX)
-RELEASE(void, EVP_PKEY_free, EVP_PKEY)
-RELEASE(void, X509_free, X509)
-RELEASE(void, ECDSA_SIG_free, ECDSA_SIG)
+RELEASE(void, xmlFreeDoc, (xmlDoc* o), (o))
+RELEASE(void, xmlXPathFreeContext, (xmlXPathContext* o), (o))
+RELEASE(void, xmlXPathFreeObject, (xmlXPathObject* o), (o))
+RELEASE(void, gpgme_release, (gpgme_context* o), (o))
+RELEASE(void, gpgme_data_release, (gpgme_data* o), (o))
+RELEASE(sd_bus*, sd_bus_unref, (sd_bus* o), (o))
+RELEASE(sd_bus_message*, sd_bus_message_unref, (sd_bus_message* o), (o))
+RELEASE(void, EVP_MD_CTX_free, (EVP_MD_CTX* o), (o))
+RELEASE(void, EVP_PKEY_free, (EVP_PKEY* o), (o))
+RELEASE(void, X509_free, (X509* o), (o))
+RELEASE(void, ECDSA_SIG_free, (ECDSA_SIG* o), (o))
+RELEASE(void, xmlCleanupParser, (), ())
 // clang-format on
-
-extern "C" void note_xmlCleanupParser() __asm__("xmlCleanupParser");
-extern "C" void note_xmlCleanupParser()
-{
-    static auto* real = next<void()>("xmlCleanupParser");
-    if (releases != nullptr)
-    {
-        releases->push_back("xmlCleanupParser");
-    }
-    real();
-}
 
 extern "C" int fault_execl(const char* path, const char* first,
                            ...) __asm__("execl");

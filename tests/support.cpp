@@ -256,7 +256,7 @@ Service::Handler systemIdBytes(std::vector<std::uint8_t> bytes)
     };
 }
 
-Service::Handler keyAnswer(std::uint8_t status, std::string key)
+Service::Handler keyAnswer(std::uint8_t status, const std::string& key)
 {
     return [=](sd_bus_message*, sd_bus_message* reply)
     {

@@ -162,7 +162,7 @@ class Service
 /** The platform service with the given property bytes. */
 Service::Handler systemIdBytes(std::vector<std::uint8_t> bytes);
 /** The security service with the given answer. */
-Service::Handler keyAnswer(std::uint8_t status, std::string key);
+Service::Handler keyAnswer(std::uint8_t status, const std::string& key);
 /** The key that openssl's pkey makes of its options, as the security service
  *  gives it; without options that of the images' signer. */
 std::string busKey(std::string options = "");

@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <libxml/parser.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <iostream>
+#include <sstream>
 
 namespace velmora::test
 {
@@ -22,7 +23,7 @@ void substituteEntities(int on) { xmlSubstituteEntitiesDefault(on); }
 #pragma GCC diagnostic pop
 
 /** What one descriptor may cost in one call. */
-constexpr double MAX_SECONDS = 2;
+constexpr std::clock_t MAX_TICKS = 2 * CLOCKS_PER_SEC;
 constexpr long MAX_KIB = 65'536;
 constexpr long MAX_LINES = 1000;
 /** The largest document that is parsed. */
@@ -134,8 +135,7 @@ const Hostile HOSTILE[] = {
      ATTRIBUTES},
     {"the same attribute", fit("<p>" + MODEL + "<q", " a=''", "/></p>")},
     {"choices",
-     typed("<!ATTLIST p a (" + named(60'000, "a|", "") + ") #IMPLIED>", ""),
-     nullptr},
+     typed("<!ATTLIST p a (" + named(60'000, "a|", "") + ") #IMPLIED>", "")},
     {"choices behind an error", typed("<!ENTITY b '&#0;'>" + MANY_CHOICES, "")},
     {"choices behind an error before the type",
      "<!-- a -- b -->" + typed(MANY_CHOICES, "")},
@@ -172,8 +172,7 @@ const Hostile HOSTILE[] = {
      ADDED},
     {"namespaces by default",
      filled("<!ATTLIST q" + named(300, " xmlns:", " CDATA 'u:v'") + ">",
-            "<q/>"),
-     nullptr},
+            "<q/>")},
     {"a large namespace by default",
      filled("<!ATTLIST q xmlns CDATA 'u:" + std::string(3000, 'v') + "'>",
             "<q/>")},
@@ -202,7 +201,7 @@ class Parsing : public testing::Test
   protected:
     struct Cost
     {
-        double seconds = 0;
+        std::clock_t ticks = 0;
         long kib = 0;
         long lines = 0;
     };
@@ -215,14 +214,10 @@ class Parsing : public testing::Test
         const pid_t child = fork();
         if (child == 0)
         {
-            const int file = open((scratch / "log").c_str(),
-                                  O_CREAT | O_TRUNC | O_WRONLY, 0600);
-            if (file < 0 || dup2(file, STDERR_FILENO) < 0)
-            {
-                _exit(1);
-            }
+            dup2(creat((scratch / "log").c_str(), 0600), STDERR_FILENO);
             rusage before{};
             getrusage(RUSAGE_SELF, &before);
+            const std::clock_t start = std::clock();
             try
             {
                 ValidateQOR::validateSytemIdFromPkgXML(path);
@@ -231,25 +226,22 @@ class Parsing : public testing::Test
             {
                 std::cerr << refusal.what() << '\n';
             }
+            const std::clock_t end = std::clock();
             rusage after{};
             getrusage(RUSAGE_SELF, &after);
-            writeFile(scratch / "kib",
-                      std::to_string(after.ru_maxrss - before.ru_maxrss));
+            writeFile(scratch / "cost",
+                      std::to_string(end - start) + " " +
+                          std::to_string(after.ru_maxrss - before.ru_maxrss));
             _exit(0);
         }
         int status = -1;
-        rusage used{};
-        wait4(child, &status, 0, &used);
+        waitpid(child, &status, 0);
         EXPECT_EQ(status, 0);
         log = readFile(scratch / "log");
-        const auto seconds = [](const timeval& time)
-        {
-            return static_cast<double>(time.tv_sec) +
-                   static_cast<double>(time.tv_usec) / 1e6;
-        };
-        return {seconds(used.ru_utime) + seconds(used.ru_stime),
-                std::stol(readFile(scratch / "kib")),
-                std::count(log.begin(), log.end(), '\n')};
+        Cost cost{.lines = std::count(log.begin(), log.end(), '\n')};
+        std::istringstream(readFile(scratch / "cost")) >> cost.ticks >>
+            cost.kib;
+        return cost;
     }
 
     const Service service{PLATFORM, systemIdBytes({0x1B, 0x0A})};
@@ -268,7 +260,7 @@ TEST_F(Parsing, NoDocumentCostsMuch)
         EXPECT_LE(cost.lines, MAX_LINES);
         if (measured)
         {
-            EXPECT_LE(cost.seconds, MAX_SECONDS);
+            EXPECT_LE(cost.ticks, MAX_TICKS);
             EXPECT_LE(cost.kib, MAX_KIB);
         }
         if (limit != nullptr)
@@ -292,36 +284,36 @@ TEST_F(Parsing, WhatCostsNothingIsAccepted)
     {
         wide += {letter, '\0'};
     }
-    const std::pair<std::string, std::string> accepted[] = {
+    struct Accepted
+    {
+        std::string document;
+        std::string value = "0A1B";
+    };
+    const Accepted accepted[] = {
         {entity("<!ENTITY v '0A1B &amp; as much as stands in a line'>"),
          "0A1B & as much as stands in a line"},
-        {entity("<!ENTITY v '0A&#49;B'>"), "0A1B"},
+        {entity("<!ENTITY v '0A&#49;B'>")},
         {entity("<!ENTITY a '0A'><!ENTITY b '&a;1B'><!ENTITY v '&b; '>"),
          "0A1B "},
-        {entity("<!ENTITY % x \"<!ENTITY v '0A1B'>\">%x;"), "0A1B"},
-        {"<!DOCTYPE p [<!ENTITY lt '&#38;#60;'><!ENTITY gt '&#62;'>"
-         "<!ENTITY amp '&#38;#38;'><!ENTITY apos '&#39;'>"
-         "<!ENTITY quot '&#34;'>]>"
-         "<p><Model systemID='0A1B&lt;&gt;&amp;&apos;&quot;'/></p>",
+        {entity("<!ENTITY % x \"<!ENTITY v '0A1B'>\">%x;")},
+        {entity("<!ENTITY lt '&#38;#60;'><!ENTITY gt '&#62;'>"
+                "<!ENTITY amp '&#38;#38;'><!ENTITY apos '&#39;'>"
+                "<!ENTITY quot '&#34;'>"
+                "<!ENTITY v '0A1B&lt;&gt;&amp;&apos;&quot;'>"),
          "0A1B<>&'\""},
         {typed("<!ENTITY % x 'y'><!ENTITY % z SYSTEM 'file:///etc/passwd'>"
                "<!ENTITY u SYSTEM 'file:///etc/passwd'>",
-               ""),
-         "0A1B"},
-        {"<!DOCTYPE p SYSTEM 'p.dtd'>" + inDocument(""), "0A1B"},
-        {typed("<!ATTLIST q d CDATA '" + std::string(500, 'd') + "'>", "<q/>"),
-         "0A1B"},
-        {typed("<!ATTLIST q" + named(20, " ", " CDATA 'd'") + ">", "<q/>"),
-         "0A1B"},
-        {"<p>" + repeat(5000, "<Model systemID='1'/>") + MODEL + "</p>",
-         "0A1B"},
-        {inDocument(std::string(MAX_SIZE - inDocument("").size(), 'x')),
-         "0A1B"},
-        {inDocument("<q" + named(1000, " ", "=''") + "/>"), "0A1B"},
+               "")},
+        {"<!DOCTYPE p SYSTEM 'p.dtd'>" + inDocument("")},
+        {typed("<!ATTLIST q d CDATA '" + std::string(500, 'd') + "'>", "<q/>")},
+        {typed("<!ATTLIST q" + named(20, " ", " CDATA 'd'") + ">", "<q/>")},
+        {"<p>" + repeat(5000, "<Model systemID='1'/>") + MODEL + "</p>"},
+        {inDocument(std::string(MAX_SIZE - inDocument("").size(), 'x'))},
+        {inDocument("<q" + named(1000, " ", "=''") + "/>")},
         {"<p><Model systemID='0A1B" + repeat(MAX_LINE_BREAKS, "&#10;") +
              "'/></p>",
          "0A1B" + std::string(MAX_LINE_BREAKS, '\n')},
-        {wide, "0A1B"}};
+        {wide}};
     for (const auto& [document, value] : accepted)
     {
         check(document);
