@@ -1,6 +1,5 @@
 #include "faults.hpp"
 
-#include <fcntl.h>
 #include <gpgme.h>
 #include <libxml/xpathInternals.h>
 #include <openssl/x509.h>
@@ -284,64 +283,51 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
     }
 }
 
-TEST_F(Faults, ForkFailureIsLogged)
+TEST_F(Faults, ChildrenThatDoNotExtract)
 {
     for (const int nth : {1, 2})
     {
         EXPECT_FALSE(extract("fork", nth));
         EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -1", "FAILURE"));
     }
-}
-
-TEST_F(Faults, OnlyAnExitCodeFailsAnExtraction)
-{
+    // What this process has buffered must not come out of the child.
+    const auto unstarted = [this]
+    {
+        std::fputs("buffered", stdout);
+        EXPECT_FALSE(extract("execl", 1));
+        std::fflush(stdout);
+    };
+    std::fflush(stdout);
+    EXPECT_THAT(logOf(unstarted, STDOUT_FILENO), ElementsAre("buffered"));
+    EXPECT_THAT(log,
+                ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
+    // Only an exit code fails an extraction.
     meanwhile = [] { raise(SIGKILL); };
     EXPECT_TRUE(extract("execl", 1));
     EXPECT_THAT(log, ElementsAre("SUCCESS"));
 }
 
-TEST_F(Faults, AChildWithoutAProgramEndsAtOnce)
-{
-    // What this process has buffered must not come out of the child.
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    const int file = open((scratch / "stdout").c_str(), O_CREAT | O_RDWR, 0600);
-    ASSERT_TRUE(saved >= 0 && file >= 0);
-    dup2(file, STDOUT_FILENO);
-    std::fputs("buffered", stdout);
-    EXPECT_FALSE(extract("execl", 1));
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    close(file);
-    EXPECT_EQ(readFile(scratch / "stdout"), "buffered");
-    EXPECT_THAT(log,
-                ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
-}
-
 TEST_F(Faults, ResultsWithoutContentAreRefused)
 {
-    EXPECT_FALSE(faulted("gpgme_op_verify_result", 1,
-                         ValidateQOR::validatePkgXMLSignature, descriptor,
-                         descriptor + ".sign"));
+    const auto valid = [this]
+    {
+        return faulted("gpgme_op_verify_result", 1,
+                       ValidateQOR::validatePkgXMLSignature, descriptor,
+                       descriptor + ".sign");
+    };
+    EXPECT_FALSE(valid());
     EXPECT_THAT(
         log, ElementsAre("INFO err: gpgme_op_verify_result failed", "FAILURE"));
     _gpgme_op_verify_result noSignature{};
     insteadOfResult = &noSignature;
-    EXPECT_FALSE(faulted("gpgme_op_verify_result", 1,
-                         ValidateQOR::validatePkgXMLSignature, descriptor,
-                         descriptor + ".sign"));
+    EXPECT_FALSE(valid());
     EXPECT_THAT(log, ElementsAre("FAILURE"));
-
-    const auto nodesWithoutTable = []
-    {
-        xmlXPathObject* nodes = xmlXPathNewNodeSet(nullptr);
-        nodes->nodesetval->nodeNr = 1;
-        return nodes;
-    };
     for (const char* function : {"xmlXPathEvalExpression", "xmlNodeGetContent"})
     {
-        insteadOfResult = nodesWithoutTable();
+        // A node, and no table of nodes.
+        xmlXPathObject* nodes = xmlXPathNewNodeSet(nullptr);
+        nodes->nodesetval->nodeNr = 1;
+        insteadOfResult = nodes;
         EXPECT_EQ(faulted(function, 1, ValidateQOR::getStrFromPkgXML,
                           descriptor, "//Device", "componentID"),
                   "");

@@ -25,15 +25,16 @@ bool comesTrue(const std::function<bool()>& condition)
     return condition();
 }
 
-/** Directory below /proc of the extractor that a thread has started. */
-fs::path extractorOf(const std::string& thread)
+/** Directory below /proc of the extractor that a process has started. */
+fs::path extractorOf(pid_t process)
 {
+    const std::string number = std::to_string(process);
     fs::path found;
     EXPECT_TRUE(comesTrue(
         [&]
         {
-            std::string child = readFile(thread + "/children");
-            child.resize(child.find(' ') + 1);
+            std::string child =
+                readFile("/proc/" + number + "/task/" + number + "/children");
             found = "/proc/" + child.substr(0, child.find(' '));
             return readFile(found / "comm") == "unzip\n";
         }));
@@ -137,14 +138,13 @@ TEST_F(Unzip, AnInterruptEndsTheExtractorToo)
     // It waits for somebody who writes into its archive.
     ASSERT_EQ(mkfifo((scratch / "fifo").c_str(), 0600), 0);
     fs::path extractor;
-    const int status = extractOnTerminal(
-        "fifo",
-        [&](pid_t child, int terminal)
-        {
-            const std::string number = std::to_string(child);
-            extractor = extractorOf("/proc/" + number + "/task/" + number);
-            EXPECT_EQ(write(terminal, "\x03", 1), 1);
-        });
+    const int status =
+        extractOnTerminal("fifo",
+                          [&](pid_t child, int terminal)
+                          {
+                              extractor = extractorOf(child);
+                              EXPECT_EQ(write(terminal, "\x03", 1), 1);
+                          });
     EXPECT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGINT);
     EXPECT_TRUE(
@@ -161,41 +161,40 @@ TEST_F(Unzip, TheExtractorGetsOutputAndNothingElse)
         setenv(name.c_str(), "-Z", 1);
     }
     setenv("UNZIPPED", "kept", 1);
-    std::atomic<pid_t> thread = 0;
-    std::thread extraction(
-        [&]
-        {
-            thread = gettid();
-            extract("fifo");
-        });
-    EXPECT_TRUE(comesTrue([&] { return thread != 0; }));
-    const fs::path extractor =
-        extractorOf("/proc/self/task/" + std::to_string(thread));
-    std::string arguments = readFile(extractor / "cmdline");
-    std::replace(arguments.begin(), arguments.end(), '\0', ' ');
-    EXPECT_EQ(arguments, "/usr/bin/unzip -o -q " + (scratch / "fifo").string() +
-                             " -d " + (scratch / "out").string() +
-                             " package.xml* ");
-    Lines open;
-    for (const auto& entry : fs::directory_iterator(extractor / "fd"))
+    const auto inspect = [&](pid_t child, int)
     {
-        open.push_back(entry.path().filename());
-    }
-    EXPECT_THAT(open, testing::UnorderedElementsAre("0", "1", "2"));
-    EXPECT_EQ(fs::read_symlink(extractor / "fd/0"), "/dev/null");
-    const std::string environment =
-        '\0' + readFile(extractor / "environ") + '\0';
-    EXPECT_THAT(environment, HasSubstr(std::string("\0UNZIPPED=kept\0", 15)));
+        const fs::path extractor = extractorOf(child);
+        std::string arguments = readFile(extractor / "cmdline");
+        std::replace(arguments.begin(), arguments.end(), '\0', ' ');
+        EXPECT_EQ(arguments, "/usr/bin/unzip -o -q " +
+                                 (scratch / "fifo").string() + " -d " +
+                                 (scratch / "out").string() + " package.xml* ");
+        Lines open;
+        for (const auto& entry : fs::directory_iterator(extractor / "fd"))
+        {
+            open.push_back(entry.path().filename());
+        }
+        EXPECT_THAT(open, testing::UnorderedElementsAre("0", "1", "2"));
+        EXPECT_EQ(fs::read_symlink(extractor / "fd/0"), "/dev/null");
+        const std::string environment =
+            '\0' + readFile(extractor / "environ") + '\0';
+        EXPECT_THAT(environment,
+                    HasSubstr(std::string("\0UNZIPPED=kept\0", 15)));
+        for (const std::string& name : options)
+        {
+            EXPECT_THAT(environment,
+                        testing::Not(HasSubstr('\0' + name + '=')));
+        }
+        EXPECT_EQ(run(": > " + (scratch / "fifo").string()), 0);
+    };
+    const int status = extractOnTerminal("fifo", inspect);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
     for (const std::string& name : options)
     {
-        EXPECT_THAT(environment, testing::Not(HasSubstr('\0' + name + '=')));
         unsetenv(name.c_str());
     }
     unsetenv("UNZIPPED");
-    EXPECT_EQ(run(": > " + (scratch / "fifo").string()), 0);
-    extraction.join();
     close(inherited);
-    EXPECT_THAT(log, testing::Not(testing::IsEmpty()));
 }
 
 } // namespace

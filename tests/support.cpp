@@ -41,14 +41,14 @@ std::string withoutSourceLine(const std::string& line)
 
 } // namespace
 
-Lines logOf(const std::function<void()>& work)
+Lines logOf(const std::function<void()>& work, int descriptor)
 {
     const int memory = memfd_create("log", MFD_CLOEXEC);
-    const int saved = dup(STDERR_FILENO);
-    dup2(memory, STDERR_FILENO);
+    const int saved = dup(descriptor);
+    dup2(memory, descriptor);
     const auto restore = [&]
     {
-        dup2(saved, STDERR_FILENO);
+        dup2(saved, descriptor);
         close(saved);
     };
     try
