@@ -4,25 +4,11 @@
 set -euo pipefail
 # Marks the processes of this test, which others may look like.
 sim=(env "BMC_SIM_TEST=$$" "$(readlink -f "$1")")
-failures=0
+# shellcheck source=tests/support.sh
+. "$(dirname "$0")/support.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
-
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-
-# expect STATUS PATTERN COMMAND...
-expect() {
-    local status=0 output expected=$1 pattern=$2
-    shift 2
-    output=$("$@" 2>&1 </dev/null) || status=$?
-    if [ "$status" -ne "$expected" ] || ! grep -qE -- "$pattern" <<<"$output"; then
-        fail "$* gives status $status and: $output"
-    fi
-}
 
 # A BMC, or a machine that was one, has some of them itself.
 places() {
@@ -53,6 +39,8 @@ fi
 # Expanded in the sandbox.
 # shellcheck disable=SC2016
 get='busctl --address=$DBUS_SYSTEM_BUS_ADDRESS'
+id="$get get-property com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
+    xyz.openbmc_project.Inventory.Item.Oem BaseSystemId"
 expect 0 "$silent" "${sim[@]}" -- true
 expect 7 "$silent" "${sim[@]}" -- sh -c 'exit 7'
 expect 143 "$silent" "${sim[@]}" -- sh -c 'kill -TERM $$'
@@ -73,12 +61,8 @@ expect 0 '^closed$' "${sim[@]}" -- sh -c \
 expect 0 '^700$' "${sim[@]}" -- stat -c %a /etc/gpg/secupkey/.gnupg
 expect 0 "$silent" "${sim[@]}" -- sh -c 'cd /var/run/velmora/Zarnholt && cd \
     /var/run/obmcupdate && echo 1 > /tmp/ingressRelease'
-expect 0 'ay 2 28 10' "${sim[@]}" --system-id 0A1C -- sh -c "$get get-property \
-    com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
-    xyz.openbmc_project.Inventory.Item.Oem BaseSystemId"
-expect 1 'ot' "${sim[@]}" --without platform -- sh -c "$get get-property \
-    com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
-    xyz.openbmc_project.Inventory.Item.Oem BaseSystemId"
+expect 0 'ay 2 28 10' "${sim[@]}" --system-id 0A1C -- sh -c "$id"
+expect 1 'ot' "${sim[@]}" --without platform -- sh -c "$id"
 manager=xyz.openbmc_project.Software.Installed.Inventory
 version=xyz.openbmc_project.Software.Version
 expect 0 '/xyz/openbmc_project/software/a/b' "${sim[@]}" -- sh -c "$get call $manager \
@@ -88,9 +72,7 @@ expect 0 '/xyz/openbmc_project/software/a/b' "${sim[@]}" -- sh -c "$get call $ma
 # Expanded there; the name is taken when the service owns it.
 # shellcheck disable=SC2016
 expect 0 'ay 2 28 10' "${sim[@]}" --without platform -- sh -c '"$0" --serve platform \
-    --system-id 0A1C & for i in 1 2 3 4 5 6 7 8 9; do sleep 0.2; '"$get get-property \
-    com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
-    xyz.openbmc_project.Inventory.Item.Oem BaseSystemId && break; done" "${sim[2]}"
+    --system-id 0A1C & for i in 1 2 3 4 5 6 7 8 9; do sleep 0.2; '"$id && break; done" "${sim[2]}"
 nothing_left "a sandbox"
 
 interrupted() {
@@ -138,5 +120,4 @@ else
     echo "not root: working in place is not tried"
 fi
 
-[ "$failures" -eq 0 ] || exit 1
-echo "all as expected"
+finish

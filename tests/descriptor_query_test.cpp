@@ -51,6 +51,7 @@ TEST_F(Descriptor, EveryFailureIsOneLine)
         EXPECT_EQ(query(xml, expression, attribute), "");
         EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
+    // The parser's own lines stand in front.
     EXPECT_EQ(query(xml, "//q[", "b"), "");
     EXPECT_EQ(log.back(), "FAILURE");
     EXPECT_EQ(query("<p><q></p>", "//q", "b"), "");
@@ -72,17 +73,13 @@ TEST_F(Descriptor, ModelAndVersion)
               "<p><Device componentID='113440'/><Device componentID='2'/>"
               "<SoftwareComponent/><SoftwareComponent vendorVersion='7.1'/>"
               "</p>");
-    logOf(
-        [&]
-        {
-            EXPECT_EQ(ValidateQOR::getImageModel(scratch.path), "113440");
-            EXPECT_EQ(ValidateQOR::getImageVersion(scratch.path.string() + "/"),
-                      "7.1");
-            const fs::path here = fs::current_path();
-            fs::current_path(scratch.path);
-            EXPECT_EQ(ValidateQOR::getImageModel(""), "113440");
-            fs::current_path(here);
-        });
+    EXPECT_EQ(logged(ValidateQOR::getImageModel, scratch.path), "113440");
+    EXPECT_EQ(logged(ValidateQOR::getImageVersion, scratch.path.string() + "/"),
+              "7.1");
+    const fs::path here = fs::current_path();
+    fs::current_path(scratch.path);
+    EXPECT_EQ(logged(ValidateQOR::getImageModel, ""), "113440");
+    fs::current_path(here);
 }
 
 } // namespace

@@ -21,7 +21,7 @@ struct Scenario
     const char* name;
     std::function<bool()> accepts;
     /** Functions whose failure is no failure of the operation. */
-    std::vector<std::string> harmless = {};
+    std::vector<std::string> harmless;
 };
 
 Service::Handler stringAnswer(const char* types)
@@ -73,9 +73,11 @@ class Faults : public SignedPayload
              {
                  return ValidateQOR::verifyManifestAndSignature(
                             scratch / "image", scratch / "manifest") == 0;
-             }},
+             },
+             {}},
             {"validateCertChainForPayload",
-             [this] { return ValidateQOR::validateCertChainForPayload(path); }},
+             [this] { return ValidateQOR::validateCertChainForPayload(path); },
+             {}},
             {"getImagePurpose",
              [this]
              {
@@ -88,14 +90,16 @@ class Faults : public SignedPayload
               "xmlNewInputFromIO", "xmlXPathNewContext",
               "xmlXPathEvalExpression", "xmlNodeGetContent"}},
             {"getInventoryModel",
-             [=] { return ValidateQOR::getInventoryModel(bmc) == "M1"; }},
+             [=] { return ValidateQOR::getInventoryModel(bmc) == "M1"; },
+             {}},
             {"registerSWInv",
              [=]
              {
                  return ValidateQOR::registerSWInv(
                             bmc, "a", "b", ValidateQOR::VersionPurpose::BMC,
                             ValidateQOR::ReleaseType::Other) == 1;
-             }},
+             },
+             {}},
         };
     }
 

@@ -9,27 +9,14 @@ readme=$1 build=$2 prefix=$3 example=$4 keys=$5 man_pages=$6
 read -ra emulator <<<"$7"
 shift 7
 compiler=("$@")
-failures=0
+# shellcheck source=tests/support.sh
+. "$(dirname "$0")/support.sh"
 # Meson would help the programs to find the library.
 unset LD_LIBRARY_PATH
 cd "$(mktemp -d)"
 # An agent of its own: another sandbox's would end with that.
 cp -r "$keys" keys
 keys=$PWD/keys
-
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-
-expect() {
-    local status=0 output expected=$1 pattern=$2
-    shift 2
-    output=$("$@" 2>&1) || status=$?
-    if [ "$status" -ne "$expected" ] || ! grep -qE -- "$pattern" <<<"$output"; then
-        fail "$* gives status $status and: $output"
-    fi
-}
 
 # The compiler that README.md means by c++ is that of the build.
 c++() {
@@ -118,5 +105,4 @@ expect 0 '^accepted' "${daemon[@]}" good.zip
 expect 0 '^113440$' "${model[@]}"
 [ -z "$(ls -A state)" ] || fail "the example leaves $(ls -A state)"
 
-[ "$failures" -eq 0 ] || exit 1
-echo "all as expected"
+finish

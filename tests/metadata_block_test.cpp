@@ -7,7 +7,7 @@ namespace velmora::test
 namespace
 {
 
-class Metadata : public testing::Test
+class Metadata : public LoggedTest
 {
   protected:
     int extract(std::string text)
@@ -34,7 +34,6 @@ class Metadata : public testing::Test
     const std::string version = field("ver", "1");
     const std::string algorithm = field("alg", "PS384");
     std::string block;
-    Lines log;
 };
 
 TEST_F(Metadata, ExampleBlock)

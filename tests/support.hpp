@@ -167,6 +167,21 @@ Service::Handler keyAnswer(std::uint8_t status, const std::string& key);
 /** The key that openssl's pkey makes of its options, as the security service
  *  gives it; without options that of the images' signer. */
 std::string busKey(std::string options = "");
+/** An answer of the given types. */
+template <typename... Values>
+Service::Handler answer(const char* types, Values... values)
+{
+    return [=](sd_bus_message*, sd_bus_message* reply)
+    { return sd_bus_message_append(reply, types, values...); };
+}
+/** What is logged when @p error is the answer, or its beginning. */
+inline auto busFailure(const std::string& error)
+{
+    return ElementsAre(StartsWith("INFO e.what(): sd_bus_call: " + error),
+                       "FAILURE");
+}
+inline constexpr const char* NO_SERVICE =
+    "org.freedesktop.DBus.Error.ServiceUnknown: ";
 inline constexpr const char* PLATFORM = "com.vorn.bmc.smad";
 inline constexpr const char* SECURITY = "xyz.openbmc_project.securityservices";
 inline constexpr const char* INVENTORY =
