@@ -210,7 +210,11 @@ class Parsing : public testing::Test
         const pid_t child = fork();
         if (child == 0)
         {
-            dup2(creat((scratch / "log").c_str(), 0600), STDERR_FILENO);
+            const int file = creat((scratch / "log").c_str(), 0600);
+            if (file < 0 || dup2(file, STDERR_FILENO) < 0)
+            {
+                _exit(1);
+            }
             rusage before{};
             getrusage(RUSAGE_SELF, &before);
             const std::clock_t start = std::clock();
