@@ -29,6 +29,14 @@ bool withFault(const std::string& function, int nth,
  *  made to fail; owned as their results are. */
 extern void* insteadOfResult;
 
+/** What the chain verifier was last asked with, besides the texts. */
+struct ChainQuestion
+{
+    std::size_t length = 0;
+    std::int64_t time = 0;
+};
+extern ChainQuestion chainQuestion;
+
 /** Objects that the library released meanwhile, in order, by the names of the
  *  releasing functions. */
 Lines releasesOf(const std::function<void()>& work);

@@ -84,7 +84,7 @@ class Faults : public SignedPayload
                  return ValidateQOR::getImagePurpose(scratch / "other") ==
                         ValidateQOR::VersionPurpose::TPM;
              },
-             // The empty identifier is asked of the bus all the same.
+             // The bus is asked about an empty identifier, too.
              {"open64", "read", "close", "xmlParseFile",
               "xmlParserInputBufferCreateIO", "xmlNewIOInputStream",
               "xmlNewInputFromIO", "xmlXPathNewContext",
@@ -270,6 +270,8 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
         EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
     }
     EXPECT_EQ(faulted("fstat64", 1, calculateFileSHA, scratch / "d/f"), ZEROS);
+    EXPECT_EQ(faulted("EVP_DigestUpdate", 2, calculateFileSHA, scratch / "f"),
+              ZEROS);
     for (const auto& [function, failures] : {std::pair{"EVP_MD_CTX_new", 4},
                                              {"EVP_DigestInit_ex", 4},
                                              {"EVP_DigestUpdate", 1},
@@ -322,6 +324,9 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
     EXPECT_FALSE(valid());
     EXPECT_THAT(
         log, ElementsAre("INFO err: gpgme_op_verify_result failed", "FAILURE"));
+    EXPECT_FALSE(
+        faulted("read", 1, ValidateQOR::validateSytemIdFromPkgXML, descriptor));
+    EXPECT_THAT(log, testing::Not(Contains(HasSubstr(": limit : "))));
     _gpgme_op_verify_result noSignature{};
     insteadOfResult = &noSignature;
     EXPECT_FALSE(valid());

@@ -112,6 +112,7 @@ class Image : public LoggedTest
                 std::size_t size = 0;
                 int yes = 0;
                 sd_bus_message_read(call, "bu", &yes, &length);
+                EXPECT_EQ(yes, 1);
                 sd_bus_message_read_array(call, 'y', &bytes, &size);
                 sent.assign(static_cast<const char*>(bytes), size);
                 return keyAnswer(status, key)(call, reply);

@@ -1,3 +1,4 @@
+#include "faults.hpp"
 #include "quorlin.h"
 #include "support.hpp"
 
@@ -198,7 +199,14 @@ TEST_F(Payload, ChainsThatDoNotHold)
         EXPECT_THAT(log,
                     Contains(top("extract_meta_data failed. Continuing.")));
         EXPECT_THAT(log, chainError("9] "));
+        EXPECT_EQ(chainQuestion.time, 0);
     }
+    // The area is longer than the text in it, and a time may be before 1970.
+    std::string negative = good();
+    negative.replace(negative.find("\"sts\"", slot()) + 8, 10, "-000000005");
+    EXPECT_FALSE(validAnew(negative));
+    EXPECT_EQ(chainQuestion.time, -5);
+    EXPECT_EQ(chainQuestion.length, fs::file_size(keys() / "chain.pem"));
 }
 
 TEST(ChainVerifier, ReadsNoMoreThanTheLength)

@@ -117,7 +117,8 @@ struct Hostile
 {
     const char* name;
     std::string document;
-    /** That ends the parse; null where the parser's releases differ. */
+    /** The limit that ends the parse; null where the parser's releases differ.
+     */
     const char* limit = nullptr;
 };
 const std::string NAMES = named(1000, "|", "").substr(1);
@@ -335,7 +336,7 @@ TEST_F(Parsing, NothingElseIsReadOrDecompressed)
     writeFile(path, "<!DOCTYPE p [<!ENTITY s SYSTEM '" +
                         (scratch / "secret").string() +
                         "'>]><p><q a='x'>&s;</q></p>");
-    // What the process has set is back behind each query.
+    // After each query the process's own settings are back.
     static const auto loader = xmlGetExternalEntityLoader();
     const xmlExternalEntityLoader own =
         [](const char* url, const char* id, xmlParserCtxtPtr context)
