@@ -31,7 +31,7 @@ for program in softhsm2-util pkcs11-tool; do
     command -v "$program" >/dev/null || missing+=" $program"
 done
 echo x >x
-said=$(velmora-pack image x --key pkcs11:token=none -o y 2>&1) || true
+said=$(velmora-pack image x --key 'pkcs11:token=none;object=x' -o y 2>&1) || true
 [[ $said != *"cannot use tokens"* ]] || missing+=" a driver of OpenSSL for tokens"
 
 awk -v hardware="${missing:-yes}" '/^```/ {
