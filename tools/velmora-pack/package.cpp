@@ -232,14 +232,9 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
         return signDetached(options.gpgHome, options.signing.key, descriptor);
     }
     const Source source(options.signing.signature);
-    Buffer signature = source.readAll();
-    if (signature.empty() ||
-        (signature.front() & std::byte{0x80}) == std::byte{0})
-    {
-        throw Error(source.name(), "is not a binary OpenPGP signature (gpg "
-                                   "--dearmor makes one of an armoured one)");
-    }
-    return signature;
+    Remarks ignored;
+    static_cast<void>(describeSignature(source, ignored));
+    return source.readAll();
 }
 
 void checkPackage(const Source& made, const PackageOptions& options,
