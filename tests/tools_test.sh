@@ -186,8 +186,8 @@ expect 0 'warning: files/.DS_Store: looks like' "$pack" "${package[@]}" \
 rm files/.DS_Store
 fails 'left.zip: exists; --force' "${package[@]}" --payload files -o left.zip
 fails "files/x: lies in the payload's" "${package[@]}" --payload files -o files/x
-expect 2 'foo: is no command; the commands are package' "$pack" foo
-expect 2 "--bogus: is an unknown option" "$pack" --bogus
+expect 2 'there is no command packge; the nearest is package' "$pack" packge
+expect 2 'there is no option --bogus' "$pack" --bogus
 expect 2 'larger than FFFF: 12345' "$pack" "${package[@]}" --payload files \
     -o none.zip --system-id 12345
 mkdir -m 700 stranger

@@ -1,13 +1,11 @@
 #include "options.hpp"
 
+#include "common/command_line.hpp"
 #include "failure.hpp"
 #include "library_version.hpp"
 #include "purposes.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 
 namespace bmc_sim
@@ -39,7 +37,6 @@ Where the kernel forbids new namespaces, root (and only root) works in
 place: the library's places are made on the host and removed afterwards.
 )";
 
-constexpr std::size_t MAX_SYSTEM_ID_DIGITS = 4;
 const std::set<std::string> SERVICES{PLATFORM, SECURITY, INVENTORY};
 
 class HelpFormatter : public CLI::Formatter
@@ -59,14 +56,6 @@ struct Texts
     std::set<std::string> absent;
     std::set<std::string> served;
 };
-
-std::string checkSystemId(const std::string& text)
-{
-    const bool isGood = !text.empty() && text.size() <= MAX_SYSTEM_ID_DIGITS &&
-                        std::ranges::all_of(text, [](unsigned char c)
-                                            { return std::isxdigit(c) != 0; });
-    return isGood ? "" : "not 16 bits in hexadecimal: " + text;
-}
 
 std::string checkPurpose(const std::string& text)
 {
@@ -89,7 +78,7 @@ void declareOptions(CLI::App& app, Options& options, Texts& texts)
     add("--system-id", texts.systemId, "HEX",
         "System identifier, 16 bits in hexadecimal")
         ->capture_default_str()
-        ->check(checkSystemId);
+        ->transform(CLI::Validator(tools::normaliseSystemId, ""));
     add("--keyring", options.keyrings, "FILE",
         "Exported OpenPGP public keys to trust (repeatable)");
     add("--root-ca", options.rootCa, "FILE", "Secure-boot root CA, in PEM");
@@ -167,7 +156,7 @@ void parseWith(CLI::App& app, std::vector<std::string> arguments,
     }
     catch (const CLI::ParseError& error)
     {
-        std::exit(app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE);
+        std::exit(tools::endParse(app, error));
     }
 }
 
@@ -192,15 +181,10 @@ Options parseOptions(const std::vector<std::string>& arguments)
 {
     Options options;
     Texts texts;
-    CLI::App app;
+    CLI::App app("", "bmc-sim");
     app.formatter(std::make_shared<HelpFormatter>());
     app.footer(FOOTER);
-    app.failure_message(
-        [](const CLI::App*, const CLI::Error& error)
-        {
-            return "bmc-sim: " + tools::printable(error.what()) +
-                   " (--help tells more)\n";
-        });
+    tools::setUpComplaints(app);
     declareOptions(app, options, texts);
     // What follows the separator is COMMAND's, whatever it looks like.
     const auto separator = std::ranges::find(arguments, "--");

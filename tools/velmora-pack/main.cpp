@@ -1,11 +1,9 @@
+#include "common/command_line.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
 #include "library_version.hpp"
 #include "making.hpp"
 
-#include <CLI/CLI.hpp>
-
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -21,8 +19,6 @@ namespace
 {
 
 constexpr int BAD_INPUT = 1;
-constexpr int WRONG_USAGE = 2;
-constexpr std::size_t SYSTEM_ID_DIGITS = 4;
 constexpr int MOST_DAYS = 36500;
 constexpr auto FOOTER =
     "\nExit status: 0 when done, 1 for bad input or a failure (one line on\n"
@@ -39,24 +35,6 @@ struct InspectOptions
     bool json = false;
     bool strict = false;
 };
-
-/** The form that systems show: four hexadecimal digits, upper case. */
-std::string normaliseSystemId(std::string& text)
-{
-    const bool hexadecimal =
-        !text.empty() && std::ranges::all_of(text, [](unsigned char c)
-                                             { return std::isxdigit(c) != 0; });
-    if (!hexadecimal || text.size() > SYSTEM_ID_DIGITS)
-    {
-        return (hexadecimal ? "larger than FFFF: "
-                            : "not a number of 1 to 4 hexadecimal digits: ") +
-               text;
-    }
-    std::ranges::transform(text, text.begin(), [](unsigned char c)
-                           { return static_cast<char>(std::toupper(c)); });
-    text.insert(0, SYSTEM_ID_DIGITS - text.size(), '0');
-    return {};
-}
 
 /** An option or, without dashes, an argument.
  *
@@ -137,7 +115,7 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
         ->required();
     add(command, "--system-id", options.systemIds, "HEX",
         "A supported system, 1 to 4 hexadecimal digits; without any, all are")
-        ->transform(CLI::Validator(normaliseSystemId, ""));
+        ->transform(CLI::Validator(tools::normaliseSystemId, ""));
     add(command, "--gpg-home", options.gpgHome, "DIR",
         "The GnuPG home with the key, instead of gpg's own");
     addTrust(command, "--keyring", options.trust,
@@ -336,44 +314,16 @@ void addTestKeys(CLI::App& app, fs::path& directory)
     command.final_callback([&directory] { pack::makeTestKeys(directory); });
 }
 
-/** Says which word is no command, or no option of the tool itself. CLI11 would
- *  only say that a command is missing. */
-void expectCommand(const CLI::App& app, const std::string& given)
-{
-    if (given.starts_with('-') && app.get_option_no_throw(given) == nullptr)
-    {
-        throw CLI::ValidationError(given, "is an unknown option");
-    }
-    std::string known;
-    for (const CLI::App* const command : app.get_subcommands({}))
-    {
-        if (given == command->get_name())
-        {
-            return;
-        }
-        known += (known.empty() ? "" : ", ") + command->get_name();
-    }
-    if (!given.starts_with('-'))
-    {
-        throw CLI::ValidationError(given,
-                                   "is no command; the commands are " + known);
-    }
-}
-
 /** Does what the arguments say. */
 void run(CLI::App& app, int argc, char** argv, int& status)
 {
     try
     {
-        if (argc > 1)
-        {
-            expectCommand(app, argv[1]);
-        }
         app.parse(argc, argv);
     }
     catch (const CLI::ParseError& error)
     {
-        status = app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
+        status = tools::endParse(app, error);
     }
     if (!std::cout.flush())
     {
@@ -403,12 +353,7 @@ int main(int argc, char** argv)
     app.set_version_flag("--version",
                          std::string("velmora-pack " VELMORA_VERSION ", ") +
                              LIBRARY_VERSION);
-    app.failure_message(
-        [](const CLI::App*, const CLI::Error& error)
-        {
-            return "velmora-pack: " + pack::printable(error.what()) +
-                   " (--help tells more)\n";
-        });
+    tools::setUpComplaints(app);
     app.require_subcommand(1);
     int status = EXIT_SUCCESS;
     addPackage(app, package);

@@ -1,21 +1,18 @@
 #include "causes.hpp"
 #include "commands.hpp"
+#include "common/command_line.hpp"
 #include "common/error.hpp"
 #include "common/signals.hpp"
 #include "explain.hpp"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <array>
 #include <exception>
 #include <iostream>
 #include <map>
-#include <numeric>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace
@@ -24,7 +21,6 @@ namespace
 using namespace velmora::front;
 using tools::printable;
 
-constexpr int WRONG_USAGE = 2;
 constexpr int KILLED_BY_SIGNAL = 128;
 
 constexpr const char* EXIT_STATUSES =
@@ -195,24 +191,6 @@ void printText(const Command& command, const std::string& subject,
     }
 }
 
-/** How many characters must be changed, added or left out. */
-std::size_t distance(const std::string& from, const std::string& to)
-{
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (std::size_t i = 0; i < from.size(); ++i)
-    {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < to.size(); ++j)
-        {
-            const std::size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
 void addCommand(CLI::App& parent, const Command& command, Invocation& chosen)
 {
     const std::string name(command.name.substr(command.name.rfind(' ') + 1));
@@ -311,42 +289,10 @@ void addEverything(CLI::App& app, Invocation& chosen)
     app.add_flag("-v,--verbose", chosen.request.verbose,
                  "Show the library's log on stderr");
     app.add_flag("--json", chosen.json, "Answer in JSON");
-    app.failure_message(
-        [](const CLI::App*, const CLI::Error& error)
-        {
-            return "velmora: " + printable(error.what()) +
-                   " (--help tells more)\n";
-        });
+    tools::setUpComplaints(app);
     addPackageCommands(app, chosen);
     addInventoryCommands(app, chosen);
     addExplain(app, chosen);
-}
-
-/** Prints a help text, or what is wrong.
- *
- *  @return exit status */
-int endParse(const CLI::App& app, const CLI::ParseError& e)
-{
-    const auto chosen = app.get_subcommands();
-    const CLI::App& parent = chosen.empty() ? app : *chosen.front();
-    const auto rest = app.remaining(true);
-    const auto commands = parent.get_subcommands(nullptr);
-    if (e.get_exit_code() == 0 || rest.empty() || commands.empty() ||
-        !parent.get_subcommands().empty())
-    {
-        return app.exit(e) == 0 ? 0 : WRONG_USAGE;
-    }
-    // CLI11 says only that a command is missing.
-    const CLI::App* nearest = *std::ranges::min_element(
-        commands, {}, [&rest](const CLI::App* each)
-        { return distance(rest[0], each->get_name()); });
-    std::cerr << "velmora: there is no "
-              << (rest[0].starts_with('-')
-                      ? "option " + printable(rest[0])
-                      : "command " + printable(rest[0]) + "; the nearest is " +
-                            nearest->get_name())
-              << " (--help tells more)\n";
-    return WRONG_USAGE;
 }
 
 Answer answerTo(const Command& command, const Request& request)
@@ -413,7 +359,7 @@ try
     }
     catch (const CLI::ParseError& e)
     {
-        return endParse(app, e);
+        return tools::endParse(app, e);
     }
     const int status =
         invocation.command != nullptr ? answerAll(invocation)

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+namespace tools
+{
+
+/** Has a complaint about the command line be one line that starts with the
+ *  name of @p app. */
+void setUpComplaints(CLI::App& app);
+
+/** Prints what a parse has ended with: a help text, the version, or what is
+ *  wrong.
+ *
+ *  @return exit status */
+int endParse(const CLI::App& app, const CLI::ParseError& error);
+
+/** Brings a system's identifier into the form that systems show: four
+ *  hexadecimal digits, upper case.
+ *
+ *  @return what is wrong with it, or empty */
+std::string normaliseSystemId(std::string& text);
+
+} // namespace tools
