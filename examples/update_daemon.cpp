@@ -80,7 +80,7 @@ class FileDescriptor
     int number_;
 };
 
-/** The library's fixed files and the bus objects are for one at a time. */
+/** Only one update at a time may use the fixed files and the bus objects. */
 class OneAtATime
 {
   public:
@@ -97,13 +97,29 @@ class OneAtATime
     FileDescriptor directory_;
 };
 
+/** A package may hold directories that do not let their owner in. */
+void removeTree(const fs::path& path)
+{
+    std::error_code ignored;
+    for (fs::recursive_directory_iterator entry(path, ignored), end;
+         !ignored && entry != end; entry.increment(ignored))
+    {
+        if (fs::is_directory(entry->symlink_status(ignored)))
+        {
+            fs::permissions(entry->path(), fs::perms::owner_all,
+                            fs::perm_options::add, ignored);
+        }
+    }
+    fs::remove_all(path);
+}
+
 /** A directory that nobody else can look into; fresh, and gone afterwards. */
 class PrivateDirectory
 {
   public:
     explicit PrivateDirectory(fs::path path) : path_(std::move(path))
     {
-        fs::remove_all(path_);
+        removeTree(path_);
         if (mkdir(path_.c_str(), 0700) != 0)
         {
             failWithErrno(path_.string());
@@ -115,8 +131,14 @@ class PrivateDirectory
 
     ~PrivateDirectory()
     {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
+        try
+        {
+            removeTree(path_);
+        }
+        catch (const std::exception& e)
+        {
+            std::cerr << "cannot remove the private copy: " << e.what() << '\n';
+        }
     }
 
     const fs::path& path() const { return path_; }
@@ -140,7 +162,7 @@ void writeAll(int file, const char* data, std::size_t size)
 }
 
 /** Copies the package, which whoever sent it can still change. Its own name
- *  never reaches the extractor, to which some characters mean more. */
+ *  never reaches the extractor, for which some characters are special. */
 void takeOver(const fs::path& package, const fs::path& copy)
 {
     // Opening a FIFO must not block.
@@ -294,7 +316,7 @@ void update(const fs::path& package, const fs::path& stateDirectory)
     takeOver(package, copy);
     validate(copy, unpacked.path());
 
-    // Only now does the descriptor's word count.
+    // From here on the descriptor is trusted.
     const std::string directory = unpacked.path().string();
     const std::string model = ValidateQOR::getImageModel(directory);
     const std::string version = ValidateQOR::getImageVersion(directory);

@@ -91,10 +91,14 @@ zip -qy linked.zip payload/image
 cp good.zip more.zip
 echo more >payload-more
 zip -q more.zip payload-more
+cp good.zip locked.zip
+mkdir -m 0 payload/locked
+zip -q locked.zip payload/locked
 
 expect 2 'usage' "${daemon[@]}"
 expect 1 'refused: .*not for this system' "${daemon[@]}" other.zip
 expect 1 'refused: the payload holds' "${daemon[@]}" linked.zip
+expect 1 'refused: the payload holds' "${daemon[@]}" locked.zip
 expect 1 'refused: the package holds' "${daemon[@]}" more.zip
 expect 1 'refused: the descriptor names no Model' "${daemon[@]}" any.zip
 expect 1 'refused: the descriptor lists a system' "${daemon[@]}" hostile.zip
