@@ -35,13 +35,12 @@ class bus
     }
 
     /** Sends a method call and waits for its reply.
-     *  @param timeout microseconds; 0 is sd-bus's default
      *  @throws exception::SdBusError ("sd_bus_call") with the error reply */
-    message_t call(message_t& m, std::uint64_t timeout = 0)
+    message_t call(message_t& m)
     {
         sd_bus_error error{};
         sd_bus_message* reply = nullptr;
-        if (sd_bus_call(raw_.get(), m.get(), timeout, &error, &reply) < 0)
+        if (sd_bus_call(raw_.get(), m.get(), 0, &error, &reply) < 0)
         {
             throw exception::SdBusError(&error, "sd_bus_call");
         }

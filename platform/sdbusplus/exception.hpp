@@ -59,17 +59,6 @@ class SdBusError final : public internal_exception
         sd_bus_error_move(&error_, &other.error_);
     }
 
-    SdBusError& operator=(SdBusError&& other) noexcept
-    {
-        if (this != &other)
-        {
-            sd_bus_error_free(&error_);
-            sd_bus_error_move(&error_, &other.error_);
-            what_ = std::move(other.what_);
-        }
-        return *this;
-    }
-
     ~SdBusError() override { sd_bus_error_free(&error_); }
 
     const char* name() const noexcept override { return error_.name; }
