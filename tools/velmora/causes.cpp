@@ -60,7 +60,7 @@ void readRecords(const std::string& content, Causes& causes)
             continue;
         }
         site.number += site.line;
-        // A template or an inline function may leave the same record twice.
+        // Identical records do no harm.
         if (!(causes.sites.try_emplace(site.number, site).first->second ==
               site))
         {

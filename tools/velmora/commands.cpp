@@ -95,18 +95,18 @@ bool hasOwner(const char* name)
 /** What came of an operation, as the log tells it.
  *
  *  @param answered the verdict where a service answered with an error */
-Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
+Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::UNCHECKED)
 {
     const Operation& refusal = outcome.refusal;
     if (outcome.passed)
     {
         return {};
     }
-    Answer answer{Verdict::refused, refusal.reason(), refusal};
+    Answer answer{Verdict::REFUSED, refusal.reason(), refusal};
     if (!refusal.exception.empty())
     {
         const bool has = hasAnswered(refusal.exception);
-        answer.verdict = has ? answered : Verdict::unchecked;
+        answer.verdict = has ? answered : Verdict::UNCHECKED;
         answer.reason =
             refusal.site.text +
             (has ? ": it answered with an error: " : ": it did not answer: ") +
@@ -116,7 +116,7 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::unchecked)
 }
 
 Answer ask(const Request& request, const std::function<bool()>& work,
-           Verdict answered = Verdict::unchecked)
+           Verdict answered = Verdict::UNCHECKED)
 {
     return answerFrom(run(request.verbose, work), answered);
 }
@@ -132,7 +132,7 @@ Answer askForValue(const Request& request, const char* name,
     const auto work = [&] { return (value = read()) != none; };
     Outcome outcome = run(request.verbose, work);
     outcome.passed = outcome.passed || !outcome.refusal.refused;
-    Answer answer = answerFrom(outcome, Verdict::refused);
+    Answer answer = answerFrom(outcome, Verdict::REFUSED);
     if (outcome.passed)
     {
         answer.fields[name] = value;
@@ -150,18 +150,32 @@ bool isFull(const fs::path& directory)
     return error == ENOSPC || error == EDQUOT;
 }
 
-/** Bounds what the extractor may write into one file. */
-void limitFiles(std::uint64_t size)
+/** Bounds what the extractor may write into one file, while it lives. */
+class FileLimit
 {
-    struct rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = std::min<rlim_t>(
-        limit.rlim_cur,
-        static_cast<rlim_t>(std::max(size, MIN_FILE_LIMIT) + 1));
-    setrlimit(RLIMIT_FSIZE, &limit);
+  public:
+    explicit FileLimit(std::uint64_t size)
+    {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        rlimit limit = before_;
+        limit.rlim_cur = std::min<rlim_t>(
+            limit.rlim_cur,
+            static_cast<rlim_t>(std::max(size, MIN_FILE_LIMIT) + 1));
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    FileLimit(const FileLimit&) = delete;
+    FileLimit& operator=(const FileLimit&) = delete;
+    ~FileLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, signalBefore_);
+    }
+
+  private:
+    rlimit before_{};
     // A write beyond fails then; the signal would end the process.
-    std::signal(SIGXFSZ, SIG_IGN);
-}
+    void (*signalBefore_)(int) = std::signal(SIGXFSZ, SIG_IGN);
+};
 
 /** Unpacks under a name of our own: the extractor reads names as patterns. */
 Answer extract(const Request& request, const fs::path& work,
@@ -172,8 +186,8 @@ Answer extract(const Request& request, const fs::path& work,
     const auto unZip = [&]
     { return ValidateQOR::unZip(link, fs::absolute(destination)); };
     Answer answer = ask(request, unZip);
-    return answer.verdict == Verdict::refused && isFull(destination)
-               ? Answer{Verdict::unchecked,
+    return answer.verdict == Verdict::REFUSED && isFull(destination)
+               ? Answer{Verdict::UNCHECKED,
                         "no room is left in " + destination.string()}
                : answer;
 }
@@ -257,7 +271,7 @@ Answer validateDirectory(const Request& request, const fs::path& package)
     std::string objection = objectionTo(contents, request);
     if (!objection.empty())
     {
-        return {Verdict::refused, objection};
+        return {Verdict::REFUSED, objection};
     }
     const auto judge = [&]
     {
@@ -280,9 +294,9 @@ Answer validateDirectory(const Request& request, const fs::path& package)
     Answer answer = ask(request, judge);
     if (!objection.empty())
     {
-        return {Verdict::refused, objection};
+        return {Verdict::REFUSED, objection};
     }
-    answer.isVerified = answer.verdict == Verdict::accepted;
+    answer.isVerified = answer.verdict == Verdict::ACCEPTED;
     if (answer.isVerified ||
         answer.refusal.site.file.starts_with("descriptor_signature"))
     {
@@ -306,13 +320,14 @@ std::string objectionTo(const fs::path& path, const Request& request)
                                                    : "";
 }
 
+/** Also where there is none: the library says what is wrong with the file. */
 bool isMetadataGood(const std::string& payload)
 {
     std::ifstream file(payload, std::ios::binary);
     std::string metadata(METADATA_SIZE, '\0');
     file.seekg(-METADATA_FROM_END, std::ios::end);
     file.read(metadata.data(), METADATA_SIZE);
-    return ValidateQOR::extract_meta_data(metadata) == 0;
+    return !file || ValidateQOR::extract_meta_data(metadata) == 0;
 }
 
 } // namespace
@@ -322,7 +337,7 @@ Answer unpack(const Request& request)
     expectReadable(request, request.subject);
     if (!fs::is_directory(request.directory))
     {
-        return {Verdict::unchecked, request.directory + " is not a directory"};
+        return {Verdict::UNCHECKED, request.directory + " is not a directory"};
     }
     const tools::TemporaryDirectory work;
     return extract(request, work.path(), request.directory);
@@ -338,22 +353,24 @@ Answer validate(const Request& request)
     const tools::TemporaryDirectory work;
     const fs::path unpacked = work.path() / "unpacked";
     fs::create_directory(unpacked);
+    std::optional<FileLimit> limit;
     if (request.strict)
     {
-        limitFiles(request.maxSize);
+        limit.emplace(request.maxSize);
     }
     const Answer answer = extract(request, work.path(), unpacked);
+    limit.reset();
     if (tools::SignalCleanup::seen() != 0)
     {
         // An interrupted extractor counts as successful.
-        return {Verdict::unchecked, "it was interrupted"};
+        return {Verdict::UNCHECKED, "it was interrupted"};
     }
-    if (answer.verdict == Verdict::accepted)
+    if (answer.verdict == Verdict::ACCEPTED)
     {
         return validateDirectory(request, unpacked);
     }
     return request.strict && contentsOf(unpacked, false).size > request.maxSize
-               ? Answer{Verdict::refused, tooLarge(request)}
+               ? Answer{Verdict::REFUSED, tooLarge(request)}
                : answer;
 }
 
@@ -373,7 +390,7 @@ Answer info(const Request& request)
                fields["expectedDigest"] != "";
     };
     Answer answer = ask(request, read);
-    if (answer.verdict == Verdict::accepted)
+    if (answer.verdict == Verdict::ACCEPTED)
     {
         answer.reason = fields["systems"].size() == MAX_SYSTEMS
                             ? "only the first systems are listed"
@@ -399,7 +416,7 @@ Answer digest(const Request& request)
     // A directory's digest covers only what could be read.
     if (!outcome.passed || outcome.refusal.refused)
     {
-        return {Verdict::unchecked,
+        return {Verdict::UNCHECKED,
                 "it cannot be digested: " + outcome.refusal.reason()};
     }
     Answer answer;
@@ -427,7 +444,7 @@ Answer verifyImage(const Request& request)
     {
         if (!objection.empty())
         {
-            return {Verdict::refused, objection};
+            return {Verdict::REFUSED, objection};
         }
     }
     const auto verify = [&]
@@ -436,7 +453,7 @@ Answer verifyImage(const Request& request)
                                                        request.directory) == 0;
     };
     Answer answer = ask(request, verify);
-    if (answer.verdict == Verdict::accepted)
+    if (answer.verdict == Verdict::ACCEPTED)
     {
         answer.isVerified = !isOlder;
         answer.reason =
@@ -447,7 +464,7 @@ Answer verifyImage(const Request& request)
                                  { return detail.name == "exceptionType"; }))
     {
         // Only the call throws; the log does not tell why.
-        answer.verdict = Verdict::unchecked;
+        answer.verdict = Verdict::UNCHECKED;
         answer.reason += hasOwner(SECURITY_SERVICE)
                              ? ": it answered with an error, or not in time"
                              : ": it did not answer: nothing owns " +
@@ -463,7 +480,7 @@ Answer verifyPayload(const Request& request)
     const std::string objection = objectionTo(request.subject, request);
     if (!objection.empty())
     {
-        return {Verdict::refused, objection};
+        return {Verdict::REFUSED, objection};
     }
     const auto verify = [&]
     {
@@ -471,7 +488,7 @@ Answer verifyPayload(const Request& request)
                ValidateQOR::validateCertChainForPayload(request.subject);
     };
     Answer answer = ask(request, verify);
-    if (answer.verdict == Verdict::accepted)
+    if (answer.verdict == Verdict::ACCEPTED)
     {
         const std::string subject = findChainSubject();
         answer.reason = "signed by " + subject;
@@ -504,14 +521,14 @@ Answer addToInventory(const Request& request)
                                           request.detail2, request.purpose,
                                           request.releaseType) == 1;
     };
-    return ask(request, add, Verdict::refused);
+    return ask(request, add, Verdict::REFUSED);
 }
 
 Answer removeFromInventory(const Request& request)
 {
     const auto remove = [&]
     { return ValidateQOR::deRegisterSWInv(request.subject) == 1; };
-    return ask(request, remove, Verdict::refused);
+    return ask(request, remove, Verdict::REFUSED);
 }
 
 Answer inventoryModel(const Request& request)

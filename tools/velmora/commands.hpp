@@ -17,14 +17,14 @@ namespace velmora::front
 enum class Verdict : std::uint8_t
 {
     /** Or done, by a command that does not judge. */
-    accepted = 0,
-    refused = 1,
-    unchecked = 3,
+    ACCEPTED = 0,
+    REFUSED = 1,
+    UNCHECKED = 3,
 };
 
 struct Answer
 {
-    Verdict verdict = Verdict::accepted;
+    Verdict verdict = Verdict::ACCEPTED;
     /** Why, in one line; for an accepted input, a remark. */
     std::string reason;
     /** What the log says of a refusal. */

@@ -17,7 +17,7 @@ namespace velmora::front
 namespace
 {
 
-/** Where the places in the source stand, so that they can be skipped. */
+/** The column of the places in the source. */
 constexpr int TEXT_WIDTH = 60;
 
 void printLine(const std::string& text, const Site& site)
@@ -112,11 +112,14 @@ bool explain(const std::string& log, const std::string& library, bool json)
                            "holds no causes of libvelmora's failures; name "
                            "another library with --library");
     }
+    const bool isStandardInput = log == "-";
+    const std::string name = isStandardInput ? "standard input" : log;
     const tools::FileDescriptor file(
-        open(log == "-" ? "/dev/stdin" : log.c_str(), O_RDONLY | O_CLOEXEC));
+        isStandardInput ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                        : open(log.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.get() < 0)
     {
-        throw tools::systemError(log);
+        throw tools::systemError(name);
     }
     const char* separator = "[";
     Explainer explainer(causes,
@@ -130,7 +133,7 @@ bool explain(const std::string& log, const std::string& library, bool json)
                             std::cout << separator << asText(asJson(operation));
                             separator = ",\n";
                         });
-    explainer.read(file, log);
+    explainer.read(file, name);
     if (json)
     {
         std::cout << (*separator == '[' ? "[" : "") << "]\n";

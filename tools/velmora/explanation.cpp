@@ -216,13 +216,13 @@ struct Explainer::Line
 {
     enum class Level : std::uint8_t
     {
-        none,
-        failure,
-        success,
-        info,
+        NONE,
+        FAILURE,
+        SUCCESS,
+        INFO,
     };
 
-    Level level = Level::none;
+    Level level = Level::NONE;
     int number = 0;
     /** Whether it has the style that carries a message. */
     bool hasMessage = false;
@@ -240,10 +240,10 @@ std::optional<Explainer::Line> Explainer::parse(std::string_view text)
     line.hasMessage = !skip(text, "Line: ");
     if (line.hasMessage)
     {
-        line.level = skip(text, "FAILURE: ")   ? failure
-                     : skip(text, "SUCCESS: ") ? success
-                     : skip(text, "INFO: ")    ? info
-                                               : none;
+        line.level = skip(text, "FAILURE: ")   ? FAILURE
+                     : skip(text, "SUCCESS: ") ? SUCCESS
+                     : skip(text, "INFO: ")    ? INFO
+                                               : NONE;
         // The operation's name ends at a dot.
         text.remove_prefix(std::min(text.find_first_of(" .") + 1, text.size()));
     }
@@ -252,19 +252,19 @@ std::optional<Explainer::Line> Explainer::parse(std::string_view text)
     text.remove_prefix(static_cast<std::size_t>(end - text.data()));
     if (line.hasMessage)
     {
-        line.level = skip(text, ": ") ? line.level : none;
+        line.level = skip(text, ": ") ? line.level : NONE;
     }
     else
     {
-        line.level = text == " [FAILURE]"    ? failure
-                     : text == " [SUCCESS]"  ? success
-                     : skip(text, " [INFO ") ? info
-                                             : none;
+        line.level = text == " [FAILURE]"    ? FAILURE
+                     : text == " [SUCCESS]"  ? SUCCESS
+                     : skip(text, " [INFO ") ? INFO
+                                             : NONE;
         text.remove_suffix(text.ends_with(']') ? 1 : 0);
-        text = line.level == info ? text : std::string_view();
+        text = line.level == INFO ? text : std::string_view();
     }
     line.text = text;
-    return error == std::errc() && line.level != none ? std::optional(line)
+    return error == std::errc() && line.level != NONE ? std::optional(line)
                                                       : std::nullopt;
 }
 
@@ -365,13 +365,13 @@ void Explainer::take(std::string_view text)
 {
     using enum Line::Level;
     const Line line = find(text).value_or(Line());
-    if (line.level == failure)
+    if (line.level == FAILURE)
     {
         takeFailure(line);
     }
     // It is the cause only of a failure in the very next line.
     exception_.clear();
-    if (line.level == none)
+    if (line.level == NONE)
     {
         // A parser quotes its document, which may imitate lines of ours.
         for (Detail& detail : now_.details)
@@ -379,11 +379,11 @@ void Explainer::take(std::string_view text)
             detail.isTelling = false;
         }
     }
-    else if (line.level == success)
+    else if (line.level == SUCCESS)
     {
         takeSuccess(line);
     }
-    else if (line.level == info)
+    else if (line.level == INFO)
     {
         addDetails(now_, line);
         if (auto rest = line.text; !line.hasMessage && skip(rest, "e.what(): "))

@@ -137,8 +137,8 @@ std::string fieldText(const nlohmann::ordered_json& field)
 
 std::string word(const Command& command, Verdict verdict)
 {
-    return verdict == Verdict::unchecked ? "could not be checked"
-           : verdict == Verdict::refused ? "refused"
+    return verdict == Verdict::UNCHECKED ? "could not be checked"
+           : verdict == Verdict::REFUSED ? "refused"
            : command.judges              ? "accepted"
                                          : "done";
 }
@@ -149,7 +149,7 @@ nlohmann::ordered_json asJson(const Command& command,
     nlohmann::ordered_json object;
     object["command"] = command.name;
     object["subject"] = subject;
-    object["verdict"] = answer.verdict == Verdict::unchecked
+    object["verdict"] = answer.verdict == Verdict::UNCHECKED
                             ? "unchecked"
                             : word(command, answer.verdict);
     object["verified"] = answer.isVerified;
@@ -167,8 +167,8 @@ nlohmann::ordered_json asJson(const Command& command,
 void printText(const Command& command, const std::string& subject,
                const Answer& answer, bool isOneOfMany)
 {
-    const bool isUnchecked = answer.verdict == Verdict::unchecked;
-    const bool isValue = answer.verdict == Verdict::accepted &&
+    const bool isUnchecked = answer.verdict == Verdict::UNCHECKED;
+    const bool isValue = answer.verdict == Verdict::ACCEPTED &&
                          !command.judges && !answer.fields.empty();
     const std::string reason =
         (answer.reason.empty() ? "" : ": ") + printable(answer.reason);
@@ -303,7 +303,7 @@ Answer answerTo(const Command& command, const Request& request)
     }
     catch (const std::exception& e)
     {
-        return {Verdict::unchecked, e.what()};
+        return {Verdict::UNCHECKED, e.what()};
     }
 }
 
@@ -338,9 +338,9 @@ int answerAll(Invocation& invocation)
     else if (isBatch)
     {
         std::cout << invocation.subjects.size()
-                  << " packages: " << counts[Verdict::accepted] << " accepted, "
-                  << counts[Verdict::refused] << " refused, "
-                  << counts[Verdict::unchecked] << " could not be checked\n";
+                  << " packages: " << counts[Verdict::ACCEPTED] << " accepted, "
+                  << counts[Verdict::REFUSED] << " refused, "
+                  << counts[Verdict::UNCHECKED] << " could not be checked\n";
     }
     return worst;
 }
@@ -365,7 +365,7 @@ try
         invocation.command != nullptr ? answerAll(invocation)
         : explain(invocation.log, invocation.library, invocation.json)
             ? 0
-            : static_cast<int>(Verdict::unchecked);
+            : static_cast<int>(Verdict::UNCHECKED);
     if (!std::cout.flush())
     {
         throw std::runtime_error("the answer cannot be written to stdout");
@@ -375,5 +375,5 @@ try
 catch (const std::exception& e)
 {
     std::cerr << "velmora: " << printable(e.what()) << '\n';
-    return static_cast<int>(Verdict::unchecked);
+    return static_cast<int>(Verdict::UNCHECKED);
 }

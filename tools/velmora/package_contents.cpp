@@ -23,7 +23,8 @@ PackageContents contentsOf(const fs::path& directory, bool isPayload)
         const std::string name = entry->path().lexically_relative(directory);
         const auto type = entry->symlink_status().type();
         if (entry.depth() < payloadDepth && name == "payload" &&
-            type == fs::file_type::directory)
+            type == fs::file_type::directory &&
+            access(entry->path().c_str(), R_OK | X_OK) == 0)
         {
             continue;
         }

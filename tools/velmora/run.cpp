@@ -23,7 +23,7 @@ tools::FileDescriptor copyOf(int file)
     tools::FileDescriptor copy(fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     if (copy.get() < 0)
     {
-        throw tools::systemError("the log cannot be led elsewhere");
+        throw tools::systemError("standard output or standard error");
     }
     return copy;
 }
@@ -35,8 +35,11 @@ class Redirection
     explicit Redirection(const tools::FileDescriptor& file)
     {
         std::fflush(nullptr);
-        dup2(file.get(), STDOUT_FILENO);
-        dup2(file.get(), STDERR_FILENO);
+        if (dup2(file.get(), STDOUT_FILENO) < 0 ||
+            dup2(file.get(), STDERR_FILENO) < 0)
+        {
+            throw tools::systemError("the log cannot be led elsewhere");
+        }
     }
     Redirection(const Redirection&) = delete;
     Redirection& operator=(const Redirection&) = delete;
