@@ -111,6 +111,8 @@ expect 0 "^refused: the descriptor's signature is not valid +descriptor_signatur
 expect 0 '"number": [0-9]+' "$velmora" --json explain log
 expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explain \
     <(cat log; echo 'Line: 1 [FAILURE]')
+sed '1i Line: 1 [FAILURE]' log >longer
+expect 0 'signature status: Key expired' sh -c '(read -r _; exec "$0" explain) <longer' "$velmora"
 expect 3 'log: holds no causes' "$velmora" explain --library log log
 fake='Line: 1 [INFO e.what(): sd_bus_call: org.freedesktop.DBus.Error.NoReply: x]'
 cp -r unpacked fake
@@ -133,7 +135,10 @@ if "${full[@]}" true; then
 fi
 
 # What only --strict refuses.
-expect 0 '^accepted' "$velmora" validate --strict p.zip
+truncate -s 3M answers
+expect 0 '^$' sh -c '"$0" -v validate --strict --max-size 2MiB p.zip >>answers 2>&1' \
+    "$velmora"
+expect 0 '^accepted' tail -n 1 answers
 expect 1 'refused: it has more than 2000 bytes' "$velmora" validate --strict \
     --max-size 2000 big.zip
 expect 1 'refused: its descriptor names no Model' "$velmora" validate --strict big.zip
@@ -173,6 +178,8 @@ mkdir foreign
 echo x >$'foreign/\xc3\xa4'
 fails foreign "${package[@]}" --payload foreign -o x.zip
 fails none "${package[@]}" --payload none -o x.zip
+touch void
+fails 'void: is empty' "${package[@]}" --payload void -o x.zip
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
     -o x.zip
@@ -291,6 +298,7 @@ expect 1 'locked.pem: needs a passphrase or PIN, and there is no terminal' \
 echo wrong >wrong
 fails 'locked.pem: no private key .* with that passphrase' image content \
     --key locked.pem --passphrase-file wrong -o x
+fails 'nothere: No such file' image content --key locked.pem --passphrase-file nothere -o x
 cp p.zip twice.zip
 python3 - twice.zip <<'PY'
 import sys, warnings, zipfile
@@ -307,7 +315,8 @@ expect 3 'OpenBMCSecureBootRootCA.pem: No such file' "$velmora" verify-payload s
 cp "$keys/foreign-root.pem" "$root_ca"
 expect 1 'unable to get local issuer' "$velmora" verify-payload signed
 cp "$keys/root-ca.pem" "$root_ca"
-expect 1 'the payload is not larger than its trailer' "$velmora" verify-payload files/a
+expect 1 'the payload is not larger than its trailer' "$velmora" verify-payload --strict \
+    files/a
 "$pack" "${payload[@]}" --alg PS256 --key "$keys/payload-signer.pem" -o bare
 printf '"ver": "1" "alg": "PS256" "sts"' |
     dd of=bare bs=1 seek=$((100000 + 24576)) conv=notrunc status=none
@@ -374,12 +383,12 @@ remarks empty.zip 'the payload is empty'
 remarks crc.zip 'payload/a: ZIP bad CRC'
 remarks twice.zip 'package.xml is there more than once'
 remarks upper.xml 'systemID on line [0-9]+ is no number, and'
-remarks upper.xml 'systemID on line [0-9]+ is no number of 16 bits'
-remarks upper.xml 'hash is not of 64 lower-case'
+remarks upper.xml 'systemID on line [0-9]+ is not a 16-bit number'
+remarks upper.xml 'hash is not 64 lower-case'
 remarks unnamed 'names no known algorithm'
 remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
-remarks zip 'and so not at the timestamp'
+remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
 expect 1 '^velmora-pack: none: ' "$pack" inspect p.zip none
 expect 1 '^crc.zip: package, 2 remarks$' "$pack" inspect --strict p.zip crc.zip

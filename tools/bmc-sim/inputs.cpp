@@ -47,17 +47,17 @@ std::string contentOf(const InputFile& input)
     return tools::readFile(input.file, input.name);
 }
 
-/** For a private key that is locked: nobody is asked for a passphrase. */
-int noPassphrase(char*, int, int, void*) { return -1; }
-
 /** @tparam Read one of OpenSSL's functions for what stands in a PEM file */
 template <typename Owner, auto Read>
 Owner readPem(const std::string& text)
 {
     const Bio source(
         BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    return Owner(source ? Read(source.get(), nullptr, noPassphrase, nullptr)
-                        : nullptr);
+    // Given, so that nobody is asked for the one of a private key.
+    std::string passphrase;
+    return Owner(source
+                     ? Read(source.get(), nullptr, nullptr, passphrase.data())
+                     : nullptr);
 }
 
 Key readKey(const std::string& text)

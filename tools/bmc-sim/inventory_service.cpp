@@ -66,7 +66,7 @@ int publishObject(sd_bus* bus, const char* path, SoftwareObject& object)
 
 void InventoryService::publish(sd_bus* bus)
 {
-    static const sd_bus_vtable vtable[] = {
+    static const sd_bus_vtable VTABLE[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_NAMES(
             "addSWInventory", "sssss",
@@ -80,7 +80,7 @@ void InventoryService::publish(sd_bus* bus)
                                  "", "", remove, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
-    addInterface(bus, MANAGER_PATH, BUS_NAME, vtable, this);
+    addInterface(bus, MANAGER_PATH, BUS_NAME, VTABLE, this);
     check(sd_bus_add_object_manager(bus, nullptr, MANAGER_PATH),
           "object manager");
 }

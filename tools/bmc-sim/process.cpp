@@ -240,7 +240,12 @@ pid_t spawn(const Program& program)
     const int status = !program.isCommand ? FAILED
                        : error == ENOENT  ? NOT_FOUND
                                           : NOT_EXECUTABLE;
-    throw Failure(program.arguments.front(), std::strerror(error), status);
+    const bool isToolMissing = !program.isCommand && error == ENOENT;
+    throw Failure(
+        program.arguments.front(),
+        std::strerror(error) +
+            std::string(isToolMissing ? "; bmc-sim needs it: install it" : ""),
+        status);
 }
 
 Outcome runTool(const Arguments& arguments, std::string_view input)

@@ -77,11 +77,11 @@ pid_t spawn(const Program& program);
 /** Runs a tool to its end, quietly. */
 Outcome runTool(const Arguments& arguments, std::string_view input = {});
 
-/** Runs @p loop until @p child ends, reaping whatever else ends, and hands the
- *  signals that did not reach it by themselves to @p forward.
+/** Runs @p loop until @p child ends, and reaps whatever else ends. Signals that
+ *  the child did not get from the terminal go to @p forward.
  *
- *  @param lifeline a pipe from another bmc-sim, or -1: it sends the numbers of
- *         signals, and when it is gone so is this process
+ *  @param lifeline a pipe from another bmc-sim, or -1. It brings the numbers of
+ *         signals. When it closes, this process ends.
  *  @return the exit status */
 int supervise(sd_event* loop, pid_t child, int lifeline,
               const std::function<void(int)>& forward);

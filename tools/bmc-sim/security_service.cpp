@@ -34,7 +34,7 @@ bool isManifest(std::string_view manifest, std::uint32_t length)
 
 void SecurityService::publish(sd_bus* bus)
 {
-    static const sd_bus_vtable vtable[] = {
+    static const sd_bus_vtable VTABLE[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_NAMES(
             "vornFwManifestVerification", "buay",
@@ -45,7 +45,7 @@ void SecurityService::publish(sd_bus* bus)
     };
     addInterface(bus, "/xyz/openbmc_project/securityservices",
                  "xyz.openbmc_project.securityservices.firmwareManifest",
-                 vtable, this);
+                 VTABLE, this);
 }
 
 int SecurityService::verifyManifest(sd_bus_message* call, void* data,

@@ -24,14 +24,14 @@ Bus start(Service& service, sd_event* loop, const char* label,
 
 void PlatformService::publish(sd_bus* bus)
 {
-    static const sd_bus_vtable vtable[] = {
+    static const sd_bus_vtable VTABLE[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_PROPERTY("BaseSystemId", "ay", getSystemId, 0,
                         SD_BUS_VTABLE_PROPERTY_CONST),
         SD_BUS_VTABLE_END,
     };
     addInterface(bus, "/xyz/openbmc_project/smad/oem",
-                 "xyz.openbmc_project.Inventory.Item.Oem", vtable, this);
+                 "xyz.openbmc_project.Inventory.Item.Oem", VTABLE, this);
 }
 
 int PlatformService::getSystemId(sd_bus*, const char*, const char*, const char*,

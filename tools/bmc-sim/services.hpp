@@ -40,7 +40,7 @@ class Services
     PlatformService platform_;
     SecurityService security_;
     InventoryService inventory_;
-    /** Of each a connection of its own, as on a BMC: a name shows none of
+    /** Each service has its own connection, as on a BMC, so no name shows
      *  another's objects. */
     std::array<Bus, 3> buses_;
 };

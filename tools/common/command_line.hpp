@@ -7,7 +7,7 @@
 namespace tools
 {
 
-/** Has a complaint about the command line be one line that starts with the
+/** Makes each complaint about the command line one line that starts with the
  *  name of @p app. */
 void setUpComplaints(CLI::App& app);
 

@@ -9,11 +9,16 @@
 namespace tools
 {
 
+/** Where temporary files are to be made: in TMPDIR, or in /tmp.
+ *
+ *  @throws Error when that is no directory */
+std::filesystem::path placeForTemporaryFiles();
+
 /** A private directory that is gone, with its content, when this is. */
 class TemporaryDirectory
 {
   public:
-    /** Makes one where TMPDIR says. */
+    /** Makes one in the place for temporary files. */
     TemporaryDirectory();
     /** @param pattern its path, which ends in XXXXXX
      *  @throws Error when it cannot be made */

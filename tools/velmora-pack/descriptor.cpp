@@ -119,8 +119,9 @@ void remarkOnDigest(Remarks& remarks, const std::string& digest)
     if (digest.size() != DIGEST_LENGTH ||
         digest.find_first_not_of("0123456789abcdef") != std::string::npos)
     {
-        remarks.emplace_back("the hash is not of 64 lower-case hexadecimal "
-                             "digits, so that no payload has it");
+        remarks.emplace_back(
+            "the hash is not 64 lower-case hexadecimal digits, "
+            "so no payload can match it");
     }
 }
 
@@ -134,11 +135,11 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
         const int number = std::stoi(systemId.value, &end, 16);
         if (number < 0 || number > LARGEST_SYSTEM_ID)
         {
-            what = "is no number of 16 bits, so that no system has it";
+            what = "is not a 16-bit number, so no system has it";
         }
         else if (end != systemId.value.size())
         {
-            what = "goes on behind the number, which alone counts";
+            what = "has text after its number; only the number counts";
         }
     }
     catch (const std::logic_error&)
@@ -152,8 +153,8 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
     }
 }
 
-/** Whether the checker will find those values, of which the parser drops empty
- *  ones and changes control characters. */
+/** Whether the checker will find those values. The parser drops empty ones and
+ *  changes control characters. */
 bool holds(Bytes xml, const Descriptor& descriptor)
 {
     try
@@ -234,7 +235,7 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
     if (without && xmlXPathCastToBoolean(without.get()) == 1)
     {
         remarks.emplace_back(
-            "a Model has no systemID, so that no system is it");
+            "a Model has no systemID, so no system matches it");
     }
     std::vector<Found> systemIds = find(document.get(), SYSTEM_ID_PATH);
     fields["systemIDs"] = systemIds.size();

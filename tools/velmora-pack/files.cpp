@@ -28,7 +28,7 @@ fs::path directoryOf(const fs::path& target)
     const fs::path parent = target.parent_path();
     std::error_code missing;
     const fs::path directory = target == STANDARD_OUTPUT
-                                   ? fs::temp_directory_path(missing)
+                                   ? tools::placeForTemporaryFiles()
                                : parent.empty() ? "."
                                                 : parent;
     if (!fs::is_directory(directory, missing))

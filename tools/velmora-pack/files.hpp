@@ -40,8 +40,8 @@ class Source
     void read(std::uint64_t offset, std::span<std::byte> into) const;
     Buffer read(std::uint64_t offset, std::uint64_t size) const;
     Buffer readAll() const { return read(0, size_); }
-    /** Hands so many bytes from the start on, piece by piece; throws when a
-     *  signal asks to end. */
+    /** Passes the first @p size bytes on, piece by piece; throws when a signal
+     *  asks to end. */
     void stream(std::uint64_t size, const Consumer& consume) const;
 
   private:
@@ -63,7 +63,8 @@ class Output
     const std::filesystem::path& target() const { return target_; }
     /** Where it is made. */
     std::filesystem::path path() const { return directory_.path() / "made"; }
-    /** Gives it its name, and @p other too; a signal comes before or after.
+    /** Renames it, and @p other too. A signal takes effect before or after,
+     *  not between.
      *
      *  @throws Error when a signal came before */
     void commit(const Output* other = nullptr) const;

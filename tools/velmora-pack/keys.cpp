@@ -9,6 +9,7 @@
 #include <openssl/provider.h>
 #include <openssl/store.h>
 #include <openssl/ui.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -99,6 +100,10 @@ std::optional<std::string> givenSecret(const fs::path& file)
     }
     std::string line;
     std::ifstream stream(file);
+    if (!stream.is_open())
+    {
+        throw systemError(file.string());
+    }
     if (!std::getline(stream, line))
     {
         throw Error(file.string(), "no passphrase can be read from it");
@@ -157,6 +162,11 @@ Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
     }
     if (const char* const module = std::getenv(MODULE_VARIABLE))
     {
+        // The engine would print that by itself.
+        if (fs::path(module).has_parent_path() && access(module, R_OK) != 0)
+        {
+            throw systemError(module);
+        }
         setenv(PROVIDER_MODULE_VARIABLE, module, 0);
     }
     if (OSSL_PROVIDER_try_load(nullptr, TOKEN_DRIVER, 1) == nullptr)
@@ -200,13 +210,15 @@ Key readPrivateKey(const std::string& key, const fs::path& passphraseFile)
     {
         throw Error(secret.key, secret.refusal);
     }
+    if (!found && secret.asked)
+    {
+        // What OpenSSL says of a wrong passphrase explains nothing.
+        throw Error(secret.key, "no private key can be read from it with that "
+                                "passphrase or PIN");
+    }
     if (!found)
     {
-        throw opensslError(secret.key,
-                           secret.asked
-                               ? "no private key can be read from it with that "
-                                 "passphrase or PIN"
-                               : "no private key can be read from it");
+        throw opensslError(secret.key, "no private key can be read from it");
     }
     ERR_clear_error();
     return found;

@@ -40,8 +40,8 @@ struct Signing
     }
 };
 
-/** How keys and certificates are looked at: as the machine will do, if it is
- *  known what that trusts. */
+/** How keys and certificates are checked: as the machine does, when its keyring
+ *  or root CA is given. */
 struct Trust
 {
     /** The machine's keyring or root CA; may be empty. */

@@ -140,7 +140,8 @@ Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
     return records;
 }
 
-/** Makes both files in the directory, or neither. */
+/** Makes both files in the directory; after a signal there are both, or
+ *  neither. */
 void writeBoth(const fs::path& directory, Bytes manifest)
 {
     OutputFile file(directory / MANIFEST_NAME);

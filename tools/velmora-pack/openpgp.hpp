@@ -16,7 +16,8 @@ struct Said
     Buffer errors;
 };
 
-/** Runs a program to its end, whatever that is.
+/** Runs a program to its end. Its exit status is not known, so look at its
+ *  output.
  *
  *  @throws Error when it cannot be run */
 Said runProgram(const char* program, const std::vector<std::string>& arguments,

@@ -28,13 +28,6 @@ void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)
 
 void freeStack(STACK_OF(X509) * stack) { sk_X509_free(stack); }
 
-/** Refuses to ask for the passphrase of an encrypted block. */
-int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
-                 void* /*data*/)
-{
-    return -1;
-}
-
 Bio memoryBio(Bytes bytes)
 {
     Bio bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
@@ -162,8 +155,10 @@ Key readPublicKey(const fs::path& file)
 {
     const Source source(file);
     const Buffer content = source.readAll();
-    Key key(PEM_read_bio_PUBKEY(memoryBio(content).get(), nullptr, noPassphrase,
-                                nullptr));
+    // Given, so that nobody is asked for one.
+    std::string passphrase;
+    Key key(PEM_read_bio_PUBKEY(memoryBio(content).get(), nullptr, nullptr,
+                                passphrase.data()));
     if (!key)
     {
         throw opensslError(source.name(), "no public key can be read from it");
@@ -184,8 +179,10 @@ std::vector<Certificate> readCertificates(Bytes pem)
 {
     const Bio bio = memoryBio(pem);
     std::vector<Certificate> certificates;
-    while (X509* const certificate =
-               PEM_read_bio_X509(bio.get(), nullptr, noPassphrase, nullptr))
+    // Given, so that nobody is asked for one.
+    std::string passphrase;
+    while (X509* const certificate = PEM_read_bio_X509(
+               bio.get(), nullptr, nullptr, passphrase.data()))
     {
         certificates.emplace_back(certificate);
     }

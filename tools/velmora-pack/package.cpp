@@ -128,12 +128,18 @@ std::vector<fs::path> payloadFiles(const fs::path& payload)
 FileDigests digestFiles(const std::vector<fs::path>& files)
 {
     FileDigests digests;
+    std::uint64_t size = 0;
     for (const fs::path& file : files)
     {
         const Source source(file);
         expectNoPrivateKey(source);
+        size += source.size();
         digests[file.filename().string()] =
             digestText(source, source.size(), EVP_sha256());
+    }
+    if (size == 0)
+    {
+        throw Error(files.front().string(), "is empty, and so is the payload");
     }
     return digests;
 }

@@ -82,7 +82,7 @@ Metadata readMetadata(std::string_view text)
     return metadata;
 }
 
-/** Any name but these three stands for SHA-256, as it does to the checker. */
+/** Any other name stands for SHA-256, as it does to the checker. */
 SignatureScheme schemeOf(std::string_view algorithm)
 {
     return {.digest = algorithm == "PS384"   ? EVP_sha384()
@@ -214,7 +214,7 @@ std::string invalidityAt(std::time_t time, const X509* certificate)
         return {};
     }
     return certificateText(certificate) + " is valid from " + timeText(start) +
-           " to " + timeText(end) + ", and so not ";
+           " to " + timeText(end) + ", so not ";
 }
 
 /** Objects to a certificate that has expired or soon will. */
@@ -421,15 +421,14 @@ Json describeMetadata(const Slot& slot, Remarks& remarks)
     if (metadata.algorithm != "PS256" && metadata.algorithm != "PS384" &&
         metadata.algorithm != "PS512")
     {
-        remarks.emplace_back("the metadata names no known algorithm, so that "
+        remarks.emplace_back("the metadata names no known algorithm, so "
                              "SHA-256 is used");
     }
     if (slot.timestamp() == 0)
     {
         remarks.push_back(std::string("the metadata has no timestamp") +
                           (metadata.timestamp.empty() ? "" : " that counts") +
-                          ", so that the chain is checked at the start of "
-                          "1970");
+                          ", so the chain is checked at the start of 1970");
     }
     else
     {

@@ -82,7 +82,8 @@ openssl verify -trusted made/root-ca.pem -untrusted intermediate.crt \
     made/chain.pem
 
 mkdir -m 700 "$home"
-# The agent removes its sockets by path: the home must not move before.
+# The agent removes its sockets by path, so it must end before the home is
+# renamed.
 end_agent() {
     gpgconf --homedir "$home" --kill all
     for _ in $(seq 250); do
