@@ -7,11 +7,11 @@ build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libelf-dev scdoc)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
 test_packages=(libgtest-dev libgmock-dev systemd abigail-tools valgrind man-db
-    softhsm2 opensc libengine-pkcs11-openssl)
+    softhsm2 opensc libengine-pkcs11-openssl pkcs11-provider)
 # Without these something is left out, but the rest works: a release that is
 # in the making may not have them all at the moment.
 optional_packages=" scdoc abigail-tools valgrind man-db softhsm2 opensc \
-libengine-pkcs11-openssl "
+libengine-pkcs11-openssl pkcs11-provider "
 
 say() {
     printf '%s\n' "-- $*"

@@ -20,10 +20,9 @@ import time
 
 # What does not run on an emulator, by its name or suite.
 NOT_RUN = {
-    "bmc-sim": "the sandbox starts bmc-sim itself, which only a processor of "
-               "its own could; the native one is the place of all others",
-    "valgrind": "valgrind knows the system calls of a kernel, not of an "
-                "emulator",
+    "bmc-sim": "it starts itself in its sandbox, where there is no emulator; "
+               "the other tests run in the native one",
+    "valgrind": "it cannot run under the emulator",
 }
 # An emulated processor takes its time.
 TIMEOUT_FACTOR = 20

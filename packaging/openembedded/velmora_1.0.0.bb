@@ -33,5 +33,5 @@ FILES:${PN} += "${nonarch_libdir}/tmpfiles.d ${datadir}/dbus-1/system.d"
 
 # They are started, not linked.
 RDEPENDS:${PN} = "gnupg unzip"
-RDEPENDS:${PN}-sim = "bubblewrap dbus"
+RDEPENDS:${PN}-sim = "bubblewrap dbus gnupg"
 RDEPENDS:${PN}-tools = "gnupg openssl-bin"
