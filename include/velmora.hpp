@@ -99,8 +99,8 @@ struct manifestHeader
 };
 static_assert(sizeof(manifestHeader) == 16);
 
-/** Signature algorithm ("PS256", "PS384" or "PS512") that the last metadata
- *  block to name one named; empty at load. Set by
+/** Signature algorithm ("PS256", "PS384" or "PS512") of the last metadata
+ *  block that named one; empty at load. Set by
  *  ValidateQOR::extract_meta_data, read by
  *  ValidateQOR::verify_slot_signature. */
 extern VELMORA_EXPORT std::string metadata_algo;
@@ -151,7 +151,7 @@ class VELMORA_EXPORT ValidateQOR
      *  Replaces libxml2's memory functions, entity loader and error function
      *  while it works, and cleans up its process-wide parser state. Refuses a
      *  document of more than 256 KiB, and one to which entities and defaults
-     *  add more than that.
+     *  add more than that or that exceeds another limit (docs/security.md).
      *
      *  @param descriptorPath XML file
      *  @param expression XPath 1.0 expression that selects elements, or null
@@ -190,7 +190,7 @@ class VELMORA_EXPORT ValidateQOR
      *  @param descriptorPath XML file
      *  @throws std::invalid_argument for a `systemID` that is not hexadecimal
      *  @throws std::out_of_range for one outside 32 signed bits; either only
-     *          when met before a match */
+     *          when it comes before a match */
     static bool validateSytemIdFromPkgXML(const std::string& descriptorPath);
 
     /** Whether an extracted package may be trusted: it is for this system, its

@@ -136,7 +136,7 @@ int ValidateQOR::extract_meta_data(std::string& block)
     errno = 0;
     const long long seconds =
         std::strtoll(values.timestamp.c_str(), nullptr, 10);
-    // Only the low 32 bits are kept, whatever they make of the value.
+    // Only the low 32 bits are kept, even where that changes the value.
     metadata_timestamp =
         static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
     if (errno != 0 && metadata_timestamp == 0)

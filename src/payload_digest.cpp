@@ -34,8 +34,8 @@ namespace fs = std::filesystem;
 constexpr std::size_t PIECE_SIZE = std::size_t{10} * 1024 * 1024;
 constexpr std::size_t SHA256_SIZE = 32;
 
-/** SHA-256 in steps. A step on a context that could not be made, or that was
- *  not initialised, fails: what is half initialised crashes. */
+/** SHA-256 in steps. A step on a context that could not be made or
+ *  initialised fails: OpenSSL crashes on one that is half initialised. */
 class Sha256
 {
   public:
@@ -81,9 +81,9 @@ class Sha256
     std::array<unsigned char, SHA256_SIZE> digest_{};
 };
 
-/** Opens a file without waiting, as a FIFO would make us wait for a writer.
- *  That fails for a regular file under another process's write lease: there a
- *  second open waits. */
+/** Opens a file without waiting for the writer of a FIFO. Under another
+ *  process's write lease such an open fails, even of a regular file. So a
+ *  second one waits for the end of the lease. */
 FileDescriptor openFile(const std::string& path)
 {
     constexpr int FLAGS = O_RDONLY | O_CLOEXEC;
@@ -128,8 +128,8 @@ std::unique_ptr<char[]> makeReadBuffer(std::uint64_t length)
         static_cast<std::size_t>(length));
 }
 
-/** Gives the file's content to the digest, piece by piece. Nothing is read any
- *  more behind a piece that could not be read whole.
+/** Gives the file's content to the digest, piece by piece. Reading
+ *  stops at the first piece that cannot be read whole.
  *
  *  @param length in bytes
  *  @return whether all of it was digested; failures have been logged */

@@ -500,7 +500,7 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
             {
                 if (verification.certificate != nullptr)
                 {
-                    // The line is known to carry this function's own name.
+                    // This line has always carried the lambda's own name.
                     // NOLINTNEXTLINE(bugprone-lambda-function-name)
                     PRINT_INFO("Clear ctx before exiting...");
                     verification.context.reset();

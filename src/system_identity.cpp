@@ -113,8 +113,8 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
         LOG_FAILURE("the descriptor is missing or no regular file");
         return false;
     }
-    // The early returns free the document first. After a search the result
-    // goes first.
+    // On an early return the document is freed before the result. After the
+    // search the result is freed first.
     const XmlAllocations allocations;
     XmlDocument document = parseDescriptor(descriptorPath, allocations);
     if (document == nullptr)

@@ -76,10 +76,10 @@ char* duplicate(const char* text) { return noted(processStrdup(text)); }
 
 /** Bounds one parse.
  *
- *  The parser asks its loader for every input, the document included, and
- *  hands it the context: the one place where a context made by xmlParseFile
- *  can be reached before it parses. Ours gives it the document, and puts
- *  functions that count in front of the parser's own. */
+ *  The parser asks its loader for every input, the document too, and passes its
+ *  context. Nowhere else can the context that xmlParseFile makes be reached
+ *  before parsing. Our loader gives it the document, and puts functions that
+ *  count in front of the parser's own. */
 class GuardedParse
 {
   public:
@@ -179,8 +179,8 @@ class GuardedParse
         {
             guard.refuse("the document is larger than 262144 bytes");
         }
-        // Behind an error the parser no longer says where a type ends, or that
-        // there is one, and still reads it.
+        // After an error the parser still reads a document type, but no longer
+        // says where it starts or ends. So all that follows counts.
         guard.documentTypeSize_ +=
             guard.inDocumentType_ || guard.context_->wellFormed == 0
                 ? static_cast<std::size_t>(count)

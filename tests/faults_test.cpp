@@ -243,7 +243,7 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
                   " close error,strerr[Input/output error]"}})
     {
         EXPECT_EQ(statusWith(function, nth, goodChain()), status) << function;
-        // What passes it on follows, the clean-up, and what was verified.
+        // After it come what passes it on, the clean-up and the final result.
         const auto line = std::find(log.begin(), log.end(), "FAILURE " + text);
         EXPECT_NE(line, log.end()) << text;
         EXPECT_LE(log.end() - line, 3) << text;

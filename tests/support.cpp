@@ -41,14 +41,14 @@ std::string withoutSourceLine(const std::string& line)
 
 } // namespace
 
-Lines logOf(const std::function<void()>& work, int descriptor)
+Lines logOf(const std::function<void()>& work, int fileDescriptor)
 {
     const int memory = memfd_create("log", MFD_CLOEXEC);
-    const int saved = dup(descriptor);
-    dup2(memory, descriptor);
+    const int saved = dup(fileDescriptor);
+    dup2(memory, fileDescriptor);
     const auto restore = [&]
     {
-        dup2(saved, descriptor);
+        dup2(saved, fileDescriptor);
         close(saved);
     };
     try

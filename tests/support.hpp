@@ -32,8 +32,8 @@ using Lines = std::vector<std::string>;
 /** Runs @p work and gives the lines written to stderr meanwhile, without the
  *  source lines: "FAILURE", "SUCCESS", "INFO label value" for the cerr style,
  *  "LEVEL function: message" for the stderr style, others as they are. Another
- *  @p descriptor may take the place of stderr's. */
-Lines logOf(const std::function<void()>& work, int descriptor = 2);
+ *  @p fileDescriptor may take the place of stderr's. */
+Lines logOf(const std::function<void()>& work, int fileDescriptor = 2);
 
 /** Open file descriptors of this process. */
 std::size_t openFileDescriptors();
