@@ -105,7 +105,7 @@ bool isolateChild()
  *
  *  @param failureNumber of the line that the child writes when no program
  *         could be started in it
- *  @return the process identifier, negative when the fork failed */
+ *  @return the process identifier, -1 when the fork failed */
 pid_t startExtractor(const std::string& packagePath,
                      const std::string& destination, const char* pattern,
                      int failureNumber)
@@ -136,7 +136,7 @@ bool ValidateQOR::unZip(const std::string& packagePath,
     pid_t pidUnzip = startExtractor(
         packagePath, destination, "package.xml*",
         LOG_CHILD_FAILURE("unzip could not be started for the descriptor"));
-    if (pidUnzip < 0)
+    if (pidUnzip == -1)
     {
         LOG_INFO("pidUnzip: ", pidUnzip);
         LOG_FAILURE("no process could be made to extract the descriptor");
@@ -153,7 +153,7 @@ bool ValidateQOR::unZip(const std::string& packagePath,
     pidUnzip = startExtractor(
         packagePath, destination, "payload*",
         LOG_CHILD_FAILURE("unzip could not be started for the payload"));
-    if (pidUnzip < 0)
+    if (pidUnzip == -1)
     {
         LOG_INFO("pidUnzip: ", pidUnzip);
         LOG_FAILURE("no process could be made to extract the payload");
