@@ -57,6 +57,7 @@ expect 0 '^accepted: signed by' "$velmora" validate unpacked
 expect 0 '^systems: 0001 0A1B$' "$velmora" info unpacked
 expect 0 '^model: 113440$' "$velmora" info unpacked
 expect 0 '^BMC$' "$velmora" purpose unpacked
+expect 3 'package.xml: No such file' "$velmora" purpose files
 expected=$("$velmora" info --json unpacked | grep -o '[0-9a-f]\{64\}')
 expect 0 "^$expected\$" "$velmora" digest unpacked/payload
 expect 0 "^$(sha256sum <files/a | cut -c1-64)\$" "$velmora" digest files/a
@@ -108,7 +109,7 @@ expect 1 'refused: .*: the key has expired \(2024-01-31\): Old, TEST, ' \
 expect 0 'signature status: Key expired' "$velmora" explain log
 expect 0 "^refused: the descriptor's signature is not valid +descriptor_signature.cpp:[0-9]+\$" \
     "$velmora" explain <(sed 's/^/Jan 01 00:00:00 bmc daemon[7]: /' log)
-expect 0 '"number": [0-9]+' "$velmora" --json explain log
+expect 0 '"number": [0-9]+' sh -c '"$0" --json explain log | python3 -m json.tool' "$velmora"
 expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explain \
     <(cat log; echo 'Line: 1 [FAILURE]')
 sed '1i Line: 1 [FAILURE]' log >longer
@@ -165,7 +166,10 @@ SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 2.zip
 expect 0 '^$' cmp 1.zip 2.zip
 "$pack" package --model 113440 --version 1.2 --payload files \
     --to-be-signed descriptor
-gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig descriptor
+# With a part that is so long that its length takes two octets.
+gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig \
+    --sig-notation "long@velmora.invalid=$(printf 'x%.0s' {1..250})" descriptor
+expect 0 '^remarks: none$' "$pack" inspect sig
 expect 0 . "$pack" package --model 113440 --version 1.2 --payload files \
     --gpg-home "$keys/gnupg" --signature sig -o elsewhere.zip
 expect 0 '^accepted: signed by' "$velmora" validate elsewhere.zip
@@ -364,7 +368,7 @@ def change(source, target, *changes):
 change("p.zip", "crc.zip", (b"one\n", b"0ne\n"))
 with open("upper.xml", "wb") as file:
     file.write(good["package.xml"].replace(b"0001", b"zz").replace(
-        b"0A1B", b"12345").replace(b'hash="', b'hash="A'))
+        b"0A1B", b"12345").replace(b'hash="', b'hash="A').replace(b"113440", b""))
 change("signed", "unnamed", (b'"PS512"', b'"RS512"'), (b'"sts"', b'"stz"'))
 PY
 remarks() {
@@ -385,6 +389,7 @@ remarks twice.zip 'package.xml is there more than once'
 remarks upper.xml 'systemID on line [0-9]+ is no number, and'
 remarks upper.xml 'systemID on line [0-9]+ is not a 16-bit number'
 remarks upper.xml 'hash is not 64 lower-case'
+remarks upper.xml 'states no componentID'
 remarks unnamed 'names no known algorithm'
 remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
