@@ -81,6 +81,8 @@ int tellSecret(char* buffer, int size, int /*forWriting*/, void* data)
     }
     if (!secret.value || secret.value->size() >= static_cast<std::size_t>(size))
     {
+        // Otherwise the provider for tokens would ask, on standard input.
+        UI_set_default_method(UI_null());
         return -1;
     }
     const std::string& value = *secret.value;
@@ -129,6 +131,19 @@ Key firstKey(OSSL_STORE_CTX* store)
     return nullptr;
 }
 
+/** Where OpenSSL has its provider for tokens; null when there is none. It has
+ *  no part in what else OpenSSL does: a token's driver may use OpenSSL itself,
+ *  and would wait for itself if that led back to the provider. */
+OSSL_LIB_CTX* contextForTokens()
+{
+    static const Handle<OSSL_LIB_CTX, OSSL_LIB_CTX_free> context(
+        OSSL_LIB_CTX_new());
+    const bool isLoaded =
+        context && OSSL_PROVIDER_load(context.get(), "default") != nullptr &&
+        OSSL_PROVIDER_load(context.get(), TOKEN_DRIVER) != nullptr;
+    return isLoaded ? context.get() : nullptr;
+}
+
 /** For an OpenSSL that has no provider for tokens, but still has engines. */
 Key keyOfEngine([[maybe_unused]] const std::string& uri,
                 [[maybe_unused]] UI_METHOD* prompter,
@@ -169,13 +184,15 @@ Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
         }
         setenv(PROVIDER_MODULE_VARIABLE, module, 0);
     }
-    if (OSSL_PROVIDER_try_load(nullptr, TOKEN_DRIVER, 1) == nullptr)
+    OSSL_LIB_CTX* const context = contextForTokens();
+    if (context == nullptr)
     {
         ERR_clear_error();
         return keyOfEngine(uri, prompter, secret);
     }
     return firstKey(
-        Store(OSSL_STORE_open(uri.c_str(), prompter, &secret, nullptr, nullptr))
+        Store(OSSL_STORE_open_ex(uri.c_str(), context, nullptr, prompter,
+                                 &secret, nullptr, nullptr, nullptr))
             .get());
 }
 
