@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The command-line tools as a user meets them, inside the simulated BMC with
 # its own services. Arguments: velmora, velmora-pack, directory of test keys.
+# shellcheck disable=SC2016 # Expanded by another shell.
 set -euo pipefail
 velmora=$(readlink -f "$1")
 pack=$(readlink -f "$2")
@@ -114,6 +115,8 @@ expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explai
     <(cat log; echo 'Line: 1 [FAILURE]')
 sed '1i Line: 1 [FAILURE]' log >longer
 expect 0 'signature status: Key expired' sh -c '(read -r _; exec "$0" explain) <longer' "$velmora"
+"$velmora" -v validate p.zip >/dev/null 2>>longer
+expect 0 '^passed' sh -c '"$0" explain longer | grep -E "^(refused|passed)" | tail -n 1' "$velmora"
 expect 3 'log: holds no causes' "$velmora" explain --library log log
 fake='Line: 1 [INFO e.what(): sd_bus_call: org.freedesktop.DBus.Error.NoReply: x]'
 cp -r unpacked fake
@@ -232,6 +235,7 @@ fails secret/a "${package[@]}" --payload secret -o x.zip
 head -c 100000 /dev/urandom >content
 touch empty
 "$pack" manifest --release 1 --prefix files/a -o manifest
+expect 0 '^    release: 1$' "$pack" inspect manifest/image-ktb
 "$pack" image content --key "$keys/image-signer.pem" -o image
 expect 0 '^accepted$' "$velmora" verify-image image manifest
 expect 0 '^1$' cat /tmp/ingressRelease
@@ -249,7 +253,6 @@ expect 0 'r' "$pack" inspect --as image image2
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
 fails 'two files; name a directory' manifest -o -
 fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.pem" -o nodir/x
-# shellcheck disable=SC2016 # Expanded by the other shell.
 expect 1 '^velmora-pack: standard output: No space left' sh -c \
     '"$1" image content --key "$2/image-signer.pem" -o - >/dev/full' - "$pack" "$keys"
 "$pack" image content --key "$keys/image-signer.pem" -o - >piped
@@ -303,6 +306,7 @@ echo wrong >wrong
 fails 'locked.pem: no private key .* with that passphrase' image content \
     --key locked.pem --passphrase-file wrong -o x
 fails 'nothere: No such file' image content --key locked.pem --passphrase-file nothere -o x
+fails 'empty: no passphrase' image content --key locked.pem --passphrase-file empty -o x
 cp p.zip twice.zip
 python3 - twice.zip <<'PY'
 import sys, warnings, zipfile
@@ -417,14 +421,13 @@ sed -i 's/componentID="[^"]*"/componentID="7"/' unpacked/package.xml
 expect 0 '^TPM$' "$velmora" purpose unpacked
 
 # Terminals and signals.
-sed -i $'s/componentID="[^"]*"/componentID="\u009b\u202ex\u00e4"/' unpacked/package.xml
-expect 0 $'^model: \\\\xc2\\\\x9b\\\\xe2\\\\x80\\\\xaex\u00e4$' "$velmora" info unpacked
+sed -i $'s/componentID="[^"]*"/componentID="\u009b\u202ex\u00e4y"/' unpacked/package.xml
+expect 0 $'^model: \\\\xc2\\\\x9b\\\\xe2\\\\x80\\\\xaex\u00e4y$' "$velmora" info unpacked
 expect 3 '^velmora: a.x0ab.xff.xed.xa0.x80: could' "$velmora" digest \
     $'a\nb\xff\xed\xa0\x80'
 # Large enough to be under way when the signal comes.
 truncate -s 256M large
 ulimit -c 0
-# shellcheck disable=SC2016 # Expanded by the other shell.
 expect 0 'digest|[0-9a-f]{64}' sh -c \
     'trap "" HUP; "$0" digest large & sleep 0.1; kill -HUP $!; wait $!' "$velmora"
 for signal in HUP QUIT; do
