@@ -6,12 +6,16 @@ build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev
     libelf-dev scdoc)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
+# OpenSSL's driver for tokens. Debian 12 has only one of the older kind.
+token_driver=pkcs11-provider
+! grep -qs '^VERSION_ID="12"' /etc/os-release ||
+    token_driver=libengine-pkcs11-openssl
 test_packages=(libgtest-dev libgmock-dev systemd abigail-tools valgrind man-db
-    softhsm2 opensc libengine-pkcs11-openssl pkcs11-provider)
+    softhsm2 opensc "$token_driver")
 # Without these something is left out, but the rest works: a release that is
 # in the making may not have them all at the moment.
 optional_packages=" scdoc abigail-tools valgrind man-db softhsm2 opensc \
-libengine-pkcs11-openssl pkcs11-provider "
+$token_driver "
 
 say() {
     printf '%s\n' "-- $*"
