@@ -351,6 +351,9 @@ for file in files/a content /dev/null "$keys" none; do
 done
 
 # Inspect.
+printf '$KTBx' >short
+expect 0 '^  - the header is not complete$' "$pack" inspect short
+expect 1 'standard output: No space' sh -c '"$0" inspect short >/dev/full' "$pack"
 python3 - <<'PY'
 import zipfile
 with zipfile.ZipFile("p.zip") as package:
