@@ -131,17 +131,30 @@ Key firstKey(OSSL_STORE_CTX* store)
     return nullptr;
 }
 
-/** Where OpenSSL has its provider for tokens; null when there is none. It has
- *  no part in what else OpenSSL does: a token's driver may use OpenSSL itself,
- *  and would wait for itself if that led back to the provider. */
-OSSL_LIB_CTX* contextForTokens()
+/** Whether OpenSSL has a provider for tokens. */
+bool hasProvider()
+{
+    OSSL_PROVIDER* const provider =
+        OSSL_PROVIDER_try_load(nullptr, TOKEN_DRIVER, 1);
+    ERR_clear_error();
+    return provider != nullptr && OSSL_PROVIDER_unload(provider) == 1;
+}
+
+/** Reads a key with the provider, which has no part in what else OpenSSL does:
+ *  a token's driver may use OpenSSL itself, and would wait for itself if that
+ *  led back to the provider. */
+Key keyOfProvider(const std::string& uri, UI_METHOD* prompter, Secret& secret)
 {
     static const Handle<OSSL_LIB_CTX, OSSL_LIB_CTX_free> context(
         OSSL_LIB_CTX_new());
-    const bool isLoaded =
-        context && OSSL_PROVIDER_load(context.get(), "default") != nullptr &&
-        OSSL_PROVIDER_load(context.get(), TOKEN_DRIVER) != nullptr;
-    return isLoaded ? context.get() : nullptr;
+    require(context &&
+                OSSL_PROVIDER_load(context.get(), "default") != nullptr &&
+                OSSL_PROVIDER_load(context.get(), TOKEN_DRIVER) != nullptr,
+            "the provider for tokens cannot be loaded");
+    return firstKey(
+        Store(OSSL_STORE_open_ex(uri.c_str(), context.get(), nullptr, prompter,
+                                 &secret, nullptr, nullptr, nullptr))
+            .get());
 }
 
 /** For an OpenSSL that has no provider for tokens, but still has engines. */
@@ -184,16 +197,8 @@ Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
         }
         setenv(PROVIDER_MODULE_VARIABLE, module, 0);
     }
-    OSSL_LIB_CTX* const context = contextForTokens();
-    if (context == nullptr)
-    {
-        ERR_clear_error();
-        return keyOfEngine(uri, prompter, secret);
-    }
-    return firstKey(
-        Store(OSSL_STORE_open_ex(uri.c_str(), context, nullptr, prompter,
-                                 &secret, nullptr, nullptr, nullptr))
-            .get());
+    return hasProvider() ? keyOfProvider(uri, prompter, secret)
+                         : keyOfEngine(uri, prompter, secret);
 }
 
 Key keyOfFile(const fs::path& file, UI_METHOD* prompter, Secret& secret)
