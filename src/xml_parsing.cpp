@@ -45,6 +45,12 @@ std::string_view view(const xmlChar* text)
     return text != nullptr ? reinterpret_cast<const char*>(text) : "";
 }
 
+/** Empty where none is declared. */
+std::string_view contentOf(const xmlEntity* entity)
+{
+    return view(entity != nullptr ? entity->content : nullptr);
+}
+
 std::size_t costOf(std::string_view text)
 {
     return text.size() + LINE_BREAK_COST * static_cast<std::size_t>(std::count(
@@ -222,20 +228,15 @@ class GuardedParse
     static xmlEntity* useParameterEntity(void* context, const xmlChar* name)
     {
         xmlEntity* entity = xmlSAX2GetParameterEntity(context, name);
-        const std::size_t cost =
-            entity != nullptr ? costOf(view(entity->content)) : 0;
-        return current_->spend(NODE_COST + cost) ? entity : nullptr;
+        return current_->spend(NODE_COST + costOf(contentOf(entity))) ? entity
+                                                                      : nullptr;
     }
 
     /** What one use of an entity adds, with the entities within it. */
     static std::size_t entityCost(void* context, const xmlEntity* entity,
                                   int depth)
     {
-        if (entity == nullptr)
-        {
-            return NODE_COST;
-        }
-        const std::string_view text = view(entity->content);
+        const std::string_view text = contentOf(entity);
         std::size_t cost = NODE_COST + costOf(text);
         for (std::size_t at = text.find('&'); at != std::string_view::npos;
              at = text.find('&', at + 1))
@@ -261,17 +262,12 @@ class GuardedParse
         return cost;
     }
 
-    static void startElement(void* context, const xmlChar* name,
-                             const xmlChar* prefix, const xmlChar* uri,
-                             int namespaceCount, const xmlChar** namespaces,
-                             int attributeCount, int defaultCount,
-                             const xmlChar** attributes)
+    /** What namespaces and defaults add to an element. */
+    static std::size_t elementCost(int namespaceCount,
+                                   const xmlChar** namespaces,
+                                   int attributeCount, int defaultCount,
+                                   const xmlChar** attributes)
     {
-        if (attributeCount > MAX_ATTRIBUTES)
-        {
-            current_->stop("an element has more than 1000 attributes");
-            return;
-        }
         // Five pointers each: name, prefix, namespace, begin and end of the
         // value. The defaults come last.
         std::size_t cost =
@@ -291,7 +287,22 @@ class GuardedParse
             const bool isDefault = i >= attributeCount - defaultCount;
             cost += costOf(text) - (isDefault ? 0 : text.size());
         }
-        if (current_->spend(cost))
+        return cost;
+    }
+
+    static void startElement(void* context, const xmlChar* name,
+                             const xmlChar* prefix, const xmlChar* uri,
+                             int namespaceCount, const xmlChar** namespaces,
+                             int attributeCount, int defaultCount,
+                             const xmlChar** attributes)
+    {
+        if (attributeCount > MAX_ATTRIBUTES)
+        {
+            current_->stop("an element has more than 1000 attributes");
+        }
+        else if (current_->spend(elementCost(namespaceCount, namespaces,
+                                             attributeCount, defaultCount,
+                                             attributes)))
         {
             xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount,
                                   namespaces, attributeCount, defaultCount,
