@@ -3,6 +3,7 @@
 #include <gpgme.h>
 #include <libxml/xpathInternals.h>
 #include <openssl/x509.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -305,6 +306,23 @@ TEST_F(Faults, ChildrenThatDoNotExtract)
     };
     std::fflush(stdout);
     EXPECT_THAT(logOf(unstarted, STDOUT_FILENO), ElementsAre("buffered"));
+    EXPECT_THAT(log,
+                ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
+    // Only the second child finds no file descriptor free.
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    meanwhile = [before]
+    {
+        const rlimit few{STDERR_FILENO + 1, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+    };
+    const auto extractAndRestore = [this, before]
+    {
+        const bool done = unZip();
+        setrlimit(RLIMIT_NOFILE, &before);
+        return done;
+    };
+    EXPECT_FALSE(faulted("waitpid", 1, extractAndRestore));
     EXPECT_THAT(log,
                 ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
     // Only an exit code fails an extraction.

@@ -147,8 +147,13 @@ TEST_F(Unzip, AnInterruptEndsTheExtractorToo)
                           });
     EXPECT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGINT);
-    EXPECT_TRUE(
-        comesTrue([&] { return readFile(extractor / "cmdline").empty(); }));
+    // What ends while its files are read makes that throw.
+    EXPECT_TRUE(comesTrue(
+        [&]
+        {
+            std::error_code ended;
+            return fs::read_symlink(extractor / "exe", ended).empty();
+        }));
 }
 
 TEST_F(Unzip, TheExtractorGetsOutputAndNothingElse)
