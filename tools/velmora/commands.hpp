@@ -1,6 +1,6 @@
 #pragma once
 
-#include "explanation.hpp"
+#include "log_reader.hpp"
 #include "velmora.hpp"
 
 #include <nlohmann/json.hpp>

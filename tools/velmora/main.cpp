@@ -1,9 +1,10 @@
-#include "causes.hpp"
+#include "cause_table.hpp"
 #include "commands.hpp"
 #include "common/command_line.hpp"
 #include "common/error.hpp"
 #include "common/signals.hpp"
-#include "explain.hpp"
+#include "explain_command.hpp"
+#include "json.hpp"
 
 #include <nlohmann/json.hpp>
 

@@ -100,7 +100,7 @@ Outcome run(bool verbose, const std::function<bool()>& work)
             outcome.refusal = operation;
         }
     };
-    Explainer(linkedCauses(), keepRefusal).read(log, "the log");
+    LogReader(linkedCauses(), keepRefusal).read(log, "the log");
     return outcome;
 }
 

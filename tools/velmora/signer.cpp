@@ -1,7 +1,7 @@
 #include "signer.hpp"
 
 #include "common/handles.hpp"
-#include "explanation.hpp"
+#include "log_reader.hpp"
 
 #include <gpgme.h>
 #include <openssl/pem.h>

@@ -1,4 +1,4 @@
-#include "explanation.hpp"
+#include "log_reader.hpp"
 
 #include "common/error.hpp"
 
@@ -212,7 +212,7 @@ std::string date(std::string_view seconds)
 }
 
 /** A line of the library. */
-struct Explainer::Line
+struct LogReader::Line
 {
     enum class Level : std::uint8_t
     {
@@ -233,7 +233,7 @@ struct Explainer::Line
 };
 
 /** A line of ours at the very start of @p text. */
-std::optional<Explainer::Line> Explainer::parse(std::string_view text)
+std::optional<LogReader::Line> LogReader::parse(std::string_view text)
 {
     using enum Line::Level;
     Line line;
@@ -269,7 +269,7 @@ std::optional<Explainer::Line> Explainer::parse(std::string_view text)
 }
 
 /** The first line of ours in @p text, behind whatever prefix. */
-std::optional<Explainer::Line> Explainer::find(std::string_view text)
+std::optional<LogReader::Line> LogReader::find(std::string_view text)
 {
     text.remove_suffix(text.ends_with('\r') ? 1 : 0);
     for (std::size_t at = text.find_first_of(STARTS);
@@ -291,7 +291,7 @@ std::optional<Explainer::Line> Explainer::find(std::string_view text)
 }
 
 /** Decodes the values that a line carries. */
-void Explainer::addDetails(Operation& operation, const Line& line)
+void LogReader::addDetails(Operation& operation, const Line& line)
 {
     for (const Value& value : VALUES)
     {
@@ -333,7 +333,7 @@ std::string Operation::reason() const
            site.text + telling;
 }
 
-void Explainer::read(const tools::FileDescriptor& file, const std::string& name)
+void LogReader::read(const tools::FileDescriptor& file, const std::string& name)
 {
     std::array<char, 65536> piece{};
     std::string line;
@@ -361,7 +361,7 @@ void Explainer::read(const tools::FileDescriptor& file, const std::string& name)
     finishRefusal();
 }
 
-void Explainer::take(std::string_view text)
+void LogReader::take(std::string_view text)
 {
     using enum Line::Level;
     const Line line = find(text).value_or(Line());
@@ -393,7 +393,7 @@ void Explainer::take(std::string_view text)
     }
 }
 
-void Explainer::takeFailure(const Line& line)
+void LogReader::takeFailure(const Line& line)
 {
     const auto known = causes_.sites.find(line.number);
     const bool isKnown = known != causes_.sites.end();
@@ -428,7 +428,7 @@ void Explainer::takeFailure(const Line& line)
     }
 }
 
-void Explainer::takeSuccess(const Line& line)
+void LogReader::takeSuccess(const Line& line)
 {
     finishRefusal();
     // Any failure of the same source knows its name.
@@ -449,7 +449,7 @@ void Explainer::takeSuccess(const Line& line)
     sink_(std::exchange(now_, {}));
 }
 
-void Explainer::finishRefusal()
+void LogReader::finishRefusal()
 {
     if (refusal_)
     {

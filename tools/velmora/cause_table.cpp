@@ -1,4 +1,4 @@
-#include "causes.hpp"
+#include "cause_table.hpp"
 
 #include "common/error.hpp"
 #include "common/handles.hpp"

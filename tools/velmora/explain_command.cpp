@@ -1,13 +1,13 @@
-#include "explain.hpp"
+#include "explain_command.hpp"
 
 #include "common/error.hpp"
 #include "common/handles.hpp"
-#include "explanation.hpp"
+#include "json.hpp"
+#include "log_reader.hpp"
 
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 
-#include <cctype>
 #include <iomanip>
 #include <iostream>
 
@@ -72,36 +72,6 @@ nlohmann::ordered_json asJson(const Operation& operation)
 
 } // namespace
 
-std::string inWords(const std::string& name)
-{
-    std::string words;
-    for (const char c : name)
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        words += std::isupper(byte) != 0 ? " " : "";
-        words += static_cast<char>(std::tolower(byte));
-    }
-    return words;
-}
-
-nlohmann::ordered_json asJson(const Site& site)
-{
-    return {{"file", site.file},
-            {"line", site.line},
-            {"number", site.number},
-            {"text", site.text}};
-}
-
-nlohmann::ordered_json detailsAsJson(const Operation& operation)
-{
-    auto object = nlohmann::ordered_json::object();
-    for (const auto& [name, text, isTelling] : operation.details)
-    {
-        object[name] = text;
-    }
-    return object;
-}
-
 bool explain(const std::string& log, const std::string& library, bool json)
 {
     const Causes& causes =
@@ -122,7 +92,7 @@ bool explain(const std::string& log, const std::string& library, bool json)
         throw tools::systemError(name);
     }
     const char* separator = "[";
-    Explainer explainer(causes,
+    LogReader explainer(causes,
                         [json, &separator](const Operation& operation)
                         {
                             if (!json)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "causes.hpp"
+#include "cause_table.hpp"
 #include "common/handles.hpp"
 
 #include <cstddef>
@@ -49,13 +49,13 @@ std::string date(std::string_view seconds);
 
 /** Reads a log, with lines of others between ours and anything in front of
  *  ours. Its memory is bounded, whatever the log. */
-class Explainer
+class LogReader
 {
   public:
     using Sink = std::function<void(const Operation&)>;
 
     /** @param sink gets each operation when it has come to its end */
-    Explainer(const Causes& causes, Sink sink) :
+    LogReader(const Causes& causes, Sink sink) :
         causes_(causes), sink_(std::move(sink))
     {
     }
