@@ -49,8 +49,8 @@
         velmora::writeLine(LOG_NUMBER, {" [FAILURE]"});                        \
     } while (false)
 #define LOG_FAILURE(cause) LOG_CERR_FAILURE("cause", cause)
-#define LOG_PASSED_ON(what) LOG_CERR_FAILURE("echo", what)
-#define LOG_HARMLESS(what) LOG_CERR_FAILURE("note", what)
+#define LOG_ECHO(what) LOG_CERR_FAILURE("echo", what)
+#define LOG_NOTE(what) LOG_CERR_FAILURE("note", what)
 #define LOG_SUCCESS() velmora::writeLine(LOG_NUMBER, {" [SUCCESS]"})
 /** @param label the logged expression's text, written out, and ": " */
 #define LOG_INFO(label, value) velmora::writeInfo(LOG_NUMBER, label, value)
@@ -67,25 +67,22 @@
 /** @name The stderr style
  *  @param cause, what literal text for the record
  *  @param ... the line's own message: a printf format and its arguments, which
- *         may name the line's number, LINE_NUMBER */
+ *         may name the line's number, LOG_NUMBER */
 ///@{
 #define PRINT_STDERR_FAILURE(kind, text, ...)                                  \
     do                                                                         \
     {                                                                          \
         LOG_RECORD(kind, text);                                                \
-        [[maybe_unused]] constexpr int LINE_NUMBER = LOG_NUMBER;               \
         PRINT_LINE("FAILURE", __VA_ARGS__);                                    \
     } while (false)
 #define PRINT_FAILURE(cause, ...)                                              \
     PRINT_STDERR_FAILURE("cause", cause, __VA_ARGS__)
-#define PRINT_PASSED_ON(what, ...)                                             \
-    PRINT_STDERR_FAILURE("echo", what, __VA_ARGS__)
-#define PRINT_HARMLESS(what, ...)                                              \
-    PRINT_STDERR_FAILURE("note", what, __VA_ARGS__)
+#define PRINT_ECHO(what, ...) PRINT_STDERR_FAILURE("echo", what, __VA_ARGS__)
+#define PRINT_NOTE(what, ...) PRINT_STDERR_FAILURE("note", what, __VA_ARGS__)
 #define PRINT_INFO(...) PRINT_LINE("INFO", __VA_ARGS__)
 #define PRINT_SUCCESS(...) PRINT_LINE("SUCCESS", __VA_ARGS__)
 #define PRINT_LINE(level, ...)                                                 \
-    velmora::printLine(level, LOGGED_AS != nullptr ? LOGGED_AS : __func__,     \
+    velmora::printLine(level, OPERATION != nullptr ? OPERATION : __func__,     \
                        LOG_NUMBER, __VA_ARGS__)
 ///@}
 
@@ -95,7 +92,7 @@ namespace velmora
 /** Name in the lines of the stderr style; null for that of the function that
  *  logs. A class whose functions are the steps of an operation has a constant
  *  of this name, with the operation's. */
-inline constexpr const char* LOGGED_AS = nullptr;
+inline constexpr const char* OPERATION = nullptr;
 
 /** An integer as decimal text, whatever the locale and stream flags. */
 class Decimal

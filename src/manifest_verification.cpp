@@ -215,7 +215,7 @@ const char* currentExceptionName()
 class ImageVerification
 {
   public:
-    static constexpr const char* LOGGED_AS = "verifyManifestAndSignature";
+    static constexpr const char* OPERATION = "verifyManifestAndSignature";
 
     /** In bytes, or nothing after a logged failure. */
     static std::optional<std::streamoff>
@@ -402,8 +402,7 @@ class ImageVerification
             PRINT_FAILURE("the image's signature does not verify with the key "
                           "that the security service gave",
                           "EVP_DigestVerifyFinal()");
-            PRINT_PASSED_ON("the image is refused",
-                            "Signature verification failed");
+            PRINT_ECHO("the image is refused", "Signature verification failed");
             return false;
         }
         PRINT_SUCCESS("Signature verification is successful");

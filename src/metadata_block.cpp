@@ -56,7 +56,7 @@ std::vector<std::string> tokenize(std::string& block)
 class Values
 {
   public:
-    static constexpr const char* LOGGED_AS = "extract_meta_data";
+    static constexpr const char* OPERATION = "extract_meta_data";
 
     /** Sets metadata_algo where an algorithm is named. A key has two tokens
      *  behind it: the separator and the value. */

@@ -202,7 +202,7 @@ std::vector<std::string> regularFiles(const std::string& directory)
             }
             else
             {
-                LOG_HARMLESS("an entry is not covered: it is no regular file");
+                LOG_NOTE("an entry is not covered: it is no regular file");
             }
         }
         errno = 0;

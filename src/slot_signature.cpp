@@ -138,7 +138,7 @@ const char* reason(unsigned long code)
 class SlotVerification
 {
   public:
-    static constexpr const char* LOGGED_AS = "verify_slot_signature";
+    static constexpr const char* OPERATION = "verify_slot_signature";
 
     static SlotStatus mapPayload(PayloadFile& payload, const char* path)
     {
@@ -177,13 +177,13 @@ class SlotVerification
 
     static SlotStatus refuseCertificate(PayloadFile& payload)
     {
-        PRINT_PASSED_ON("there is no signer's certificate",
-                        "convert char buffer to X509 cert format failed");
+        PRINT_ECHO("there is no signer's certificate",
+                   "convert char buffer to X509 cert format failed");
         payload.close();
         if (!payload.unmap())
         {
-            PRINT_HARMLESS("the payload could not be unmapped",
-                           "Line[%u]munmap failed", unsigned{LINE_NUMBER});
+            PRINT_NOTE("the payload could not be unmapped",
+                       "Line[%u]munmap failed", unsigned{LOG_NUMBER});
         }
         return SLOT_CERTIFICATE;
     }
@@ -241,8 +241,8 @@ class SlotVerification
         PRINT_INFO("X509_get_pubkey is done");
         if (!ValidateQOR::createPublicKeyFile(key.get()))
         {
-            PRINT_PASSED_ON("the public key file was not written",
-                            "Error creating public key file");
+            PRINT_ECHO("the public key file was not written",
+                       "Error creating public key file");
             return SLOT_PUBLICKEY_FILE;
         }
         PRINT_INFO("Creating public key file is done");
@@ -359,7 +359,7 @@ class SlotVerification
 class ChainFile
 {
   public:
-    static constexpr const char* LOGGED_AS = "getX509Cert";
+    static constexpr const char* OPERATION = "getX509Cert";
 
     /** @param chain at least CHAIN_SIZE bytes */
     static bool write(const std::string& chain)

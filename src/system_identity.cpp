@@ -154,7 +154,7 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
     document.reset();
     if (!searchFound)
     {
-        LOG_PASSED_ON("the package is not for this system");
+        LOG_ECHO("the package is not for this system");
         return false;
     }
     LOG_INFO("searchFound: ", *searchFound);

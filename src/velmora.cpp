@@ -33,12 +33,12 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
     const std::string signaturePath = joined(packageDir, SIGNATURE_FILE_NAME);
     if (!validateSytemIdFromPkgXML(descriptorPath))
     {
-        LOG_PASSED_ON("the system identity check refused");
+        LOG_ECHO("the system identity check refused");
         return false;
     }
     if (!validatePkgXMLSignature(descriptorPath, signaturePath))
     {
-        LOG_PASSED_ON("the descriptor's signature check refused");
+        LOG_ECHO("the descriptor's signature check refused");
         return false;
     }
     const std::string sha256FromPkgXML = getStrFromPkgXML(
@@ -46,14 +46,14 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         "hash");
     if (sha256FromPkgXML.empty())
     {
-        LOG_PASSED_ON("the descriptor states no SHA256 hash");
+        LOG_ECHO("the descriptor states no SHA256 hash");
         return false;
     }
     const std::string sha256FromImage =
         getSHAStrFromImage(joined(packageDir, PAYLOAD_NAME));
     if (sha256FromImage.empty())
     {
-        LOG_PASSED_ON("the payload has no digest");
+        LOG_ECHO("the payload has no digest");
         return false;
     }
     LOG_INFO("sha256FromPkgXML: ", sha256FromPkgXML);
