@@ -1,0 +1,82 @@
+#pragma once
+
+#include "handles.hpp"
+
+#include <zip.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tools
+{
+
+/** A member of a ZIP as the archive's directory lists it. Nobody vouches for
+ *  any of it. */
+struct ArchiveMember
+{
+    /** Its bytes as they stand, in no known encoding. */
+    std::string name;
+    /** regular, directory or symlink, and unknown for anything else. */
+    std::filesystem::file_type type = std::filesystem::file_type::unknown;
+    /** Of its content once it is extracted, in bytes. */
+    std::uint64_t size = 0;
+    /** "stored" or "deflated", for instance. */
+    std::string compression;
+    bool isEncrypted = false;
+};
+
+/** Takes a piece of a member's content. */
+using ContentConsumer = std::function<void(std::span<const std::byte>)>;
+
+/** A ZIP that may be hostile, to look at before anything is unpacked. It is
+ *  read as unzip does: by the directory that its last end record names. */
+class Archive
+{
+  public:
+    /** @throws Error when the file cannot be read, or is no ZIP */
+    explicit Archive(const std::filesystem::path& path);
+    /** @param file a regular file, open for reading
+     *  @param name stands for it in messages */
+    Archive(FileDescriptor file, std::string name);
+    ~Archive();
+
+    /** In the order of the directory; one name can be there twice. */
+    const std::vector<ArchiveMember>& members() const { return members_; }
+
+    /** The sum of all sizes, in bytes; the largest number if none holds it. */
+    std::uint64_t totalSize() const;
+
+    /** What the file has beside members and directory, or says in two ways:
+     *  "has a comment", for instance. */
+    const std::vector<std::string>& oddities() const { return oddities_; }
+
+    /** Hands on a member's content, which has at most the listed size.
+     *
+     *  @param index in members()
+     *  @return what is wrong with the content, or empty
+     *  @throws what @p consume throws */
+    std::string read(std::size_t index, const ContentConsumer& consume) const;
+
+  private:
+    struct Input;
+
+    void openDirectory();
+    void listMembers();
+    /** @param end the file from its end record on */
+    void listOddities(std::string_view end);
+
+    std::string name_;
+    std::unique_ptr<Input> input_;
+    Handle<zip_t, zip_discard> zip_;
+    std::vector<ArchiveMember> members_;
+    std::vector<std::string> oddities_;
+};
+
+} // namespace tools
