@@ -17,6 +17,21 @@ expect() {
     fi
 }
 
+# What the tests of tools begin with: the tools, keys, and a payload to pack.
+begin_tools() {
+    velmora=$(readlink -f "$1")
+    pack=$(readlink -f "$2")
+    cd "$(mktemp -d)"
+    # An agent of its own: another sandbox's would end with that.
+    cp -r "$3" keys
+    keys=$PWD/keys
+    package=(package --model 113440 --version 1.2 --gpg-home "$keys/gnupg"
+        --key "$(cat "$keys/fingerprint")")
+    mkdir files unpacked
+    echo one >files/a
+    echo two >files/b
+}
+
 finish() {
     [ "$failures" -eq 0 ] || exit 1
     echo "all as expected"
