@@ -100,6 +100,8 @@ touch empty
 expect 0 '^    release: 1$' "$pack" inspect manifest/image-ktb
 "$pack" image content --key "$keys/image-signer.pem" -o image
 expect 0 '^accepted$' "$velmora" verify-image image manifest
+openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
+"$pack" image content --signature der \
     --public-key "$keys/image-signer.pub.pem" -o image2
 expect 0 'r' "$pack" inspect --as image image2
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x

@@ -18,10 +18,11 @@ expect() {
 }
 
 # What the tests of tools begin with: the tools, keys, and a payload to pack.
+# shellcheck disable=SC2034 # They are used by those that source this.
 begin_tools() {
     velmora=$(readlink -f "$1")
     pack=$(readlink -f "$2")
-    cd "$(mktemp -d)"
+    cd "$(mktemp -d)" || exit
     # An agent of its own: another sandbox's would end with that.
     cp -r "$3" keys
     keys=$PWD/keys
