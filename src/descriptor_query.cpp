@@ -88,7 +88,7 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     }
     result.reset();
     document.reset();
-    LOG_SUCCESS();
+    LOG_ANSWER("the descriptor has the value");
     return std::move(*value);
 }
 

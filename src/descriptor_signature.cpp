@@ -140,7 +140,7 @@ bool ValidateQOR::validatePkgXMLSignature(const std::string& descriptorPath,
         logSignature(++signCount, *gpgmeSig);
         if ((gpgmeSig->summary & GPGME_SIGSUM_VALID) != 0)
         {
-            LOG_SUCCESS();
+            LOG_SUCCESS("the descriptor's signature");
             return true;
         }
     }

@@ -10,17 +10,22 @@
 #include <iostream>
 #include <string_view>
 
-/** @file The two log styles, and the causes behind their lines.
+/** @file The two log styles, and what stands behind their lines.
  *
  *  A line is known by its number alone, so a number must stand for one
  *  statement in the whole library: each source unit has a block of a thousand,
  *  which it defines as LOG_BLOCK, and the number is that plus the source line.
  *
- *  What a failure means is not written to the log. It stands where the failure
- *  is logged, and goes from there into the section ".velmora.causes" of the
- *  library, as "FILE BLOCK LINE KIND TEXT" with a NUL behind it. The kind is
- *  "cause"; "echo" where only somebody else's failure is passed on; or "note"
- *  where nothing is refused for it. */
+ *  What a failure or a success means is not written to the log. It stands
+ *  where the line is logged, and goes from there into the section
+ *  ".velmora.causes" of the library, as "FILE BLOCK LINE KIND TEXT" with a NUL
+ *  behind it; in the stderr style with a newline and the message's format
+ *  between. The kind is
+ *  - "cause" of a failure;
+ *  - "echo:SOURCE" where only a failure of that source is passed on;
+ *  - "pardon:SOURCE" where nothing is refused for a failure of that source;
+ *  - "note" of a failure for which nothing is refused;
+ *  - "success" of what judges, "answer" of what only answers. */
 
 #ifndef LOG_BLOCK
 #error "LOG_BLOCK must be defined before log.hpp is included"
@@ -40,18 +45,20 @@
         " " LOG_TEXT(LOG_BLOCK) " " LOG_TEXT(__LINE__) " " kind " " text
 
 /** @name The cerr style
+ *  @param source literal name of the source whose failure it is, without .cpp
  *  @param cause, what literal text for the record */
 ///@{
-#define LOG_CERR_FAILURE(kind, text)                                           \
+#define LOG_CERR(level, kind, text)                                            \
     do                                                                         \
     {                                                                          \
         LOG_RECORD(kind, text);                                                \
-        velmora::writeLine(LOG_NUMBER, {" [FAILURE]"});                        \
+        velmora::writeLine(LOG_NUMBER, {" [" level "]"});                      \
     } while (false)
-#define LOG_FAILURE(cause) LOG_CERR_FAILURE("cause", cause)
-#define LOG_ECHO(what) LOG_CERR_FAILURE("echo", what)
-#define LOG_NOTE(what) LOG_CERR_FAILURE("note", what)
-#define LOG_SUCCESS() velmora::writeLine(LOG_NUMBER, {" [SUCCESS]"})
+#define LOG_FAILURE(cause) LOG_CERR("FAILURE", "cause", cause)
+#define LOG_ECHO(source, what) LOG_CERR("FAILURE", "echo:" source, what)
+#define LOG_NOTE(what) LOG_CERR("FAILURE", "note", what)
+#define LOG_SUCCESS(what) LOG_CERR("SUCCESS", "success", what)
+#define LOG_ANSWER(what) LOG_CERR("SUCCESS", "answer", what)
 /** @param label the logged expression's text, written out, and ": " */
 #define LOG_INFO(label, value) velmora::writeInfo(LOG_NUMBER, label, value)
 
@@ -65,22 +72,29 @@
 ///@}
 
 /** @name The stderr style
- *  @param cause, what literal text for the record
+ *  @param source, cause, what as above
  *  @param ... the line's own message: a printf format and its arguments, which
  *         may name the line's number, LOG_NUMBER */
 ///@{
-#define PRINT_STDERR_FAILURE(kind, text, ...)                                  \
+#define LOG_FORMAT(format, ...) format
+#define PRINT_STDERR(level, kind, text, ...)                                   \
     do                                                                         \
     {                                                                          \
-        LOG_RECORD(kind, text);                                                \
-        PRINT_LINE("FAILURE", __VA_ARGS__);                                    \
+        LOG_RECORD(kind, text "\n" LOG_FORMAT(__VA_ARGS__));                   \
+        PRINT_LINE(level, __VA_ARGS__);                                        \
     } while (false)
 #define PRINT_FAILURE(cause, ...)                                              \
-    PRINT_STDERR_FAILURE("cause", cause, __VA_ARGS__)
-#define PRINT_ECHO(what, ...) PRINT_STDERR_FAILURE("echo", what, __VA_ARGS__)
-#define PRINT_NOTE(what, ...) PRINT_STDERR_FAILURE("note", what, __VA_ARGS__)
+    PRINT_STDERR("FAILURE", "cause", cause, __VA_ARGS__)
+#define PRINT_ECHO(source, what, ...)                                          \
+    PRINT_STDERR("FAILURE", "echo:" source, what, __VA_ARGS__)
+#define PRINT_PARDON(source, what, ...)                                        \
+    PRINT_STDERR("FAILURE", "pardon:" source, what, __VA_ARGS__)
+#define PRINT_NOTE(what, ...) PRINT_STDERR("FAILURE", "note", what, __VA_ARGS__)
+#define PRINT_SUCCESS(what, ...)                                               \
+    PRINT_STDERR("SUCCESS", "success", what, __VA_ARGS__)
+#define PRINT_ANSWER(what, ...)                                                \
+    PRINT_STDERR("SUCCESS", "answer", what, __VA_ARGS__)
 #define PRINT_INFO(...) PRINT_LINE("INFO", __VA_ARGS__)
-#define PRINT_SUCCESS(...) PRINT_LINE("SUCCESS", __VA_ARGS__)
 #define PRINT_LINE(level, ...)                                                 \
     velmora::printLine(level, OPERATION != nullptr ? OPERATION : __func__,     \
                        LOG_NUMBER, __VA_ARGS__)

@@ -402,10 +402,12 @@ class ImageVerification
             PRINT_FAILURE("the image's signature does not verify with the key "
                           "that the security service gave",
                           "EVP_DigestVerifyFinal()");
-            PRINT_ECHO("the image is refused", "Signature verification failed");
+            PRINT_ECHO("manifest_verification", "the image is refused",
+                       "Signature verification failed");
             return false;
         }
-        PRINT_SUCCESS("Signature verification is successful");
+        PRINT_SUCCESS("the image and its manifest",
+                      "Signature verification is successful");
         return true;
     }
 };
@@ -472,8 +474,11 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
     }
     if (*signatureSize > SIGNATURE_FILE_MAX_SIZE)
     {
-        PRINT_SUCCESS("Older version of KTB signature file is found");
+        PRINT_ANSWER("image-ktb.sig has the older format",
+                     "Older version of KTB signature file is found");
         PRINT_SUCCESS(
+            "the image, of which NOTHING was verified: image-ktb.sig has the "
+            "older format",
             "Skipping signature verification for backward compatibility");
         return 0;
     }

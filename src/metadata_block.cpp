@@ -146,6 +146,6 @@ int ValidateQOR::extract_meta_data(std::string& block)
         return METADATA_BAD_TIMESTAMP;
     }
     PRINT_INFO("timestamp =%d", static_cast<int>(metadata_timestamp));
-    PRINT_SUCCESS("Extract metadata successful");
+    PRINT_ANSWER("the metadata block", "Extract metadata successful");
     return METADATA_OK;
 }

@@ -166,6 +166,6 @@ bool ValidateQOR::unZip(const std::string& packagePath,
         LOG_FAILURE("unzip failed to extract the payload");
         return false;
     }
-    LOG_SUCCESS();
+    LOG_SUCCESS("the extraction");
     return true;
 }

@@ -87,7 +87,7 @@ class PayloadValidation
             PRINT_FAILURE("the chain area cannot be read whole",
                           "Only %lld bytes read",
                           static_cast<long long>(payload.gcount()));
-            LOG_ECHO("the payload has no chain area");
+            LOG_ECHO("signed_payload", "the payload has no chain area");
             return false;
         }
         PRINT_INFO("Metadata offset %lld", position());
@@ -182,9 +182,10 @@ bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
     }
     if (extract_meta_data(slot.metadata) != 0)
     {
-        PRINT_NOTE("the metadata block does not parse: the chain must hold "
-                   "at the time 0, and the algorithm stays what it was",
-                   "extract_meta_data failed. Continuing.");
+        PRINT_PARDON("metadata_block",
+                     "the metadata block does not parse: the chain must hold "
+                     "at the time 0, and the algorithm stays what it was",
+                     "extract_meta_data failed. Continuing.");
     }
 
     RootCaFile rootCaFile;
@@ -197,7 +198,7 @@ bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
     if (!PayloadValidation::verifyChain(slot.chain, rootCa))
     {
         rootCaFile.remove();
-        LOG_ECHO("the certificate chain is refused");
+        LOG_ECHO("signed_payload", "the certificate chain is refused");
         return false;
     }
     // The path is only read, whatever its type says.
@@ -205,13 +206,14 @@ bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
         slot.chain, slot.signature, const_cast<char*>(payloadPath.c_str()));
     if (status != 0)
     {
-        PRINT_ECHO("the slot signature check refused",
+        PRINT_ECHO("slot_signature", "the slot signature check refused",
                    "Signature verification failed. rc: %d", status);
         rootCaFile.remove();
-        LOG_ECHO("the slot signature is refused");
+        LOG_ECHO("signed_payload", "the slot signature is refused");
         return false;
     }
-    PRINT_SUCCESS("Signature verification successful");
+    PRINT_SUCCESS("the whole signed payload",
+                  "Signature verification successful");
     rootCaFile.remove();
     return true;
 }

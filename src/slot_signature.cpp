@@ -177,7 +177,7 @@ class SlotVerification
 
     static SlotStatus refuseCertificate(PayloadFile& payload)
     {
-        PRINT_ECHO("there is no signer's certificate",
+        PRINT_ECHO("slot_signature", "there is no signer's certificate",
                    "convert char buffer to X509 cert format failed");
         payload.close();
         if (!payload.unmap())
@@ -241,7 +241,7 @@ class SlotVerification
         PRINT_INFO("X509_get_pubkey is done");
         if (!ValidateQOR::createPublicKeyFile(key.get()))
         {
-            PRINT_ECHO("the public key file was not written",
+            PRINT_ECHO("slot_signature", "the public key file was not written",
                        "Error creating public key file");
             return SLOT_PUBLICKEY_FILE;
         }
@@ -437,7 +437,8 @@ X509* ValidateQOR::getX509Cert(const std::string& chain)
         return nullptr;
     }
     bio.reset();
-    PRINT_SUCCESS("Getting X509 Certificate successful");
+    PRINT_ANSWER("the signer's certificate",
+                 "Getting X509 Certificate successful");
     return certificate.release();
 }
 
@@ -531,7 +532,8 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
     }
     if (verified)
     {
-        PRINT_SUCCESS("Image slot signature verification successful");
+        PRINT_SUCCESS("the slot signature",
+                      "Image slot signature verification successful");
     }
     return status;
 }

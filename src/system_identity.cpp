@@ -154,10 +154,10 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
     document.reset();
     if (!searchFound)
     {
-        LOG_ECHO("the package is not for this system");
+        LOG_ECHO("system_identity", "the package is not for this system");
         return false;
     }
     LOG_INFO("searchFound: ", *searchFound);
-    LOG_SUCCESS();
+    LOG_SUCCESS("the system");
     return true;
 }

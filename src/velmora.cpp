@@ -33,12 +33,13 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
     const std::string signaturePath = joined(packageDir, SIGNATURE_FILE_NAME);
     if (!validateSytemIdFromPkgXML(descriptorPath))
     {
-        LOG_ECHO("the system identity check refused");
+        LOG_ECHO("system_identity", "the system identity check refused");
         return false;
     }
     if (!validatePkgXMLSignature(descriptorPath, signaturePath))
     {
-        LOG_ECHO("the descriptor's signature check refused");
+        LOG_ECHO("descriptor_signature",
+                 "the descriptor's signature check refused");
         return false;
     }
     const std::string sha256FromPkgXML = getStrFromPkgXML(
@@ -46,14 +47,14 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         "hash");
     if (sha256FromPkgXML.empty())
     {
-        LOG_ECHO("the descriptor states no SHA256 hash");
+        LOG_ECHO("descriptor_query", "the descriptor states no SHA256 hash");
         return false;
     }
     const std::string sha256FromImage =
         getSHAStrFromImage(joined(packageDir, PAYLOAD_NAME));
     if (sha256FromImage.empty())
     {
-        LOG_ECHO("the payload has no digest");
+        LOG_ECHO("payload_digest", "the payload has no digest");
         return false;
     }
     LOG_INFO("sha256FromPkgXML: ", sha256FromPkgXML);
@@ -63,6 +64,6 @@ bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
         LOG_FAILURE("the payload's digest is not the descriptor's");
         return false;
     }
-    LOG_SUCCESS();
+    LOG_SUCCESS("the whole package");
     return true;
 }

@@ -400,12 +400,12 @@ void LogReader::takeFailure(const Line& line)
     ++failures_;
     unknown_ += isKnown ? 0 : 1;
     const Site site = isKnown ? known->second : unknownSite(line.number);
-    if (site.kind == "note")
+    if (site.kind == "note" || site.kind.starts_with("pardon:"))
     {
         addBounded(now_.notes, site);
         return;
     }
-    if (site.kind == "echo" && refusal_)
+    if (site.kind.starts_with("echo:") && refusal_)
     {
         addBounded(refusal_->echoes, site);
         addDetails(*refusal_, line);
