@@ -37,12 +37,69 @@
 typedef struct x509_st X509;
 typedef struct evp_pkey_st EVP_PKEY;
 
+#if !defined(VELMORA_OWN_VERSION) &&                                           \
+    __has_include(<xyz/openbmc_project/Software/Version/common.hpp>)
+
+/* The platform has a header of its own for this interface, as the generator of
+ * phosphor-dbus-interfaces makes it. Its enumerations are used, so that a unit
+ * may include both headers, in either order. */
+#include <xyz/openbmc_project/Software/Version/common.hpp>
+
+#include <initializer_list>
+#include <type_traits>
+
+namespace velmora
+{
+
+/** Whether the values are 0, 1, 2 and so on, passed as the library's are. */
+template <typename Enumeration>
+constexpr bool countUp(std::initializer_list<Enumeration> values)
+{
+    int next = 0;
+    for (const Enumeration value : values)
+    {
+        if (static_cast<int>(value) != next)
+        {
+            return false;
+        }
+        ++next;
+    }
+    return std::is_same_v<std::underlying_type_t<Enumeration>, int>;
+}
+
+template <typename Purpose, typename Release>
+constexpr bool hasThisSystemsEntries()
+{
+    return requires {
+        requires countUp<Purpose>(
+            {Purpose::Unknown, Purpose::Other, Purpose::System, Purpose::BMC,
+             Purpose::Host, Purpose::PSU, Purpose::SEPBP, Purpose::BIOS,
+             Purpose::CPLD, Purpose::TORLU, Purpose::FLOPCPLD, Purpose::TPM,
+             Purpose::RFCMCU, Purpose::VALVEMCU, Purpose::LEAKMCU});
+        requires countUp<Release>(
+            {Release::Other, Release::Production, Release::Prototype});
+    };
+}
+
+static_assert(
+    hasThisSystemsEntries<sdbusplus::common::xyz::openbmc_project::software::
+                              Version::VersionPurpose,
+                          sdbusplus::common::xyz::openbmc_project::software::
+                              Version::ReleaseType>(),
+    "the platform's <xyz/openbmc_project/Software/Version/common.hpp> has not "
+    "this system's entries: define VELMORA_OWN_VERSION and include velmora.hpp "
+    "in a source unit that does not include that header, as "
+    "examples/inventory.cpp does");
+
+} // namespace velmora
+
+#else
+
 namespace sdbusplus::common::xyz::openbmc_project::software
 {
 
 /** Enumerations of the D-Bus interface xyz.openbmc_project.Software.Version,
- *  with this system's own purposes from BIOS on. Not to be included together
- *  with another definition of that interface. */
+ *  with this system's own purposes from SEPBP on. */
 class VELMORA_EXPORT Version
 {
   public:
@@ -79,7 +136,8 @@ class VELMORA_EXPORT Version
 namespace details
 {
 
-/** Every purpose with its D-Bus string, in the order of the values. */
+/** Every purpose with its D-Bus string, in the order of the values. A program
+ *  may have another table of this name, which the library does not look at. */
 extern VELMORA_EXPORT const
     std::array<std::pair<Version::VersionPurpose, std::string_view>, 15>
         mappingVersionVersionPurpose;
@@ -87,6 +145,8 @@ extern VELMORA_EXPORT const
 } // namespace details
 
 } // namespace sdbusplus::common::xyz::openbmc_project::software
+
+#endif
 
 /** First 16 bytes of a firmware manifest, as stored (integers
  *  little-endian). Only sizes and offsets in bytes. */

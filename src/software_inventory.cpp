@@ -15,45 +15,36 @@
 #include <utility>
 #include <variant>
 
-#define PURPOSE(name)                                                          \
-    {Version::VersionPurpose::name,                                            \
-     "xyz.openbmc_project.Software.Version.VersionPurpose." #name}
-
-namespace sdbusplus::common::xyz::openbmc_project::software::details
-{
-
-constinit const std::array<std::pair<Version::VersionPurpose, std::string_view>,
-                           15>
-    mappingVersionVersionPurpose{{
-        PURPOSE(Unknown),
-        PURPOSE(Other),
-        PURPOSE(System),
-        PURPOSE(BMC),
-        PURPOSE(Host),
-        PURPOSE(PSU),
-        PURPOSE(SEPBP),
-        PURPOSE(BIOS),
-        PURPOSE(CPLD),
-        PURPOSE(TORLU),
-        PURPOSE(FLOPCPLD),
-        PURPOSE(TPM),
-        PURPOSE(RFCMCU),
-        PURPOSE(VALVEMCU),
-        PURPOSE(LEAKMCU),
-    }};
-
-} // namespace sdbusplus::common::xyz::openbmc_project::software::details
-
-#undef PURPOSE
-
 namespace
 {
 
 using namespace velmora;
 using VersionPurpose = ValidateQOR::VersionPurpose;
 using ReleaseType = ValidateQOR::ReleaseType;
-using sdbusplus::common::xyz::openbmc_project::software::details::
-    mappingVersionVersionPurpose;
+
+#define PURPOSE(name)                                                          \
+    {VersionPurpose::name,                                                     \
+     "xyz.openbmc_project.Software.Version.VersionPurpose." #name}
+/** Not the exported table: a daemon that converts purposes itself has another
+ *  one of that name, which takes its place for the whole process. */
+constexpr std::array<std::pair<VersionPurpose, std::string_view>, 15> PURPOSES{{
+    PURPOSE(Unknown),
+    PURPOSE(Other),
+    PURPOSE(System),
+    PURPOSE(BMC),
+    PURPOSE(Host),
+    PURPOSE(PSU),
+    PURPOSE(SEPBP),
+    PURPOSE(BIOS),
+    PURPOSE(CPLD),
+    PURPOSE(TORLU),
+    PURPOSE(FLOPCPLD),
+    PURPOSE(TPM),
+    PURPOSE(RFCMCU),
+    PURPOSE(VALVEMCU),
+    PURPOSE(LEAKMCU),
+}};
+#undef PURPOSE
 
 constexpr std::array<std::pair<ReleaseType, std::string_view>, 3> RELEASE_TYPES{
     {
@@ -99,7 +90,7 @@ std::string valueToString(const Table& table, Value value)
 /** @throws std::invalid_argument (the value in decimal) when it has none */
 std::string purposeToString(VersionPurpose purpose)
 {
-    return valueToString(mappingVersionVersionPurpose, purpose);
+    return valueToString(PURPOSES, purpose);
 }
 
 /** @copydoc purposeToString */
@@ -112,7 +103,7 @@ std::string releaseTypeToString(ReleaseType releaseType)
  *  @throws sdbusplus::exception::InvalidEnumString when no value has it */
 VersionPurpose stringToPurpose(const std::string& text)
 {
-    for (const auto& [purpose, string] : mappingVersionVersionPurpose)
+    for (const auto& [purpose, string] : PURPOSES)
     {
         if (string == text)
         {
@@ -150,6 +141,9 @@ int callInventoryManager(const char* method,
 }
 
 } // namespace
+
+constinit const decltype(PURPOSES) sdbusplus::common::xyz::openbmc_project::
+    software::details::mappingVersionVersionPurpose = PURPOSES;
 
 VersionPurpose ValidateQOR::getImagePurpose(const std::string& packageDir)
 {
