@@ -63,7 +63,7 @@ expect 1 'refused: .*: the descriptor is not what was signed: ' "$velmora" valid
     expired/package.xml 2>/dev/null
 expect 1 'refused: .*: no public key [0-9A-F]{40}$' "$velmora" validate expired
 gpg --homedir old --export | gpg --homedir "$keyring" --quiet --import 2>/dev/null
-expect 1 'refused: .*: the key has expired \(2024-01-31\): Old, TEST, ' \
+expect 1 'refused: .*: the key expired on 2024-01-31: Old, TEST, ' \
     "$velmora" validate expired
 
 # Text that looks like the log, a name that is a pattern, no room.

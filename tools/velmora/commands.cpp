@@ -250,19 +250,21 @@ std::string systemProblem(const std::string& descriptor)
 /** Says who has signed, or what is wrong with the signature. */
 void addSigner(Answer& answer, const fs::path& package)
 {
-    const auto [fingerprint, userId, problem] =
+    const auto signer =
         findSigner(package / "package.xml", package / "package.xml.sign");
-    if (fingerprint.empty())
+    if (!signer)
     {
         return;
     }
-    const bool isNamed = !userId.empty();
-    answer.reason = answer.isVerified ? "signed by "
-                                      : answer.refusal.site.text + ": " +
-                                            problem + (isNamed ? ": " : " ");
-    answer.reason += userId + (isNamed ? ", " : "") + fingerprint;
-    answer.fields["signer"] = {{"fingerprint", fingerprint},
-                               {"userId", userId}};
+    const bool isNamed = !signer->userId.empty();
+    answer.reason = answer.isVerified
+                        ? "signed by "
+                        : answer.refusal.site.text + ": " + signer->problem +
+                              (isNamed ? ": " : " ");
+    answer.reason += signer->userId + (isNamed ? ", " : "") + signer->name();
+    answer.fields["signer"] = {{"fingerprint", signer->fingerprint},
+                               {"primary", signer->primary},
+                               {"userId", signer->userId}};
 }
 
 Answer validateDirectory(const Request& request, const fs::path& package)

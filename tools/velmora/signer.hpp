@@ -1,5 +1,8 @@
 #pragma once
 
+#include "common/openpgp.hpp"
+
+#include <optional>
 #include <string>
 
 /** @file Who signed: for the answer's wording, never for the decision. */
@@ -7,18 +10,10 @@
 namespace velmora::front
 {
 
-/** What the BMC's keyring tells about a descriptor's signature. */
-struct Signer
-{
-    /** Of the key, or the key's identifier where the key is not there. */
-    std::string fingerprint;
-    std::string userId;
-    /** What speaks against a signature that is not valid. */
-    std::string problem;
-};
-
-/** Of several signatures, the one that is valid or the last. */
-Signer findSigner(const std::string& descriptor, const std::string& signature);
+/** What the BMC's keyring tells about a descriptor's signature: of several,
+ *  the one that is valid or the last. */
+std::optional<tools::SignatureInfo> findSigner(const std::string& descriptor,
+                                               const std::string& signature);
 
 /** Subject of the first certificate of the payload that the library verified
  *  last, or empty. */

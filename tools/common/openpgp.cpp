@@ -1,0 +1,160 @@
+#include "openpgp.hpp"
+
+#include "error.hpp"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+
+namespace fs = std::filesystem;
+
+namespace tools
+{
+namespace
+{
+
+void check(gpgme_error_t error, std::string_view subject, std::string_view what)
+{
+    if (error != GPG_ERR_NO_ERROR)
+    {
+        throw Error(subject, std::string(what) + ": " + gpgme_strerror(error));
+    }
+}
+
+std::string textOr(const char* text, std::string_view otherwise)
+{
+    return std::string(text == nullptr ? otherwise : text);
+}
+
+/** Of the key itself and of its primary key, what ends first. */
+std::int64_t expiryOf(const _gpgme_key& key, std::string_view fingerprint)
+{
+    std::int64_t first = 0;
+    for (const _gpgme_subkey* part = key.subkeys; part != nullptr;
+         part = part->next)
+    {
+        // Signed before GPGME 2.
+        const auto expires = static_cast<std::int64_t>(part->expires);
+        if ((part == key.subkeys || part->fpr == fingerprint) && expires > 0)
+        {
+            first = first == 0 ? expires : std::min(first, expires);
+        }
+    }
+    return first;
+}
+
+std::string problemOf(const SignatureInfo& info, gpgme_signature_t made)
+{
+    switch (info.status)
+    {
+        case GPG_ERR_NO_ERROR:
+            return "the keyring does not hold its key as fully valid";
+        case GPG_ERR_NO_PUBKEY:
+            return "no public key";
+        case GPG_ERR_BAD_SIGNATURE:
+            return "the descriptor is not what was signed";
+        case GPG_ERR_CERT_REVOKED:
+            return "the key is revoked";
+        case GPG_ERR_KEY_EXPIRED:
+            return "the key expired on " + dayText(info.keyExpires);
+        case GPG_ERR_SIG_EXPIRED:
+            return "the signature expired on " +
+                   dayText(static_cast<std::int64_t>(made->exp_timestamp));
+        default:
+            return gpgme_strerror(made->status);
+    }
+}
+
+SignatureInfo infoOf(const GpgContext& context, gpgme_signature_t made)
+{
+    SignatureInfo info;
+    info.fingerprint = textOr(made->fpr, "unknown");
+    info.keyAlgorithm =
+        textOr(gpgme_pubkey_algo_name(made->pubkey_algo), "unknown");
+    info.digestAlgorithm =
+        textOr(gpgme_hash_algo_name(made->hash_algo), "unknown");
+    info.created = static_cast<std::int64_t>(made->timestamp);
+    info.status = gpgme_err_code(made->status);
+    info.isValid = (made->summary & GPGME_SIGSUM_VALID) != 0;
+    gpgme_key_t found = nullptr;
+    if (info.status != GPG_ERR_NO_PUBKEY && made->fpr != nullptr &&
+        gpgme_get_key(context.get(), made->fpr, &found, 0) == GPG_ERR_NO_ERROR)
+    {
+        const GpgKey key(found);
+        info.primary = textOr(key->fpr, "");
+        info.userId = key->uids == nullptr ? "" : textOr(key->uids->uid, "");
+        info.keyExpires = expiryOf(*key, info.fingerprint);
+    }
+    info.problem = info.isValid ? "" : problemOf(info, made);
+    return info;
+}
+
+} // namespace
+
+std::string SignatureInfo::name() const
+{
+    return primary.empty() || primary == fingerprint
+               ? fingerprint
+               : primary + ", subkey " + fingerprint;
+}
+
+GpgContext gpgContext(const fs::path& home)
+{
+    gpgme_check_version(nullptr);
+    gpgme_ctx_t made = nullptr;
+    check(gpgme_new(&made), "gpg", "cannot be used");
+    GpgContext context(made);
+    if (!home.empty())
+    {
+        if (!fs::is_directory(home))
+        {
+            throw Error(home.string(), "is not a directory");
+        }
+        check(gpgme_ctx_set_engine_info(made, GPGME_PROTOCOL_OpenPGP, nullptr,
+                                        fs::absolute(home).c_str()),
+              home.string(), "cannot be used");
+    }
+    return context;
+}
+
+GpgData gpgData(std::string_view bytes)
+{
+    gpgme_data_t data = nullptr;
+    check(gpgme_data_new_from_mem(&data, bytes.data(), bytes.size(), 0), "gpg",
+          "cannot be used");
+    return GpgData(data);
+}
+
+std::string dayText(std::int64_t seconds)
+{
+    using namespace std::chrono;
+    // Days as an int: a time_t may have 32 bits.
+    const year_month_day day(
+        sys_days(days(static_cast<int>(seconds / (24 * 60 * 60)))));
+    std::array<char, 32> text{};
+    const int size = std::snprintf(
+        text.data(), text.size(), "%d-%02u-%02u", static_cast<int>(day.year()),
+        static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()));
+    return {text.data(), static_cast<std::size_t>(std::max(size, 0))};
+}
+
+std::vector<SignatureInfo> signaturesOf(const fs::path& home,
+                                        std::string_view data,
+                                        std::string_view signatures)
+{
+    const GpgContext context = gpgContext(home);
+    check(gpgme_op_verify(context.get(), gpgData(signatures).get(),
+                          gpgData(data).get(), nullptr),
+          "the OpenPGP signature", "cannot be checked");
+    std::vector<SignatureInfo> infos;
+    for (gpgme_signature_t made =
+             gpgme_op_verify_result(context.get())->signatures;
+         made != nullptr; made = made->next)
+    {
+        infos.push_back(infoOf(context, made));
+    }
+    return infos;
+}
+
+} // namespace tools
