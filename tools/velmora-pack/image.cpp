@@ -129,10 +129,10 @@ void makeImage(const ImageOptions& options)
     }
     const bool signsHere = signing.signature.empty();
     const std::string keyFile =
-        signsHere ? keyName(signing.key) : options.publicKey.string();
-    const Key key = signsHere
-                        ? readPrivateKey(signing.key, signing.passphraseFile)
-                        : readPublicKey(keyFile);
+        signsHere ? keyName(signing.keys.front()) : options.publicKey.string();
+    const Key key =
+        signsHere ? readPrivateKey(signing.keys.front(), signing.passphraseFile)
+                  : readPublicKey(keyFile);
     expectCurve(key.get(), keyFile);
     const Key publicKey = publicPart(key.get());
     writeFile(signing.output, content,

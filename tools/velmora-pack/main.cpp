@@ -56,7 +56,7 @@ CLI::Option* addOutput(CLI::App& command, fs::path& output, bool& force,
 
 /** One of the three ways to a signature must be chosen, and an output given
  *  unless nothing is signed. */
-void addSigning(CLI::App& command, pack::Signing& signing,
+void addSigning(CLI::App& command, pack::Signing& signing, bool several,
                 const std::string& keyHelp, const std::string& signatureHelp,
                 const std::string& signedHelp)
 {
@@ -65,7 +65,12 @@ void addSigning(CLI::App& command, pack::Signing& signing,
                   "The file to make; - for standard output");
     CLI::Option_group* const ways =
         command.add_option_group("Signature", "one of these");
-    add(*ways, "--key", signing.key, "KEY", keyHelp);
+    CLI::Option* const key = add(*ways, "--key", signing.keys, "KEY", keyHelp)
+                                 ->allow_extra_args(false);
+    if (!several)
+    {
+        key->expected(1);
+    }
     add(*ways, "--signature", signing.signature, "FILE", signatureHelp);
     add(*ways, "--to-be-signed", signing.toBeSigned, "FILE",
         "Sign nothing: write the bytes to be signed, " + signedHelp)
@@ -120,8 +125,9 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
         "The GnuPG home with the key, instead of gpg's own");
     addTrust(command, "--keyring", options.trust,
              "The machine's exported public keys: refuse what it would refuse");
-    addSigning(command, options.signing,
-               "The full fingerprint of the OpenPGP key to sign with",
+    addSigning(command, options.signing, true,
+               "The full fingerprint of an OpenPGP key or subkey to sign with; "
+               "more than one make as many signatures",
                "A detached binary OpenPGP signature that was made elsewhere; "
                "its key must be in the GnuPG home or in --keyring",
                "the descriptor, to this file");
@@ -138,7 +144,7 @@ void addImage(CLI::App& app, pack::ImageOptions& options)
     CLI::Option* const publicKey =
         add(command, "--public-key", options.publicKey, "FILE",
             "With --signature: the signer's public key, PEM");
-    addSigning(command, options.signing,
+    addSigning(command, options.signing, false,
                "The EC private key: a PEM file or a pkcs11: URI",
                "A signature that was made elsewhere, DER or 96 bytes; needs "
                "--public-key",
@@ -185,7 +191,7 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
                            std::numeric_limits<std::int32_t>::max()));
     addTrust(command, "--root-ca", options.trust,
              "The machine's root CA, PEM: refuse what it would refuse");
-    addSigning(command, options.signing,
+    addSigning(command, options.signing, false,
                "The RSA private key of 4096 bits: a PEM file or a pkcs11: URI",
                "A signature of 512 bytes that was made elsewhere, for the "
                "same --timestamp",

@@ -15,8 +15,8 @@ namespace pack
  *  is made goes. */
 struct Signing
 {
-    /** A fingerprint, a PEM file or a pkcs11: URI, as the command says. */
-    std::string key;
+    /** Fingerprints, or one PEM file or pkcs11: URI, as the command says. */
+    std::vector<std::string> keys;
     std::filesystem::path passphraseFile;
     /** A signature that was made elsewhere. */
     std::filesystem::path signature;
@@ -35,7 +35,8 @@ struct Signing
      *  @throws Error when it must not take the place of what is there */
     void expectNewOutput(std::vector<std::filesystem::path> inputs) const
     {
-        inputs.insert(inputs.end(), {key, passphraseFile, signature});
+        inputs.insert(inputs.end(), {passphraseFile, signature});
+        inputs.insert(inputs.end(), keys.begin(), keys.end());
         expectNew(made(), inputs, force);
     }
 };
@@ -50,7 +51,7 @@ struct Trust
     int days = 30;
 
     /** Refuses when an anchor is given, and warns otherwise. */
-    void object(std::string_view subject, std::string_view what) const
+    void refuseOrWarn(std::string_view subject, std::string_view what) const
     {
         if (!anchor.empty())
         {

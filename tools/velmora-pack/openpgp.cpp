@@ -2,15 +2,13 @@
 
 #include "files.hpp"
 
-#include <gpgme.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
-#include <type_traits>
+#include <regex>
 
 namespace fs = std::filesystem;
 
@@ -25,9 +23,7 @@ constexpr auto NO_TERMINAL =
     "; to ask for a passphrase gpg needs a terminal, with GPG_TTY=$(tty) in "
     "the environment; without one, gpg-preset-passphrase";
 
-using Context = Handle<std::remove_pointer_t<gpgme_ctx_t>, gpgme_release>;
-using Data = Handle<std::remove_pointer_t<gpgme_data_t>, gpgme_data_release>;
-using PublicKey = Handle<std::remove_pointer_t<gpgme_key_t>, gpgme_key_unref>;
+using Infos = std::vector<tools::SignatureInfo>;
 
 /** What a message calls a GnuPG home. */
 std::string nameOf(const fs::path& home)
@@ -35,46 +31,7 @@ std::string nameOf(const fs::path& home)
     return home.empty() ? "gpg" : home.string();
 }
 
-/** The home as gpg is to get it; empty, it takes its own. */
-fs::path checkedHome(const fs::path& home)
-{
-    if (!home.empty() && !fs::is_directory(home))
-    {
-        throw Error(home.string(), "is not a directory");
-    }
-    return home.empty() ? home : fs::absolute(home);
-}
-
-void check(gpgme_error_t error, const std::string& subject,
-           const std::string& doing)
-{
-    // A signal from the terminal ends the engine too.
-    throwIfInterrupted();
-    if (error != GPG_ERR_NO_ERROR)
-    {
-        throw Error(subject, doing + ": " + gpgme_strerror(error));
-    }
-}
-
-Context newContext()
-{
-    gpgme_check_version(nullptr);
-    gpgme_ctx_t made = nullptr;
-    check(gpgme_new(&made), "gpg", "cannot be used");
-    return Context(made);
-}
-
-/** A buffer for gpg: to read from, or empty, to write to. */
-Data dataOf(Bytes bytes = {})
-{
-    gpgme_data_t data = nullptr;
-    const std::string_view text = textOf(bytes);
-    check(gpgme_data_new_from_mem(&data, text.data(), text.size(), 0), "gpg",
-          "cannot be used");
-    return Data(data);
-}
-
-Buffer contentOf(Data data)
+Buffer contentOf(tools::GpgData data)
 {
     std::size_t size = 0;
     const Handle<char, gpgme_free> memory(
@@ -87,17 +44,16 @@ Buffer contentOf(Data data)
 Buffer runGpg(const fs::path& home, std::vector<std::string> arguments,
               Bytes input, const std::string& doing)
 {
-    const fs::path directory = checkedHome(home);
-    if (!directory.empty())
+    if (!home.empty())
     {
-        arguments.insert(arguments.begin(), {"--homedir", directory});
+        arguments.insert(arguments.begin(), {"--homedir", fs::absolute(home)});
     }
     arguments.insert(arguments.begin(), {"gpg", "--batch", "--no-tty"});
-    const Said said =
+    const ProgramOutput said =
         runProgram(gpgme_get_dirinfo("gpg-name"), arguments, input);
     if (said.output.empty())
     {
-        const std::string reason = reasonIn(said);
+        const std::string reason = lastErrorLine(said);
         const bool isPassphrase = reason.find("ioctl") != std::string::npos ||
                                   reason.find("pinentry") != std::string::npos;
         throw Error(nameOf(home),
@@ -106,21 +62,147 @@ Buffer runGpg(const fs::path& home, std::vector<std::string> arguments,
     return said.output;
 }
 
+/** The fingerprint in capitals, and perhaps the "!" that asks for no other key
+ *  of the same owner. */
+struct KeyName
+{
+    explicit KeyName(const std::string& text) : fingerprint(text)
+    {
+        isExact = fingerprint.ends_with('!');
+        fingerprint.resize(fingerprint.size() - (isExact ? 1 : 0));
+        const bool isHex = std::ranges::all_of(
+            fingerprint, [](unsigned char c) { return std::isxdigit(c) != 0; });
+        if (fingerprint.size() != FINGERPRINT_LENGTH || !isHex)
+        {
+            throw Error(text, "is not a full fingerprint of 40 hexadecimal "
+                              "digits");
+        }
+        std::ranges::transform(fingerprint, fingerprint.begin(),
+                               [](unsigned char c)
+                               { return static_cast<char>(std::toupper(c)); });
+    }
+
+    bool hasMade(const tools::SignatureInfo& info) const
+    {
+        return info.status == GPG_ERR_NO_ERROR &&
+               (info.fingerprint == fingerprint ||
+                (info.primary == fingerprint && !isExact));
+    }
+
+    std::string fingerprint;
+    bool isExact = false;
+};
+
+/** The day on which a key was revoked, which GPGME does not tell. */
+std::string revocationDay(const fs::path& home, const std::string& fingerprint)
+{
+    const Buffer listed =
+        runGpg(home, {"--with-colons", "--list-sigs", fingerprint}, {},
+               "cannot list keys");
+    const std::regex record(fingerprint + ":\\nrev:(?:[^:]*:){4}(\\d{1,18}):");
+    std::cmatch match;
+    const std::string_view text = textOf(listed);
+    return std::regex_search(text.data(), text.data() + text.size(), match,
+                             record)
+               ? " on " + tools::dayText(std::stoll(match.str(1)))
+               : "";
+}
+
+/** Why a key cannot sign now, or at the time of SOURCE_DATE_EPOCH; empty when
+ *  it can.
+ *
+ *  @param named the key that was asked for */
+std::string objectionTo(const fs::path& home, const _gpgme_key& key,
+                        gpgme_subkey_t part, gpgme_subkey_t named)
+{
+    const std::string subject =
+        part == named         ? "the key"
+        : part == key.subkeys ? std::string("its primary key ") + part->fpr
+                              : std::string("its subkey ") + part->fpr;
+    // Times were signed before GPGME 2.
+    const auto made = static_cast<std::int64_t>(part->timestamp);
+    const auto expires = static_cast<std::int64_t>(part->expires);
+    const std::optional<std::int32_t> epoch = sourceDateEpoch();
+    if (part->revoked != 0)
+    {
+        return subject + " was revoked" + revocationDay(home, part->fpr);
+    }
+    if (part->expired != 0)
+    {
+        return subject + " expired on " + tools::dayText(expires);
+    }
+    if (epoch && made > *epoch)
+    {
+        return subject + " was made on " + tools::dayText(made) +
+               ", after the time of SOURCE_DATE_EPOCH";
+    }
+    return {};
+}
+
+/** What gpg is to call the key.
+ *
+ *  @throws Error when it cannot sign, for gpg would not say why */
+std::string signingKey(const fs::path& home, const std::string& text)
+{
+    const KeyName name(text);
+    const tools::GpgContext context = tools::gpgContext(home);
+    gpgme_key_t found = nullptr;
+    gpgme_get_key(context.get(), name.fingerprint.c_str(), &found, 1);
+    throwIfInterrupted();
+    if (found == nullptr)
+    {
+        throw Error(text, nameOf(home) + " has no secret key of that name");
+    }
+    const tools::GpgKey key(found);
+    gpgme_subkey_t named = key->subkeys;
+    while (named->next != nullptr && name.fingerprint != named->fpr)
+    {
+        named = named->next;
+    }
+    const bool isExact = name.isExact || named != key->subkeys;
+    std::string objection = key->disabled != 0
+                                ? "the key is disabled"
+                                : objectionTo(home, *key, key->subkeys, named);
+    if (!objection.empty())
+    {
+        throw Error(text, objection);
+    }
+    objection = "the key is not one that signs, or its secret part is missing";
+    for (gpgme_subkey_t part = isExact ? named : key->subkeys; part != nullptr;
+         part = isExact ? nullptr : part->next)
+    {
+        if (part->can_sign == 0 || part->secret == 0)
+        {
+            continue;
+        }
+        objection = objectionTo(home, *key, part, named);
+        if (objection.empty())
+        {
+            return name.fingerprint + (isExact ? "!" : "");
+        }
+    }
+    throw Error(text, objection);
+}
+
 /** Lets a home trust each key that the file holds, and no other. */
 void importKeyring(const fs::path& home, const fs::path& file)
 {
-    const Buffer said =
-        runGpg(home, {"--no-autostart", "--status-fd", "1", "--import"},
-               Source(file).readAll(), "cannot import keys");
+    const tools::GpgContext context = tools::gpgContext(home);
+    const Buffer keys = Source(file).readAll();
+    const tools::GpgData data = tools::gpgData(textOf(keys));
     std::string trusted;
-    std::istringstream lines{std::string(textOf(said))};
-    for (std::string word, how, key; lines >> word;)
+    if (gpgme_op_import(context.get(), data.get()) == GPG_ERR_NO_ERROR)
     {
-        if (word == "IMPORT_OK" && lines >> how >> key)
+        for (gpgme_import_status_t key =
+                 gpgme_op_import_result(context.get())->imports;
+             key != nullptr; key = key->next)
         {
-            trusted += "trusted-key " + key + '\n';
+            trusted += key->result == GPG_ERR_NO_ERROR
+                           ? std::string("trusted-key ") + key->fpr + '\n'
+                           : "";
         }
     }
+    throwIfInterrupted();
     if (trusted.empty())
     {
         throw Error(file.string(),
@@ -129,84 +211,74 @@ void importKeyring(const fs::path& home, const fs::path& file)
     tools::writeFile(home / "gpg.conf", trusted);
 }
 
-/** Objects to a key that expires too soon: the primary one, and the one that
- *  has signed. */
-void checkExpiry(const std::string& where, const Trust& trust, gpgme_key_t key,
-                 const std::string& signer)
+/** The good signatures, which for a machine are those that are fully valid.
+ *
+ *  @param where stands for the keys in messages
+ *  @throws Error when there is none, or a bad one */
+Infos goodSignatures(const fs::path& home, const std::string& where,
+                     bool forMachine, Bytes data, Bytes signatures)
+{
+    Infos good;
+    std::string reason = "there is none";
+    for (tools::SignatureInfo& info :
+         tools::signaturesOf(home, textOf(data), textOf(signatures)))
+    {
+        const bool isGood =
+            forMachine ? info.isValid : info.status == GPG_ERR_NO_ERROR;
+        if (!isGood)
+        {
+            reason = info.problem + ", key " + info.name();
+        }
+        if (info.status == GPG_ERR_BAD_SIGNATURE)
+        {
+            good.clear();
+            break;
+        }
+        if (isGood)
+        {
+            good.push_back(std::move(info));
+        }
+    }
+    throwIfInterrupted();
+    if (good.empty())
+    {
+        throw Error(where, "gives no good signature: " + reason);
+    }
+    return good;
+}
+
+/** Objects when each key that signed expires too soon. */
+void checkExpiry(const std::string& where, const Trust& trust,
+                 const Infos& signatures)
 {
     const std::int64_t soon =
         std::int64_t{std::time(nullptr)} + trust.days * SECONDS_PER_DAY;
-    for (gpgme_subkey_t part = key->subkeys; part != nullptr; part = part->next)
+    const bool oneLasts = std::ranges::any_of(
+        signatures, [soon](const tools::SignatureInfo& info)
+        { return info.keyExpires == 0 || info.keyExpires >= soon; });
+    if (!oneLasts)
     {
-        // Signed before GPGME 2.
-        const auto expires = static_cast<std::int64_t>(part->expires);
-        if ((part == key->subkeys || signer == part->fpr) && expires > 0 &&
-            expires < soon)
-        {
-            trust.object(where, std::string("key ") + part->fpr +
-                                    " expires within " +
-                                    std::to_string(trust.days) + " days");
-        }
+        const tools::SignatureInfo& first = signatures.front();
+        trust.refuseOrWarn(where, "key " + first.name() + " expires within " +
+                                      std::to_string(trust.days) +
+                                      " days, on " +
+                                      tools::dayText(first.keyExpires));
     }
-}
-
-/** The fingerprint of the key that made the first good signature, which for a
- *  machine is one that is fully valid. */
-std::string signerIn(gpgme_signature_t made, const std::string& where,
-                     bool forMachine)
-{
-    std::string reason = "there is none";
-    for (; made != nullptr; made = made->next)
-    {
-        const bool isGood = made->status == GPG_ERR_NO_ERROR;
-        if (isGood &&
-            (!forMachine || (made->summary & GPGME_SIGSUM_VALID) != 0))
-        {
-            return made->fpr;
-        }
-        reason = std::string(isGood ? "Not fully valid"
-                                    : gpgme_strerror(made->status)) +
-                 ", key " + (made->fpr == nullptr ? "unknown" : made->fpr);
-    }
-    throw Error(where, "gives no good signature: " + reason);
-}
-
-std::string signerOf(const fs::path& home, const std::string& where,
-                     const Trust& trust, Bytes data, Bytes signature)
-{
-    const Context context = newContext();
-    const fs::path directory = checkedHome(home);
-    check(gpgme_ctx_set_engine_info(
-              context.get(), GPGME_PROTOCOL_OpenPGP, nullptr,
-              directory.empty() ? nullptr : directory.c_str()),
-          where, "cannot be used");
-    check(gpgme_op_verify(context.get(), dataOf(signature).get(),
-                          dataOf(data).get(), nullptr),
-          where, "cannot check the signature");
-    const std::string signer =
-        signerIn(gpgme_op_verify_result(context.get())->signatures, where,
-                 !trust.anchor.empty());
-    gpgme_key_t found = nullptr;
-    check(gpgme_get_key(context.get(), signer.c_str(), &found, 0), where,
-          "cannot find the key " + signer);
-    const PublicKey key(found);
-    checkExpiry(where, trust, key.get(), signer);
-    return key->fpr;
 }
 
 } // namespace
 
-Said runProgram(const char* program, const std::vector<std::string>& arguments,
-                Bytes input)
+ProgramOutput runProgram(const char* program,
+                         const std::vector<std::string>& arguments, Bytes input)
 {
     std::vector<const char*> pointers(arguments.size() + 1);
     std::ranges::transform(arguments, pointers.begin(),
                            [](const std::string& text)
                            { return text.c_str(); });
-    const Context context = newContext();
-    const Data given = dataOf(input);
-    Data output = dataOf();
-    Data errors = dataOf();
+    const tools::GpgContext context = tools::gpgContext({});
+    const tools::GpgData given = tools::gpgData(textOf(input));
+    tools::GpgData output = tools::gpgData({});
+    tools::GpgData errors = tools::gpgData({});
     if (program == nullptr ||
         gpgme_set_protocol(context.get(), GPGME_PROTOCOL_SPAWN) !=
             GPG_ERR_NO_ERROR ||
@@ -220,7 +292,7 @@ Said runProgram(const char* program, const std::vector<std::string>& arguments,
     return {contentOf(std::move(output)), contentOf(std::move(errors))};
 }
 
-std::string reasonIn(const Said& said)
+std::string lastErrorLine(const ProgramOutput& said)
 {
     std::string_view text = textOf(said.errors);
     text = text.substr(0, text.find_last_not_of('\n') + 1);
@@ -230,31 +302,23 @@ std::string reasonIn(const Said& said)
     return (text.empty() ? "" : ": ") + std::string(text);
 }
 
-bool sameFingerprint(const std::string& left, const std::string& right)
-{
-    return std::ranges::equal(left, right, [](unsigned char a, unsigned char b)
-                              { return std::toupper(a) == std::toupper(b); });
-}
-
-Buffer signDetached(const fs::path& home, const std::string& fingerprint,
+Buffer signDetached(const fs::path& home, const std::vector<std::string>& keys,
                     Bytes data)
 {
-    if (fingerprint.size() != FINGERPRINT_LENGTH ||
-        !std::ranges::all_of(fingerprint, [](unsigned char c)
-                             { return std::isxdigit(c) != 0; }))
-    {
-        throw Error(fingerprint, "is not a full fingerprint of 40 hexadecimal "
-                                 "digits");
-    }
-    std::vector<std::string> arguments{"--local-user", fingerprint,
-                                       "--detach-sign"};
-    std::string doing = "cannot sign with " + fingerprint;
+    std::vector<std::string> arguments;
+    std::string doing = "cannot sign with";
     if (const auto epoch = sourceDateEpoch())
     {
-        arguments.insert(arguments.begin(),
-                         "--faked-system-time=" + std::to_string(*epoch) + '!');
-        doing += " at the time of SOURCE_DATE_EPOCH";
+        arguments.push_back("--faked-system-time=" + std::to_string(*epoch) +
+                            '!');
     }
+    for (const std::string& key : keys)
+    {
+        arguments.insert(arguments.end(),
+                         {"--local-user", signingKey(home, key)});
+        doing += ' ' + key;
+    }
+    arguments.emplace_back("--detach-sign");
     // The agent's prompt for a passphrase, as gpg would find it by itself.
     if (const char* const terminal = ttyname(STDIN_FILENO))
     {
@@ -263,17 +327,37 @@ Buffer signDetached(const fs::path& home, const std::string& fingerprint,
     return runGpg(home, arguments, data, doing);
 }
 
-std::string verifyDetached(const fs::path& home, const Trust& trust, Bytes data,
-                           Bytes signature)
+void checkSignatures(const fs::path& home, const Trust& trust,
+                     const std::vector<std::string>& keys, Bytes data,
+                     Bytes signatures)
 {
-    if (trust.anchor.empty())
+    const bool hasKeyring = !trust.anchor.empty();
+    if (!hasKeyring || !keys.empty())
     {
-        return signerOf(home, nameOf(home), trust, data, signature);
+        const Infos good =
+            goodSignatures(home, nameOf(home), false, data, signatures);
+        for (const std::string& key : keys)
+        {
+            if (std::ranges::none_of(good,
+                                     [name = KeyName(key)](const auto& info)
+                                     { return name.hasMade(info); }))
+            {
+                throw Error(key, "has not made a good signature");
+            }
+        }
+        if (!hasKeyring)
+        {
+            checkExpiry(nameOf(home), trust, good);
+        }
     }
-    const tools::TemporaryDirectory machine;
-    importKeyring(machine.path(), trust.anchor);
-    return signerOf(machine.path(), trust.anchor.string(), trust, data,
-                    signature);
+    if (hasKeyring)
+    {
+        const tools::TemporaryDirectory machine;
+        importKeyring(machine.path(), trust.anchor);
+        checkExpiry(trust.anchor.string(), trust,
+                    goodSignatures(machine.path(), trust.anchor.string(), true,
+                                   data, signatures));
+    }
 }
 
 } // namespace pack

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "bytes.hpp"
+#include "common/openpgp.hpp"
 #include "making.hpp"
 
 #include <filesystem>
@@ -10,7 +11,7 @@
 namespace pack
 {
 
-struct Said
+struct ProgramOutput
 {
     Buffer output;
     Buffer errors;
@@ -20,30 +21,30 @@ struct Said
  *  output.
  *
  *  @throws Error when it cannot be run */
-Said runProgram(const char* program, const std::vector<std::string>& arguments,
-                Bytes input = {});
+ProgramOutput runProgram(const char* program,
+                         const std::vector<std::string>& arguments,
+                         Bytes input = {});
 
 /** The last thing that a program said, for the end of a message. */
-std::string reasonIn(const Said& said);
+std::string lastErrorLine(const ProgramOutput& said);
 
-/** Whether both texts name one key; fingerprints are written in any case. */
-bool sameFingerprint(const std::string& left, const std::string& right);
-
-/** A detached and binary signature, made at the time of SOURCE_DATE_EPOCH if
- *  that is set.
+/** Detached and binary signatures behind one another, made at the time of
+ *  SOURCE_DATE_EPOCH if that is set.
  *
  *  @param home the GnuPG home; empty, gpg's own
- *  @param fingerprint names the primary key in full */
+ *  @param keys full fingerprints. Of a primary key, its part that gpg chooses
+ *         signs; of a subkey, and with "!" behind it, just that key.
+ *  @throws Error when one of them cannot sign */
 Buffer signDetached(const std::filesystem::path& home,
-                    const std::string& fingerprint, Bytes data);
+                    const std::vector<std::string>& keys, Bytes data);
 
-/** Checks as the machine will if its keyring is given, and else with that of
- *  the GnuPG home.
+/** Checks as the machine will if its keyring is given, and else with the keys
+ *  of the GnuPG home.
  *
- *  @return the fingerprint of the primary key that made the first good
- *           signature
- *  @throws Error when there is none */
-std::string verifyDetached(const std::filesystem::path& home,
-                           const Trust& trust, Bytes data, Bytes signature);
+ *  @param keys as for signing: each must have made a good signature
+ *  @throws Error when there is no good signature, or a bad one */
+void checkSignatures(const std::filesystem::path& home, const Trust& trust,
+                     const std::vector<std::string>& keys, Bytes data,
+                     Bytes signatures);
 
 } // namespace pack

@@ -235,7 +235,7 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
 {
     if (options.signing.signature.empty())
     {
-        return signDetached(options.gpgHome, options.signing.key, descriptor);
+        return signDetached(options.gpgHome, options.signing.keys, descriptor);
     }
     const Source source(options.signing.signature);
     Remarks ignored;
@@ -255,14 +255,8 @@ void checkPackage(const Source& made, const PackageOptions& options,
         throw Error(made.name(), "does not hold on the disk what was packed; "
                                  "did the payload change meanwhile?");
     }
-    const std::string signer =
-        verifyDetached(options.gpgHome, options.trust, *contents.descriptor,
-                       *contents.signature);
-    if (!options.signing.key.empty() &&
-        !sameFingerprint(options.signing.key, signer))
-    {
-        throw Error(made.name(), "is signed by another key, " + signer);
-    }
+    checkSignatures(options.gpgHome, options.trust, options.signing.keys,
+                    *contents.descriptor, *contents.signature);
 }
 
 /** With the answer to whether it states the payload's digest. */

@@ -153,14 +153,14 @@ Chain readChain(const fs::path& file)
  *  key must be one that can have made the signature. */
 Key readSigner(const PayloadOptions& options, const Chain& chain)
 {
-    const std::string file = keyName(options.signing.key);
+    const std::vector<std::string>& keys = options.signing.keys;
     const EVP_PKEY* const certified =
         X509_get0_pubkey(chain.certificates.front().get());
     Key key;
-    if (!file.empty())
+    if (!keys.empty())
     {
-        key =
-            readPrivateKey(options.signing.key, options.signing.passphraseFile);
+        const std::string file = keyName(keys.front());
+        key = readPrivateKey(keys.front(), options.signing.passphraseFile);
         expectRsa(key.get(), file);
         if (EVP_PKEY_eq(certified, key.get()) != 1)
         {
@@ -228,12 +228,12 @@ void checkExpiry(const Trust& trust, const fs::path& file,
     if (ASN1_TIME_diff(&days, &seconds, nullptr, end) == 1 && days < least)
     {
         const bool isOver = days < 0 || seconds < 0;
-        trust.object(file.string(),
-                     certificateText(certificate) +
-                         (isOver ? " has expired"
-                                 : " expires within " + std::to_string(least) +
-                                       " days") +
-                         ", on " + timeText(end));
+        trust.refuseOrWarn(file.string(),
+                           certificateText(certificate) +
+                               (isOver ? " has expired"
+                                       : " expires within " +
+                                             std::to_string(least) + " days") +
+                               ", on " + timeText(end));
     }
 }
 
@@ -252,9 +252,9 @@ void checkChain(const PayloadOptions& options,
             invalidityAt(timestamp, certificate.get());
         if (!invalidity.empty())
         {
-            options.trust.object(options.chain.string(),
-                                 invalidity + "at the timestamp " +
-                                     std::to_string(timestamp));
+            options.trust.refuseOrWarn(options.chain.string(),
+                                       invalidity + "at the timestamp " +
+                                           std::to_string(timestamp));
         }
         if (!belongs(certificate, chain))
         {

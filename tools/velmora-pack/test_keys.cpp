@@ -26,11 +26,13 @@ void makeTestKeys(const fs::path& target)
         throw Error(target.string(), "exists and is not an empty directory");
     }
     const Output directory(target);
-    const Said said = runProgram("/bin/sh", {"sh", "-c", SCRIPT, "test-keys.sh",
-                                             directory.path().parent_path()});
+    const ProgramOutput said =
+        runProgram("/bin/sh", {"sh", "-c", SCRIPT, "test-keys.sh",
+                               directory.path().parent_path()});
     if (fs::is_empty(directory.path() / LAST_FILE, missing) || missing)
     {
-        throw Error(target.string(), "keys cannot be made" + reasonIn(said));
+        throw Error(target.string(),
+                    "keys cannot be made" + lastErrorLine(said));
     }
     directory.commit();
     report(target, "test keys and certificates, not to be trusted");
