@@ -73,7 +73,7 @@ gpg --homedir stranger --export >stranger.pub
 stranger=(package --payload files --model 1 --version 1 --gpg-home stranger
     --key "$(gpg --homedir stranger --with-colons --list-keys |
         sed -n 's/^fpr:*//; T; s/:$//p; q')" --keyring)
-fails 'keyring.asc: gives no good signature: No public key' "${stranger[@]}" \
+fails 'keyring.asc: gives no good signature: no public key' "${stranger[@]}" \
     "$keys/keyring.asc" -o x.zip
 fails 'stranger.pub: key .* expires within 30 days' "${stranger[@]}" \
     stranger.pub -o x.zip
@@ -173,6 +173,7 @@ PY
 expect 0 'payload.*x: extractors differ' "$pack" inspect twice.zip
 expect 0 'payload/e.u0301"' "$pack" inspect --json twice.zip
 expect 0 'package.xml is there more than once' "$pack" inspect twice.zip
+"$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 --to-be-signed range
 openssl dgst -sha512 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1 \
     -sign "$keys/payload-signer.pem" -out pss range
 expect 0 . "$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 \
