@@ -1,8 +1,8 @@
 #define LOG_BLOCK 3000
 
+#include "files.hpp"
 #include "handles.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
 #include "velmora.hpp"
 #include "xml_parsing.hpp"
 

@@ -1,8 +1,8 @@
 #define LOG_BLOCK 4000
 
+#include "files.hpp"
 #include "handles.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
 #include "velmora.hpp"
 
 #include <clocale>

@@ -1,27 +1,22 @@
 #define LOG_BLOCK 7000
 
 #include "bus_client.hpp"
+#include "files.hpp"
 #include "handles.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
+#include "manifest_container.hpp"
 #include "velmora.hpp"
 
 #include <cxxabi.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <fstream>
 #include <limits>
 #include <memory>
-#include <new>
 #include <optional>
-#include <span>
 #include <string>
 #include <typeinfo>
 #include <vector>
@@ -34,7 +29,6 @@ using namespace velmora;
 constexpr const char* MANIFEST_MAGIC = "$KTB";
 constexpr const char* MANIFEST_FILE = "image-ktb";
 constexpr const char* SIGNATURE_FILE = "image-ktb.sig";
-constexpr const char* RELEASE_MARKER_FILE = "/tmp/ingressRelease";
 /** A larger signature file, in bytes, has the older format. */
 constexpr std::streamoff SIGNATURE_FILE_MAX_SIZE = 511;
 
@@ -43,124 +37,8 @@ constexpr std::size_t SIGNATURE_NUMBER_SIZE = 48;
 constexpr std::size_t IMAGE_SIGNATURE_SIZE = 2 * SIGNATURE_NUMBER_SIZE;
 constexpr std::size_t IMAGE_BUFFER_SIZE = std::size_t{4} * 1024 * 1024;
 
-constexpr std::size_t RECORD_HEADER_SIZE = 16;
-constexpr std::uint16_t RELEASE_RECORD_TYPE = 10;
-/** Offset of the release in a record's data. */
-constexpr std::uint64_t RELEASE_OFFSET = 2;
 /** The length in front of the signer's key. */
 constexpr std::size_t KEY_LENGTH_SIZE = 2;
-
-using Bytes = std::span<const std::uint8_t>;
-
-std::uint16_t loadLe16(Bytes bytes, std::size_t offset)
-{
-    return static_cast<std::uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
-}
-
-std::uint32_t loadLe32(Bytes bytes, std::size_t offset)
-{
-    return loadLe16(bytes, offset) |
-           static_cast<std::uint32_t>(loadLe16(bytes, offset + 2)) << 16;
-}
-
-/** The rest of a stream, by the stream's own reading, which reports an error
- *  in its state and does not throw. */
-std::string readAll(std::ifstream& file)
-{
-    std::string content;
-    std::array<char, 65536> piece{};
-    while (file.read(piece.data(), piece.size()), file.gcount() > 0)
-    {
-        content.append(piece.data(), static_cast<std::size_t>(file.gcount()));
-    }
-    return content;
-}
-
-bool readExactly(std::ifstream& file, char* data, std::size_t size)
-{
-    file.read(data, static_cast<std::streamsize>(size));
-    return file.gcount() == static_cast<std::streamsize>(size);
-}
-
-std::unique_ptr<char[]> tryAllocate(std::size_t size)
-{
-    return std::unique_ptr<char[]>(new (std::nothrow) char[size]);
-}
-
-/** Walks the records for the release marker. A record that is not whole ends
- *  the walk. So does one without length, which would lead to itself. */
-std::optional<std::uint8_t> findRelease(Bytes manifest, std::uint64_t offset,
-                                        std::uint64_t recordCount)
-{
-    for (std::uint64_t step = 0; step <= recordCount; ++step)
-    {
-        if (offset > manifest.size() ||
-            manifest.size() - offset < RECORD_HEADER_SIZE)
-        {
-            return std::nullopt;
-        }
-        const Bytes record = manifest.subspan(static_cast<std::size_t>(offset));
-        const std::uint64_t headerLength = loadLe32(record, 4);
-        const std::uint64_t dataLength = loadLe32(record, 12);
-        const std::uint64_t length = headerLength + dataLength;
-        if (length > record.size())
-        {
-            return std::nullopt;
-        }
-        if (loadLe16(record, 8) == RELEASE_RECORD_TYPE)
-        {
-            if (dataLength <= RELEASE_OFFSET)
-            {
-                return std::nullopt;
-            }
-            const auto position =
-                static_cast<std::size_t>(headerLength + RELEASE_OFFSET);
-            return static_cast<std::uint8_t>(record[position] ^ record[10]);
-        }
-        if (length == 0)
-        {
-            return std::nullopt;
-        }
-        offset += length;
-    }
-    return std::nullopt;
-}
-
-/** Leaves the manifest's release marker, if it has one.
- *
- *  Everybody may write in the marker's directory. Somebody may have put a
- *  link, another name of a file that is not ours, or a FIFO in its place: none
- *  of them is written to, or waited for. */
-void writeReleaseMarker(Bytes manifest)
-{
-    if (manifest.size() < sizeof(manifestHeader))
-    {
-        return;
-    }
-    const std::uint8_t release =
-        findRelease(manifest,
-                    loadLe32(manifest, offsetof(manifestHeader, recordOffset)),
-                    loadLe32(manifest, offsetof(manifestHeader, recordCount)))
-            .value_or(0);
-    if (release != 1 && release != 2)
-    {
-        return;
-    }
-    constexpr mode_t READABLE_BY_ALL = 0666;
-    const FileDescriptor file(
-        open(RELEASE_MARKER_FILE,
-             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-             READABLE_BY_ALL));
-    struct stat status{};
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_nlink != 1 || ftruncate(file.get(), 0) != 0)
-    {
-        return;
-    }
-    const std::array<char, 2> text{static_cast<char>('0' + release), '\n'};
-    [[maybe_unused]] const ssize_t written =
-        write(file.get(), text.data(), text.size());
-}
 
 struct SecurityReply
 {
@@ -413,49 +291,6 @@ class ImageVerification
 };
 
 } // namespace
-
-bool ValidateQOR::extractManifest(std::ifstream& file, const std::string& magic,
-                                  manifestHeader& header,
-                                  std::vector<std::uint8_t>& manifest)
-{
-    const std::size_t found = readAll(file).find(magic);
-    if (found == std::string::npos)
-    {
-        return false;
-    }
-    file.clear();
-    const std::streamoff end = file.seekg(0, std::ios::end).tellg();
-    file.seekg(static_cast<std::streamoff>(found), std::ios::beg);
-    if (!readExactly(file, reinterpret_cast<char*>(&header), sizeof(header)))
-    {
-        return false;
-    }
-    std::array<std::uint8_t, sizeof(header)> stored{};
-    std::memcpy(stored.data(), &header, stored.size());
-    const std::size_t length =
-        loadLe32(stored, offsetof(manifestHeader, length));
-    // This reserves addresses only. Memory is used as bytes are read.
-    const auto storage = tryAllocate(length);
-    if (storage == nullptr)
-    {
-        PRINT_FAILURE("no memory for a manifest of the stated length",
-                      "Failed to allocate memory for maifest");
-        return false;
-    }
-    if (length < stored.size() || static_cast<std::int64_t>(length) >
-                                      end - static_cast<std::streamoff>(found))
-    {
-        return false;
-    }
-    std::memcpy(storage.get(), stored.data(), stored.size());
-    if (!readExactly(file, storage.get() + stored.size(),
-                     length - stored.size()))
-    {
-        return false;
-    }
-    manifest.assign(storage.get(), storage.get() + length);
-    return true;
-}
 
 int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
                                             const std::string& manifestDir)

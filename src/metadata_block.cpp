@@ -1,7 +1,8 @@
 #define LOG_BLOCK 8000
 
+#include "metadata_block.hpp"
+
 #include "log.hpp"
-#include "signed_payload.hpp"
 #include "velmora.hpp"
 
 #include <cerrno>

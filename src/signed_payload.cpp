@@ -2,8 +2,9 @@
 
 #include "signed_payload.hpp"
 
+#include "files.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
+#include "metadata_block.hpp"
 #include "quorlin.h"
 #include "velmora.hpp"
 

@@ -12,7 +12,4 @@ constexpr std::size_t METADATA_SIZE = 512;
 constexpr std::size_t SLOT_SIGNATURE_SIZE = 512;
 constexpr std::int64_t TRAILER_SIZE = 76800;
 
-/** Signing time of the last metadata block, seconds since the epoch. */
-extern std::int32_t metadata_timestamp;
-
 } // namespace velmora

@@ -2,37 +2,25 @@
 
 #include "handles.hpp"
 #include "log.hpp"
+#include "mapped_file.hpp"
 #include "signed_payload.hpp"
 #include "velmora.hpp"
 
-#include <fcntl.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/rsa.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <limits>
 #include <string>
-#include <utility>
 
 namespace
 {
 
 using namespace velmora;
-
-constexpr const char* CERTCHAIN_FILE = "/var/run/velmora/Zarnholt/certchain";
-constexpr const char* PUBLICKEY_FILE = "/var/run/velmora/Zarnholt/publickey";
-constexpr const char* HASHFUNC_FILE = "/var/run/velmora/Zarnholt/hashfunc";
 
 /** Statuses of verify_slot_signature. */
 enum SlotStatus
@@ -54,79 +42,6 @@ enum SlotStatus
     SLOT_PUBLICKEY_FILE = 17,
 };
 
-/** Refuses to ask for the passphrase of an encrypted PEM block. */
-int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
-                 void* /*data*/)
-{
-    return -1;
-}
-
-/** An open payload and its mapping. The destructor unmaps, then closes. */
-class PayloadFile
-{
-  public:
-    explicit PayloadFile(const char* path) :
-        file_(open(path, O_RDONLY | O_CLOEXEC))
-    {
-    }
-
-    PayloadFile(const PayloadFile&) = delete;
-    PayloadFile& operator=(const PayloadFile&) = delete;
-
-    ~PayloadFile() { unmap(); }
-
-    bool isOpen() const { return static_cast<bool>(file_); }
-
-    bool measure()
-    {
-        struct stat status{};
-        if (fstat(file_.get(), &status) != 0)
-        {
-            return false;
-        }
-        size_ = status.st_size;
-        return true;
-    }
-
-    /** May be more than a 32-bit machine can map. */
-    std::int64_t size() const { return size_; }
-
-    bool map()
-    {
-        if (static_cast<std::uint64_t>(size_) >
-            std::numeric_limits<std::size_t>::max())
-        {
-            errno = EFBIG;
-            return false;
-        }
-        void* mapping = mmap(nullptr, static_cast<std::size_t>(size_),
-                             PROT_READ, MAP_SHARED, file_.get(), 0);
-        if (mapping == MAP_FAILED)
-        {
-            return false;
-        }
-        mapping_ = mapping;
-        return true;
-    }
-
-    const void* data() const { return mapping_; }
-
-    /** @return false when the system refuses */
-    bool unmap()
-    {
-        void* mapping = std::exchange(mapping_, nullptr);
-        return mapping == nullptr ||
-               munmap(mapping, static_cast<std::size_t>(size_)) == 0;
-    }
-
-    bool close() { return file_.close(); }
-
-  private:
-    FileDescriptor file_;
-    std::int64_t size_ = 0;
-    void* mapping_ = nullptr;
-};
-
 /** Text of an error code of the library, never null. */
 const char* reason(unsigned long code)
 {
@@ -140,7 +55,7 @@ class SlotVerification
   public:
     static constexpr const char* OPERATION = "verify_slot_signature";
 
-    static SlotStatus mapPayload(PayloadFile& payload, const char* path)
+    static SlotStatus mapPayload(MappedFile& payload, const char* path)
     {
         if (!payload.isOpen())
         {
@@ -175,9 +90,9 @@ class SlotVerification
         return SLOT_VERIFIED;
     }
 
-    static SlotStatus refuseCertificate(PayloadFile& payload)
+    static SlotStatus refuseCertificate(MappedFile& payload)
     {
-        PRINT_ECHO("slot_signature", "there is no signer's certificate",
+        PRINT_ECHO("signer_files", "there is no signer's certificate",
                    "convert char buffer to X509 cert format failed");
         payload.close();
         if (!payload.unmap())
@@ -189,7 +104,7 @@ class SlotVerification
     }
 
     /** @return @p status, or what went wrong here */
-    static SlotStatus releasePayload(PayloadFile& payload, const char* path,
+    static SlotStatus releasePayload(MappedFile& payload, const char* path,
                                      SlotStatus status)
     {
         if (!payload.unmap())
@@ -208,7 +123,7 @@ class SlotVerification
         return status;
     }
 
-    SlotStatus verify(const std::string& signature, const PayloadFile& payload,
+    SlotStatus verify(const std::string& signature, const MappedFile& payload,
                       std::size_t signedSize)
     {
         SlotStatus status = takeKey();
@@ -241,7 +156,7 @@ class SlotVerification
         PRINT_INFO("X509_get_pubkey is done");
         if (!ValidateQOR::createPublicKeyFile(key.get()))
         {
-            PRINT_ECHO("slot_signature", "the public key file was not written",
+            PRINT_ECHO("signer_files", "the public key file was not written",
                        "Error creating public key file");
             return SLOT_PUBLICKEY_FILE;
         }
@@ -321,7 +236,7 @@ class SlotVerification
         return SLOT_VERIFIED;
     }
 
-    SlotStatus check(const std::string& signature, const PayloadFile& payload,
+    SlotStatus check(const std::string& signature, const MappedFile& payload,
                      std::size_t signedSize)
     {
         if (EVP_DigestVerifyUpdate(context.get(), payload.data(), signedSize) <=
@@ -355,130 +270,7 @@ class SlotVerification
     }
 };
 
-/** A step of the operation. */
-class ChainFile
-{
-  public:
-    static constexpr const char* OPERATION = "getX509Cert";
-
-    /** @param chain at least CHAIN_SIZE bytes */
-    static bool write(const std::string& chain)
-    {
-        FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
-        if (file == nullptr)
-        {
-            PRINT_FAILURE("the certchain file cannot be opened for writing",
-                          "Error creating certchain file");
-            return false;
-        }
-        bool written = std::fwrite(chain.data(), 1, CHAIN_SIZE, file.get()) >=
-                       chain.size();
-        // What the stream has buffered can still fail to reach the file.
-        written = std::fflush(file.get()) == 0 && written;
-        file.reset();
-        if (!written)
-        {
-            PRINT_FAILURE("the certchain file could not be written",
-                          "Error writing certchain to file");
-            std::remove(CERTCHAIN_FILE);
-            return false;
-        }
-        PRINT_INFO("Cert chain file created successfully");
-        return true;
-    }
-};
-
 } // namespace
-
-X509* ValidateQOR::getX509Cert(const std::string& chain)
-{
-    PRINT_INFO("Entry");
-    if (chain.empty())
-    {
-        PRINT_FAILURE("no certificate chain was given",
-                      "Invalid input argument");
-        return nullptr;
-    }
-    Bio bio(BIO_new(BIO_s_mem()));
-    if (bio == nullptr)
-    {
-        PRINT_FAILURE("no memory buffer could be made",
-                      "Create a memory BIO failed");
-        return nullptr;
-    }
-    const std::size_t length = std::strlen(chain.c_str());
-    if (length > std::numeric_limits<int>::max() ||
-        BIO_write(bio.get(), chain.c_str(), static_cast<int>(length)) !=
-            static_cast<int>(length))
-    {
-        PRINT_FAILURE("the certificate chain could not be copied",
-                      "Writing from buffer to BIO failed");
-        return nullptr;
-    }
-    Certificate certificate(
-        PEM_read_bio_X509(bio.get(), nullptr, noPassphrase, nullptr));
-    if (certificate == nullptr)
-    {
-        PRINT_FAILURE("the chain area begins with no readable certificate",
-                      "Read the PEM formatted certificate from memory into "
-                      "an X509 is failed");
-        return nullptr;
-    }
-    // CHAIN_SIZE bytes are written below. A shorter chain would be read past
-    // its end.
-    if (chain.size() < CHAIN_SIZE)
-    {
-        PRINT_FAILURE("the chain area is shorter than 24,576 bytes",
-                      "Invalid input argument");
-        return nullptr;
-    }
-    if (!ChainFile::write(chain))
-    {
-        return nullptr;
-    }
-    bio.reset();
-    PRINT_ANSWER("the signer's certificate",
-                 "Getting X509 Certificate successful");
-    return certificate.release();
-}
-
-bool ValidateQOR::createPublicKeyFile(EVP_PKEY* key)
-{
-    OPENSSL_init_crypto(
-        OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
-    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-    const FileStream file(std::fopen(PUBLICKEY_FILE, "w"));
-    if (file == nullptr)
-    {
-        PRINT_FAILURE("the publickey file cannot be opened for writing",
-                      "Error opening publickey file");
-        return false;
-    }
-    const Bio bio(BIO_new_fp(file.get(), BIO_NOCLOSE));
-    if (bio == nullptr)
-    {
-        PRINT_FAILURE("no stream could be made for the publickey file",
-                      "Error creating a filestream for public key");
-        return false;
-    }
-    // What the stream has buffered can still fail to reach the file.
-    if (key == nullptr || PEM_write_bio_PUBKEY(bio.get(), key) != 1 ||
-        std::fflush(file.get()) != 0)
-    {
-        PRINT_FAILURE("the publickey file could not be written",
-                      "Error writing publickey file in PEM format");
-        return false;
-    }
-    return true;
-}
-
-void ValidateQOR::createHashFuncFile()
-{
-    std::ofstream file(HASHFUNC_FILE, std::ios::out | std::ios::trunc);
-    file << "HashType=RSA-SHA256\n";
-    file.flush();
-    file.close();
-}
 
 int ValidateQOR::verify_slot_signature(const std::string& chain,
                                        const std::string& signature,
@@ -509,7 +301,7 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
                     verification.key.reset();
                 }
             });
-        PayloadFile payload(payloadPath);
+        MappedFile payload(payloadPath);
         status = SlotVerification::mapPayload(payload, payloadPath);
         if (status != SLOT_VERIFIED)
         {

@@ -1,8 +1,8 @@
 #define LOG_BLOCK 11000
 
 #include "bus_client.hpp"
+#include "files.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
 #include "velmora.hpp"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 #define LOG_BLOCK 5000
 
 #include "bus_client.hpp"
+#include "files.hpp"
 #include "handles.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
 #include "velmora.hpp"
 #include "xml_parsing.hpp"
 

@@ -2,21 +2,12 @@
 
 #include "velmora.hpp"
 
+#include "files.hpp"
 #include "log.hpp"
-#include "package_files.hpp"
 
 #include <filesystem>
 #include <string>
 #include <system_error>
-
-namespace velmora
-{
-
-const std::filesystem::path DESCRIPTOR_FILE_NAME("package.xml");
-const std::filesystem::path SIGNATURE_FILE_NAME("package.xml.sign");
-const std::filesystem::path PAYLOAD_NAME("payload");
-
-} // namespace velmora
 
 using namespace velmora;
 

@@ -69,7 +69,7 @@ TEST(Log, ANumberStandsForOneStatement)
                         "cause|note|success|answer|(echo|pardon):[a-z_]+"));
     }
     EXPECT_GT(statements.size(), 80U);
-    EXPECT_THAT(files, testing::SizeIs(11));
+    EXPECT_THAT(files, testing::SizeIs(13));
 }
 
 TEST(Log, StreamStateOfTheProcessDoesNotMatter)

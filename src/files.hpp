@@ -8,9 +8,9 @@ namespace velmora
 {
 
 /** Members of a package, each one path component. */
-extern const std::filesystem::path DESCRIPTOR_FILE_NAME;
-extern const std::filesystem::path SIGNATURE_FILE_NAME;
-extern const std::filesystem::path PAYLOAD_NAME;
+inline const std::filesystem::path DESCRIPTOR_FILE_NAME("package.xml");
+inline const std::filesystem::path SIGNATURE_FILE_NAME("package.xml.sign");
+inline const std::filesystem::path PAYLOAD_NAME("payload");
 
 inline std::string joined(const std::string& directory,
                           const std::filesystem::path& name)
