@@ -18,12 +18,14 @@
  *  the log alone tells its cause.
  *
  *  Exceptions. Failures of the standard library (std::bad_alloc and the like)
- *  reach the caller from every operation; further ones are named where they
- *  can occur.
+ *  reach the caller from every operation; others are listed with the
+ *  operation.
  *
  *  Threads. No operation starts a thread or takes a lock, and several change
  *  process-wide state, which is named at each. Calls must be serialised by the
- *  caller. Every operation blocks until its work is done.
+ *  caller, and none may be made from within another one (an error function, a
+ *  memory function, a stream's buffer) but where it says so. Every operation
+ *  blocks until its work is done.
  */
 
 /** The version that this header belongs to. */
@@ -197,8 +199,9 @@ class VELMORA_EXPORT ValidateQOR
      *  was extracted until then. The process must be in a state in which it
      *  may fork, and must not ignore SIGCHLD: an extractor whose end cannot be
      *  waited for, or that a signal ended, counts as successful. The children
-     *  have no input, no terminal, no file descriptor of the process's but 1
-     *  and 2, and none of the variables UNZIP, UNZIPOPT, ZIPINFO, ZIPINFOOPT.
+     *  have no input (/dev/null is needed), no terminal, no file descriptor of
+     *  the process's but 1 and 2, and none of the variables UNZIP, UNZIPOPT,
+     *  ZIPINFO, ZIPINFOOPT.
      *
      *  @param packagePath ZIP archive
      *  @param destination existing directory
@@ -281,7 +284,9 @@ class VELMORA_EXPORT ValidateQOR
 
     /** Copies the first manifest in a file.
      *
-     *  @param file open for binary input, at its start; its position is moved
+     *  @param file open for binary input, at its start; its position is moved.
+     *              It is read to its end: one whose exceptions() hold failbit
+     *              or eofbit throws there
      *  @param magic to search for, "$KTB"
      *  @param[out] header first 16 bytes of the manifest; may be filled in
      *              part on failure
@@ -301,7 +306,7 @@ class VELMORA_EXPORT ValidateQOR
      *  manifest's release marker, if it has one, to /tmp/ingressRelease, but
      *  not where that is anything but a regular file with one name.
      *
-     *  @param imagePath image under 4 GiB
+     *  @param imagePath regular file under 4 GiB
      *  @param manifestDir directory of "image-ktb" and "image-ktb.sig"
      *  @return 0 when the signature verifies, and also, with nothing verified,
      *          when "image-ktb.sig" has the older format (512 bytes or more);
@@ -331,8 +336,8 @@ class VELMORA_EXPORT ValidateQOR
      *  Writes "certchain", "publickey" and "hashfunc" in
      *  /var/run/velmora/Zarnholt/, whether the signature verifies or not.
      *
-     *  @param chain the 24,576 bytes of the chain area; a shorter one is
-     *               refused
+     *  @param chain the 24,576 bytes of the chain area; a shorter one counts
+     *               as padded with NUL bytes, a longer one is refused
      *  @param signature the 512 bytes of the signature field; a shorter one
      *                   does not verify
      *  @param payloadPath file, or null
@@ -347,8 +352,8 @@ class VELMORA_EXPORT ValidateQOR
     /** First certificate of a PEM chain; writes "certchain" in
      *  /var/run/velmora/Zarnholt/.
      *
-     *  @param chain the 24,576 bytes of the chain area; a shorter one is
-     *               refused
+     *  @param chain the 24,576 bytes of the chain area; a shorter one counts
+     *               as padded with NUL bytes, a longer one is refused
      *  @return to be freed with X509_free, or null */
     static X509* getX509Cert(const std::string& chain);
 
@@ -364,9 +369,9 @@ class VELMORA_EXPORT ValidateQOR
      *  root CA and its slot signature verifies.
      *
      *  Consumes /var/run/obmcupdate/OpenBMCSecureBootRootCA.pem: once the
-     *  payload's trailer has been read, the file is removed whatever the
-     *  outcome. Only a payload that is truncated while it is mapped leaves it:
-     *  that ends the process with SIGBUS.
+     *  metadata block has been parsed, the file is removed whatever the
+     *  outcome. It stays if memory ends before, and if the payload is truncated
+     *  while it is mapped: that ends the process with SIGBUS.
      *
      *  @param payloadPath file of more than 76,800 bytes
      *  @see extract_meta_data and verify_slot_signature for the side effects */

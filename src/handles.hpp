@@ -35,7 +35,7 @@ struct Releaser
 template <typename T, auto Release>
 using Handle = std::unique_ptr<T, Releaser<Release>>;
 
-/** Every parsed document is followed by the parser's global clean-up. */
+/** Freeing a document also cleans up the parser. */
 inline void freeDocument(xmlDoc* document)
 {
     xmlFreeDoc(document);

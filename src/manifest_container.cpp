@@ -100,9 +100,12 @@ void velmora::writeReleaseMarker(Bytes manifest)
         open(RELEASE_MARKER_FILE,
              O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
              READABLE_BY_ALL));
-    struct stat status{};
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_nlink != 1 || ftruncate(file.get(), 0) != 0)
+    struct statx status{};
+    if (!file ||
+        statx(file.get(), "", AT_EMPTY_PATH, STATX_TYPE | STATX_NLINK,
+              &status) != 0 ||
+        !S_ISREG(status.stx_mode) || status.stx_nlink != 1 ||
+        ftruncate(file.get(), 0) != 0)
     {
         return;
     }

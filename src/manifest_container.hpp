@@ -37,8 +37,8 @@ inline std::unique_ptr<char[]> tryAllocate(std::size_t size)
 /** Leaves the manifest's release marker, if it has one.
  *
  *  Everybody may write in the marker's directory. Somebody may have put a
- *  link, another name of a file that is not ours, or a FIFO in its place: none
- *  of them is written to, or waited for. */
+ *  link, a hard link, or a FIFO in its place: none of them is written to, or
+ * waited for. */
 void writeReleaseMarker(Bytes manifest);
 
 } // namespace velmora

@@ -13,11 +13,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <typeinfo>
 #include <vector>
 
@@ -95,17 +97,11 @@ class ImageVerification
   public:
     static constexpr const char* OPERATION = "verifyManifestAndSignature";
 
-    /** In bytes, or nothing after a logged failure. */
-    static std::optional<std::streamoff>
-        signatureFileSize(const std::string& path)
+    /** Whether the signature file has the older format, which is logged, too;
+     *  nothing after a logged failure. */
+    static std::optional<bool> hasOlderFormat(const std::string& path)
     {
-        std::ifstream file;
-        // A directory or a device may report 512 bytes or more, which would
-        // skip the verification.
-        if (isRegularFile(path))
-        {
-            file.open(path, std::ios::binary);
-        }
+        std::ifstream file = openRegularFile(path);
         if (!file.is_open())
         {
             PRINT_FAILURE("image-ktb.sig is missing, no regular file, or "
@@ -113,13 +109,28 @@ class ImageVerification
                           "Error opening KTB signature file");
             return std::nullopt;
         }
-        return file.seekg(0, std::ios::end).tellg();
+        const std::streamoff size = file.seekg(0, std::ios::end).tellg();
+        if (size <= SIGNATURE_FILE_MAX_SIZE)
+        {
+            return false;
+        }
+        PRINT_ANSWER("image-ktb.sig has the older format",
+                     "Older version of KTB signature file is found");
+        PRINT_SUCCESS(
+            "the image, of which NOTHING was verified: image-ktb.sig has the "
+            "older format",
+            "Skipping signature verification for backward compatibility");
+        return true;
     }
 
     /** In bytes, or nothing after a logged failure. */
-    static std::optional<std::uint32_t> imageSize(std::ifstream& image)
+    static std::optional<std::uint32_t> imageSize(std::ifstream& image,
+                                                  const std::string& path)
     {
-        if (!image)
+        // What is no regular file has not been opened, and has no size.
+        std::error_code ignored;
+        if (!image.is_open() &&
+            (isRegularFile(path) || !std::filesystem::exists(path, ignored)))
         {
             PRINT_FAILURE("the image cannot be opened",
                           "Error opening ZRN tar file");
@@ -129,7 +140,7 @@ class ImageVerification
         // Past 32 bits the count would wrap and only a part would be verified.
         if (size < 0 || size > std::numeric_limits<std::uint32_t>::max())
         {
-            PRINT_FAILURE("the image has no length, or 4 GiB or more",
+            PRINT_FAILURE("the image is no regular file, or has 4 GiB or more",
                           "Payload size error");
             return std::nullopt;
         }
@@ -301,34 +312,25 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
                       "Invalid path for image-ktb");
         return -1;
     }
-    const auto signatureSize = ImageVerification::signatureFileSize(
-        manifestDir + "/" + SIGNATURE_FILE);
-    if (!signatureSize)
+    const auto olderFormat =
+        ImageVerification::hasOlderFormat(manifestDir + "/" + SIGNATURE_FILE);
+    if (!olderFormat || *olderFormat)
     {
-        return -1;
+        return olderFormat ? 0 : -1;
     }
-    if (*signatureSize > SIGNATURE_FILE_MAX_SIZE)
-    {
-        PRINT_ANSWER("image-ktb.sig has the older format",
-                     "Older version of KTB signature file is found");
-        PRINT_SUCCESS(
-            "the image, of which NOTHING was verified: image-ktb.sig has the "
-            "older format",
-            "Skipping signature verification for backward compatibility");
-        return 0;
-    }
-
-    std::ifstream image(imagePath, std::ios::binary);
-    const auto imageSize = ImageVerification::imageSize(image);
+    std::ifstream image = openRegularFile(imagePath);
+    const auto imageSize = ImageVerification::imageSize(image, imagePath);
     if (!imageSize)
     {
         return -1;
     }
-    std::ifstream manifestFile(manifestDir + "/" + MANIFEST_FILE,
-                               std::ios::binary);
-    if (!manifestFile)
+    std::ifstream manifestFile =
+        openRegularFile(manifestDir + "/" + MANIFEST_FILE);
+    if (!manifestFile.is_open())
     {
-        PRINT_FAILURE("image-ktb cannot be opened", "Error opening KTB file");
+        PRINT_FAILURE("image-ktb is missing, no regular file, or cannot be "
+                      "opened",
+                      "Error opening KTB file");
         return -1;
     }
     manifestHeader header{};

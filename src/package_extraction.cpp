@@ -4,7 +4,9 @@
 #include "velmora.hpp"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,42 +48,41 @@ std::vector<char*> extractorEnvironment()
     return environment;
 }
 
-/** Closes all file descriptors but those of the standard streams. */
-void closeInherited()
+/** Has all file descriptors but those of the standard streams closed when the
+ *  extractor starts. */
+void markInherited()
 {
-    if (close_range(STDERR_FILENO + 1, ~0U, 0) == 0)
+    // Not every C library has a function for it.
+    if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) ==
+        0)
     {
         return;
     }
-    // A kernel before 5.9 does not know the call.
+    // A kernel before 5.11 cannot do it.
     for (long number = sysconf(_SC_OPEN_MAX) - 1; number > STDERR_FILENO;
          --number)
     {
-        close(static_cast<int>(number));
+        fcntl(static_cast<int>(number), F_SETFD, FD_CLOEXEC);
     }
 }
 
 /** Gives the child no input, no terminal, and no file descriptor but 1 and 2.
  *
  *  The extractor asks for a password on the terminal, and on standard input
- *  what to do when the disk is full. It gets neither. */
+ *  what to do when the disk is full. It gets neither. All that is opened here
+ *  gets the number 0: the process may have no other one free. */
 bool isolateChild()
 {
-    const int nothing = open("/dev/null", O_RDONLY);
-    if (nothing < 0 || dup2(nothing, STDIN_FILENO) < 0)
-    {
-        return false;
-    }
-    closeInherited();
+    markInherited();
+    close(STDIN_FILENO);
     // The child gives up the terminal, but stays in its process group: Ctrl-C
     // still ends it together with the program that called us.
     const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY);
-    if (terminal < 0)
-    {
-        return errno == ENXIO || errno == ENOENT || errno == EACCES ||
-               errno == EPERM;
-    }
-    return ioctl(terminal, TIOCNOTTY) == 0 && close(terminal) == 0;
+    const bool none = terminal < 0 && (errno == ENXIO || errno == ENOENT ||
+                                       errno == EACCES || errno == EPERM);
+    return (none ||
+            (ioctl(terminal, TIOCNOTTY) == 0 && close(terminal) == 0)) &&
+           open("/dev/null", O_RDONLY) == STDIN_FILENO;
 }
 
 /** Ends the child of a fork in which no program could be started.
@@ -105,7 +106,7 @@ bool isolateChild()
  *
  *  @param failureNumber of the line that the child writes when no program
  *         could be started in it
- *  @return the process identifier, -1 when the fork failed */
+ *  @return the process identifier, negative when the fork failed */
 pid_t startExtractor(const std::string& packagePath,
                      const std::string& destination, const char* pattern,
                      int failureNumber)
@@ -136,7 +137,7 @@ bool ValidateQOR::unZip(const std::string& packagePath,
     pid_t pidUnzip = startExtractor(
         packagePath, destination, "package.xml*",
         LOG_CHILD_FAILURE("unzip could not be started for the descriptor"));
-    if (pidUnzip == -1)
+    if (pidUnzip < 0)
     {
         LOG_INFO("pidUnzip: ", pidUnzip);
         LOG_FAILURE("no process could be made to extract the descriptor");
@@ -153,7 +154,7 @@ bool ValidateQOR::unZip(const std::string& packagePath,
     pidUnzip = startExtractor(
         packagePath, destination, "payload*",
         LOG_CHILD_FAILURE("unzip could not be started for the payload"));
-    if (pidUnzip == -1)
+    if (pidUnzip < 0)
     {
         LOG_INFO("pidUnzip: ", pidUnzip);
         LOG_FAILURE("no process could be made to extract the payload");

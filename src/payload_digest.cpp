@@ -1,5 +1,6 @@
 #define LOG_BLOCK 6000
 
+#include "files.hpp"
 #include "handles.hpp"
 #include "log.hpp"
 #include "velmora.hpp"
@@ -34,29 +35,25 @@ namespace fs = std::filesystem;
 constexpr std::size_t PIECE_SIZE = std::size_t{10} * 1024 * 1024;
 constexpr std::size_t SHA256_SIZE = 32;
 
-/** SHA-256 in steps. A step on a context that could not be made or
- *  initialised fails: OpenSSL crashes on one that is half initialised. */
+/** SHA-256 in steps. After a failed init() no other step may follow: OpenSSL
+ *  crashes on a context that is half initialised. */
 class Sha256
 {
   public:
     bool init()
     {
-        initialised_ =
-            context_ != nullptr &&
-            EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 0;
-        return initialised_;
+        return context_ != nullptr &&
+               EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 0;
     }
 
     bool update(const char* data, std::size_t size)
     {
-        return initialised_ &&
-               EVP_DigestUpdate(context_.get(), data, size) != 0;
+        return EVP_DigestUpdate(context_.get(), data, size) != 0;
     }
 
     bool finish()
     {
-        return initialised_ &&
-               EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) != 0;
+        return EVP_DigestFinal_ex(context_.get(), digest_.data(), nullptr) != 0;
     }
 
     void release() { context_.reset(); }
@@ -77,13 +74,11 @@ class Sha256
 
   private:
     DigestContext context_{EVP_MD_CTX_new()};
-    bool initialised_ = false;
     std::array<unsigned char, SHA256_SIZE> digest_{};
 };
 
-/** Opens a file without waiting for the writer of a FIFO. Under another
- *  process's write lease such an open fails, even of a regular file. So a
- *  second one waits for the end of the lease. */
+/** Opens a file without waiting for the writer of a FIFO. A write lease makes
+ *  that open fail with EWOULDBLOCK; a blocking open waits for its end. */
 FileDescriptor openFile(const std::string& path)
 {
     constexpr int FLAGS = O_RDONLY | O_CLOEXEC;
@@ -137,33 +132,20 @@ bool digestContent(const FileDescriptor& file, std::uint64_t length,
                    char* buffer, Sha256& sha)
 {
     bool complete = true;
-    const auto partial = static_cast<std::size_t>(length % PIECE_SIZE);
-    const std::uint64_t end = length - partial;
-    bool readable = true;
-    for (std::uint64_t offset = 0; offset < end && readable;
-         offset += PIECE_SIZE)
+    for (std::uint64_t offset = 0; offset < length; offset += PIECE_SIZE)
     {
-        readable = readPiece(file, buffer, PIECE_SIZE, offset);
-        if (!readable)
+        const auto size = static_cast<std::size_t>(
+            std::min<std::uint64_t>(PIECE_SIZE, length - offset));
+        if (!readPiece(file, buffer, size, offset))
         {
             LOG_FAILURE("a piece of a file could not be read whole");
-            complete = false;
+            return false;
         }
-        else if (!sha.update(buffer, PIECE_SIZE))
+        if (!sha.update(buffer, size))
         {
             LOG_FAILURE("a piece of a file could not be digested");
             complete = false;
         }
-    }
-    if (readable && partial > 0 && !readPiece(file, buffer, partial, end))
-    {
-        LOG_FAILURE("the end of a file could not be read whole");
-        complete = false;
-    }
-    else if (readable && partial > 0 && !sha.update(buffer, partial))
-    {
-        LOG_FAILURE("the end of a file could not be digested");
-        complete = false;
     }
     return complete;
 }
@@ -196,7 +178,7 @@ std::vector<std::string> regularFiles(const std::string& directory)
         if (name != "." && name != "..")
         {
             const fs::path path = fs::path(directory) / name;
-            if (fs::is_regular_file(fs::status(path)))
+            if (mayBe(fs::file_type::regular, fs::status(path)))
             {
                 paths.push_back(path.string());
             }
@@ -224,35 +206,36 @@ std::string calculateFileSHA(const std::string& filePath)
         LOG_FAILURE("a file cannot be opened");
         return {};
     }
-    struct stat status{};
-    bool complete = fstat(file.get(), &status) == 0;
+    struct statx status{};
+    bool complete = statx(file.get(), "", AT_EMPTY_PATH,
+                          STATX_TYPE | STATX_SIZE, &status) == 0;
     if (!complete)
     {
         LOG_FAILURE("the status of a file cannot be read");
     }
-    else if (!S_ISREG(status.st_mode))
+    else if (!S_ISREG(status.stx_mode))
     {
         LOG_FAILURE("what is no regular file is not digested");
         return {};
     }
-    const auto length = static_cast<std::uint64_t>(status.st_size);
+    const std::uint64_t length = status.stx_size;
     if (length > PIECE_SIZE)
     {
         // The kernel reads further ahead of us, which a cold file needs.
         posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     }
 
-    // After a failure is logged, the remaining steps still run.
     Sha256 sha;
-    if (!sha.init())
+    const bool begun = sha.init();
+    if (!begun)
     {
         LOG_FAILURE("the digest of a file could not be begun");
-        complete = false;
     }
     const auto buffer = makeReadBuffer(length);
-    complete = digestContent(file, length, buffer.get(), sha) && complete;
+    complete =
+        begun && digestContent(file, length, buffer.get(), sha) && complete;
     file.close();
-    if (!sha.finish())
+    if (begun && !sha.finish())
     {
         LOG_FAILURE("the digest of a file could not be finished");
         complete = false;
@@ -270,7 +253,7 @@ std::string calculateFileSHA(const std::string& filePath)
 
 std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
 {
-    if (!fs::is_directory(fs::status(payloadPath)))
+    if (!mayBe(fs::file_type::directory, fs::status(payloadPath)))
     {
         LOG_FAILURE("the payload is missing or no directory");
         return {};

@@ -109,11 +109,7 @@ class PayloadValidation
     static bool readRootCa(std::ifstream& stream, RootCaFile& file,
                            std::string& rootCa)
     {
-        // A directory would open too, and a FIFO would wait for a writer.
-        if (isRegularFile(ROOT_CA_FILE))
-        {
-            stream.open(ROOT_CA_FILE, std::ios::binary);
-        }
+        stream = openRegularFile(ROOT_CA_FILE);
         if (!stream.is_open())
         {
             file.remove();
@@ -184,8 +180,8 @@ bool ValidateQOR::validateCertChainForPayload(const std::string& payloadPath)
     if (extract_meta_data(slot.metadata) != 0)
     {
         PRINT_PARDON("metadata_block",
-                     "the metadata block does not parse: the chain must hold "
-                     "at the time 0, and the algorithm stays what it was",
+                     "the metadata block does not parse: the chain is checked "
+                     "at 1970-01-01, and the algorithm stays what it was",
                      "extract_meta_data failed. Continuing.");
     }
 

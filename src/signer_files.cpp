@@ -7,6 +7,7 @@
 
 #include <openssl/pem.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -30,13 +31,12 @@ int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/,
     return -1;
 }
 
-/** A step of the operation. */
 class ChainFile
 {
   public:
     static constexpr const char* OPERATION = "getX509Cert";
 
-    /** @param chain at least CHAIN_SIZE bytes */
+    /** Writes the whole area; a shorter chain is padded with NUL bytes. */
     static bool write(const std::string& chain)
     {
         FileStream file(std::fopen(CERTCHAIN_FILE, "w"));
@@ -46,18 +46,22 @@ class ChainFile
                           "Error creating certchain file");
             return false;
         }
-        bool written = std::fwrite(chain.data(), 1, CHAIN_SIZE, file.get()) >=
-                       chain.size();
+        std::array<char, CHAIN_SIZE> area{};
+        chain.copy(area.data(), area.size());
         // What the stream has buffered can still fail to reach the file.
-        written = std::fflush(file.get()) == 0 && written;
-        file.reset();
-        if (!written)
+        if (chain.size() > area.size() ||
+            std::fwrite(area.data(), 1, area.size(), file.get()) !=
+                area.size() ||
+            std::fflush(file.get()) != 0)
         {
-            PRINT_FAILURE("the certchain file could not be written",
+            PRINT_FAILURE("the chain area is longer than 24,576 bytes, or the "
+                          "certchain file could not be written",
                           "Error writing certchain to file");
+            file.reset();
             std::remove(CERTCHAIN_FILE);
             return false;
         }
+        file.reset();
         PRINT_INFO("Cert chain file created successfully");
         return true;
     }
@@ -97,14 +101,6 @@ X509* ValidateQOR::getX509Cert(const std::string& chain)
         PRINT_FAILURE("the chain area begins with no readable certificate",
                       "Read the PEM formatted certificate from memory into "
                       "an X509 is failed");
-        return nullptr;
-    }
-    // CHAIN_SIZE bytes are written below. A shorter chain would be read past
-    // its end.
-    if (chain.size() < CHAIN_SIZE)
-    {
-        PRINT_FAILURE("the chain area is shorter than 24,576 bytes",
-                      "Invalid input argument");
         return nullptr;
     }
     if (!ChainFile::write(chain))

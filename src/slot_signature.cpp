@@ -293,7 +293,7 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
             {
                 if (verification.certificate != nullptr)
                 {
-                    // This line has always carried the lambda's own name.
+                    // The function's name in this line must read operator().
                     // NOLINTNEXTLINE(bugprone-lambda-function-name)
                     PRINT_INFO("Clear ctx before exiting...");
                     verification.context.reset();

@@ -39,8 +39,8 @@ thread_local bool watched = false;
 velmora::test::Lines* releases = nullptr;
 
 /** Whether the code at @p address is the library's or its chain verifier's.
- *  File streams read for the library, and the parser may be returned to
- *  directly, so they count for those calls. */
+ *  The standard library reads files and their status for the library, and the
+ * parser may be returned to directly, so they count for those calls. */
 bool inLibrary(const void* address)
 {
     Dl_info info{};
@@ -48,7 +48,7 @@ bool inLibrary(const void* address)
     { return std::strstr(info.dli_fname, name) != nullptr; };
     return dladdr(address, &info) != 0 &&
            (in("libvelmora.so") || in("libquorlin.so") ||
-            (chosen == "read" && in("libstdc++.so")) ||
+            ((chosen == "read" || chosen == "stat") && in("libstdc++.so")) ||
             (chosen == "xmlNewInputFromIO" && in("libxml2.so")));
 }
 
@@ -121,8 +121,13 @@ Function* next(const char* name)
 // 32-bit systems have another function where they count time in 64 bits.
 #if defined(_TIME_BITS) && _TIME_BITS == 64 && __TIMESIZE == 32
 #define FSTAT64 "__fstat64_time64"
+#define STAT "__stat64_time64"
+#elif __TIMESIZE == 32
+#define FSTAT64 "fstat64"
+#define STAT "stat64"
 #else
 #define FSTAT64 "fstat64"
+#define STAT "stat"
 #endif
 
 #define RELEASE(result, name, parameters, arguments)                           \
@@ -138,9 +143,11 @@ Function* next(const char* name)
     }
 
 // clang-format off
-FAULT(int, fork, (), (), failed(EAGAIN))
+FAULT(int, fork, (), (), failed(EAGAIN) - 1)
 FAULT(int, waitpid, (int p, int* s, int o), (p, s, o), failed(EINTR))
 FAULT(int, open64, (const char* p, int f, unsigned m), (p, f, m), failed(EACCES))
+FAULT(int, statx, (int d, const char* p, int f, unsigned m, struct statx* s), (d, p, f, m, s), failed(EIO))
+FAULT_AT(int, stat, STAT, (const char* p, struct stat* s), (p, s), failed(EOVERFLOW))
 FAULT_AT(int, fstat64, FSTAT64, (int d, struct stat* s), (d, s), failed(EIO))
 FAULT(void*, mmap64, (void* a, size_t l, int p, int f, int d, std::int64_t o), (a, l, p, f, d, o), (failed(ENOMEM), MAP_FAILED))
 FAULT(int, munmap, (void* a, size_t l), (a, l), (real(a, l), failed(EINVAL)))

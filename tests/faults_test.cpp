@@ -158,7 +158,9 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
             {
                 continue;
             }
+            // A file whose type cannot be known is opened.
             const bool harmless =
+                function == "stat" ||
                 testing::Value(scenario.harmless, Contains(function));
             bool fired = true;
             for (int nth = 1; fired; ++nth)
@@ -270,17 +272,14 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
                   ZEROS);
         EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
     }
-    EXPECT_EQ(faulted("fstat64", 1, calculateFileSHA, scratch / "d/f"), ZEROS);
+    EXPECT_EQ(faulted("statx", 1, calculateFileSHA, scratch / "d/f"), ZEROS);
     EXPECT_EQ(faulted("EVP_DigestUpdate", 2, calculateFileSHA, scratch / "f"),
               ZEROS);
-    for (const auto& [function, failures] : {std::pair{"EVP_MD_CTX_new", 4},
-                                             {"EVP_DigestInit_ex", 4},
-                                             {"EVP_DigestUpdate", 1},
-                                             {"EVP_DigestFinal_ex", 1}})
+    for (const char* function : {"EVP_MD_CTX_new", "EVP_DigestInit_ex",
+                                 "EVP_DigestUpdate", "EVP_DigestFinal_ex"})
     {
         EXPECT_EQ(faulted(function, 1, calculateFileSHA, scratch / "f"), ZEROS);
-        EXPECT_THAT(log.back(), HasSubstr("Hash for file "));
-        EXPECT_EQ(std::count(log.begin(), log.end(), "FAILURE"), failures);
+        EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
         // The second context is that of the composite.
         EXPECT_EQ(faulted(function, 2, ValidateQOR::getSHAStrFromImage,
                           scratch / "d"),
@@ -295,7 +294,7 @@ TEST_F(Faults, ChildrenThatDoNotExtract)
     for (const int nth : {1, 2})
     {
         EXPECT_FALSE(extract("fork", nth));
-        EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -1", "FAILURE"));
+        EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -2", "FAILURE"));
     }
     // What this process has buffered must not come out of the child.
     const auto unstarted = [this]
@@ -308,13 +307,13 @@ TEST_F(Faults, ChildrenThatDoNotExtract)
     EXPECT_THAT(logOf(unstarted, STDOUT_FILENO), ElementsAre("buffered"));
     EXPECT_THAT(log,
                 ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
-    // Only the second child finds no file descriptor free.
+    // Only the second child may open no file.
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     meanwhile = [before]
     {
-        const rlimit few{STDERR_FILENO + 1, before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
+        const rlimit none{0, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
     };
     const auto extractAndRestore = [this, before]
     {

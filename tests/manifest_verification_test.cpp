@@ -237,15 +237,22 @@ TEST_F(Image, FilesThatCannotBeReadAreNamed)
         fs::remove(scratch / name);
         expectRefusal(message);
     }
-    // What is no file is not waited for, and has no format.
-    for (const std::function<void()>& make :
-         {std::function<void()>([&] { fs::create_directory(signature); }),
-          {[&] { mkfifo(signature.c_str(), 0600); }},
-          {[&] { fs::create_symlink("/dev/zero", signature); }}})
+    // What is no regular file is not read and not waited for.
+    for (const auto& [path, message] :
+         {std::pair{signature, "Error opening KTB signature file"},
+          {image, "Payload size error"},
+          {manifest, "Error opening KTB file"}})
     {
-        make();
-        expectRefusal("Error opening KTB signature file");
-        fs::remove(signature);
+        for (const std::function<void()>& make :
+             {std::function<void()>([&] { fs::create_directory(path); }),
+              {[&] { mkfifo(path.c_str(), 0600); }},
+              {[&] { fs::create_symlink("/dev/zero", path); }}})
+        {
+            make();
+            expectRefusal(message);
+            fs::remove(path);
+        }
+        writeFile(path, "there");
     }
 }
 

@@ -103,6 +103,18 @@ TEST_F(Unzip, StopsAtTheFirstFailedExtraction)
               readFile(scratch / "payload/a"));
 }
 
+TEST_F(Unzip, NoFileDescriptorNeedsToBeFree)
+{
+    std::vector<int> all;
+    for (int number = dup(STDIN_FILENO); number >= 0; number = dup(number))
+    {
+        all.push_back(number);
+    }
+    const bool done = ValidateQOR::unZip(scratch / "good.zip", scratch / "out");
+    std::for_each(all.begin(), all.end(), close);
+    EXPECT_TRUE(done);
+}
+
 TEST_F(Unzip, AnIgnoredChildCountsAsExtracted)
 {
     // The wait fails and leaves the status as it was.

@@ -34,17 +34,20 @@ TEST_F(Slot, Statuses)
     encrypted.resize(CHAIN);
     for (const std::string& chain :
          {std::string("short"), encrypted, std::string(CHAIN, '\0'),
-          goodChain() + "x", goodChain().substr(0, CHAIN - 1)})
+          goodChain() + "x"})
     {
         EXPECT_EQ(verifySlot(chain, goodSignature()), 7);
         EXPECT_EQ(log.back(), "FAILURE verify_slot_signature: convert char "
                               "buffer to X509 cert format failed");
     }
+    EXPECT_FALSE(fs::exists(RUN_TIME / "certchain"));
+    // A chain without its padding is padded.
+    EXPECT_EQ(verifySlot(goodChain().c_str(), goodSignature()), 0);
+    EXPECT_EQ(readFile(RUN_TIME / "certchain"), goodChain());
     EXPECT_EQ(logged(ValidateQOR::getX509Cert, ""), nullptr);
     EXPECT_THAT(log,
                 ElementsAre("INFO getX509Cert: Entry",
                             "FAILURE getX509Cert: Invalid input argument"));
-    EXPECT_FALSE(fs::exists(RUN_TIME / "certchain"));
 
     for (const auto& [name, status] :
          {std::pair{"publickey", 17}, {"certchain", 7}})
