@@ -5,7 +5,7 @@ Usage: emulated.py BUILD NATIVE_BUILD EMULATOR...
 
 The tests are those that Meson knows of BUILD. Each program of BUILD is
 replaced in their commands by a script that starts it on the emulator; bmc-sim
-by the one of NATIVE_BUILD.
+with what it starts by that of NATIVE_BUILD.
 """
 
 import json
@@ -20,8 +20,7 @@ import time
 
 # What does not run on an emulator, by its name or suite.
 NOT_RUN = {
-    "bmc-sim": "it starts itself in its sandbox, where there is no emulator; "
-               "the other tests run in the native one",
+    "bmc-sim": "it is a script; the other tests run in that of the native build",
     "valgrind": "it cannot run under the emulator",
 }
 # An emulated processor takes its time.
@@ -44,15 +43,15 @@ def write_scripts(build, native, emulator):
             continue
         program = pathlib.Path(target["filename"][0])
         script = tree / program.relative_to(build)
-        if script.name == "bmc-sim":
-            command = [native / program.relative_to(build)]
-        else:
-            command = [*emulator, program]
         script.parent.mkdir(parents=True, exist_ok=True)
         script.write_text(
-            f'#!/bin/sh\nexec {shlex.join(map(str, command))} "$@"\n')
+            f'#!/bin/sh\nexec {shlex.join(map(str, [*emulator, program]))} "$@"\n')
         script.chmod(0o755)
         scripts[program] = script
+    simulator = pathlib.Path("tools/bmc-sim/bmc-sim")
+    (tree / simulator).unlink(missing_ok=True)
+    (tree / simulator).symlink_to(native / simulator)
+    scripts[build / simulator] = tree / simulator
     return tree, scripts
 
 

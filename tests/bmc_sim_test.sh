@@ -46,10 +46,9 @@ expect 7 "$silent" "${sim[@]}" -- sh -c 'exit 7'
 expect 143 "$silent" "${sim[@]}" -- sh -c 'kill -TERM $$'
 expect 127 'none' "${sim[@]}" -- none
 expect 126 'denied' "${sim[@]}" -- /etc/passwd
-expect 127 '--bind' "${sim[@]}" -- sh -c /tmp/none
-expect 2 . "${sim[@]}" --system-id wrong -- true
-expect 2 'COMMAND is missing' "${sim[@]}" --verbose
-expect 2 'takes no COMMAND' "${sim[@]}" --serve platform -- true
+expect 2 '--system-id' "${sim[@]}" --system-id wrong -- true
+expect 2 'COMMAND is missing' "${sim[@]}" --without=platform
+expect 2 'no such option: --none' "${sim[@]}" --none -- true
 expect 125 'passwd: no certificate' "${sim[@]}" --root-ca /etc/passwd -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --keyring nokey -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --signer-key nokey -- true
@@ -63,30 +62,60 @@ expect 0 "$silent" "${sim[@]}" -- sh -c 'cd /var/run/velmora/Zarnholt && cd \
     /var/run/obmcupdate && echo 1 > /tmp/ingressRelease'
 expect 0 'ay 2 28 10' "${sim[@]}" --system-id 0A1C -- sh -c "$id"
 expect 1 'ot' "${sim[@]}" --without platform -- sh -c "$id"
+object=/xyz/openbmc_project/software
 manager=xyz.openbmc_project.Software.Installed.Inventory
 version=xyz.openbmc_project.Software.Version
-expect 0 '/xyz/openbmc_project/software/a/b' "${sim[@]}" -- sh -c "$get call $manager \
-    /xyz/openbmc_project/software $manager addSWInventory sssss \
-    /xyz/openbmc_project/software/a/b M 1 $version.VersionPurpose.BMC \
-    $version.ReleaseType.Other && $get tree $manager"
-# Expanded there; the name is taken when the service owns it.
-# shellcheck disable=SC2016
-expect 0 'ay 2 28 10' "${sim[@]}" --without platform -- sh -c '"$0" --serve platform \
-    --system-id 0A1C & for i in 1 2 3 4 5 6 7 8 9; do sleep 0.2; '"$id && break; done" "${sim[2]}"
+expect 0 '"M"' "${sim[@]}" -- sh -c "$get call $manager $object $manager \
+    addSWInventory sssss $object/a M 1 $version.VersionPurpose.BMC \
+    $version.ReleaseType.Other && $get get-property $manager $object/a \
+    xyz.openbmc_project.Software.Model Model"
 nothing_left "a sandbox"
 
+# What is typed so would be run by the shell behind COMMAND. Ctrl-C reaches
+# COMMAND alone; when it has ended, so has all.
+cat >typing.py <<'PY'
+import fcntl, termios
+for request in termios.TIOCSTI, 0x541C:
+    try:
+        fcntl.ioctl(1, request, b"x")
+    except OSError as error:
+        print(error.errno, end=" ")
+print("typed", flush=True)
+PY
+cat >terminal.py <<'PY'
+import os, pty, sys
+child, terminal = pty.fork()
+if child == 0:
+    os.execvp(sys.argv[1], sys.argv[1:])
+output = b""
+try:
+    while part := os.read(terminal, 4096):
+        output += part
+        if b"typed" in part:
+            os.write(terminal, b"\x03")
+except OSError:
+    pass
+print(output, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+PY
+typing='trap "echo interrupted; exit 9" INT; python3 typing.py; sleep 60 & wait'
+if [ "$silent" = '^$' ]; then
+    expect 0 "^b'1 1 typed.*interrupted.* 9$" python3 terminal.py "${sim[@]}" \
+        -- sh -c "$typing"
+    expect 0 "^b'1 1 typed[^i]* -2$" python3 terminal.py sh -c \
+        'exec "$@" </dev/null' - "${sim[@]}" -- sh -c "$typing"
+fi
+
 interrupted() {
-    # The run before has left one that says so already.
     : >started
-    "${sim[@]}" "$@" -- sh -c 'echo started; sleep 60' >started 2>&1 &
+    "$@" -- sh -c 'echo started; setsid sleep 60' >started 2>&1 &
     until grep -q started started; do
         sleep 0.05
     done
     kill -TERM $!
     wait $! || true
-    nothing_left "an interrupted run $*"
+    nothing_left "an interrupted run of $*"
 }
-interrupted
+interrupted "${sim[@]}"
 # Killed at any time, it takes the sandbox with it; in place it could not.
 for delay in 0.01 0.02 0.03 0.05 0.1 0.2; do
     [ "$silent" = '^$' ] || break
@@ -97,31 +126,32 @@ for delay in 0.01 0.02 0.03 0.05 0.1 0.2; do
 done
 nothing_left "a killed run"
 
-if [ "$(id -u)" -eq 0 ]; then
-    if [ -n "$before" ]; then
-        echo "this machine has files in the library's places: working in" \
-            "place is not tried"
-    else
-        expect 3 'in place' "${sim[@]}" --in-place -- \
-            sh -c 'ls /run/obmcupdate && exit 3'
-        nothing_left "a run in place"
-        interrupted --in-place
-        mkdir -p /run/velmora/Zarnholt
-        touch /run/velmora/Zarnholt/mine
-        expect 125 'bmc-sim: .*Zarnholt' "${sim[@]}" --in-place -- true
-        rm -r /run/velmora
-    fi
-    [ "$silent" != '^$' ] || expect 32 'permission|superuser' \
-        "${sim[@]}" -- mount -t tmpfs none /mnt
-    # An ordinary user, with a copy that he can reach.
-    cp "${sim[2]}" "$work/bmc-sim"
-    chmod 755 "$work"
-    user=(env "BMC_SIM_TEST=$$" setpriv --reuid=65534 --regid=65534 --clear-groups)
-    [ "$silent" != '^$' ] || expect 0 '^65534$' "${user[@]}" "$work/bmc-sim" -- id -u
-    expect 125 'root' "${user[@]}" "$work/bmc-sim" --in-place -- true
-    nothing_left "an ordinary user's run"
-else
-    echo "not root: working in place is not tried"
+if [ "$(id -u)" -ne 0 ] || [ -n "$before" ]; then
+    echo "not root, or files in the library's places: in place is not tried"
+    finish
+    exit
 fi
-
+# As if the kernel forbade a sandbox.
+mkdir bin
+printf '#!/bin/sh\necho no sandbox >&2; exit 1\n' >bin/bwrap
+chmod -R 755 "$work"
+without=(env "PATH=$work/bin:$PATH" "${sim[@]}")
+expect 3 'no sandbox; working in place' "${without[@]}" -- \
+    sh -c 'ls /run/obmcupdate && exit 3'
+nothing_left "a run in place"
+interrupted "${without[@]}"
+mkdir -p /run/velmora/Zarnholt
+touch /run/velmora/Zarnholt/mine
+expect 125 'bmc-sim: .*Zarnholt' "${without[@]}" -- true
+rm -r /run/velmora
+# An ordinary user, with a copy that he can reach.
+cp "${sim[2]}" "$(dirname "${sim[2]}")/bmc-services" "$work"
+user=(setpriv --reuid=65534 --regid=65534 --clear-groups env "BMC_SIM_TEST=$$")
+expect 125 'no sandbox; only root' "${user[@]}" "PATH=$work/bin:$PATH" \
+    "$work/bmc-sim" -- true
+if [ "$silent" = '^$' ]; then
+    expect 0 '^65534$' "${user[@]}" "$work/bmc-sim" -- id -u
+    expect 32 'permission|superuser' "${sim[@]}" -- mount -t tmpfs none /mnt
+fi
+nothing_left "an ordinary user's run"
 finish

@@ -37,16 +37,21 @@ ln -s "$build" build-private
 cp "$example" daemon.cpp
 eval "$lines" >log 2>&1 || { cat log; fail "README.md's lines"; exit 1; }
 
+# A script, which finds what it starts; that needs the emulator, if there is one.
+simulator=("$HOME/velmora/bin/bmc-sim")
+[ ${#emulator[@]} -eq 0 ] ||
+    simulator=("${emulator[@]}" "$HOME/velmora/libexec/velmora/bmc-services")
 for tool in velmora velmora-pack bmc-sim; do
-    expect 0 "^$tool [0-9.]+" "${emulator[@]}" "$HOME/velmora/bin/$tool" --version
     if "$man_pages" && ! man -w $tool >/dev/null; then
         fail "no man page: $tool"
     fi
 done
 id=$(LC_ALL=C readelf -n velmora/lib/libvelmora.so.1 | sed -n 's/.*Build ID: //p')
-for tool in velmora velmora-pack bmc-sim; do
-    expect 0 "build-id ${id:?}$" "${emulator[@]}" "$HOME/velmora/bin/$tool" --version
+for tool in velmora velmora-pack; do
+    expect 0 "^$tool [0-9.]+.* build-id ${id:?}$" "${emulator[@]}" \
+        "$HOME/velmora/bin/$tool" --version
 done
+expect 0 "^bmc-[a-z]+ [0-9.]+.* build-id $id$" "${simulator[@]}" --version
 
 # completes EXPECTED WORD...: EXPECTED is among the completions of the last.
 completes() {

@@ -24,14 +24,14 @@ EXTRA_OEMESON = " \
 
 # The tools, for a service shell. bmc-sim is for workstations.
 PACKAGECONFIG ??= ""
-PACKAGECONFIG[tools] = "-Dtools=enabled,-Dtools=disabled,cli11 elfutils libarchive libzip nlohmann-json zlib"
+PACKAGECONFIG[tools] = "-Dtools=enabled,-Dtools=disabled,cli11 elfutils libarchive libzip nlohmann-json libseccomp"
 
 PACKAGE_BEFORE_PN = "${PN}-sim ${PN}-tools"
-FILES:${PN}-sim = "${bindir}/bmc-sim ${datadir}/bash-completion/completions/bmc-sim"
+FILES:${PN}-sim = "${bindir}/bmc-sim ${libexecdir}/velmora ${datadir}/bash-completion/completions/bmc-sim"
 FILES:${PN}-tools = "${bindir} ${datadir}/bash-completion"
 FILES:${PN} += "${nonarch_libdir}/tmpfiles.d ${datadir}/dbus-1/system.d"
 
 # They are started, not linked.
 RDEPENDS:${PN} = "gnupg unzip"
-RDEPENDS:${PN}-sim = "bubblewrap dbus gnupg"
+RDEPENDS:${PN}-sim = "bash bubblewrap coreutils dbus findutils gnupg openssl-bin util-linux-flock"
 RDEPENDS:${PN}-tools = "gnupg openssl-bin"

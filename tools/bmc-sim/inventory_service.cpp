@@ -1,162 +1,112 @@
-#include "inventory_service.hpp"
-
 #include "purposes.hpp"
+#include "services.hpp"
 
-namespace bmc_sim
+namespace bmc_services
 {
 namespace
 {
 
 constexpr auto MANAGER_PATH = "/xyz/openbmc_project/software";
+// What is below it is asked of findModel(). The manager's own path cannot be
+// given for that as well.
+constexpr auto TREE = "/xyz/openbmc_project";
 constexpr std::string_view SOFTWARE_PREFIX = "/xyz/openbmc_project/software/";
 
-template <std::string SoftwareObject::* Text>
-int getText(sd_bus*, const char*, const char*, const char*,
-            sd_bus_message* reply, void* object, sd_bus_error*)
+int getModel(sd_bus*, const char*, const char*, const char*,
+             sd_bus_message* reply, void* model, sd_bus_error*) noexcept
 {
-    const auto& text = static_cast<const SoftwareObject*>(object)->*Text;
-    return sd_bus_message_append(reply, "s", text.c_str());
-}
-
-const sd_bus_vtable MODEL_VTABLE[] = {
-    SD_BUS_VTABLE_START(0),
-    SD_BUS_PROPERTY("Model", "s", getText<&SoftwareObject::model>, 0,
-                    SD_BUS_VTABLE_PROPERTY_CONST),
-    SD_BUS_VTABLE_END,
-};
-
-const sd_bus_vtable VERSION_VTABLE[] = {
-    SD_BUS_VTABLE_START(0),
-    SD_BUS_PROPERTY("Purpose", "s", getText<&SoftwareObject::purpose>, 0,
-                    SD_BUS_VTABLE_PROPERTY_CONST),
-    SD_BUS_PROPERTY("ReleaseType", "s", getText<&SoftwareObject::releaseType>,
-                    0, SD_BUS_VTABLE_PROPERTY_CONST),
-    SD_BUS_PROPERTY("Version", "s", getText<&SoftwareObject::version>, 0,
-                    SD_BUS_VTABLE_PROPERTY_CONST),
-    SD_BUS_VTABLE_END,
-};
-
-int addOwnedInterface(sd_bus* bus, BusSlot& owner, const char* path,
-                      const char* interface, const sd_bus_vtable* vtable,
-                      SoftwareObject& object)
-{
-    sd_bus_slot* slot = nullptr;
-    const int result =
-        sd_bus_add_object_vtable(bus, &slot, path, interface, vtable, &object);
-    owner.reset(slot);
-    return result;
-}
-
-/** @return negative when a step fails, as with all of sd-bus */
-int publishObject(sd_bus* bus, const char* path, SoftwareObject& object)
-{
-    int result = addOwnedInterface(bus, object.modelInterface, path,
-                                   "xyz.openbmc_project.Software.Model",
-                                   MODEL_VTABLE, object);
-    if (result >= 0)
-    {
-        result = addOwnedInterface(bus, object.versionInterface, path,
-                                   "xyz.openbmc_project.Software.Version",
-                                   VERSION_VTABLE, object);
-    }
-    return result < 0 ? result : sd_bus_emit_object_added(bus, path);
+    return sd_bus_message_append(
+        reply, "s", static_cast<const std::string*>(model)->c_str());
 }
 
 } // namespace
 
 void InventoryService::publish(sd_bus* bus)
 {
-    static const sd_bus_vtable VTABLE[] = {
+    static const sd_bus_vtable MODEL_VTABLE[] = {
         SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD_WITH_NAMES(
-            "addSWInventory", "sssss",
-            SD_BUS_PARAM(path) SD_BUS_PARAM(swDetail1) SD_BUS_PARAM(swDetail2)
-                SD_BUS_PARAM(purpose) SD_BUS_PARAM(releaseType),
-            "", "", add, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_METHOD_WITH_NAMES(
-            "getVersionPurpose", "s", SD_BUS_PARAM(componentID), "s",
-            SD_BUS_PARAM(purpose), getPurpose, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_METHOD_WITH_NAMES("removeSWInventory", "s", SD_BUS_PARAM(path),
-                                 "", "", remove, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_PROPERTY("Model", "s", getModel, 0, 0),
         SD_BUS_VTABLE_END,
     };
-    addInterface(bus, MANAGER_PATH, BUS_NAME, VTABLE, this);
-    check(sd_bus_add_object_manager(bus, nullptr, MANAGER_PATH),
-          "object manager");
+    static const sd_bus_vtable VTABLE[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("addSWInventory", "sssss", "", add,
+                      SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("getVersionPurpose", "s", "s", getPurpose,
+                      SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("removeSWInventory", "s", "", remove,
+                      SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+    check(sd_bus_add_object_vtable(bus, nullptr, MANAGER_PATH, BUS_NAME, VTABLE,
+                                   this),
+          BUS_NAME);
+    check(sd_bus_add_fallback_vtable(bus, nullptr, TREE,
+                                     "xyz.openbmc_project.Software.Model",
+                                     MODEL_VTABLE, findModel, this),
+          BUS_NAME);
 }
 
-int InventoryService::add(sd_bus_message* call, void* data, sd_bus_error* error)
+int InventoryService::findModel(sd_bus*, const char* path, const char*,
+                                void* data, void** found,
+                                sd_bus_error*) noexcept
 {
-    auto& objects = static_cast<InventoryService*>(data)->objects_;
+    auto& models = static_cast<InventoryService*>(data)->models_;
+    const auto model = models.find(path);
+    *found = model == models.end() ? nullptr : &model->second;
+    return *found != nullptr ? 1 : 0;
+}
+
+int InventoryService::add(sd_bus_message* call, void* data,
+                          sd_bus_error* error) noexcept
+{
+    auto& models = static_cast<InventoryService*>(data)->models_;
     const char* path = nullptr;
     const char* model = nullptr;
     const char* version = nullptr;
     const char* purpose = nullptr;
     const char* releaseType = nullptr;
-    int result = sd_bus_message_read(call, "sssss", &path, &model, &version,
-                                     &purpose, &releaseType);
+    const int result = sd_bus_message_read(call, "sssss", &path, &model,
+                                           &version, &purpose, &releaseType);
     if (result < 0)
     {
         return result;
     }
     if (!std::string_view(path).starts_with(SOFTWARE_PREFIX) ||
-        sd_bus_object_path_is_valid(path) == 0)
-    {
-        return sd_bus_error_setf(error, INVALID_ARGUMENT,
-                                 "Not the path of a software object: %s", path);
-    }
-    if (!VERSION_PURPOSES.holds(purpose) || !RELEASE_TYPES.holds(releaseType))
+        sd_bus_object_path_is_valid(path) == 0 ||
+        !VERSION_PURPOSES.holds(purpose) || !RELEASE_TYPES.holds(releaseType))
     {
         return sd_bus_error_setf(
             error, INVALID_ARGUMENT,
-            "Not a version purpose and a release type: %s, %s", purpose,
-            releaseType);
+            "No software object, version purpose or release type: %s, %s, %s",
+            path, purpose, releaseType);
     }
-    if (objects.contains(path))
+    if (!models.emplace(path, model).second)
     {
         return sd_bus_error_setf(error, NOT_ALLOWED,
                                  "Software object exists already: %s", path);
-    }
-    SoftwareObject& object = objects[path];
-    object.model = model;
-    object.version = version;
-    object.purpose = purpose;
-    object.releaseType = releaseType;
-    result = publishObject(sd_bus_message_get_bus(call), path, object);
-    if (result < 0)
-    {
-        objects.erase(path);
-        return result;
     }
     return sd_bus_reply_method_return(call, nullptr);
 }
 
 int InventoryService::remove(sd_bus_message* call, void* data,
-                             sd_bus_error* error)
+                             sd_bus_error* error) noexcept
 {
-    auto& objects = static_cast<InventoryService*>(data)->objects_;
+    auto& models = static_cast<InventoryService*>(data)->models_;
     const char* path = nullptr;
-    int result = sd_bus_message_read(call, "s", &path);
-    if (result >= 0 && !objects.contains(path))
-    {
-        return sd_bus_error_setf(error, RESOURCE_NOT_FOUND,
-                                 "No such software object: %s", path);
-    }
-    if (result >= 0)
-    {
-        // The signal lists the interfaces, so it goes first.
-        result = sd_bus_emit_object_removed(sd_bus_message_get_bus(call), path);
-    }
+    const int result = sd_bus_message_read(call, "s", &path);
     if (result < 0)
     {
         return result;
     }
-    objects.erase(path);
-    return sd_bus_reply_method_return(call, nullptr);
+    return models.erase(path) == 0
+               ? sd_bus_error_setf(error, RESOURCE_NOT_FOUND,
+                                   "No such software object: %s", path)
+               : sd_bus_reply_method_return(call, nullptr);
 }
 
 int InventoryService::getPurpose(sd_bus_message* call, void* data,
-                                 sd_bus_error* error)
+                                 sd_bus_error* error) noexcept
 {
     const auto& purposes = static_cast<InventoryService*>(data)->purposes_;
     const char* component = nullptr;
@@ -173,4 +123,4 @@ int InventoryService::getPurpose(sd_bus_message* call, void* data,
                : sd_bus_reply_method_return(call, "s", purpose->second.c_str());
 }
 
-} // namespace bmc_sim
+} // namespace bmc_services

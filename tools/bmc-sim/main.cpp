@@ -1,75 +1,161 @@
-#include "failure.hpp"
-#include "in_place.hpp"
-#include "options.hpp"
-#include "process.hpp"
-#include "sandbox.hpp"
+#include "common/command_line.hpp"
+#include "common/error.hpp"
+#include "common/files.hpp"
+#include "library_version.hpp"
+#include "purposes.hpp"
 #include "services.hpp"
-#include "session.hpp"
+#include "terminal_filter.hpp"
 
 #include <systemd/sd-daemon.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
 
-#include <csignal>
+#include <array>
 #include <iostream>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
 
-namespace bmc_sim
+namespace bmc_services
 {
 namespace
 {
 
-int runInPlace(const Options& options, const std::string& reason)
+using Bus = tools::Handle<sd_bus, sd_bus_flush_close_unref>;
+using EventLoop = tools::Handle<sd_event, sd_event_unref>;
+
+// bmc-sim hands it on as its own.
+constexpr int FAILED = 125;
+constexpr int HEXADECIMAL = 16;
+
+constexpr auto PLATFORM = "platform";
+constexpr auto SECURITY = "security";
+constexpr auto INVENTORY = "inventory";
+
+struct Options
 {
-    if (geteuid() != 0)
+    std::set<std::string> services;
+    std::string systemId = "0A1B";
+    std::string signerKey;
+    /** D-Bus strings by component identifier. */
+    std::map<std::string, std::string> purposes;
+    bool writesFilter = false;
+};
+
+/** Takes up the text of one --purpose. */
+void addPurpose(Options& options, const std::string& text)
+{
+    const auto equals = text.rfind('=');
+    const auto purpose =
+        equals == std::string::npos
+            ? std::nullopt
+            : VERSION_PURPOSES.complete(text.substr(equals + 1));
+    if (!purpose)
     {
-        throw Error(reason, "only root can work in place");
+        throw CLI::ValidationError(
+            "--purpose", "not ID=NAME, or no such version purpose: " + text);
     }
-    const InPlaceSite site;
-    std::cerr << "bmc-sim: " + tools::printable(reason) +
-                     "; working in place\n";
-    return runSession(options, site.site());
+    options.purposes.insert_or_assign(text.substr(0, equals), *purpose);
 }
 
-int run(const Arguments& arguments)
+/** Publishes a service, if it is among those that are asked for. It has a
+ *  connection of its own, as on a BMC, so no name shows another's objects. */
+template <typename Service>
+Bus start(Service& service, const char* name, const Options& options,
+          sd_event* loop)
 {
-    // A caller that ignores SIGCHLD would keep exit statuses from us.
-    std::signal(SIGCHLD, SIG_DFL);
-    Options options = parseOptions(arguments);
-    if (options.serves)
+    if (!options.services.contains(name))
     {
-        const EventLoop loop = makeLoop();
-        const Services services(options, loop.get());
-        sd_notify(0, "READY=1");
-        return check(sd_event_loop(loop.get()), "event loop");
+        return nullptr;
     }
-    if (!options.insideFiles.empty())
+    sd_bus* opened = nullptr;
+    check(sd_bus_open_system(&opened), "system bus");
+    Bus bus(opened);
+    check(sd_bus_attach_event(opened, loop, SD_EVENT_PRIORITY_NORMAL),
+          "event loop");
+    service.publish(opened);
+    check(sd_bus_request_name(opened, Service::BUS_NAME, 0), Service::BUS_NAME);
+    return bus;
+}
+
+void declareOptions(CLI::App& app, Options& options)
+{
+    app.add_option("SERVICE", options.services,
+                   "What to run: platform, security, inventory")
+        ->check(CLI::IsMember({PLATFORM, SECURITY, INVENTORY}));
+    app.add_option("--system-id", options.systemId,
+                   "System identifier, 16 bits in hexadecimal")
+        ->capture_default_str()
+        ->transform(CLI::Validator(tools::normaliseSystemId, ""));
+    app.add_option("--signer-key", options.signerKey,
+                   "Public key of the image signer, in DER");
+    app.add_option_function<std::string>(
+           "--purpose",
+           [&options](const std::string& text) { addPurpose(options, text); },
+           "Version purpose of a component ID, such as 7=BIOS (repeatable)")
+        ->trigger_on_parse();
+    app.add_flag("--terminal-filter", options.writesFilter,
+                 "Check the other options, and write what keeps a program from "
+                 "typing into its terminal, for bwrap --seccomp");
+    app.set_version_flag("--version",
+                         std::string("bmc-services " VELMORA_VERSION ", ") +
+                             LIBRARY_VERSION);
+}
+
+int run(const Options& options)
+{
+    if (options.writesFilter)
     {
-        return runSession(options, enterSandbox(options.insideFiles));
+        writeTerminalFilter(STDOUT_FILENO);
+        return EXIT_SUCCESS;
     }
-    if (options.inPlace)
-    {
-        return runInPlace(options, "no sandbox asked for");
-    }
-    const SandboxSupport support = probeSandbox();
-    if (!support.available)
-    {
-        return runInPlace(options, support.complaint);
-    }
-    return runInSandbox(options, arguments, support.arguments);
+    PlatformService platform(static_cast<std::uint16_t>(
+        std::stoul(options.systemId, nullptr, HEXADECIMAL)));
+    SecurityService security(
+        options.signerKey.empty() ? "" : tools::readFile(options.signerKey));
+    InventoryService inventory(options.purposes);
+    sd_event* created = nullptr;
+    check(sd_event_new(&created), "event loop");
+    const EventLoop loop(created);
+    const std::array buses{start(platform, PLATFORM, options, created),
+                           start(security, SECURITY, options, created),
+                           start(inventory, INVENTORY, options, created)};
+    sd_notify(0, "READY=1");
+    // For who is not systemd.
+    std::cout << "ready" << std::endl;
+    return check(sd_event_loop(created), "event loop");
 }
 
 } // namespace
-} // namespace bmc_sim
+} // namespace bmc_services
 
 int main(int argc, char* argv[])
 {
+    using namespace bmc_services;
+    Options options;
+    CLI::App app(
+        "Runs services of a BMC on the system bus that is there. When "
+        "they own their names,\nsystemd is told and a line is printed.",
+        "bmc-services");
+    tools::setUpComplaints(app);
+    declareOptions(app, options);
     try
     {
-        return bmc_sim::run({argv + 1, argv + argc});
+        app.parse(argc, argv);
+        if (options.services.empty() && !options.writesFilter)
+        {
+            throw CLI::RequiredError("SERVICE");
+        }
+        return run(options);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        return tools::endParse(app, error);
     }
     catch (const std::exception& error)
     {
-        std::cerr << "bmc-sim: " + tools::printable(error.what()) + "\n";
-        const auto* const failure =
-            dynamic_cast<const bmc_sim::Failure*>(&error);
-        return failure != nullptr ? failure->status() : bmc_sim::FAILED;
+        std::cerr << "bmc-services: " + tools::printable(error.what()) + "\n";
+        return FAILED;
     }
 }

@@ -1,14 +1,18 @@
-#include "security_service.hpp"
+#include "common/error.hpp"
+#include "common/handles.hpp"
+#include "services.hpp"
 
 #include <endian.h>
 
 #include <cstring>
-#include <string_view>
+#include <limits>
 
-namespace bmc_sim
+namespace bmc_services
 {
 namespace
 {
+
+using Message = tools::Handle<sd_bus_message, sd_bus_message_unref>;
 
 constexpr std::string_view MANIFEST_MAGIC = "$KTB";
 constexpr std::size_t MANIFEST_HEADER_SIZE = 16;
@@ -32,26 +36,39 @@ bool isManifest(std::string_view manifest, std::uint32_t length)
 
 } // namespace
 
+SecurityService::SecurityService(std::string_view key)
+{
+    if (key.size() > std::numeric_limits<std::uint16_t>::max())
+    {
+        throw tools::Error("the signer's key", "larger than 64 KiB");
+    }
+    if (!key.empty())
+    {
+        packedKey_ = {static_cast<char>(key.size() & 0xff),
+                      static_cast<char>(key.size() >> 8)};
+        packedKey_ += key;
+    }
+}
+
 void SecurityService::publish(sd_bus* bus)
 {
     static const sd_bus_vtable VTABLE[] = {
         SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD_WITH_NAMES(
-            "vornFwManifestVerification", "buay",
-            SD_BUS_PARAM(enable) SD_BUS_PARAM(length) SD_BUS_PARAM(manifest),
-            "yuay", SD_BUS_PARAM(status) SD_BUS_PARAM(detail) SD_BUS_PARAM(key),
-            verifyManifest, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("vornFwManifestVerification", "buay", "yuay",
+                      verifyManifest, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
-    addInterface(bus, "/xyz/openbmc_project/securityservices",
-                 "xyz.openbmc_project.securityservices.firmwareManifest",
-                 VTABLE, this);
+    check(sd_bus_add_object_vtable(
+              bus, nullptr, "/xyz/openbmc_project/securityservices",
+              "xyz.openbmc_project.securityservices.firmwareManifest", VTABLE,
+              this),
+          BUS_NAME);
 }
 
 int SecurityService::verifyManifest(sd_bus_message* call, void* data,
-                                    sd_bus_error* error)
+                                    sd_bus_error* error) noexcept
 {
-    const auto& key = static_cast<SecurityService*>(data)->signerKey_;
+    const std::string& key = static_cast<SecurityService*>(data)->packedKey_;
     int enable = 0;
     std::uint32_t length = 0;
     const void* bytes = nullptr;
@@ -66,17 +83,9 @@ int SecurityService::verifyManifest(sd_bus_message* call, void* data,
         return sd_bus_error_set(error, UNAVAILABLE,
                                 "No signer key is configured");
     }
-    std::vector<std::uint8_t> packed;
     const bool isGood =
         enable != 0 &&
         isManifest({static_cast<const char*>(bytes), size}, length);
-    if (isGood)
-    {
-        // Its length in 16 bits, its bytes.
-        packed = {static_cast<std::uint8_t>(key.size() & 0xff),
-                  static_cast<std::uint8_t>(key.size() >> 8)};
-        packed.insert(packed.end(), key.begin(), key.end());
-    }
     sd_bus_message* created = nullptr;
     int result = sd_bus_message_new_method_return(call, &created);
     const Message reply(created);
@@ -87,10 +96,10 @@ int SecurityService::verifyManifest(sd_bus_message* call, void* data,
     }
     if (result >= 0)
     {
-        result = sd_bus_message_append_array(reply.get(), SD_BUS_TYPE_BYTE,
-                                             packed.data(), packed.size());
+        result = sd_bus_message_append_array(
+            reply.get(), SD_BUS_TYPE_BYTE, key.data(), isGood ? key.size() : 0);
     }
     return result < 0 ? result : sd_bus_send(nullptr, reply.get(), nullptr);
 }
 
-} // namespace bmc_sim
+} // namespace bmc_services

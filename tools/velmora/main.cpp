@@ -156,7 +156,7 @@ nlohmann::ordered_json asJson(const Command& command,
     object["verified"] = answer.isVerified;
     object["reason"] = answer.reason;
     object.update(answer.fields);
-    if (answer.refusal.hasFailed())
+    if (answer.refusal.refused)
     {
         object["cause"] = asJson(answer.refusal.site);
         object["details"] = detailsAsJson(answer.refusal);

@@ -95,13 +95,12 @@ Outcome run(bool verbose, const std::function<bool()>& work)
     }
     const auto keepRefusal = [&outcome](const Operation& operation)
     {
-        if (operation.hasFailed())
+        if (operation.refused)
         {
             outcome.refusal = operation;
         }
     };
-    LogReader(linkedCauses(), keepRefusal)
-        .readOwn(tools::readAll(log, "the log"));
+    LogReader(linkedCauses(), keepRefusal).read(log, "the log");
     return outcome;
 }
 
