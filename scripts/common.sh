@@ -5,7 +5,7 @@
 build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
     libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev
     libzip-dev
-    libelf-dev libseccomp-dev scdoc)
+    libelf-dev libseccomp-dev zlib1g-dev scdoc)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
 # OpenSSL's driver for tokens. Debian 12 has only one of the older kind.
 token_driver=pkcs11-provider

@@ -1,26 +1,67 @@
 #!/usr/bin/env bash
-# The reader of logs as an operator meets it.
+# The reader of logs as an operator meets it, and what its page shows.
 # Arguments: velmora, velmora-pack, directory of test keys.
 # shellcheck disable=SC2016 # Expanded by another shell.
 set -euo pipefail
+page=$(dirname "$(readlink -f "$0")")/../docs/reading-the-log.md
 # shellcheck source=tests/support.sh
 . "$(dirname "$0")/support.sh"
 begin_tools "$@"
 
-"$pack" "${package[@]}" --payload files -o p.zip
-mkdir unsigned
-(cd unsigned && unzip -q ../p.zip && echo x >>package.xml)
-"$velmora" -v validate unsigned >/dev/null 2>log || true
-expect 0 'signature status: Bad signature' "$velmora" explain log
-expect 0 "^refused: the descriptor's signature is not valid +descriptor_signature.cpp:[0-9]+\$" \
-    "$velmora" explain <(sed 's/^/Jan 01 00:00:00 bmc daemon[7]: /' log)
-expect 0 '"number": [0-9]+' sh -c '"$0" --json explain log | python3 -m json.tool' "$velmora"
-expect 3 'Line: 1 |1 of [0-9]+ failures are not in .*build-id' "$velmora" explain \
-    <(cat log; echo 'Line: 1 [FAILURE]')
-sed '1i Line: 1 [FAILURE]' log >longer
-expect 0 'signature status: Bad signature' sh -c '(read -r _; exec "$0" explain) <longer' "$velmora"
-"$velmora" -v validate p.zip >/dev/null 2>>longer
-expect 0 '^passed' sh -c '"$0" explain longer | grep -E "^(refused|passed)" | tail -n 1' "$velmora"
-expect 3 'log: holds no causes' "$velmora" explain --library log log
+# The page's N-th block of code.
+block() {
+    awk -v wanted="$1" '/^```/ { ++fence; next }
+        fence == 2 * wanted - 1 { print }' "$page"
+}
 
+# Numbers and columns differ between builds.
+alike() {
+    sed -E 's/[0-9a-f]{40}/ID/; s/[0-9]+/N/g; s/ +/ /g'
+}
+
+# shows N COMMAND...: what the page's N-th block shows.
+shows() {
+    local number=$1
+    shift
+    diff <(block "$number" | alike) <("$@" 2>&1 | alike) ||
+        fail "block $number of the page is not what is printed"
+}
+
+"$pack" "${package[@]}" --payload files -o p.zip
+"$velmora" unpack p.zip unpacked >/dev/null
+mkdir changed
+cp -r unpacked/* changed
+echo '<!-- -->' >>changed/package.xml
+"$velmora" -v validate changed >/dev/null 2>log || true
+expect 0 "^refused: the descriptor's signature is not valid: Bad signature +descriptor_signature.cpp:[0-9]+\$" \
+    "$velmora" explain log
+expect 0 '^build [0-9a-f]{40} wrote this:' "$velmora" explain log
+expect 0 '^if build [0-9a-f]{40} wrote this:' "$velmora" explain <(sed 1d log)
+expect 0 '"number": [0-9]+' sh -c '"$0" --json explain log | python3 -m json.tool' "$velmora"
+expect 3 'nothing is known of line 1$' "$velmora" explain <(cat log; echo 'Line: 1 [FAILURE]')
+expect 3 '^velmora: .*: not all of it is of .*build-id' "$velmora" explain \
+    <(sed -E 's/build-id [0-9a-f]{40}/build-id 00/' log)
+expect 3 'log: holds no causes' "$velmora" explain --library log log
+expect 3 '^velmora: files/a: holds no line of libvelmora' "$velmora" explain files/a
+head -c 100 p.zip >cut.zip
+"$velmora" -v unpack cut.zip changed >/dev/null 2>cut.log || true
+expect 0 'exit code 9, not a ZIP file' "$velmora" explain <(gzip <cut.log)
+
+# The page: a missing signature, an archive without payload, another build.
+rm unpacked/package.xml.sign
+"$velmora" -v validate unpacked 2>&1 >/dev/null | sed 1d >missing || true
+sed -i 's/^/Nov 25 04:10:31 bmc updated[412]: /' missing
+shows 4 grep -v INFO missing
+shows 5 "$velmora" explain missing
+(cd changed && zip -q ../payloadless.zip package.xml package.xml.sign)
+mkdir other
+"$velmora" -v unpack payloadless.zip other 2>&1 >/dev/null | sed 1d >payloadless || true
+shows 6 cat payloadless
+shows 7 "$velmora" explain payloadless
+library=$("$velmora" --version | sed 's/.*with \(.*\), build-id.*/\1/')
+sed -nE 's/^\| `([^`]+)` \|.*/\1/p' "$page" >causes
+[ "$(wc -l <causes)" -ge 20 ] || fail "the page lists too few refusals"
+while read -r cause; do
+    grep -qaF " cause $cause" "$library" || fail "no cause of the library: $cause"
+done <causes
 finish

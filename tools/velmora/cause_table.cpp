@@ -8,10 +8,14 @@
 #include <gelf.h>
 #include <link.h>
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace velmora::front
 {
@@ -21,6 +25,20 @@ namespace
 
 constexpr const char* LIBRARY = "libvelmora.so.1";
 constexpr std::string_view SECTION = ".velmora.causes";
+/** Numbers that each source of the library has. */
+constexpr int BLOCK = 1000;
+/** The highest beginning of a block that is believed. */
+constexpr int MAX_BLOCK = 1'000'000;
+/** No library has more of it; in bytes. */
+constexpr std::size_t MAX_SECTION = 1 << 20;
+/** Of a record that cannot be read. */
+constexpr std::size_t MAX_SHOWN = 100;
+
+constexpr std::array KINDS{
+    std::pair("cause", Kind::CAUSE),     std::pair("echo", Kind::PASSED_ON),
+    std::pair("pardon", Kind::PARDON),   std::pair("note", Kind::NOTE),
+    std::pair("success", Kind::SUCCESS), std::pair("answer", Kind::ANSWER),
+};
 
 std::string_view contentOf(Elf_Scn* section)
 {
@@ -47,27 +65,69 @@ void readBuildId(Elf_Scn* section, std::string& id)
         contentOf(section).substr(description, note.n_descsz));
 }
 
-void readRecords(const std::string& content, Causes& causes)
+/** @return whether it is one */
+bool readRecord(const std::string& record, Site& site)
 {
-    std::istringstream records(content);
+    std::istringstream words(record);
+    std::string kind;
+    int block = 0;
+    if (!(words >> site.file >> block >> site.line >> kind >> std::ws) ||
+        !std::getline(words, site.text))
+    {
+        return false;
+    }
+    std::getline(words, site.message);
+    const auto end = std::min(kind.find(':'), kind.size());
+    const auto* known = std::ranges::find(KINDS, kind.substr(0, end),
+                                          &std::pair<const char*, Kind>::first);
+    if (known == KINDS.end() || block < 0 || block > MAX_BLOCK ||
+        site.line < 0 || site.line >= BLOCK)
+    {
+        return false;
+    }
+    site.kind = known->second;
+    site.number = block + site.line;
+    site.source = kind.substr(std::min(end + 1, kind.size()));
+    return true;
+}
+
+void readRecords(std::string_view content, CauseTable& table)
+{
+    if (content.size() > MAX_SECTION)
+    {
+        throw tools::Error(table.library, "its table of causes is too large");
+    }
+    std::istringstream records{std::string(content)};
+    std::set<std::string> judging;
     for (std::string record; std::getline(records, record, '\0');)
     {
-        std::istringstream words(record);
         Site site;
-        words >> site.file >> site.number >> site.line >> site.kind >> std::ws;
-        if (!std::getline(words, site.text))
+        if (record.empty())
         {
+            // The linker fills gaps.
             continue;
         }
-        site.number += site.line;
-        // Identical records do no harm.
-        if (!(causes.sites.try_emplace(site.number, site).first->second ==
-              site))
+        if (!readRecord(record, site))
         {
-            throw tools::Error(causes.library,
+            throw tools::Error(table.library,
+                               "a record of its causes cannot be read: " +
+                                   record.substr(0, MAX_SHOWN));
+        }
+        if (site.kind == Kind::SUCCESS)
+        {
+            judging.insert(site.file);
+        }
+        // Identical records do no harm.
+        if (!(table.sites.try_emplace(site.number, site).first->second == site))
+        {
+            throw tools::Error(table.library,
                                "two statements share the number " +
                                    std::to_string(site.number));
         }
+    }
+    for (auto& [number, site] : table.sites)
+    {
+        site.judges = judging.contains(site.file);
     }
 }
 
@@ -87,10 +147,10 @@ std::string linkedLibrary()
 
 } // namespace
 
-Causes readCauses(const std::string& library)
+CauseTable readCauses(const std::string& library)
 {
-    Causes causes;
-    causes.library = library;
+    CauseTable table;
+    table.library = library;
     const tools::FileDescriptor file(
         open(library.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0)
@@ -110,20 +170,20 @@ Causes readCauses(const std::string& library)
         const char* name = elf_strptr(elf.get(), names, header.sh_name);
         if (name != nullptr && name == SECTION)
         {
-            readRecords(std::string(contentOf(section)), causes);
+            readRecords(contentOf(section), table);
         }
         else if (header.sh_type == SHT_NOTE)
         {
-            readBuildId(section, causes.buildId);
+            readBuildId(section, table.buildId);
         }
     }
-    return causes;
+    return table;
 }
 
-const Causes& linkedCauses()
+const CauseTable& linkedCauses()
 {
-    static const Causes causes = readCauses(linkedLibrary());
-    return causes;
+    static const CauseTable TABLE = readCauses(linkedLibrary());
+    return TABLE;
 }
 
 std::string versionText()

@@ -131,7 +131,7 @@ Answer askForValue(const Request& request, const char* name,
     std::string value;
     const auto work = [&] { return (value = read()) != none; };
     Outcome outcome = run(request.verbose, work);
-    outcome.passed = outcome.passed || !outcome.refusal.refused;
+    outcome.passed = outcome.passed || !outcome.refusal.hasFailed();
     Answer answer = answerFrom(outcome, Verdict::REFUSED);
     if (outcome.passed)
     {
@@ -416,7 +416,7 @@ Answer digest(const Request& request)
     };
     const Outcome outcome = run(request.verbose, read);
     // A directory's digest covers only what could be read.
-    if (!outcome.passed || outcome.refusal.refused)
+    if (!outcome.passed || outcome.refusal.hasFailed())
     {
         return {Verdict::UNCHECKED,
                 "it cannot be digested: " + outcome.refusal.reason()};

@@ -6,7 +6,6 @@
 #include "log_reader.hpp"
 
 #include <fcntl.h>
-#include <nlohmann/json.hpp>
 
 #include <iomanip>
 #include <iostream>
@@ -20,6 +19,34 @@ namespace
 /** The column of the places in the source. */
 constexpr int TEXT_WIDTH = 60;
 
+/** Prints operations as they come. */
+class Printer
+{
+  public:
+    Printer(const CauseTable& table, bool json) : table_(table), json_(json) {}
+
+    void print(const Operation& operation);
+    /** To be called when none follows. */
+    void finish() const
+    {
+        std::cout << (!json_ ? "" : count_ == 0 ? "[]\n" : "]\n");
+    }
+
+    std::size_t count() const { return count_; }
+    bool hasUnknown() const { return hasUnknown_; }
+
+  private:
+    void printText(const Operation& operation);
+    nlohmann::ordered_json asJson(const Operation& operation) const;
+
+    const CauseTable& table_;
+    bool json_;
+    std::size_t count_ = 0;
+    bool hasUnknown_ = false;
+    /** The build under which what follows is to be read. */
+    std::string heading_;
+};
+
 void printLine(const std::string& text, const Site& site)
 {
     std::cout << std::left << std::setw(site.file.empty() ? 0 : TEXT_WIDTH)
@@ -31,19 +58,37 @@ void printLine(const std::string& text, const Site& site)
     std::cout << '\n';
 }
 
-void printText(const Operation& operation)
+void Printer::print(const Operation& operation)
 {
-    printLine((operation.refused ? "refused: " : "passed: ") +
-                  operation.site.text,
-              operation.site);
+    hasUnknown_ |= operation.ending == Operation::Ending::UNKNOWN;
+    if (json_)
+    {
+        std::cout << (count_ == 0 ? "[" : ",\n") << asText(asJson(operation));
+    }
+    else
+    {
+        printText(operation);
+    }
+    ++count_;
+}
+
+void Printer::printText(const Operation& operation)
+{
+    const std::string heading =
+        operation.tie == Tie::KNOWN
+            ? "build " + table_.buildId + " wrote this:\n"
+            : "if build " + table_.buildId + " wrote this:\n";
+    std::cout << (heading == heading_ ? "" : heading);
+    heading_ = heading;
+    printLine(operation.word() + (": " + operation.reason()), operation.site);
     for (const Site& note : operation.notes)
     {
         printLine("    note: " + note.text, note);
     }
-    for (const auto& [name, text, isTelling] : operation.details)
+    for (const Detail& detail : operation.details)
     {
-        std::cout << "    " << inWords(name) << ": " << tools::printable(text)
-                  << '\n';
+        std::cout << "    " << inWords(detail.name) << ": "
+                  << tools::printable(detail.text) << '\n';
     }
     for (const Site& echo : operation.echoes)
     {
@@ -51,19 +96,21 @@ void printText(const Operation& operation)
     }
 }
 
-nlohmann::ordered_json asJson(const Operation& operation)
+nlohmann::ordered_json Printer::asJson(const Operation& operation) const
 {
     nlohmann::ordered_json object;
-    object["verdict"] = operation.refused ? "refused" : "passed";
+    object["buildId"] = table_.buildId;
+    object["buildIsKnown"] = operation.tie == Tie::KNOWN;
+    object["verdict"] = operation.word();
     object["reason"] = operation.reason();
-    object["cause"] = asJson(operation.site);
+    object["cause"] = front::asJson(operation.site);
     for (const auto& [name, sites] : {std::pair("echoes", &operation.echoes),
                                       std::pair("notes", &operation.notes)})
     {
         object[name] = nlohmann::ordered_json::array();
         for (const Site& site : *sites)
         {
-            object[name].push_back(asJson(site));
+            object[name].push_back(front::asJson(site));
         }
     }
     object["details"] = detailsAsJson(operation);
@@ -74,11 +121,11 @@ nlohmann::ordered_json asJson(const Operation& operation)
 
 bool explain(const std::string& log, const std::string& library, bool json)
 {
-    const Causes& causes =
+    const CauseTable& table =
         library.empty() ? linkedCauses() : readCauses(library);
-    if (causes.sites.empty())
+    if (table.sites.empty())
     {
-        throw tools::Error(causes.library,
+        throw tools::Error(table.library,
                            "holds no causes of libvelmora's failures; name "
                            "another library with --library");
     }
@@ -91,34 +138,28 @@ bool explain(const std::string& log, const std::string& library, bool json)
     {
         throw tools::systemError(name);
     }
-    const char* separator = "[";
-    LogReader explainer(causes,
-                        [json, &separator](const Operation& operation)
-                        {
-                            if (!json)
-                            {
-                                printText(operation);
-                                return;
-                            }
-                            std::cout << separator << asText(asJson(operation));
-                            separator = ",\n";
-                        });
-    explainer.read(file, name);
-    if (json)
+    Printer printer(table, json);
+    LogReader reader(table, [&printer](const Operation& operation)
+                     { printer.print(operation); });
+    reader.read(file, name);
+    printer.finish();
+    std::cout.flush();
+    if (reader.lines() == 0)
     {
-        std::cout << (*separator == '[' ? "[" : "") << "]\n";
+        throw tools::Error(name, "holds no line of libvelmora's");
     }
-    if (explainer.unknown() > 0)
+    if (printer.hasUnknown())
     {
-        std::cout.flush();
-        std::cerr << "velmora: " << explainer.unknown() << " of "
-                  << explainer.failures() << " failures are not in "
-                  << tools::printable(causes.library) << " (build-id "
-                  << causes.buildId
-                  << "): another build wrote them; name its library with "
-                     "--library\n";
+        throw tools::Error(name, "not all of it is of " + table.library +
+                                     " (build-id " + table.buildId +
+                                     "): name the library that wrote it with "
+                                     "--library");
     }
-    return explainer.unknown() == 0;
+    if (printer.count() == 0 && !json)
+    {
+        std::cout << "nothing was refused\n";
+    }
+    return true;
 }
 
 } // namespace velmora::front

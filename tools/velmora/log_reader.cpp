@@ -1,20 +1,11 @@
 #include "log_reader.hpp"
 
-#include "common/error.hpp"
-
-#include <cxxabi.h>
-#include <gpgme.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
-#include <cstdint>
-#include <cstdlib>
-#include <ctime>
-#include <memory>
+#include <exception>
+#include <ranges>
 #include <system_error>
 
 namespace velmora::front
@@ -23,154 +14,27 @@ namespace velmora::front
 namespace
 {
 
-/** A longer line is cut: none that explains anything is longer. */
-constexpr std::size_t MAX_LINE = 4096;
 /** How a line of ours can begin. */
 constexpr std::string_view STARTS = "LFSI";
 /** Of each kind in one operation; of more, the last are kept. */
-constexpr std::size_t MAX_ITEMS = 64;
+constexpr std::size_t MAX_ITEMS = 32;
+/** Operations that wait for a line that shows another build. */
+constexpr std::size_t MAX_WAITING = 32;
+/** Of more, the one that has been silent for longest is at its end. */
+constexpr std::size_t MAX_PROCESSES = 64;
+/** A longer text is cut; in bytes. */
+constexpr std::size_t MAX_TEXT = 512;
+constexpr std::string_view VERSION_START = "velmora ";
+constexpr std::string_view VERSION_ID = ", build-id ";
 
-using Meaning = std::pair<int, const char*>;
-
-constexpr std::array EXTRACTOR_CODES{
-    Meaning{1, "a warning"},
-    Meaning{2, "a damaged archive"},
-    Meaning{3, "a badly damaged archive"},
-    Meaning{5, "an encrypted member, or out of memory"},
-    Meaning{9, "not a ZIP file, or not there"},
-    Meaning{11, "no member matched"},
-    Meaning{50, "the disk is full, or a file cannot be made"},
-    Meaning{51, "the archive ends early"},
-    Meaning{81, "unknown compression, or an encrypted member"},
-    Meaning{82, "encrypted member"},
-    Meaning{127, "the extractor cannot be started"},
-};
-
-constexpr std::array SUMMARY_BITS{
-    Meaning{GPGME_SIGSUM_VALID, "valid"},
-    Meaning{GPGME_SIGSUM_GREEN, "good"},
-    Meaning{GPGME_SIGSUM_RED, "bad"},
-    Meaning{GPGME_SIGSUM_KEY_REVOKED, "key revoked"},
-    Meaning{GPGME_SIGSUM_KEY_EXPIRED, "key expired"},
-    Meaning{GPGME_SIGSUM_SIG_EXPIRED, "signature expired"},
-    Meaning{GPGME_SIGSUM_KEY_MISSING, "key not there"},
-    Meaning{GPGME_SIGSUM_SYS_ERROR, "error of the system"},
-};
-
-constexpr std::array VALIDITIES{"unknown",  "undefined", "never",
-                                "marginal", "full",      "ultimate"};
-
-long long toNumber(std::string_view text)
-{
-    long long number = -1;
-    std::from_chars(text.data(), text.data() + text.size(), number);
-    return number;
-}
-
-std::string asItIs(std::string_view text) { return std::string(text); }
-
-std::string unlessZero(std::string_view text)
-{
-    return text == "0" ? "" : std::string(text);
-}
-
-std::string extractorStatus(std::string_view text)
-{
-    const int code = WEXITSTATUS(static_cast<int>(toNumber(text)));
-    const auto known =
-        std::ranges::find(EXTRACTOR_CODES, code, &Meaning::first);
-    return "exit code " + std::to_string(code) +
-           (known != EXTRACTOR_CODES.end() ? std::string(", ") + known->second
-                                           : "");
-}
-
-std::string summary(std::string_view text)
-{
-    std::string words;
-    for (const auto& [bit, meaning] : SUMMARY_BITS)
-    {
-        if ((toNumber(text) & bit) != 0)
-        {
-            words += (words.empty() ? "" : ", ") + std::string(meaning);
-        }
-    }
-    return words.empty() ? "nothing (" + std::string(text) + ')' : words;
-}
-
-std::string validity(std::string_view text)
-{
-    const bool isKnown = text.size() == 1 && text[0] >= '0' && text[0] <= '5';
-    return "the key's validity is " +
-           (isKnown ? VALIDITIES.at(static_cast<std::size_t>(text[0] - '0'))
-                    : std::string(text));
-}
-
-std::string gpgError(std::string_view text)
-{
-    return text == "0"
-               ? ""
-               : gpgme_strerror(static_cast<gpgme_error_t>(toNumber(text)));
-}
-
-std::string systemErrorText(std::string_view text)
-{
-    return std::generic_category().message(static_cast<int>(toNumber(text)));
-}
-
-/** A type's name as a program writes it. */
-std::string typeName(std::string_view text)
-{
-    const std::unique_ptr<char, decltype(&std::free)> name(
-        abi::__cxa_demangle(std::string(text).c_str(), nullptr, nullptr,
-                            nullptr),
-        std::free);
-    return name != nullptr ? name.get() : std::string(text);
-}
-
-/** A value in a line: what stands in front of it, and what it means. */
-struct Value
-{
-    std::string_view label;
-    const char* name;
-    /** Gives the empty text for what is not worth showing. */
-    std::string (*decode)(std::string_view);
-    bool isTelling = false;
-};
-
-constexpr std::array VALUES{
-    Value{"pidUnzip: ", "forkResult", asItIs},
-    Value{"pidStatus: ", "extractor", extractorStatus, true},
-    Value{"gpgmeStrErr: ", "gpgmeError", asItIs, true},
-    Value{"err: ", "gpgmeError", asItIs, true},
-    Value{"signCount: ", "signature", asItIs},
-    Value{"gpgme_strerror(gpgmeSig->status): ", "signatureStatus", asItIs,
-          true},
-    Value{"gpgmeSig->summary: ", "signatureSummary", summary},
-    Value{"gpgmeSig->timestamp: ", "signatureMade", date},
-    Value{"gpgmeSig->exp_timestamp: ", "signatureExpires", date},
-    Value{"gpgmeSig->wrong_key_usage: ", "wrongKeyUsage", unlessZero},
-    Value{"gpgmeSig->validity: ", "keyValidity", validity, true},
-    Value{"gpgmeSig->validity_reason: ", "validityReason", gpgError},
-    Value{"gpgme_hash_algo_name(gpgmeSig->hash_algo): ", "hashAlgorithm",
-          asItIs},
-    Value{"gpgme_pubkey_algo_name (gpgmeSig->pubkey_algo): ", "keyAlgorithm",
-          asItIs},
-    Value{"e.what(): ", "exception", asItIs, true},
-    Value{"msg: ", "exceptionType", typeName, true},
-    Value{"hexSystemIDStr: ", "thisSystem", asItIs},
-    Value{"xmlXPathNodeNr: ", "systemsListed", asItIs},
-    Value{"searchFound: ", "systemFound", asItIs},
-    Value{"compID: ", "component", asItIs},
-    Value{"sha256FromPkgXML: ", "expectedDigest", asItIs},
-    Value{"sha256FromImage: ", "payloadDigest", asItIs},
-    Value{"errstr[", "error", asItIs, true},
-    Value{"errmsg[", "error", asItIs, true},
-    Value{"strerr[", "error", asItIs, true},
-    Value{"strtoll returned error[", "error", systemErrorText, true},
-    Value{"timestamp =", "signingTime", date},
-    Value{"Metadata algorithm is ", "algorithm", asItIs},
-    Value{"Key length[", "keyBytes", asItIs},
-};
+/** What to look at where nobody has answered a source's call. */
+constexpr std::array<std::pair<std::string_view, const char*>, 3> SERVICES{{
+    {"system_identity.cpp", "busctl status com.vorn.bmc.smad"},
+    {"manifest_verification.cpp",
+     "busctl status xyz.openbmc_project.securityservices"},
+    {"software_inventory.cpp",
+     "busctl status xyz.openbmc_project.Software.Installed.Inventory"},
+}};
 
 template <typename Item>
 void addBounded(std::vector<Item>& items, Item item)
@@ -182,12 +46,6 @@ void addBounded(std::vector<Item>& items, Item item)
     items.push_back(std::move(item));
 }
 
-Site unknownSite(int number)
-{
-    return {"", number, 0, "",
-            "nothing is known of line " + std::to_string(number)};
-}
-
 /** Takes @p start off the text, if it is there. */
 bool skip(std::string_view& text, std::string_view start)
 {
@@ -196,20 +54,39 @@ bool skip(std::string_view& text, std::string_view start)
     return found;
 }
 
-} // namespace
-
-std::string date(std::string_view seconds)
+/** Whether printf can have made the text; what it puts in is not looked at. */
+bool isMadeWith(const std::string& format, std::string_view text)
 {
-    const auto time = static_cast<std::time_t>(toNumber(seconds));
-    std::tm parts{};
-    if (time <= 0 || gmtime_r(&time, &parts) == nullptr)
-    {
-        return {};
-    }
-    std::array<char, 64> text{};
-    return {text.data(), std::strftime(text.data(), text.size(),
-                                       "%Y-%m-%d %H:%M:%S UTC", &parts)};
+    const auto start = format.substr(0, format.find('%'));
+    return start.size() < format.size() ? text.starts_with(start)
+                                        : text == format;
 }
+
+const Detail* findDetail(const Operation& operation, std::string_view name)
+{
+    const auto found =
+        std::ranges::find(operation.details, name, &Detail::name);
+    return found != operation.details.end() ? &*found : nullptr;
+}
+
+/** Whether the systems that a descriptor lists were being compared. */
+bool isComparing(const Operation& operation)
+{
+    const Detail* listed = findDetail(operation, "systemsListed");
+    return listed != nullptr && listed->text != "0";
+}
+
+/** Whether a failure of @p source is under way. */
+bool isUnderWay(const std::optional<Operation>& refusal,
+                const std::string& source)
+{
+    const auto isOf = [&source](const Site& site)
+    { return site.file == source + ".cpp"; };
+    return refusal &&
+           (isOf(refusal->site) || std::ranges::any_of(refusal->echoes, isOf));
+}
+
+} // namespace
 
 /** A line of the library. */
 struct LogReader::Line
@@ -228,8 +105,8 @@ struct LogReader::Line
     bool hasMessage = false;
     /** The message, or label and value. */
     std::string_view text;
-    /** What a log daemon wrote in front. */
-    std::string_view prefix;
+    /** What a log daemon tells of it. */
+    std::string_view origin;
 };
 
 /** A line of ours at the very start of @p text. */
@@ -271,7 +148,6 @@ std::optional<LogReader::Line> LogReader::parse(std::string_view text)
 /** The first line of ours in @p text, behind whatever prefix. */
 std::optional<LogReader::Line> LogReader::find(std::string_view text)
 {
-    text.remove_suffix(text.ends_with('\r') ? 1 : 0);
     for (std::size_t at = text.find_first_of(STARTS);
          at != std::string_view::npos; at = text.find_first_of(STARTS, at + 1))
     {
@@ -281,9 +157,9 @@ std::optional<LogReader::Line> LogReader::find(std::string_view text)
         }
         if (auto line = parse(text.substr(at)))
         {
-            line->prefix = text.substr(0, at);
-            line->prefix.remove_suffix(at - 1 -
-                                       line->prefix.find_last_not_of(" :"));
+            line->origin = text.substr(0, at);
+            line->origin.remove_suffix(at - 1 -
+                                       line->origin.find_last_not_of(" :"));
             return line;
         }
     }
@@ -293,21 +169,17 @@ std::optional<LogReader::Line> LogReader::find(std::string_view text)
 /** Decodes the values that a line carries. */
 void LogReader::addDetails(Operation& operation, const Line& line)
 {
-    for (const Value& value : VALUES)
+    for (Detail& detail : valuesIn(line.text, line.hasMessage))
     {
-        const std::size_t start = line.text.find(value.label);
-        if (start == std::string_view::npos || (start > 0 && !line.hasMessage))
-        {
-            continue;
-        }
-        auto text = line.text.substr(start + value.label.size());
-        text = line.hasMessage ? text.substr(0, text.find(']')) : text;
-        if (auto meaning = value.decode(text); !meaning.empty())
-        {
-            addBounded(operation.details,
-                       Detail{value.name, std::move(meaning), value.isTelling});
-        }
+        addBounded(operation.details, std::move(detail));
     }
+}
+
+const char* Operation::word() const
+{
+    constexpr std::array WORDS{"passed", "refused",    "failed",
+                               "note",   "no verdict", "unknown"};
+    return WORDS.at(static_cast<std::size_t>(ending));
 }
 
 std::string Operation::reason() const
@@ -326,137 +198,305 @@ std::string Operation::reason() const
             telling = ": " + detail.text;
         }
     }
+    if (const Detail* own = findDetail(*this, "thisSystem");
+        own != nullptr && isComparing(*this))
+    {
+        telling = ": this machine is " + own->text;
+    }
     // A query does not know what its value is for. The operation that asked
     // does.
-    const bool isQuery = site.file == "descriptor_query.cpp";
-    return (isQuery && !echoes.empty() ? echoes.front().text + ": " : "") +
-           site.text + telling;
+    const bool isQuery =
+        !site.judges && !echoes.empty() && echoes.front().judges;
+    return (isQuery ? echoes.front().text + ": " : "") + site.text + telling;
 }
 
 void LogReader::read(const tools::FileDescriptor& file, const std::string& name)
 {
-    std::array<char, 65536> piece{};
-    std::string line;
-    ssize_t size = 0;
-    while ((size = ::read(file.get(), piece.data(), piece.size())) > 0)
+    try
     {
-        std::string_view rest(piece.data(), static_cast<std::size_t>(size));
-        while (!rest.empty())
-        {
-            const auto part = rest.substr(0, rest.find('\n'));
-            line += part.substr(0, MAX_LINE - line.size());
-            rest.remove_prefix(part.size());
-            if (skip(rest, "\n"))
-            {
-                take(line);
-                line.clear();
-            }
-        }
+        readLog(file, name, [this](const LogLine& line) { take(line); });
     }
-    if (size < 0)
+    catch (const std::exception&)
     {
-        throw tools::systemError(name);
+        finishAll();
+        throw;
     }
-    take(line);
-    finishRefusal();
+    finishAll();
 }
 
-void LogReader::take(std::string_view text)
+void LogReader::readOwn(std::string_view log)
+{
+    tie_ = Tie::KNOWN;
+    Process& process = processOf("");
+    while (!log.empty())
+    {
+        const auto text = log.substr(0, log.find('\n'));
+        log.remove_prefix(std::min(text.size() + 1, log.size()));
+        takeLine(process, parse(text).value_or(Line()));
+    }
+    finishAll();
+}
+
+LogReader::Process& LogReader::processOf(std::string_view name)
+{
+    const auto known = std::ranges::find(processes_, name, &Process::name);
+    if (known != processes_.end())
+    {
+        processes_.splice(processes_.begin(), processes_, known);
+        return processes_.front();
+    }
+    if (processes_.size() == MAX_PROCESSES)
+    {
+        finish(processes_.back());
+        processes_.pop_back();
+    }
+    return processes_.emplace_front(Process{std::string(name)});
+}
+
+void LogReader::take(const LogLine& logLine)
+{
+    Process& process = processOf(logLine.process);
+    if (logLine.text.starts_with(VERSION_START) &&
+        logLine.text.find(VERSION_ID) != std::string_view::npos)
+    {
+        takeVersion(process, logLine.text);
+        return;
+    }
+    Line line = find(logLine.text).value_or(Line());
+    line.origin = logLine.origin.empty() ? line.origin : logLine.origin;
+    lines_ += line.level == Line::Level::NONE ? 0 : 1;
+    takeLine(process, line);
+}
+
+/** The line that "velmora --version" prints. */
+void LogReader::takeVersion(Process& process, std::string_view text)
+{
+    finish(process);
+    process = Process{process.name};
+    named_ = text.substr(text.find(VERSION_ID) + VERSION_ID.size())
+                 .substr(0, MAX_TEXT);
+    tie_ = named_ == table_.buildId ? Tie::KNOWN : Tie::REFUTED;
+}
+
+void LogReader::takeLine(Process& process, const Line& line)
 {
     using enum Line::Level;
-    const Line line = find(text).value_or(Line());
-    if (line.level == FAILURE)
+    if (process.isDoubted)
     {
-        takeFailure(line);
+        return;
     }
-    // It is the cause only of a failure in the very next line.
-    exception_.clear();
     if (line.level == NONE)
     {
         // A parser quotes its document, which may imitate lines of ours.
-        for (Detail& detail : now_.details)
+        for (Detail& detail : process.now.details)
         {
             detail.isTelling = false;
         }
     }
-    else if (line.level == SUCCESS)
-    {
-        takeSuccess(line);
-    }
     else if (line.level == INFO)
     {
-        addDetails(now_, line);
-        if (auto rest = line.text; !line.hasMessage && skip(rest, "e.what(): "))
-        {
-            exception_ = rest;
-        }
+        addDetails(process.now, line);
     }
-}
-
-void LogReader::takeFailure(const Line& line)
-{
-    const auto known = causes_.sites.find(line.number);
-    const bool isKnown = known != causes_.sites.end();
-    ++failures_;
-    unknown_ += isKnown ? 0 : 1;
-    const Site site = isKnown ? known->second : unknownSite(line.number);
-    if (site.kind == "note" || site.kind.starts_with("pardon:"))
+    else if (const std::string objection = objectionTo(process, line);
+             !objection.empty())
     {
-        addBounded(now_.notes, site);
-        return;
-    }
-    if (site.kind.starts_with("echo:") && refusal_)
-    {
-        addBounded(refusal_->echoes, site);
-        addDetails(*refusal_, line);
-        return;
-    }
-    finishRefusal();
-    refusal_ = std::exchange(now_, {});
-    refusal_->refused = true;
-    refusal_->site = site;
-    // An exception belongs only to a line without a message.
-    refusal_->exception = line.hasMessage ? "" : exception_;
-    addDetails(*refusal_, line);
-    for (const auto& [name, value] :
-         {std::pair("message", line.text), std::pair("logged", line.prefix)})
-    {
-        if (!value.empty())
-        {
-            addBounded(refusal_->details, Detail{name, std::string(value)});
-        }
-    }
-}
-
-void LogReader::takeSuccess(const Line& line)
-{
-    finishRefusal();
-    // Any failure of the same source knows its name.
-    const int block = line.number / BLOCK;
-    const auto next = causes_.sites.lower_bound(block * BLOCK);
-    if (next != causes_.sites.end() && next->first / BLOCK == block)
-    {
-        const std::string& file = next->second.file;
-        std::string subject = file.substr(0, file.rfind('.'));
-        std::ranges::replace(subject, '_', ' ');
-        now_.site = {file, line.number, line.number % BLOCK, "", subject};
+        doubt(process, objection);
     }
     else
     {
-        now_.site = unknownSite(line.number);
+        const Site& site = table_.sites.at(line.number);
+        if (line.level == FAILURE)
+        {
+            takeFailure(process, line, site);
+        }
+        else
+        {
+            finishRefusal(process);
+            if (site.kind == Kind::SUCCESS)
+            {
+                process.now.ending = Operation::Ending::PASSED;
+                process.now.site = site;
+                add(process, std::exchange(process.now, {}));
+            }
+        }
     }
-    now_.site.text += line.text.empty() ? "" : ": " + std::string(line.text);
-    sink_(std::exchange(now_, {}));
+    // It is the cause only of a failure in the very next line.
+    auto rest = line.text;
+    const bool isException =
+        line.level == INFO && !line.hasMessage && skip(rest, "e.what(): ");
+    process.exception = isException ? rest.substr(0, MAX_TEXT) : "";
 }
 
-void LogReader::finishRefusal()
+/** Why the build of the table has not written the line, or empty. */
+std::string LogReader::objectionTo(const Process& process,
+                                   const Line& line) const
 {
-    if (refusal_)
+    const bool isFailure = line.level == Line::Level::FAILURE;
+    const std::string number = std::to_string(line.number);
+    const auto known = table_.sites.find(line.number);
+    if (tie_ == Tie::REFUTED)
     {
-        const Operation done = std::move(*refusal_);
-        refusal_.reset();
-        sink_(done);
+        return "the log names the build-id " + named_;
     }
+    if (known == table_.sites.end())
+    {
+        return "nothing is known of line " + number;
+    }
+    const Site& site = known->second;
+    const bool succeeds =
+        site.kind == Kind::SUCCESS || site.kind == Kind::ANSWER;
+    if (isFailure == succeeds || line.hasMessage == site.message.empty())
+    {
+        return "line " + number + " is of another kind";
+    }
+    if (tie_ == Tie::KNOWN)
+    {
+        return {};
+    }
+    if (line.hasMessage && !isMadeWith(site.message, line.text))
+    {
+        return "line " + number + " has another message";
+    }
+    const bool passesOn =
+        site.kind == Kind::PASSED_ON || site.kind == Kind::PARDON;
+    return passesOn && !isUnderWay(process.refusal, site.source)
+               ? "line " + number + " passes on what did not fail"
+               : "";
+}
+
+void LogReader::takeFailure(Process& process, const Line& line,
+                            const Site& site)
+{
+    auto& refusal = process.refusal;
+    if (site.kind == Kind::PASSED_ON && refusal)
+    {
+        addBounded(refusal->echoes, site);
+        addDetails(*refusal, line);
+    }
+    else if (site.kind == Kind::PARDON && isUnderWay(refusal, site.source))
+    {
+        // What it has read so far belongs to what goes on.
+        process.now = std::move(*refusal);
+        refusal.reset();
+        addBounded(process.now.notes, std::exchange(process.now.site, {}));
+        addBounded(process.now.notes, site);
+    }
+    else if (site.kind == Kind::NOTE || site.kind == Kind::PARDON)
+    {
+        addBounded(process.now.notes, site);
+    }
+    else
+    {
+        takeRefusal(process, line, site);
+    }
+}
+
+void LogReader::takeRefusal(Process& process, const Line& line,
+                            const Site& site)
+{
+    finishRefusal(process);
+    Operation& refusal =
+        process.refusal.emplace(std::exchange(process.now, {}));
+    refusal.site = site;
+    // An exception belongs only to a line without a message.
+    refusal.exception = line.hasMessage ? "" : process.exception;
+    addDetails(refusal, line);
+    const auto* service = std::ranges::find(
+        SERVICES, site.file, &std::pair<std::string_view, const char*>::first);
+    const Detail* thrown = findDetail(refusal, "exceptionType");
+    if (service != SERVICES.end() && (!refusal.exception.empty() ||
+                                      (thrown != nullptr && thrown->isTelling)))
+    {
+        addBounded(refusal.details, Detail{"lookAt", service->second});
+    }
+    for (const auto& [name, value] :
+         {std::pair("message", line.text), std::pair("logged", line.origin)})
+    {
+        if (!value.empty())
+        {
+            addBounded(refusal.details,
+                       Detail{name, std::string(value.substr(0, MAX_TEXT))});
+        }
+    }
+}
+
+void LogReader::doubt(Process& process, const std::string& objection)
+{
+    Operation unknown;
+    unknown.ending = Operation::Ending::UNKNOWN;
+    unknown.site.text = tie_ == Tie::KNOWN
+                            ? "a text imitates the library: " + objection
+                            : "another build wrote this: " + objection;
+    if (tie_ != Tie::KNOWN)
+    {
+        // What seemed clear before is as doubtful.
+        process = Process{process.name};
+        process.isDoubted = true;
+    }
+    add(process, std::move(unknown));
+}
+
+void LogReader::finishRefusal(Process& process)
+{
+    if (!process.refusal)
+    {
+        return;
+    }
+    Operation refusal = *std::exchange(process.refusal, std::nullopt);
+    const bool isUnanswered = findDetail(refusal, "lookAt") != nullptr;
+    const bool judges = refusal.site.judges ||
+                        std::ranges::any_of(refusal.echoes, &Site::judges);
+    refusal.ending = judges && !isUnanswered ? Operation::Ending::REFUSED
+                                             : Operation::Ending::FAILED;
+    add(process, std::move(refusal));
+}
+
+void LogReader::add(Process& process, Operation operation)
+{
+    operation.tie = tie_;
+    process.done.push_back(std::move(operation));
+    if (process.done.size() == MAX_WAITING)
+    {
+        handOn(process);
+    }
+}
+
+void LogReader::handOn(Process& process)
+{
+    for (const Operation& operation : std::exchange(process.done, {}))
+    {
+        sink_(operation);
+    }
+}
+
+/** Nothing follows in this process. */
+void LogReader::finish(Process& process)
+{
+    finishRefusal(process);
+    Operation last = std::exchange(process.now, {});
+    if (isComparing(last))
+    {
+        last.site.text = "a systemID of the descriptor is no number of 16 "
+                         "bits, or the log ends early";
+        add(process, std::move(last));
+    }
+    else if (!last.notes.empty())
+    {
+        last.ending = Operation::Ending::NOTED;
+        last.site = last.notes.back();
+        last.notes.pop_back();
+        add(process, std::move(last));
+    }
+    handOn(process);
+}
+
+void LogReader::finishAll()
+{
+    for (Process& process : std::views::reverse(processes_))
+    {
+        finish(process);
+    }
+    processes_.clear();
 }
 
 } // namespace velmora::front

@@ -156,7 +156,7 @@ nlohmann::ordered_json asJson(const Command& command,
     object["verified"] = answer.isVerified;
     object["reason"] = answer.reason;
     object.update(answer.fields);
-    if (answer.refusal.refused)
+    if (answer.refusal.hasFailed())
     {
         object["cause"] = asJson(answer.refusal.site);
         object["details"] = detailsAsJson(answer.refusal);

@@ -95,12 +95,13 @@ Outcome run(bool verbose, const std::function<bool()>& work)
     }
     const auto keepRefusal = [&outcome](const Operation& operation)
     {
-        if (operation.refused)
+        if (operation.hasFailed())
         {
             outcome.refusal = operation;
         }
     };
-    LogReader(linkedCauses(), keepRefusal).read(log, "the log");
+    LogReader(linkedCauses(), keepRefusal)
+        .readOwn(tools::readAll(log, "the log"));
     return outcome;
 }
 

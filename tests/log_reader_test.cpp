@@ -1,0 +1,208 @@
+#include "common/error.hpp"
+#include "common/files.hpp"
+#include "log_reader.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+namespace velmora::front
+{
+namespace
+{
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const CauseTable& table()
+{
+    static const CauseTable TABLE = []
+    {
+        CauseTable made{"library", "abc", {}};
+        const auto add = [&made](int number, const char* file, Kind kind,
+                                 const char* text, const char* message = "",
+                                 const char* source = "")
+        {
+            const std::string name = file;
+            made.sites[number] = {
+                name + ".cpp", number,
+                number % 1000, kind,
+                source,        text,
+                message,       name != "query" && name != "block"};
+        };
+        add(1036, "driver", Kind::PASSED_ON, "refused", "", "system_identity");
+        add(1041, "driver", Kind::PASSED_ON, "not signed", "", "signature");
+        add(1049, "driver", Kind::PASSED_ON, "no hash", "", "query");
+        add(1067, "driver", Kind::SUCCESS, "the whole");
+        add(3043, "query", Kind::CAUSE, "no such value");
+        add(3091, "query", Kind::ANSWER, "a value");
+        add(4107, "signature", Kind::CAUSE, "no signature");
+        add(5055, "system_identity", Kind::CAUSE, "no identifier");
+        add(5085, "system_identity", Kind::CAUSE, "no system is this one");
+        add(6205, "digest", Kind::NOTE, "not covered");
+        add(8100, "block", Kind::CAUSE, "no time", "no timestamp");
+        add(10152, "chain", Kind::CAUSE, "no chain", "failed: error[%d] of %s");
+        add(10185, "chain", Kind::PARDON, "no block", "Continuing.", "block");
+        return made;
+    }();
+    return TABLE;
+}
+
+/** What is made of a log, an operation a line. */
+std::vector<std::string> explained(const std::string& log)
+{
+    std::vector<std::string> answers;
+    const auto keep = [&answers](const Operation& operation)
+    {
+        answers.push_back(operation.word() + (": " + operation.reason()));
+        for (const Site& note : operation.notes)
+        {
+            answers.back() += ", note " + note.text;
+        }
+        for (const Site& echo : operation.echoes)
+        {
+            answers.back() += ", so " + echo.text;
+        }
+    };
+    LogReader(table(), keep).read(tools::memoryFile(log), "log");
+    return answers;
+}
+
+std::string compressed(const std::string& text)
+{
+    const tools::FileDescriptor file = tools::memoryFile();
+    gzFile stream = gzdopen(dup(file.get()), "wb");
+    gzwrite(stream, text.data(), static_cast<unsigned>(text.size()));
+    gzclose(stream);
+    lseek(file.get(), 0, SEEK_SET);
+    return tools::readAll(file, "log");
+}
+
+/** The lines of two processes, mixed, and another program's line between.
+ *
+ *  @param before, between, behind what stands around process and text */
+std::string inForm(const std::string& before, const std::string& between,
+                   const std::string& behind)
+{
+    constexpr std::array<std::pair<const char*, const char*>, 7> ENTRIES{{
+        {"412", "Line: 1067 [SUCCESS]"},
+        {"413", "Line: 5054 [INFO e.what(): org.Gone]"},
+        {"9", "something else: Line 1"},
+        {"412", "Line: 4107 [FAILURE]"},
+        {"413", "Line: 5055 [FAILURE]"},
+        {"413", "Line: 1036 [FAILURE]"},
+        {"412", "Line: 1041 [FAILURE]"},
+    }};
+    std::string log;
+    for (const auto& [process, text] : ENTRIES)
+    {
+        log += before + process + between + text + behind;
+    }
+    return log;
+}
+
+TEST(LogReader, EveryFormGivesTheSameAnswer)
+{
+    const auto answer = ElementsAre(
+        "failed: no identifier: org.Gone, so refused", "passed: the whole",
+        "refused: no signature, so not signed");
+    const std::string shortForm =
+        inForm("Nov 25 04:10:31 bmc updated[", "]: ", "\n");
+    for (const std::string& log :
+         {shortForm, compressed(shortForm) + compressed("\n"),
+          inForm("2026-11-25T04:10:31+00:00 bmc updated[", "]: ", " \r\n"),
+          inForm("\x1b[0;1;39mNov 25 bmc updated[", "]: \x1b[31m", "\x1b[0m\n"),
+          inForm("-- Boot x --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
+                 "\n    MESSAGE=", "\n    SYSLOG_IDENTIFIER=updated\n"),
+          inForm("__CURSOR=s=1;i=2\n_PID=", "\nMESSAGE=", "\n\n"),
+          inForm(R"({"_PID":")", R"(","MESSAGE":")", "\"}\n"),
+          inForm("{\n\t\"_PID\" : \"", "\",\n\t\"MESSAGE\" : \"", "\"\n}\n")})
+    {
+        EXPECT_THAT(explained(log), answer) << log;
+    }
+    EXPECT_THAT(explained("Line: 4107 [FAILURE]\nLine: 1041 [FAILURE]\n"),
+                ElementsAre("refused: no signature, so not signed"));
+    EXPECT_THAT(explained(R"({"log":"Line: 4107 [FAILURE]\n","time":"x"})"),
+                ElementsAre("refused: no signature"));
+    EXPECT_THAT(explained(R"({"MESSAGE":[76,105,110,101,58,32,52,49,48,55,32,)"
+                          R"(91,70,65,73,76,85,82,69,93,27,91,48,109]})"),
+                ElementsAre("refused: no signature"));
+}
+
+TEST(LogReader, AnotherBuildIsDoubted)
+{
+    for (const char* log :
+         {"Line: 361 [FAILURE]", "Line: 361 [SUCCESS]", "Line: 1041 [FAILURE]",
+          "Line: 4107 [SUCCESS]", "Line: 8100 [FAILURE]",
+          "FAILURE: extract.4107: no", "FAILURE: extract.8100: no version",
+          "FAILURE: check.10152: Failed in EVP()",
+          "Line: 5055 [FAILURE]\nLine: 1041 [FAILURE]",
+          "Line: 1067 [SUCCESS]\nLine: 1041 [FAILURE]\nLine: 4107 [FAILURE]",
+          "velmora 1, with x, build-id b\nLine: 4107 [FAILURE]"})
+    {
+        EXPECT_THAT(explained(log),
+                    ElementsAre(HasSubstr("unknown: another build wrote this")))
+            << log;
+    }
+    const std::string version = "velmora 1, with x, build-id abc\n";
+    EXPECT_THAT(
+        explained(version + "Line: 361 [FAILURE]\nLine: 4107 [FAILURE]"),
+        ElementsAre(HasSubstr("imitates"), "refused: no signature"));
+    // The operation that it echoes may be the daemon's own.
+    EXPECT_THAT(explained(version + "Line: 1041 [FAILURE]"),
+                ElementsAre("refused: not signed"));
+}
+
+TEST(LogReader, EachEndingHasItsWord)
+{
+    EXPECT_THAT(explained("Line: 3091 [SUCCESS]\nLine: 3043 [FAILURE]\n"),
+                ElementsAre("failed: no such value"));
+    EXPECT_THAT(explained("Line: 3043 [FAILURE]\nLine: 1049 [FAILURE]\n"),
+                ElementsAre("refused: no hash: no such value, so no hash"));
+    EXPECT_THAT(explained("FAILURE: block.8100: no timestamp\n"
+                          "FAILURE: chain.10185: Continuing.\n"
+                          "FAILURE: chain.10152: failed: error[9] of x\n"),
+                ElementsAre("refused: no chain, note no time, note no block"));
+    EXPECT_THAT(explained("Line: 6205 [FAILURE]\n"),
+                ElementsAre("note: not covered"));
+    const std::string comparing = "Line: 5050 [INFO hexSystemIDStr: 0A1B]\n"
+                                  "Line: 5142 [INFO xmlXPathNodeNr: 1]\n";
+    EXPECT_THAT(explained(comparing + "Line: 5085 [FAILURE]"),
+                ElementsAre("refused: no system is this one: "
+                            "this machine is 0A1B"));
+    EXPECT_THAT(explained(comparing),
+                ElementsAre(HasSubstr("no verdict: a systemID")));
+    EXPECT_THAT(explained("no line of ours\n"), IsEmpty());
+}
+
+TEST(LogReader, HostileLogsCostLittle)
+{
+    std::string type = "Line: 7280 [INFO msg: 1p";
+    for (int level = 0; level < 500; ++level)
+    {
+        type += "IS_";
+    }
+    std::string processes;
+    for (int pid = 0; pid < 10000; ++pid)
+    {
+        processes += "x[" + std::to_string(pid) + "]: Line: 4107 [FAILURE]\n";
+    }
+    EXPECT_THAT(explained(type + "]\nLine: 4107 [FAILURE]\n"),
+                ElementsAre(HasSubstr("refused: no signature: 1pIS_")));
+    EXPECT_THAT(explained(processes), testing::SizeIs(10000));
+    explained(std::string(1 << 20, '{'));
+    explained("{\"a\":" + std::string(1 << 20, '['));
+    std::string bomb;
+    const std::string member =
+        compressed(std::string(std::size_t{1} << 26, '0'));
+    for (int i = 0; i < 5; ++i)
+    {
+        bomb += member;
+    }
+    EXPECT_THROW(explained(bomb), tools::Error);
+    EXPECT_THROW(explained(member.substr(0, 1000)), tools::Error);
+}
+
+} // namespace
+} // namespace velmora::front
