@@ -1,0 +1,294 @@
+#include "files.hpp"
+#include "library_log.hpp"
+#include "models.hpp"
+#include "package.hpp"
+
+#include <nlohmann/json.hpp>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <velmora.hpp>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+/** @file One round of an update daemon: takes a package, has it judged, and
+ *  publishes what it holds.
+ *
+ *  $STATE_DIRECTORY, which the service manager makes for the daemon alone, has
+ *
+ *    incoming/     the package, in a copy that nobody else can change
+ *    unpacked/     what is unpacked from it; both are empty between updates
+ *    models/       the version that was last accepted, a file for each model
+ *    result.json   how the last update ended, for other services to show
+ *    allow-older   where root has made it: one older version is taken, and the
+ *                  file is removed
+ *
+ *  It is compiled with
+ *
+ *    c++ -std=c++20 main.cpp \
+ *        $(pkg-config --cflags --libs velmora libzip nlohmann_json) */
+
+namespace
+{
+
+using namespace update_daemon;
+
+enum ExitStatus
+{
+    ACCEPTED = 0,
+    REFUSED = 1,
+    WRONG_USAGE = 2,
+    NOT_CHECKED = 3,
+    NOT_PUBLISHED = 4,
+};
+
+/** The library said no: its log has the reason. */
+class LibraryRefusal : public Refusal
+{
+  public:
+    using Refusal::Refusal;
+};
+
+/** The package was accepted, and the inventory does not show it. */
+class NotPublished : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/** Without a `Model` the package would be for any system. */
+void expectModel(const fs::path& unpacked)
+{
+    if (ValidateQOR::getStrFromPkgXML((unpacked / "package.xml").string(),
+                                      "//Model", "systemID")
+            .empty())
+    {
+        throw Refusal("the descriptor names no Model");
+    }
+}
+
+/** A descriptor without a `Model` passes exactly when this machine's system is
+ *  known: when it is not, that says nothing of a package. */
+void expectKnownSystem(const fs::path& directory)
+{
+    const fs::path descriptor = directory / "any.xml";
+    std::ofstream(descriptor) << "<Package/>\n";
+    LibraryLog log;
+    const bool known =
+        ValidateQOR::validateSytemIdFromPkgXML(descriptor.string());
+    log.end(!known);
+    if (!known)
+    {
+        throw std::runtime_error(
+            "nobody could tell this machine's system; the platform service is "
+            "com.vorn.bmc.smad");
+    }
+}
+
+void validate(const fs::path& copy, const fs::path& unpacked)
+try
+{
+    const Members members = membersOf(copy);
+    if (!ValidateQOR::unZip(copy.string(), unpacked.string()))
+    {
+        throw LibraryRefusal("it cannot be unpacked");
+    }
+    expectJust(members, unpacked);
+    if (!ValidateQOR::validateExtractedQOR(unpacked.string()))
+    {
+        throw LibraryRefusal("it is not for this system, not signed by a "
+                             "trusted key, or not what was signed");
+    }
+    expectModel(unpacked);
+}
+catch (const std::logic_error&)
+{
+    // A hostile descriptor makes the conversion of a system's identifier throw.
+    throw Refusal("the descriptor lists a system that is no 16-bit number");
+}
+
+/** Bounds every file that this process and the extractor write. */
+void limitFiles()
+{
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, MAX_SIZE);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    // A write beyond fails then; the signal would end the process, and an
+    // extractor that a signal ends counts as successful.
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+/** What a package says of itself, once it is trusted. */
+struct Package
+{
+    std::string model;
+    std::string version;
+    ValidateQOR::VersionPurpose purpose;
+};
+
+Package describe(const std::string& directory)
+{
+    Package package{.model = ValidateQOR::getImageModel(directory),
+                    .version = ValidateQOR::getImageVersion(directory),
+                    .purpose = ValidateQOR::VersionPurpose::Unknown};
+    if (package.model.empty() || package.version.empty())
+    {
+        throw Refusal("the descriptor names no model or no version");
+    }
+    package.purpose = ValidateQOR::getImagePurpose(directory);
+    if (package.purpose == ValidateQOR::VersionPurpose::Unknown)
+    {
+        throw std::runtime_error(
+            "nobody could tell what it is for; the inventory manager is "
+            "xyz.openbmc_project.Software.Installed.Inventory");
+    }
+    return package;
+}
+
+/** Publishes the new object first: the one before stays until then.
+ *  @return its inventory path */
+std::string publish(const Package& package, const std::string& before)
+{
+    std::string path = "/xyz/openbmc_project/inventory/system/" +
+                       encoded(package.model) + '/' + encoded(package.version);
+    // The same version once more, and the manager still has it.
+    if (path == before && !ValidateQOR::getInventoryModel(path).empty())
+    {
+        return path;
+    }
+    if (ValidateQOR::registerSWInv(path, package.model, package.version,
+                                   package.purpose,
+                                   ValidateQOR::ReleaseType::Other) != 1)
+    {
+        throw std::runtime_error("the inventory manager does not take it");
+    }
+    // A manager that was started anew does not have it any more.
+    if (!before.empty() && path != before &&
+        ValidateQOR::deRegisterSWInv(before) != 1)
+    {
+        std::cerr << "the object of the version before is not there: " << before
+                  << '\n';
+    }
+    return path;
+}
+
+Package update(const fs::path& source, const fs::path& stateDirectory)
+{
+    const PrivateDirectory incoming(stateDirectory / "incoming");
+    const PrivateDirectory unpacked(stateDirectory / "unpacked");
+    const fs::path copy = incoming.path() / "package.zip";
+    expectKnownSystem(incoming.path());
+    takeOver(source, copy);
+    validate(copy, unpacked.path());
+
+    // From here on the descriptor is trusted.
+    Package package = describe(unpacked.path().string());
+    const Models models(stateDirectory);
+    Installed installed = models.find(package.model);
+    models.expectNotOlder(package.version, installed);
+    // Here a real daemon applies the files of unpacked/payload, and waits until
+    // they are complete in the flash memory.
+    installed.version = package.version;
+    models.remember(package.model, installed);
+    try
+    {
+        installed.object = publish(package, installed.object);
+    }
+    catch (const std::exception& e)
+    {
+        throw NotPublished(e.what());
+    }
+    models.remember(package.model, installed);
+    return package;
+}
+
+/** How an update ended. */
+struct Result
+{
+    ExitStatus status;
+    std::string verdict;
+    std::string reason;
+    /** What the library's log gives as the cause; empty where nobody knows. */
+    nlohmann::json failure;
+};
+
+Result judge(const fs::path& package, const fs::path& stateDirectory)
+{
+    const nlohmann::json none = nlohmann::json::object();
+    LibraryLog log;
+    try
+    {
+        const auto [model, version, purpose] = update(package, stateDirectory);
+        return {ACCEPTED, "accepted", "model " + model + ", version " + version,
+                none};
+    }
+    catch (const LibraryRefusal& refusal)
+    {
+        log.end(true);
+        return {REFUSED, "refused", refusal.what(), lastFailure(log.file())};
+    }
+    catch (const Refusal& refusal)
+    {
+        return {REFUSED, "refused", refusal.what(), none};
+    }
+    catch (const NotPublished& e)
+    {
+        log.end(true);
+        return {NOT_PUBLISHED, "accepted and not published", e.what(),
+                lastFailure(log.file())};
+    }
+    catch (const std::exception& e)
+    {
+        return {NOT_CHECKED, "could not be checked", e.what(), none};
+    }
+}
+
+/** For people, the daemon's last line; for other services, result.json. */
+int run(const fs::path& package, const fs::path& stateDirectory)
+{
+    const OneAtATime lock(stateDirectory);
+    Result result = judge(package, stateDirectory);
+    result.reason = result.failure.value("reason", result.reason);
+    replaceFile(stateDirectory / "result.json",
+                {{"verdict", result.verdict},
+                 {"reason", result.reason},
+                 {"cause", result.failure["cause"]},
+                 {"build-id", result.failure["buildId"]}});
+    std::cerr << result.verdict << ": " << result.reason << '\n';
+    return result.status;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const char* stateDirectory = std::getenv("STATE_DIRECTORY");
+    if (argc != 2 || stateDirectory == nullptr || *stateDirectory != '/')
+    {
+        std::cerr << "usage: STATE_DIRECTORY=/... update_daemon PACKAGE\n";
+        return WRONG_USAGE;
+    }
+    // An extractor whose end cannot be waited for counts as successful, and a
+    // reader of the log that has gone must not end the daemon.
+    std::signal(SIGCHLD, SIG_DFL);
+    std::signal(SIGPIPE, SIG_IGN);
+    umask(077);
+    limitFiles();
+    try
+    {
+        return run(argv[1], stateDirectory);
+    }
+    catch (const std::exception& e)
+    {
+        std::cerr << "could not be checked: " << e.what() << '\n';
+        return NOT_CHECKED;
+    }
+}
