@@ -1,6 +1,8 @@
 #include "archive.hpp"
 
 #include "error.hpp"
+#include "progress.hpp"
+#include "signals.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -29,6 +32,11 @@ constexpr std::size_t END_COMMENT_LENGTH = 20;
 constexpr std::uint64_t TAIL_SIZE = END_SIZE + 65535 + 20;
 constexpr std::size_t PIECE_SIZE = 64U << 10;
 constexpr std::uint32_t DOS_DIRECTORY = 0x10;
+
+// Of the members of what is made here.
+constexpr zip_uint32_t MEMBER_MODE = S_IFREG | 0644;
+constexpr std::int32_t EARLIEST_TIME = 315532800; // 1980-01-01
+constexpr double PROGRESS_STEP = 0.001;
 
 using MemberFile = Handle<zip_file_t, zip_fclose>;
 
@@ -326,6 +334,117 @@ std::string Archive::read(std::size_t index,
         left -= size;
         consume(std::span(piece).first(size));
     }
+}
+
+namespace
+{
+
+/** In the form that a ZIP holds: two numbers of MS-DOS, which has no time zone
+ *  and starts in 1980. */
+std::pair<zip_uint16_t, zip_uint16_t> dosTime(std::int32_t seconds)
+{
+    const std::time_t time = std::max(seconds, EARLIEST_TIME);
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    return {static_cast<zip_uint16_t>(parts.tm_hour << 11 | parts.tm_min << 5 |
+                                      parts.tm_sec / 2),
+            static_cast<zip_uint16_t>((parts.tm_year - 80) << 9 |
+                                      (parts.tm_mon + 1) << 5 | parts.tm_mday)};
+}
+
+zip_source_t* sourceOf(zip_t* zip, const NewMember& member)
+{
+    if (member.archive != nullptr)
+    {
+        return zip_source_zip(zip, member.archive->zip(), member.index, 0, 0,
+                              -1);
+    }
+    return member.file.empty()
+               ? zip_source_buffer(zip, member.content.data(),
+                                   member.content.size(), 0)
+               : zip_source_file(zip, member.file.c_str(), 0, -1);
+}
+
+bool addMember(zip_t* zip, const NewMember& member, std::int32_t seconds)
+{
+    zip_source_t* const source = sourceOf(zip, member);
+    const zip_int64_t added =
+        source == nullptr
+            ? -1
+            : zip_file_add(zip, member.name.c_str(), source, ZIP_FL_ENC_UTF_8);
+    if (added < 0)
+    {
+        zip_source_free(source);
+        return false;
+    }
+    const auto index = static_cast<zip_uint64_t>(added);
+    const auto [time, date] = dosTime(seconds);
+    // A compressor's output changes with its version, and firmware hardly
+    // shrinks.
+    return zip_set_file_compression(zip, index, ZIP_CM_STORE, 0) == 0 &&
+           zip_file_set_dostime(zip, index, time, date, 0) == 0 &&
+           zip_file_set_external_attributes(zip, index, 0, ZIP_OPSYS_UNIX,
+                                            MEMBER_MODE << 16) == 0;
+}
+
+std::uint64_t sizeOf(const NewMember& member)
+{
+    return member.archive != nullptr
+               ? member.archive->members().at(member.index).size
+           : member.file.empty() ? member.content.size()
+                                 : fs::file_size(member.file);
+}
+
+/** How far libzip is, in bytes. */
+struct Written
+{
+    double total;
+    double done = 0;
+};
+
+void advance(zip_t* /*zip*/, double fraction, void* state)
+{
+    auto& [total, done] = *static_cast<Written*>(state);
+    Progress::advance(static_cast<std::uint64_t>(fraction * total - done));
+    done = fraction * total;
+}
+
+int isCancelled(zip_t* /*zip*/, void* /*state*/)
+{
+    return SignalCleanup::seen() == 0 ? 0 : 1;
+}
+
+} // namespace
+
+void writeArchive(const fs::path& path, std::int32_t time,
+                  const std::vector<NewMember>& members)
+{
+    int error = 0;
+    Handle<zip_t, zip_discard> zip(
+        zip_open(path.c_str(), ZIP_CREATE | ZIP_EXCL, &error));
+    if (!zip)
+    {
+        throw systemError(path.string());
+    }
+    std::uint64_t total = 0;
+    bool isReady = true;
+    for (const NewMember& member : members)
+    {
+        isReady = isReady && addMember(zip.get(), member, time);
+        total += sizeOf(member);
+    }
+    const Progress progress(total);
+    Written written{static_cast<double>(total)};
+    zip_register_progress_callback_with_state(zip.get(), PROGRESS_STEP, advance,
+                                              nullptr, &written);
+    zip_register_cancel_callback_with_state(zip.get(), isCancelled, nullptr,
+                                            nullptr);
+    if (!isReady || zip_close(zip.get()) != 0)
+    {
+        throwIfInterrupted();
+        throw Error(path.string(), zip_strerror(zip.get()));
+    }
+    static_cast<void>(zip.release());
 }
 
 } // namespace tools

@@ -64,6 +64,9 @@ class Archive
      *  @throws what @p consume throws */
     std::string read(std::size_t index, const ContentConsumer& consume) const;
 
+    /** For libzip, which copies members from it. */
+    zip_t* zip() const { return zip_.get(); }
+
   private:
     struct Input;
 
@@ -78,5 +81,26 @@ class Archive
     std::vector<ArchiveMember> members_;
     std::vector<std::string> oddities_;
 };
+
+/** What a member of a new archive is made from: a member of another archive,
+ *  a file, or else the content that is given. */
+struct NewMember
+{
+    std::string name;
+    std::string_view content;
+    std::filesystem::path file = {};
+    const Archive* archive = nullptr;
+    std::size_t index = 0;
+};
+
+/** Makes a ZIP, always as the same bytes: nothing is compressed, and no file's
+ *  own time or mode shows.
+ *
+ *  @param path of a file that does not exist; none is left after a failure
+ *  @param time of all members, in seconds since 1970
+ *  @throws Error when a file cannot be read or the archive not be written, or
+ *          a signal has asked to end */
+void writeArchive(const std::filesystem::path& path, std::int32_t time,
+                  const std::vector<NewMember>& members);
 
 } // namespace tools

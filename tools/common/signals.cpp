@@ -1,5 +1,7 @@
 #include "signals.hpp"
 
+#include "error.hpp"
+
 #include <csignal>
 #include <cstddef>
 
@@ -48,6 +50,14 @@ void SignalCleanup::raiseSeen()
     if (signalSeen != 0)
     {
         raise(signalSeen);
+    }
+}
+
+void throwIfInterrupted()
+{
+    if (SignalCleanup::seen() != 0)
+    {
+        throw Error("interrupted", "nothing was made");
     }
 }
 

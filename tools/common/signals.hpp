@@ -34,4 +34,7 @@ class SignalCleanup
     std::array<struct sigaction, END_SIGNALS.size()> before_{};
 };
 
+/** @throws Error when a signal was made to wait */
+void throwIfInterrupted();
+
 } // namespace tools
