@@ -11,7 +11,7 @@ cross_packages=("g++-$triplet" qemu-user)
 # A development package stands for its library, whose name differs from one
 # release to the next.
 library_packages=(libssl-dev libgpgme-dev libxml2-dev libsystemd-dev
-    libarchive-dev libelf-dev libseccomp-dev libzip-dev zlib1g-dev)
+    libelf-dev libseccomp-dev libzip-dev zlib1g-dev)
 target_packages=("${library_packages[@]}" libcli11-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev)
 

@@ -3,9 +3,8 @@
 # shellcheck disable=SC2034 # The lists are used by those that source this.
 
 build_packages=(meson ninja-build g++ pkg-config libssl-dev libgpgme-dev
-    libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libarchive-dev
-    libzip-dev
-    libelf-dev libseccomp-dev zlib1g-dev scdoc)
+    libxml2-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libelf-dev
+    libseccomp-dev libzip-dev zlib1g-dev scdoc)
 run_packages=(bubblewrap dbus unzip zip gnupg openssl)
 # OpenSSL's driver for tokens. Debian 12 has only one of the older kind.
 token_driver=pkcs11-provider

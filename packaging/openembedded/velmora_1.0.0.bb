@@ -24,7 +24,7 @@ EXTRA_OEMESON = " \
 
 # The tools, for a service shell. bmc-sim is for workstations.
 PACKAGECONFIG ??= ""
-PACKAGECONFIG[tools] = "-Dtools=enabled,-Dtools=disabled,cli11 elfutils libarchive libseccomp libzip nlohmann-json zlib"
+PACKAGECONFIG[tools] = "-Dtools=enabled,-Dtools=disabled,cli11 elfutils libseccomp libzip nlohmann-json zlib"
 
 PACKAGE_BEFORE_PN = "${PN}-sim ${PN}-tools"
 FILES:${PN}-sim = "${bindir}/bmc-sim ${libexecdir}/velmora ${datadir}/bash-completion/completions/bmc-sim"

@@ -21,8 +21,11 @@ constexpr auto DIGEST_PATH =
     "//SoftwareComponent[@hashAlgorithm=\"SHA256\"]/@hash";
 constexpr auto SYSTEM_ID_PATH = "//Model/@systemID";
 constexpr auto MODEL_WITHOUT_SYSTEM = "//Model[not(@systemID)]";
-/** The checker reads no larger one. */
+// What the checker refuses.
 constexpr std::size_t LARGEST_DESCRIPTOR = 262144;
+constexpr auto LARGEST_WITH_DOCUMENT_TYPE = "8192";
+constexpr auto TOO_MANY_ATTRIBUTES = "//*[count(@*) > 1000]";
+constexpr std::size_t LONGEST_SYSTEM_ID = 1024;
 constexpr std::size_t MOST_SYSTEM_IDS = 1000;
 constexpr int LARGEST_SYSTEM_ID = 0xffff;
 constexpr std::size_t DIGEST_LENGTH = 64;
@@ -56,7 +59,8 @@ XmlDocument parse(Bytes xml, std::string_view name)
 {
     if (xml.size() > LARGEST_DESCRIPTOR)
     {
-        throw Error(name, "is larger than 262144 bytes, the most that is read");
+        throw Error(name, "is larger than 262144 bytes, which the checker "
+                          "refuses");
     }
     // The reason is told once, by the exception.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto) {});
@@ -77,6 +81,12 @@ XPathResult evaluate(xmlDoc* document, const char* path)
     return XPathResult(
         context ? xmlXPathEvalExpression(xmlText(path), context.get())
                 : nullptr);
+}
+
+bool selectsAny(xmlDoc* document, const char* path)
+{
+    const XPathResult result = evaluate(document, path);
+    return result && xmlXPathCastToBoolean(result.get()) == 1;
 }
 
 /** The values of the attributes that the path selects, in document order. An
@@ -128,7 +138,10 @@ void remarkOnDigest(Remarks& remarks, const std::string& digest)
 /** Reads the number as the checker does. */
 void remarkOnSystemId(Remarks& remarks, const Found& systemId)
 {
-    std::string what;
+    std::string what = systemId.value.size() > LONGEST_SYSTEM_ID
+                           ? "is longer than 1024 bytes, which the checker "
+                             "refuses"
+                           : "";
     try
     {
         std::size_t end = 0;
@@ -137,7 +150,7 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
         {
             what = "is not a 16-bit number, so no system has it";
         }
-        else if (end != systemId.value.size())
+        else if (what.empty() && end != systemId.value.size())
         {
             what = "has text after its number; only the number counts";
         }
@@ -209,8 +222,11 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
     if (document->intSubset != nullptr)
     {
         // Its entities could make a value of any size.
-        remarks.emplace_back("the descriptor has a document type declaration, "
-                             "so that its values are not read here");
+        remarks.push_back(
+            std::string("the descriptor has a document type, with which the "
+                        "checker takes at most ") +
+            LARGEST_WITH_DOCUMENT_TYPE + " bytes, and this has " +
+            std::to_string(file.size()) + "; its values are not read here");
         return fields;
     }
     for (const auto& [name, path] : {std::pair{"componentID", MODEL_PATH},
@@ -231,11 +247,15 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
     {
         remarkOnDigest(remarks, fields["hash"]["value"]);
     }
-    const XPathResult without = evaluate(document.get(), MODEL_WITHOUT_SYSTEM);
-    if (without && xmlXPathCastToBoolean(without.get()) == 1)
+    if (selectsAny(document.get(), MODEL_WITHOUT_SYSTEM))
     {
         remarks.emplace_back(
             "a Model has no systemID, so no system matches it");
+    }
+    if (selectsAny(document.get(), TOO_MANY_ATTRIBUTES))
+    {
+        remarks.emplace_back("an element has more than 1000 attributes, which "
+                             "the checker refuses");
     }
     std::vector<Found> systemIds = find(document.get(), SYSTEM_ID_PATH);
     fields["systemIDs"] = systemIds.size();

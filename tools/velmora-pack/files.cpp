@@ -1,5 +1,7 @@
 #include "files.hpp"
 
+#include "common/progress.hpp"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,15 +40,16 @@ fs::path directoryOf(const fs::path& target)
     return directory;
 }
 
-void synchroniseDirectory(const fs::path& directory)
+/** Changes places with @p to if that is to be replaced. */
+int renameFile(const fs::path& from, const fs::path& to, bool replaces)
 {
-    const FileDescriptor file(
-        open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // Some file systems cannot synchronise a directory, and say so.
-    if (file.get() < 0 || (fsync(file.get()) != 0 && errno != EINVAL))
-    {
-        throw systemError(directory.string());
-    }
+    const int result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
+                                 replaces ? RENAME_EXCHANGE : RENAME_NOREPLACE);
+    // Not every file system knows these flags.
+    return result == 0 || errno != EINVAL ? result
+           : replaces || fs::is_directory(from)
+               ? rename(from.c_str(), to.c_str())
+               : link(from.c_str(), to.c_str());
 }
 
 } // namespace
@@ -113,39 +116,43 @@ Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
 
 void Source::stream(std::uint64_t size, const Consumer& consume) const
 {
+    const tools::Progress progress(size);
     for (std::uint64_t offset = 0; offset < size; offset += CHUNK_SIZE)
     {
         throwIfInterrupted();
-        consume(read(offset, std::min(size - offset, CHUNK_SIZE)));
+        const std::uint64_t piece = std::min(size - offset, CHUNK_SIZE);
+        consume(read(offset, piece));
+        tools::Progress::advance(piece);
     }
 }
 
-void throwIfInterrupted()
-{
-    if (tools::SignalCleanup::seen() != 0)
-    {
-        throw Error("interrupted", "nothing was made");
-    }
-}
-
-Output::Output(const fs::path& target) :
+Output::Output(const fs::path& target, bool force) :
     // A trailing separator would leave the path without a file name.
     target_(target.has_filename() ? target : target.parent_path()),
-    directory_((directoryOf(target_) / TEMPORARY_NAME).string())
+    force_(force), directory_((directoryOf(target_) / TEMPORARY_NAME).string())
 {
 }
 
 void Output::commit(const Output* other) const
 {
     throwIfInterrupted();
-    giveName();
-    if (other != nullptr)
+    const bool isExchanged = renameToTarget();
+    try
     {
-        other->giveName();
+        if (other != nullptr)
+        {
+            other->renameToTarget();
+        }
+    }
+    catch (...)
+    {
+        isExchanged ? renameFile(path(), target_, true)
+                    : unlink(target_.c_str());
+        throw;
     }
 }
 
-void Output::giveName() const
+bool Output::renameToTarget() const
 {
     if (target_ == STANDARD_OUTPUT)
     {
@@ -154,17 +161,20 @@ void Output::giveName() const
         made.stream(
             made.size(), [&](Bytes piece)
             { tools::writeAll(output, textOf(piece), "standard output"); });
-        return;
+        return false;
     }
-    if (rename(path().c_str(), target_.c_str()) != 0)
+    std::error_code missing;
+    const bool replaces =
+        force_ && fs::exists(fs::symlink_status(target_, missing));
+    if (renameFile(path(), target_, replaces) != 0)
     {
         throw systemError(target_.string());
     }
-    synchroniseDirectory(directoryOf(target_));
+    return replaces;
 }
 
-OutputFile::OutputFile(const fs::path& target) :
-    Output(target),
+OutputFile::OutputFile(const fs::path& target, bool force) :
+    Output(target, force),
     file_(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666))
 {
     if (file_.get() < 0)
@@ -178,44 +188,13 @@ void OutputFile::write(Bytes bytes)
     tools::writeAll(file_, textOf(bytes), target().string());
 }
 
-Source OutputFile::readBack() const
+void writeFile(const fs::path& target, bool force, const Source& source,
+               Bytes tail, const std::function<void(const Source&)>& check)
 {
-    if (fsync(file_.get()) != 0)
-    {
-        throw systemError(target().string());
-    }
-    // Drops the cached pages, so that the check reads the disk.
-    posix_fadvise(file_.get(), 0, 0, POSIX_FADV_DONTNEED);
-    return Source(path(), target().string());
-}
-
-void expectCopy(const Source& copy, const Source& original, Bytes tail)
-{
-    bool same = copy.size() == original.size() + tail.size();
-    std::uint64_t offset = 0;
-    const auto compare = [&](Bytes piece)
-    {
-        same =
-            same && std::ranges::equal(copy.read(offset, piece.size()), piece);
-        offset += piece.size();
-    };
-    original.stream(original.size(), compare);
-    compare(tail);
-    if (!same)
-    {
-        throw Error(copy.name(), "does not hold on the disk what was written");
-    }
-}
-
-void writeFile(const fs::path& target, const Source& source, Bytes tail,
-               const std::function<void(const Source&)>& check)
-{
-    OutputFile output(target);
+    OutputFile output(target, force);
     source.stream(source.size(), [&](Bytes piece) { output.write(piece); });
     output.write(tail);
-    const Source made = output.readBack();
-    expectCopy(made, source, tail);
-    check(made);
+    check(output.readBack());
     output.commit();
 }
 
@@ -238,8 +217,8 @@ std::optional<std::int32_t> sourceDateEpoch()
     return seconds;
 }
 
-void expectNew(const fs::path& output, const std::vector<fs::path>& inputs,
-               bool force)
+void refuseOverwrite(const fs::path& output,
+                     const std::vector<fs::path>& inputs, bool force)
 {
     std::error_code missing;
     for (const fs::path& input : inputs)

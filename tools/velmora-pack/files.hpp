@@ -50,55 +50,56 @@ class Source
     std::uint64_t size_ = 0;
 };
 
-/** @throws Error when a signal has asked to end */
-void throwIfInterrupted();
+using tools::throwIfInterrupted;
 
 /** A file or directory that is made beside its target. It appears under that
  *  name, or on standard output, only when it is complete. */
 class Output
 {
   public:
-    explicit Output(const std::filesystem::path& target);
+    /** @param force it may replace a file */
+    explicit Output(const std::filesystem::path& target, bool force = false);
 
     const std::filesystem::path& target() const { return target_; }
     /** Where it is made. */
     std::filesystem::path path() const { return directory_.path() / "made"; }
-    /** Renames it, and @p other too. A signal takes effect before or after,
-     *  not between.
+    /** The file that was made. */
+    Source readBack() const { return Source(path(), target_.string()); }
+    /** Gives it its name, and @p other too. A signal takes effect before or
+     *  after, not between.
      *
-     *  @throws Error when a signal came before */
+     *  @throws Error when a signal came before, or there is something of that
+     *          name; then neither has its name */
     void commit(const Output* other = nullptr) const;
 
   private:
-    void giveName() const;
+    /** @return whether what was there took its place at path() */
+    bool renameToTarget() const;
 
     tools::SignalCleanup cleanup_;
     std::filesystem::path target_;
+    bool force_;
     tools::TemporaryDirectory directory_;
 };
 
 class OutputFile : public Output
 {
   public:
-    explicit OutputFile(const std::filesystem::path& target);
+    OutputFile(const std::filesystem::path& target, bool force);
 
-    int fileDescriptor() const { return file_.get(); }
     void write(Bytes bytes);
-    /** What the disk holds, before it gets its name. */
-    Source readBack() const;
 
   private:
     FileDescriptor file_;
 };
 
-/** Throws unless the copy holds the original's bytes and then the tail. */
-void expectCopy(const Source& copy, const Source& original, Bytes tail = {});
-
-/** Writes the source and then the tail, and compares what the disk holds.
+/** Writes the source and then the tail.
  *
- *  @param check throws when that must not become the target */
+ *  @param check reads what was written, and throws when that must not
+ *         become the target */
 void writeFile(
-    const std::filesystem::path& target, const Source& source, Bytes tail = {},
+    const std::filesystem::path& target, bool force, const Source& source,
+    Bytes tail = {},
     const std::function<void(const Source&)>& check = [](const Source&) {});
 
 /** The time that SOURCE_DATE_EPOCH gives, in seconds. */
@@ -110,8 +111,9 @@ std::optional<std::int32_t> sourceDateEpoch();
  *  @param output may be empty
  *  @throws Error when it is one of @p inputs, of which some may be empty, or
  *          exists without @p force */
-void expectNew(const std::filesystem::path& output,
-               const std::vector<std::filesystem::path>& inputs, bool force);
+void refuseOverwrite(const std::filesystem::path& output,
+                     const std::vector<std::filesystem::path>& inputs,
+                     bool force);
 
 /** What is shipped must not hold a private key, as it would when the wrong
  *  file was named.

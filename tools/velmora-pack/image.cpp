@@ -123,7 +123,7 @@ void makeImage(const ImageOptions& options)
     }
     if (!signing.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, content);
+        writeFile(signing.toBeSigned, signing.force, content);
         report(signing.toBeSigned, "image content to be signed");
         return;
     }
@@ -135,7 +135,7 @@ void makeImage(const ImageOptions& options)
                   : readPublicKey(keyFile);
     expectCurve(key.get(), keyFile);
     const Key publicKey = publicPart(key.get());
-    writeFile(signing.output, content,
+    writeFile(signing.output, signing.force, content,
               signsHere
                   ? rawFromDer(sign(content, {}, key.get(), scheme()), keyFile)
                   : readSignature(signing.signature),

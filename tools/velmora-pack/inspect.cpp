@@ -11,6 +11,8 @@ namespace
 {
 
 constexpr std::size_t START_SIZE = 256;
+constexpr auto MANIFEST_SIGNATURE_NAME = "image-ktb.sig";
+constexpr std::uint64_t OLDER_SIGNATURE_SIZE = 512;
 constexpr std::size_t INDENT_WIDTH = 2;
 constexpr long SECONDS_PER_DAY = 86400;
 
@@ -33,6 +35,23 @@ bool isDescriptor(const Source& file)
     return first != std::string::npos && start[first] == '<';
 }
 
+/** Only its name and its size tell anything. */
+bool isManifestSignature(const Source& file)
+{
+    return std::filesystem::path(file.name()).filename() ==
+           MANIFEST_SIGNATURE_NAME;
+}
+
+Json describeManifestSignature(const Source& file, Remarks& remarks)
+{
+    if (file.size() >= OLDER_SIGNATURE_SIZE)
+    {
+        remarks.emplace_back("512 bytes or more mark the older format, with "
+                             "which the image's signature is not checked");
+    }
+    return Json::object();
+}
+
 struct Kind
 {
     std::string_view name;
@@ -43,6 +62,8 @@ struct Kind
 
 /** In the order in which a file's content is looked at. */
 constexpr std::array KINDS{
+    Kind{"manifest-signature", "manifest signature", isManifestSignature,
+         describeManifestSignature},
     // A payload's body can be a package, and a package can hold a certificate
     // where a payload has its chain.
     Kind{"payload", "signed payload", [](const Source& file)

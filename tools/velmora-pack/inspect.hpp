@@ -37,7 +37,7 @@ Json describeSignature(const Source& file, Remarks& remarks);
 Json describeImage(const Source& file, Remarks& remarks);
 Json describeManifest(const Source& file, Remarks& remarks);
 Json describePayload(const Source& file, Remarks& remarks);
-/** Of each signature in a detached, binary one. */
+/** Of each signature in a detached one, as gpg tells it. */
 Json describeSignatures(Bytes file, Remarks& remarks);
 
 // Whether a file looks like one of that kind.

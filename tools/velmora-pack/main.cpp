@@ -1,4 +1,5 @@
 #include "common/command_line.hpp"
+#include "common/progress.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
 #include "library_version.hpp"
@@ -261,13 +262,19 @@ int inspect(const InspectOptions& options)
     for (const fs::path& file : options.files)
     {
         Json& fields = list.emplace_back();
+        // Of two releases in two directories, JSON shows what differs.
+        const std::string name =
+            options.json ? file.filename().string() : file.string();
         const std::string failure = failureOf(
-            [&] { fields = pack::inspect(pack::Source(file), options.kind); });
+            [&]
+            {
+                fields = pack::inspect(pack::Source(file, name), options.kind);
+            });
         if (!failure.empty())
         {
             status = fail(failure);
             ++failed;
-            fields = {{"file", file.string()}, {"error", failure}};
+            fields = {{"file", name}, {"error", failure}};
             continue;
         }
         remarked += fields["remarks"].empty() ? 0 : 1;
@@ -352,6 +359,7 @@ int main(int argc, char** argv)
     pack::PayloadOptions payload;
     InspectOptions inspected;
     fs::path testKeys;
+    const auto forbidProgress = [](std::int64_t) { tools::Progress::forbid(); };
     CLI::App app("Makes and inspects what libvelmora checks: firmware "
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
@@ -361,6 +369,9 @@ int main(int argc, char** argv)
                              LIBRARY_VERSION);
     tools::setUpComplaints(app);
     app.require_subcommand(1);
+    app.add_flag_function("--quiet", forbidProgress,
+                          "Show no bar while more than 100 MiB are read");
+    app.fallthrough();
     int status = EXIT_SUCCESS;
     addPackage(app, package);
     addImage(app, image);

@@ -37,7 +37,7 @@ struct Signing
     {
         inputs.insert(inputs.end(), {passphraseFile, signature});
         inputs.insert(inputs.end(), keys.begin(), keys.end());
-        expectNew(made(), inputs, force);
+        refuseOverwrite(made(), inputs, force);
     }
 };
 

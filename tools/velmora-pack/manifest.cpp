@@ -142,14 +142,12 @@ Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
 
 /** Makes both files in the directory; after a signal there are both, or
  *  neither. */
-void writeBoth(const fs::path& directory, Bytes manifest)
+void writeBoth(const ManifestOptions& options, Bytes manifest)
 {
-    OutputFile file(directory / MANIFEST_NAME);
-    OutputFile signature(directory / SIGNATURE_NAME);
+    OutputFile file(options.output / MANIFEST_NAME, options.force);
+    OutputFile signature(options.output / SIGNATURE_NAME, options.force);
     file.write(manifest);
-    expectCopy(file.readBack(), Source(manifest));
     signature.write(bytesOf(SIGNATURE_FILE));
-    expectCopy(signature.readBack(), Source(bytesOf(SIGNATURE_FILE)));
     file.commit(&signature);
 }
 
@@ -175,13 +173,13 @@ void makeManifest(const ManifestOptions& options)
     }
     for (const char* made : {MANIFEST_NAME, SIGNATURE_NAME})
     {
-        expectNew(options.output / made, {options.prefix}, options.force);
+        refuseOverwrite(options.output / made, {options.prefix}, options.force);
     }
     const tools::SignalCleanup cleanup;
     const bool fresh = fs::create_directory(options.output);
     try
     {
-        writeBoth(options.output, content);
+        writeBoth(options, content);
     }
     catch (...)
     {

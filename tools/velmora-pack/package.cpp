@@ -1,12 +1,14 @@
+#include "common/archive.hpp"
+#include "common/progress.hpp"
 #include "descriptor.hpp"
 #include "inspect.hpp"
 #include "making.hpp"
 #include "openpgp.hpp"
 #include "openssl.hpp"
-#include "zip.hpp"
+
+#include <fcntl.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <map>
 #include <optional>
@@ -21,6 +23,11 @@ namespace
 
 constexpr std::string_view PAYLOAD_PREFIX = "payload/";
 constexpr std::size_t LONGEST_FILE_NAME = 255;
+constexpr std::size_t MOST_MEMBERS = 10000;
+/** A small archive can unpack to a great deal. */
+constexpr std::uint64_t MOST_UNPACKED = std::uint64_t{8} << 30;
+/** The payload is read twice and written once. */
+constexpr std::uint64_t PASSES = 3;
 
 /** Digests of the payload's files under their names, in byte order. */
 using FileDigests = std::map<std::string, std::string>;
@@ -47,12 +54,17 @@ bool hasVersionNumber(std::string_view name)
 void expectPortable(const fs::path& file)
 {
     const std::string name = file.filename().string();
-    const bool plain =
+    const bool isPlain =
         std::ranges::all_of(name, [](char c) { return c >= ' ' && c <= '~'; });
-    if (!plain)
+    if (!isPlain)
     {
         throw Error(file.string(),
                     "has a name with characters other than printable ASCII");
+    }
+    if (name.find('\\') != std::string::npos)
+    {
+        throw Error(file.string(), "has a name with a backslash, which "
+                                   "extractors take for different things");
     }
     if (name.size() > LONGEST_FILE_NAME)
     {
@@ -69,12 +81,7 @@ void expectPortable(const fs::path& file)
 /** Files that desktops and editors leave, and nobody means to ship. */
 bool isLeftover(std::string_view name)
 {
-    constexpr std::array ENDS{"~",    ".bak", ".BAK", ".orig", ".rej",
-                              ".swn", ".swo", ".swp", ".tmp"};
-    return name.starts_with('.') || name.starts_with('#') ||
-           name == "Thumbs.db" || name == "desktop.ini" ||
-           std::ranges::any_of(ENDS, [&](std::string_view end)
-                               { return name.ends_with(end); });
+    return name.starts_with('.') || name.ends_with('~') || name == "Thumbs.db";
 }
 
 /** An output there would be part of the payload the next time. */
@@ -146,88 +153,144 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
 
 struct Contents
 {
-    /** Name, offset, size and digest of each. */
+    /** Name, size, compression and digest of each. */
     Json members = Json::array();
     std::set<std::string> names;
     std::optional<Buffer> descriptor;
     std::optional<Buffer> signature;
     FileDigests payload;
     std::uint64_t payloadSize = 0;
+    /** Whether all of the payload could be read. */
+    bool isWhole = true;
     Remarks remarks;
 };
 
-/** Counts a member as what its name says it is. */
-void classify(Contents& contents, const ZipMember& member, std::uint64_t size,
-              const std::string& digest)
+/** Whether the payload's digest covers it. */
+bool isPayloadFile(const tools::ArchiveMember& member)
 {
-    const auto remark = [&](const char* what)
-    { contents.remarks.push_back("member " + member.name + " " + what); };
-    std::string_view name = member.name;
+    return member.name.starts_with(PAYLOAD_PREFIX) &&
+           member.name.find('/', PAYLOAD_PREFIX.size()) == std::string::npos &&
+           member.type == fs::file_type::regular;
+}
+
+/** What the extractor would take otherwise than it stands there, or not at
+ *  all; that the digest of the payload does not cover; or that is odd. */
+void remarkOn(Contents& contents, const tools::ArchiveMember& member)
+{
+    const std::string& name = member.name;
+    const auto remark = [&](const std::string& what)
+    { contents.remarks.push_back("member " + name + " " + what); };
     if (hasVersionNumber(name) ||
         std::ranges::any_of(name, [](unsigned char c)
                             { return std::iscntrl(c) != 0; }))
     {
         remark("is extracted under another name");
     }
-    if (!contents.names.insert(member.name).second)
+    if (name.find('\\') != std::string::npos)
+    {
+        remark("has a backslash, which extractors take for different things");
+    }
+    if (!contents.names.insert(name).second)
     {
         remark("is there more than once");
     }
-    if (name == DESCRIPTOR_NAME || name == DESCRIPTOR_SIGNATURE_NAME ||
-        name == PAYLOAD_PREFIX)
+    if (member.compression != "stored" && member.compression != "deflated")
     {
-        return;
+        remark("is compressed with " + member.compression +
+               ", which not every extractor can read");
     }
-    if (!name.starts_with(PAYLOAD_PREFIX))
+    if (name == DESCRIPTOR_NAME || name == DESCRIPTOR_SIGNATURE_NAME)
     {
-        remark("is not part of a package");
-        return;
+        if (member.type != fs::file_type::regular)
+        {
+            remark("is not a regular file");
+        }
     }
-    name.remove_prefix(PAYLOAD_PREFIX.size());
-    if (!member.regular || name.find('/') != std::string_view::npos)
+    else if (name != PAYLOAD_PREFIX && !isPayloadFile(member))
     {
-        remark("is not covered by the payload's digest");
-        return;
+        remark(name.starts_with(PAYLOAD_PREFIX)
+                   ? "is not covered by the payload's digest"
+                   : "is not part of a package");
     }
-    contents.payload.insert_or_assign(std::string(name), digest);
-    contents.payloadSize += size;
 }
 
+void readMember(Contents& contents, const tools::Archive& archive,
+                std::size_t index)
+{
+    const tools::ArchiveMember& member = archive.members()[index];
+    std::optional<Buffer>* const kept =
+        member.name == DESCRIPTOR_NAME             ? &contents.descriptor
+        : member.name == DESCRIPTOR_SIGNATURE_NAME ? &contents.signature
+                                                   : nullptr;
+    Buffer content;
+    Digest digest(EVP_sha256());
+    const std::string problem =
+        archive.read(index,
+                     [&](Bytes piece)
+                     {
+                         throwIfInterrupted();
+                         tools::Progress::advance(piece.size());
+                         digest.update(piece);
+                         if (kept != nullptr)
+                         {
+                             append(content, piece);
+                         }
+                     });
+    Json& fields = contents.members.emplace_back(
+        Json{{"name", member.name},
+             {"size", member.size},
+             {"compression", member.compression}});
+    const bool isPayload = isPayloadFile(member);
+    if (!problem.empty())
+    {
+        contents.remarks.push_back("member " + member.name +
+                                   " cannot be read: " + problem);
+        contents.isWhole = contents.isWhole && !isPayload;
+        return;
+    }
+    const std::string text = hex(digest.finish());
+    fields["sha256"] = text;
+    if (kept != nullptr)
+    {
+        *kept = std::move(content);
+    }
+    if (isPayload)
+    {
+        contents.payload.insert_or_assign(
+            member.name.substr(PAYLOAD_PREFIX.size()), text);
+        contents.payloadSize += member.size;
+    }
+}
+
+/** @throws Error when the archive would cost too much to look through */
 Contents readContents(const Source& source)
 {
-    Contents contents;
-    const auto read = [&](const ZipMember& member, const ZipContent& content)
+    const tools::Archive archive(
+        FileDescriptor(fcntl(source.fileDescriptor(), F_DUPFD_CLOEXEC, 0)),
+        source.name());
+    if (archive.members().size() > MOST_MEMBERS)
     {
-        Buffer* const kept = member.name == DESCRIPTOR_NAME
-                                 ? &contents.descriptor.emplace()
-                             : member.name == DESCRIPTOR_SIGNATURE_NAME
-                                 ? &contents.signature.emplace()
-                                 : nullptr;
-        std::uint64_t size = 0;
-        Digest digest(EVP_sha256());
-        content(
-            [&](Bytes piece)
-            {
-                size += piece.size();
-                digest.update(piece);
-                if (kept != nullptr && size > LARGEST_FILE_IN_MEMORY)
-                {
-                    throw Error(source.name(),
-                                "holds too large a " + member.name);
-                }
-                if (kept != nullptr)
-                {
-                    append(*kept, piece);
-                }
-            });
-        const std::string text = hex(digest.finish());
-        contents.members.push_back({{"name", member.name},
-                                    {"offset", member.offset},
-                                    {"size", size},
-                                    {"sha256", text}});
-        classify(contents, member, size, text);
-    };
-    readZip(source, contents.remarks, read);
+        throw Error(source.name(), "has more than 10000 members");
+    }
+    if (archive.totalSize() > MOST_UNPACKED)
+    {
+        throw Error(source.name(), "unpacks to more than 8 GiB");
+    }
+    Contents contents;
+    contents.remarks = archive.oddities();
+    const tools::Progress progress(archive.totalSize());
+    for (std::size_t i = 0; i < archive.members().size(); ++i)
+    {
+        const tools::ArchiveMember& member = archive.members()[i];
+        remarkOn(contents, member);
+        if ((member.name == DESCRIPTOR_NAME ||
+             member.name == DESCRIPTOR_SIGNATURE_NAME) &&
+            member.size > LARGEST_FILE_IN_MEMORY)
+        {
+            throw Error(source.name(), "holds too large a " + member.name);
+        }
+        readMember(contents, archive, i);
+    }
     return contents;
 }
 
@@ -252,7 +315,7 @@ void checkPackage(const Source& made, const PackageOptions& options,
                           std::ranges::equal(*contents.descriptor, descriptor);
     if (!complete || contents.payload != files)
     {
-        throw Error(made.name(), "does not hold on the disk what was packed; "
+        throw Error(made.name(), "does not hold what was packed; "
                                  "did the payload change meanwhile?");
     }
     checkSignatures(options.gpgHome, options.trust, options.signing.keys,
@@ -268,7 +331,7 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
             Source(descriptor, std::string(DESCRIPTOR_NAME)), remarks);
         fields["descriptor"] = described;
         const Json::json_pointer stated("/hash/value");
-        if (!described.contains(stated))
+        if (!described.contains(stated) || !fields.contains("payloadDigest"))
         {
             return;
         }
@@ -303,21 +366,21 @@ void makePackage(const PackageOptions& options)
                          options.systemIds});
     if (!signing.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, Source(descriptor));
+        writeFile(signing.toBeSigned, signing.force, Source(descriptor));
         report(signing.toBeSigned, "descriptor to be signed");
         return;
     }
     const Buffer signature = signatureFor(options, descriptor);
-    OutputFile output(signing.output);
-    ZipWriter zip(output);
-    zip.add(std::string(DESCRIPTOR_NAME), Source(descriptor));
-    zip.add(std::string(DESCRIPTOR_SIGNATURE_NAME), Source(signature));
+    std::vector<tools::NewMember> members{
+        {std::string(DESCRIPTOR_NAME), textOf(descriptor)},
+        {std::string(DESCRIPTOR_SIGNATURE_NAME), textOf(signature)}};
     for (const fs::path& file : files)
     {
-        zip.add(std::string(PAYLOAD_PREFIX) + file.filename().string(),
-                Source(file));
+        members.push_back(
+            {std::string(PAYLOAD_PREFIX) + file.filename().string(), {}, file});
     }
-    zip.finish();
+    const Output output(signing.output, signing.force);
+    tools::writeArchive(output.path(), sourceDateEpoch().value_or(0), members);
     checkPackage(output.readBack(), options, descriptor, digests);
     output.commit();
     report(signing.output,
@@ -329,25 +392,28 @@ Json describePackage(const Source& file, Remarks& remarks)
 {
     const Contents contents = readContents(file);
     remarks = contents.remarks;
-    Json fields{{"members", contents.members},
-                {"payloadDigest", compositeOf(contents.payload)}};
-    if (contents.payloadSize == 0)
+    Json fields{{"members", contents.members}};
+    if (contents.isWhole)
+    {
+        fields["payloadDigest"] = compositeOf(contents.payload);
+    }
+    if (contents.isWhole && contents.payloadSize == 0)
     {
         remarks.emplace_back("the payload is empty");
     }
-    if (!contents.descriptor)
+    for (const std::string_view name :
+         {DESCRIPTOR_NAME, DESCRIPTOR_SIGNATURE_NAME})
     {
-        remarks.emplace_back("there is no package.xml");
+        if (!contents.names.contains(std::string(name)))
+        {
+            remarks.push_back("there is no " + std::string(name));
+        }
     }
-    else
+    if (contents.descriptor)
     {
         describePackedDescriptor(fields, *contents.descriptor, remarks);
     }
-    if (!contents.signature)
-    {
-        remarks.emplace_back("there is no package.xml.sign");
-    }
-    else
+    if (contents.signature)
     {
         fields["signatures"] = describeSignatures(*contents.signature, remarks);
     }

@@ -482,7 +482,7 @@ void makePayload(const PayloadOptions& options)
     const Buffer fields = signedFields(chain, options.algorithm, timestamp);
     if (!signing.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, body, fields);
+        writeFile(signing.toBeSigned, signing.force, body, fields);
         report(signing.toBeSigned, "signed range of a payload, timestamp " +
                                        std::to_string(timestamp));
         return;
@@ -492,7 +492,7 @@ void makePayload(const PayloadOptions& options)
            key ? sign(body, fields, key.get(), schemeOf(options.algorithm))
                : readSignature(signing.signature));
     trailer.resize(TRAILER_SIZE);
-    writeFile(signing.output, body, trailer, checkPayload);
+    writeFile(signing.output, signing.force, body, trailer, checkPayload);
     report(signing.output,
            "payload with " + options.algorithm + " signature and timestamp " +
                std::to_string(timestamp) + ", signed and checked");

@@ -34,6 +34,8 @@ void makeTestKeys(const fs::path& target)
         throw Error(target.string(),
                     "keys cannot be made" + lastErrorLine(said));
     }
+    // Gone only if it is empty.
+    fs::remove(target, missing);
     directory.commit();
     report(target, "test keys and certificates, not to be trusted");
 }

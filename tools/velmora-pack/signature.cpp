@@ -1,0 +1,59 @@
+#include "common/openpgp.hpp"
+#include "inspect.hpp"
+
+namespace pack
+{
+namespace
+{
+
+/** Whether its first packet is a signature: RFC 4880, 4.2. */
+bool isBinarySignature(Bytes file)
+{
+    const auto first =
+        file.empty() ? 0U : std::to_integer<unsigned>(file.front());
+    return first == 0xc2 || (first & 0xfcU) == 0x88;
+}
+
+} // namespace
+
+Json describeSignatures(Bytes file, Remarks& remarks)
+{
+    Json signatures = Json::array();
+    // Without any key gpg still tells who signed, when and how.
+    const tools::TemporaryDirectory noKeys;
+    try
+    {
+        for (const tools::SignatureInfo& info :
+             tools::signaturesOf(noKeys.path(), {}, textOf(file)))
+        {
+            signatures.push_back({{"fingerprint", info.fingerprint},
+                                  {"algorithm", info.keyAlgorithm},
+                                  {"digestAlgorithm", info.digestAlgorithm},
+                                  {"created", info.created},
+                                  {"createdDate", dateText(info.created)}});
+        }
+    }
+    catch (const Error& error)
+    {
+        remarks.emplace_back(error.what());
+    }
+    return signatures;
+}
+
+Json describeSignature(const Source& file, Remarks& remarks)
+{
+    const Buffer content = file.readAll();
+    if (!isBinarySignature(content))
+    {
+        throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
+                                 "--dearmor makes one of an armoured one)");
+    }
+    return {{"signatures", describeSignatures(content, remarks)}};
+}
+
+bool isSignature(const Source& file)
+{
+    return file.size() > 0 && isBinarySignature(file.read(0, 1));
+}
+
+} // namespace pack
