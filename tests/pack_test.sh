@@ -25,15 +25,18 @@ fails() {
 
 # Packages.
 "$pack" "${package[@]}" --payload files --system-id 1 --system-id 0a1b -o p.zip
+# The same in another folder, zone and locale, and to a second look.
+mkdir other
+cp -r files other
 SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 1.zip
-touch files/*
-SOURCE_DATE_EPOCH=1700000000 "$pack" "${package[@]}" --payload files -o 2.zip
-expect 0 '^$' cmp 1.zip 2.zip
+expect 0 . env -C other SOURCE_DATE_EPOCH=1700000000 TZ=Asia/Tokyo \
+    LC_ALL=C.UTF-8 "$pack" "${package[@]}" --payload files -o 1.zip
+expect 0 '^$' cmp 1.zip other/1.zip
+expect 0 '^$' diff <("$pack" inspect --json 1.zip) \
+    <("$pack" inspect --json "$PWD/other/1.zip")
 "$pack" package --model 113440 --version 1.2 --payload files \
     --to-be-signed descriptor
-# With a part that is so long that its length takes two octets.
-gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig \
-    --sig-notation "long@velmora.invalid=$(printf 'x%.0s' {1..250})" descriptor
+gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig descriptor
 expect 0 '^remarks: none$' "$pack" inspect sig
 expect 0 . "$pack" package --model 113440 --version 1.2 --payload files \
     --gpg-home "$keys/gnupg" --signature sig -o elsewhere.zip
@@ -46,6 +49,8 @@ fails nested "${package[@]}" --payload nested -o x.zip
 mkdir foreign
 echo x >$'foreign/\xc3\xa4'
 fails foreign "${package[@]}" --payload foreign -o x.zip
+touch 'back\slash'
+fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.zip
 fails none "${package[@]}" --payload none -o x.zip
 touch void
 fails 'void: is empty' "${package[@]}" --payload void -o x.zip
@@ -98,6 +103,7 @@ head -c 100000 /dev/urandom >content
 touch empty
 "$pack" manifest --release 1 --prefix files/a -o manifest
 expect 0 '^    release: 1$' "$pack" inspect manifest/image-ktb
+expect 0 '^kind: manifest signature$' "$pack" inspect --strict manifest/image-ktb.sig
 "$pack" image content --key "$keys/image-signer.pem" -o image
 expect 0 '^accepted$' "$velmora" verify-image image manifest
 openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
@@ -170,7 +176,7 @@ with zipfile.ZipFile(sys.argv[1], "a") as package:
     package.writestr("payload\\x", "")
     package.writestr("payload/e\u0301", "")
 PY
-expect 0 'payload.*x: extractors differ' "$pack" inspect twice.zip
+expect 0 'payload.*x has a backslash' "$pack" inspect twice.zip
 expect 0 'payload/e.u0301"' "$pack" inspect --json twice.zip
 expect 0 'package.xml is there more than once' "$pack" inspect twice.zip
 "$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 --to-be-signed range
@@ -197,6 +203,13 @@ def make(name, changes, method=zipfile.ZIP_STORED):
             package.writestr(member, content)
 make("utf8.zip", {"payload/\u00e4": b"x", "payload/Z": b"y"})
 make("lzma.zip", {}, zipfile.ZIP_LZMA)
+make("evil.zip", {"install.sh": b"x"})
+with zipfile.ZipFile("evil.zip", "a") as package:
+    package.start_dir = package.fp.seek(0, 2)
+    package.filelist.clear()
+    package.NameToInfo.clear()
+    for member, content in good.items():
+        package.writestr(member, content)
 make("unsigned.zip", {"package.xml.sign": b"", "payload/a;1": b"x"})
 make("empty.zip", {"payload/a": b"", "payload/b": b""})
 def change(source, target, *changes):
@@ -206,6 +219,13 @@ def change(source, target, *changes):
         content = content.replace(old, new)
     open(target, "wb").write(content)
 change("p.zip", "crc.zip", (b"one\n", b"0ne\n"))
+change("p.zip", "deflate64.zip", (b"PK\3\4\x0a\0\0\0\0", b"PK\3\4\x0a\0\0\0\x09"),
+       (b"PK\1\2\x3f\3\x0a\0\0\0\0", b"PK\1\2\x3f\3\x0a\0\0\0\x09"))
+with open("limits.xml", "w") as file:
+    attributes = (f'a{i}=""' for i in range(1001))
+    file.write(f'<a {" ".join(attributes)}><Model systemID="{1:01025}"/></a>')
+with open("typed.xml", "w") as file:
+    file.write("<!DOCTYPE a><a/>")
 with open("upper.xml", "wb") as file:
     file.write(good["package.xml"].replace(b"0001", b"zz").replace(
         b"0A1B", b"12345").replace(b'hash="', b'hash="A').replace(b"113440", b""))
@@ -220,11 +240,20 @@ expect 0 '^    createdDate: 20..-' "$pack" inspect sig
 unzip -q utf8.zip -d utf8
 expect 0 "^payloadDigest: $("$velmora" digest utf8/payload)\$" "$pack" inspect utf8.zip
 remarks utf8.zip "digest is not the one"
-remarks lzma.zip 'payload/a: not every extractor can read .*lzma'
-remarks unsigned.zip 'the signature is empty'
+remarks lzma.zip 'payload/a is compressed with LZMA'
+remarks deflate64.zip 'package.xml is compressed with Deflate64'
+expect 0 '^remarks: none$' "$pack" inspect evil.zip
+(cd utf8 && rm payload/* && cp ../files/* payload && zip -qr -fz ../zip64.zip .)
+expect 0 '^remarks: none$' "$pack" inspect zip64.zip
+cat p.zip sig >behind.zip
+remarks behind.zip 'something stands behind its end record'
+remarks limits.xml 'an element has more than 1000 attributes'
+remarks limits.xml 'systemID .* is longer than 1024 bytes'
+remarks typed.xml 'takes at most 8192 bytes, and this has 16;'
+remarks unsigned.zip 'OpenPGP signature: cannot be checked: No data'
 remarks unsigned.zip 'a;1 is extracted under another name'
 remarks empty.zip 'the payload is empty'
-remarks crc.zip 'payload/a: ZIP bad CRC'
+remarks crc.zip 'payload/a cannot be read: CRC error'
 remarks twice.zip 'package.xml is there more than once'
 remarks upper.xml 'systemID on line [0-9]+ is no number, and'
 remarks upper.xml 'systemID on line [0-9]+ is not a 16-bit number'
@@ -236,18 +265,30 @@ remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
 expect 1 '^velmora-pack: none: ' "$pack" inspect p.zip none
-expect 1 '^crc.zip: package, 2 remarks$' "$pack" inspect --strict p.zip crc.zip
+expect 1 '^crc.zip: package, 1 remark$' "$pack" inspect --strict p.zip crc.zip
 expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
 files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))
 print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'
 
-# Signals, while something large is under way.
+# While something large is under way: a bar, another file, signals.
 truncate -s 256M large
+expect 0 ' 50 %' script -qec "'$pack' inspect --as image large" /dev/null
+expect 1 '^$' sh -c 'script -qec "$0 inspect --quiet --as image large" /dev/null |
+    grep %' "$pack"
+image=("$pack" image large --key "$keys/image-signer.pem" -o signed-large)
+begin_large() {
+    env --default-signal "${image[@]}" 2>interrupted &
+    until compgen -G '.velmora-pack-*' >/dev/null; do sleep 0.01; done
+}
+begin_large
+echo mine >signed-large
+wait $! || true
+expect 0 '^velmora-pack: signed-large: File exists' cat interrupted
+expect 0 '^mine$' cat signed-large
+rm signed-large
 ulimit -c 0
 for signal in HUP QUIT; do
-    env --default-signal "$pack" image large --key "$keys/image-signer.pem" \
-        -o signed-large 2>interrupted &
-    until compgen -G '.velmora-pack-*' >/dev/null; do sleep 0.01; done
+    begin_large
     kill -s "$signal" $!
     wait $! || true
     expect 0 '^velmora-pack: interrupted' cat interrupted
