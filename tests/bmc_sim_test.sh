@@ -19,12 +19,9 @@ before=$(places)
 nothing_left() {
     [ "$(places)" = "$before" ] || fail "$1 leaves: $(places)"
     local tries=0
+    # Those of a run that was killed need a moment to notice.
     while grep -qsz "^BMC_SIM_TEST=$$\$" /proc/[0-9]*/environ; do
-        # Those of a run that was killed need a moment to notice.
-        if [ $((++tries)) -gt 100 ]; then
-            fail "$1 leaves processes"
-            break
-        fi
+        [ $((tries++)) -lt 100 ] || { fail "$1 leaves processes" && break; }
         sleep 0.1
     done
 }
@@ -33,7 +30,6 @@ nothing_left() {
 silent='^$'
 if [[ $("${sim[@]}" -- true 2>&1) == *"in place"* ]]; then
     silent='in place'
-    echo "no new namespaces here: an ordinary user's run is not tried"
 fi
 
 # Expanded in the sandbox.
@@ -41,22 +37,18 @@ fi
 get='busctl --address=$DBUS_SYSTEM_BUS_ADDRESS'
 id="$get get-property com.vorn.bmc.smad /xyz/openbmc_project/smad/oem \
     xyz.openbmc_project.Inventory.Item.Oem BaseSystemId"
-expect 0 "$silent" "${sim[@]}" -- true
 expect 7 "$silent" "${sim[@]}" -- sh -c 'exit 7'
 expect 143 "$silent" "${sim[@]}" -- sh -c 'kill -TERM $$'
 expect 127 'none' "${sim[@]}" -- none
 expect 126 'denied' "${sim[@]}" -- /etc/passwd
 expect 2 '--system-id' "${sim[@]}" --system-id wrong -- true
-expect 2 'COMMAND is missing' "${sim[@]}" --without=platform
 expect 2 'no such option: --none' "${sim[@]}" --none -- true
 expect 125 'passwd: no certificate' "${sim[@]}" --root-ca /etc/passwd -- true
-expect 125 'bmc-sim: .*nokey' "${sim[@]}" --keyring nokey -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --signer-key nokey -- true
 expect 0 '^out$' "${sim[@]}" -- sh -c 'echo out > here; cat here'
 expect 0 '^out$' cat here
-# Opened only. What is written there would run on the host.
-expect 0 '^closed$' "${sim[@]}" -- sh -c \
-    '(: >> /proc/sys/kernel/core_pattern) 2>/dev/null || echo closed'
+# What is written there would run on the host.
+expect 2 'Permission|Read-only' "${sim[@]}" -- sh -c ': >>/proc/sys/kernel/core_pattern || exit 1'
 expect 0 '^700$' "${sim[@]}" -- stat -c %a /etc/gpg/secupkey/.gnupg
 expect 0 "$silent" "${sim[@]}" -- sh -c 'cd /var/run/velmora/Zarnholt && cd \
     /var/run/obmcupdate && echo 1 > /tmp/ingressRelease'
@@ -73,15 +65,6 @@ nothing_left "a sandbox"
 
 # What is typed so would be run by the shell behind COMMAND. Ctrl-C reaches
 # COMMAND alone; when it has ended, so has all.
-cat >typing.py <<'PY'
-import fcntl, termios
-for request in termios.TIOCSTI, 0x541C:
-    try:
-        fcntl.ioctl(1, request, b"x")
-    except OSError as error:
-        print(error.errno, end=" ")
-print("typed", flush=True)
-PY
 cat >terminal.py <<'PY'
 import os, pty, sys
 child, terminal = pty.fork()
@@ -94,14 +77,15 @@ try:
         if b"typed" in part:
             os.write(terminal, b"\x03")
 except OSError:
-    pass
-print(output, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+    print(output, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
 PY
-typing='trap "echo interrupted; exit 9" INT; python3 typing.py; sleep 60 & wait'
+# shellcheck disable=SC2016
+typing='trap "echo interrupted; exit 9" INT; perl -e "\$| = 1; for (0x5412, 0x541c) {
+    ioctl(STDOUT, \$_, \$x = q(x)); print \$!{EPERM} ? 1 : 0 } print q(typed)"; sleep 60 & wait'
 if [ "$silent" = '^$' ]; then
-    expect 0 "^b'1 1 typed.*interrupted.* 9$" python3 terminal.py "${sim[@]}" \
+    expect 0 "^b'11typed.*interrupted.* 9$" python3 terminal.py "${sim[@]}" \
         -- sh -c "$typing"
-    expect 0 "^b'1 1 typed[^i]* -2$" python3 terminal.py sh -c \
+    expect 0 "^b'11typed[^i]* -2$" python3 terminal.py sh -c \
         'exec "$@" </dev/null' - "${sim[@]}" -- sh -c "$typing"
 fi
 

@@ -210,15 +210,19 @@ fresh_places() {
 
 # Returns where no sandbox can be made, with the reason in complaint.
 in_sandbox() {
-    local fresh list filter filter_process line hold session=()
+    local fresh list filter filter_process supported=1 line hold session=()
     # These two do their work while find_support does its own.
     exec {list}< <(fresh_places)
     exec {filter}< <("$program" --terminal-filter "${service_options[@]}")
     filter_process=$!
-    find_support || return 0
+    find_support || supported=''
     wait "$filter_process" || exit
     mapfile -d '' -t fresh <&"$list"
     exec {list}<&-
+    if [ -z "$supported" ]; then
+        exec {filter}<&-
+        return
+    fi
     hides_place "$current" || show_writable "$current"
     # Where there is a terminal, COMMAND shares its session, so that job control
     # works, and Ctrl-C is between the two of them.
