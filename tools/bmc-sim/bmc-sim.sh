@@ -302,7 +302,9 @@ in_place() {
 cd -P .
 current=$PWD
 # In the build tree bmc-services lies beside this script.
-cd -- "$(dirname -- "$(readlink -f -- "$0")")"
+own=$0
+[ ! -L "$0" ] || own=$(readlink -f -- "$0")
+cd -P -- "${own%/*}/"
 [ -x bmc-services ] || cd -P @TO_LIBEXEC@
 program=$PWD/bmc-services
 cd -- "$current"
