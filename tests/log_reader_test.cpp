@@ -116,7 +116,7 @@ TEST(LogReader, EveryFormGivesTheSameAnswer)
           inForm("-- Boot x --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
                  "\n    MESSAGE=", "\n    SYSLOG_IDENTIFIER=updated\n"),
           inForm("__CURSOR=s=1;i=2\n_PID=", "\nMESSAGE=", "\n\n"),
-          inForm(R"({"_PID":")", R"(","MESSAGE":")", "\"}\n"),
+          inForm(R"(data: {"_PID":")", R"(","MESSAGE":")", "\"}\n"),
           inForm("{\n\t\"_PID\" : \"", "\",\n\t\"MESSAGE\" : \"", "\"\n}\n")})
     {
         EXPECT_THAT(explained(log), answer) << log;
@@ -171,8 +171,9 @@ TEST(LogReader, EachEndingHasItsWord)
     EXPECT_THAT(explained(comparing + "Line: 5085 [FAILURE]"),
                 ElementsAre("refused: no system is this one: "
                             "this machine is 0A1B"));
-    EXPECT_THAT(explained(comparing),
-                ElementsAre(HasSubstr("no verdict: a systemID")));
+    EXPECT_THAT(explained(comparing + "Line: 3043 [FAILURE]"),
+                ElementsAre(HasSubstr("no verdict: a systemID"),
+                            "failed: no such value"));
     EXPECT_THAT(explained("no line of ours\n"), IsEmpty());
 }
 

@@ -121,6 +121,11 @@ Splitter::Form Splitter::formOf(std::string_view line)
 
 void Splitter::take(std::string_view rawLine)
 {
+    // "-o json-seq" and "-o json-sse" have something in front of an object.
+    for (const std::string_view start : {"\x1e", "data: "})
+    {
+        rawLine.remove_prefix(rawLine.starts_with(start) ? start.size() : 0);
+    }
     const std::string line = cleaned(rawLine);
     // Later lines do not change it: they may quote a package.
     form_ = form_ == Form::UNDECIDED ? formOf(line) : form_;
@@ -252,11 +257,11 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
     }
     if (error != Z_OK || total > MAX_LOG)
     {
-        throw tools::Error(name,
-                           error != Z_OK
-                               ? "its gzip data is damaged, or ends early"
-                               : "it has more than 256 MiB: cut it, such as with "
-                                 "journalctl --since");
+        throw tools::Error(
+            name, error != Z_OK
+                      ? "its gzip data is damaged, or ends early"
+                      : "it has more than 256 MiB: cut it, such as with "
+                        "journalctl --since");
     }
 }
 

@@ -5,7 +5,6 @@
 #include <cctype>
 #include <charconv>
 #include <exception>
-#include <ranges>
 #include <system_error>
 
 namespace velmora::front
@@ -27,9 +26,11 @@ constexpr std::size_t MAX_TEXT = 512;
 constexpr std::string_view VERSION_START = "velmora ";
 constexpr std::string_view VERSION_ID = ", build-id ";
 
+constexpr std::string_view IDENTITY_CHECK = "system_identity.cpp";
+
 /** What to look at where nobody has answered a source's call. */
 constexpr std::array<std::pair<std::string_view, const char*>, 3> SERVICES{{
-    {"system_identity.cpp", "busctl status com.vorn.bmc.smad"},
+    {IDENTITY_CHECK, "busctl status com.vorn.bmc.smad"},
     {"manifest_verification.cpp",
      "busctl status xyz.openbmc_project.securityservices"},
     {"software_inventory.cpp",
@@ -184,6 +185,10 @@ const char* Operation::word() const
 
 std::string Operation::reason() const
 {
+    if (ending == Ending::PASSED)
+    {
+        return site.text;
+    }
     std::string telling;
     for (const Detail& detail : details)
     {
@@ -199,7 +204,7 @@ std::string Operation::reason() const
         }
     }
     if (const Detail* own = findDetail(*this, "thisSystem");
-        own != nullptr && isComparing(*this))
+        own != nullptr && isComparing(*this) && site.file == IDENTITY_CHECK)
     {
         telling = ": this machine is " + own->text;
     }
@@ -305,6 +310,10 @@ void LogReader::takeLine(Process& process, const Line& line)
     else
     {
         const Site& site = table_.sites.at(line.number);
+        if (isComparing(process.now) && site.file != IDENTITY_CHECK)
+        {
+            finishOpen(process);
+        }
         if (line.level == FAILURE)
         {
             takeFailure(process, line, site);
@@ -469,18 +478,25 @@ void LogReader::handOn(Process& process)
     }
 }
 
+/** An exception leaves no line of its own. */
+void LogReader::finishOpen(Process& process)
+{
+    finishRefusal(process);
+    process.now.site.text = "a systemID of the descriptor is no number of 16 "
+                            "bits, or the log ends early";
+    add(process, std::exchange(process.now, {}));
+}
+
 /** Nothing follows in this process. */
 void LogReader::finish(Process& process)
 {
     finishRefusal(process);
-    Operation last = std::exchange(process.now, {});
-    if (isComparing(last))
+    if (isComparing(process.now))
     {
-        last.site.text = "a systemID of the descriptor is no number of 16 "
-                         "bits, or the log ends early";
-        add(process, std::move(last));
+        finishOpen(process);
     }
-    else if (!last.notes.empty())
+    Operation last = std::exchange(process.now, {});
+    if (!last.notes.empty())
     {
         last.ending = Operation::Ending::NOTED;
         last.site = last.notes.back();
@@ -492,11 +508,11 @@ void LogReader::finish(Process& process)
 
 void LogReader::finishAll()
 {
-    for (Process& process : std::views::reverse(processes_))
+    while (!processes_.empty())
     {
-        finish(process);
+        finish(processes_.back());
+        processes_.pop_back();
     }
-    processes_.clear();
 }
 
 } // namespace velmora::front

@@ -122,6 +122,7 @@ class LogReader
     void doubt(Process& process, const std::string& objection);
     void finishRefusal(Process& process);
     void add(Process& process, Operation operation);
+    void finishOpen(Process& process);
     void handOn(Process& process);
     void finish(Process& process);
     void finishAll();
