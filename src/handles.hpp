@@ -74,21 +74,6 @@ class FileDescriptor
     int number_;
 };
 
-/** Does something at the end of a scope, whichever way it is left. */
-template <typename Action>
-class ScopeGuard
-{
-  public:
-    explicit ScopeGuard(Action action) : action_(std::move(action)) {}
-    ScopeGuard(const ScopeGuard&) = delete;
-    ScopeGuard& operator=(const ScopeGuard&) = delete;
-
-    ~ScopeGuard() { action_(); }
-
-  private:
-    Action action_;
-};
-
 using XmlDocument = Handle<xmlDoc, freeDocument>;
 using XmlText = Handle<xmlChar, freeXmlText>;
 using XPathContext = Handle<xmlXPathContext, xmlXPathFreeContext>;

@@ -109,8 +109,7 @@ class ImageVerification
                           "Error opening KTB signature file");
             return std::nullopt;
         }
-        const std::streamoff size = file.seekg(0, std::ios::end).tellg();
-        if (size <= SIGNATURE_FILE_MAX_SIZE)
+        if (file.seekg(0, std::ios::end).tellg() <= SIGNATURE_FILE_MAX_SIZE)
         {
             return false;
         }
@@ -193,10 +192,8 @@ class ImageVerification
         return true;
     }
 
-    /** Checks the image's last bytes as the signature of the others.
-     *
-     *  @param imageSize in bytes
-     *  @param keyReply the security service's key array */
+    /** Checks the image's last bytes as the signature of the others, with the
+     *  key array of the security service's reply. */
     static bool verifyImage(std::ifstream& image, std::uint32_t imageSize,
                             Bytes keyReply)
     {
@@ -328,8 +325,7 @@ int ValidateQOR::verifyManifestAndSignature(const std::string& imagePath,
         openRegularFile(manifestDir + "/" + MANIFEST_FILE);
     if (!manifestFile.is_open())
     {
-        PRINT_FAILURE("image-ktb is missing, no regular file, or cannot be "
-                      "opened",
+        PRINT_FAILURE("image-ktb is no regular file that can be opened",
                       "Error opening KTB file");
         return -1;
     }

@@ -42,6 +42,18 @@ enum SlotStatus
     SLOT_PUBLICKEY_FILE = 17,
 };
 
+/** Digests by their names in metadata_algo, and the line that tells which. */
+struct Algorithm
+{
+    const char* name;
+    const char* line;
+    const EVP_MD* (*digest)();
+};
+constexpr std::array<Algorithm, 3> ALGORITHMS{
+    {{"PS256", "ALGO_256", EVP_sha256},
+     {"PS384", "ALGO_384", EVP_sha384},
+     {"PS512", "ALGO_512", EVP_sha512}}};
+
 /** Text of an error code of the library, never null. */
 const char* reason(unsigned long code)
 {
@@ -54,6 +66,20 @@ class SlotVerification
 {
   public:
     static constexpr const char* OPERATION = "verify_slot_signature";
+
+    SlotVerification() = default;
+    SlotVerification(const SlotVerification&) = delete;
+    SlotVerification& operator=(const SlotVerification&) = delete;
+
+    ~SlotVerification()
+    {
+        if (certificate != nullptr)
+        {
+            // The function's name in this line must read operator().
+            printLine("INFO", "operator()", LOG_NUMBER,
+                      "Clear ctx before exiting...");
+        }
+    }
 
     static SlotStatus mapPayload(MappedFile& payload, const char* path)
     {
@@ -138,6 +164,7 @@ class SlotVerification
         return status;
     }
 
+    // Released in the reverse order.
     PublicKey key;
     Certificate certificate;
     DigestContext context;
@@ -179,20 +206,13 @@ class SlotVerification
 
     static const EVP_MD* chooseDigest()
     {
-        if (metadata_algo == "PS256")
+        for (const auto& [name, line, digest] : ALGORITHMS)
         {
-            PRINT_INFO("ALGO_256");
-            return EVP_sha256();
-        }
-        if (metadata_algo == "PS384")
-        {
-            PRINT_INFO("ALGO_384");
-            return EVP_sha384();
-        }
-        if (metadata_algo == "PS512")
-        {
-            PRINT_INFO("ALGO_512");
-            return EVP_sha512();
+            if (metadata_algo == name)
+            {
+                PRINT_INFO("%s", line);
+                return digest();
+            }
         }
         PRINT_INFO("Default-ALGO_256");
         return EVP_sha256();
@@ -286,21 +306,8 @@ int ValidateQOR::verify_slot_signature(const std::string& chain,
     SlotStatus status = SLOT_VERIFIED;
     bool verified = false;
     {
+        // Ends after the payload has been released, on every way out.
         SlotVerification verification;
-        // Runs after the payload has been released, on every way out.
-        const ScopeGuard clear(
-            [&verification]
-            {
-                if (verification.certificate != nullptr)
-                {
-                    // The function's name in this line must read operator().
-                    // NOLINTNEXTLINE(bugprone-lambda-function-name)
-                    PRINT_INFO("Clear ctx before exiting...");
-                    verification.context.reset();
-                    verification.certificate.reset();
-                    verification.key.reset();
-                }
-            });
         MappedFile payload(payloadPath);
         status = SlotVerification::mapPayload(payload, payloadPath);
         if (status != SLOT_VERIFIED)
