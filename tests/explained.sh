@@ -1,9 +1,19 @@
 #!/usr/bin/env bash
 # The library's tests, and whether every failure that they made it log is among
-# the causes that it carries. Arguments: velmora, the tests. They put operations
-# of their own in the library's place, so the log must name the build.
+# the causes that it carries. Arguments: velmora, the tests, the library. The
+# tests put operations of their own in its place, so the log must name the build.
 set -euo pipefail
 log=$(mktemp)
+# A number stands for one statement, and each source has a block of its own.
+objcopy --dump-section .velmora.causes="$log" "$3" /dev/null
+tr '\0' '\n' <"$log" | awk '
+    $1 !~ /\.cpp$/ { next }
+    seen[$2 + $3]++ || $3 > 999 || (block[$1] && block[$1] != $2) ||
+        (file[$2] && file[$2] != $1) { print "not alone: " $0; bad = 1 }
+    $4 !~ /^(cause|note|success|answer|(echo|pardon):[a-z_]+)$/ { print; bad = 1 }
+    { block[$1] = $2; file[$2] = $1; ++count }
+    END { exit bad || count < 80 }'
+: >"$log"
 export VELMORA_TEST_LOG=$log
 "$2"
 sed -i "1i $("$1" --version)" "$log"

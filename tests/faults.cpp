@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -243,27 +242,6 @@ extern "C" int note_verify_chain(const char* chain, const char* root,
     static auto* real = next<decltype(note_verify_chain)>("verify_chain_OBMC");
     velmora::test::chainQuestion = {length, time};
     return real(chain, root, length, time);
-}
-
-extern "C" int fault_execl(const char* path, const char* first,
-                           ...) __asm__("execl");
-extern "C" int fault_execl(const char* path, const char* first, ...)
-{
-    if (failNow("execl", __builtin_return_address(0)))
-    {
-        return failed(ENOENT);
-    }
-    // This is the child: what is counted is the parent's.
-    countdown = 0;
-    std::vector<char*> arguments{const_cast<char*>(first)};
-    std::va_list rest;
-    va_start(rest, first);
-    while (arguments.back() != nullptr)
-    {
-        arguments.push_back(va_arg(rest, char*));
-    }
-    va_end(rest);
-    return execv(path, arguments.data());
 }
 
 // Memory fails for whatever the library calls, its own code or not.

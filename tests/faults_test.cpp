@@ -119,19 +119,13 @@ class Faults : public SignedPayload
         log = logOf(
             [&]
             {
-                const bool fired = withFault(
+                EXPECT_TRUE(withFault(
                     function, nth, [&] { result = operation(arguments...); },
-                    meanwhile);
-                // It is called in the child, so this process does not see it.
-                EXPECT_EQ(fired, function != "execl") << function;
+                    meanwhile))
+                    << function;
             });
         meanwhile = nullptr;
         return result;
-    }
-
-    bool extract(const std::string& function, int nth)
-    {
-        return faulted(function, nth, [this] { return unZip(); });
     }
 
     std::function<void()> meanwhile;
@@ -196,9 +190,7 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
                        goodSignature(), path.data());
     };
     const std::string slot = "verify_slot_signature: ";
-    const std::string file = slot + "File[" + path + "]";
-    const std::string certificate = "getX509Cert: ";
-    const std::string key = "createPublicKeyFile: ";
+    const std::string file = "File[" + path + "]";
     struct Row
     {
         const char* function;
@@ -206,48 +198,40 @@ TEST_F(Faults, SlotStatusesOfSystemCalls)
         std::string text;
         int nth = 1;
     };
-    for (const auto& [function, status, text, nth] : std::initializer_list<Row>{
-             {"open64", 2,
-              file + "could not be opened,strerr[Permission denied]"},
-             {"fstat64", 3,
-              file + "could not be stat'ed,strerr[Input/output error]"},
-             {"mmap64", 5, file + "mmap failed,strerr[Cannot allocate memory]"},
-             {"BIO_new", 7, certificate + "Create a memory BIO failed"},
-             {"BIO_write", 7,
-              certificate + "Writing from buffer to BIO failed"},
-             {"PEM_read_bio_X509", 7,
-              certificate + "Read the PEM formatted certificate from memory "
-                            "into an X509 is failed"},
-             {"fopen64", 7, certificate + "Error creating certchain file"},
-             {"fwrite", 7, certificate + "Error writing certchain to file"},
-             {"fflush", 7, certificate + "Error writing certchain to file"},
-             {"X509_get_pubkey", 8, slot + "Error retrieving Cert public key"},
-             {"EVP_PKEY_get_size", 10,
-              slot + "RSA Key length[0]is not match with SLOT_SIGNATURE_SIZE"},
-             {"EVP_DigestVerifyInit", 11,
-              slot + "EVP_DigestVerifyInit failed,err[0]errmsg[]"},
-             {"EVP_PKEY_CTX_set_rsa_padding", 11,
-              slot + "Setting RSA padding mode failed"},
-             {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 11,
-              slot + "Setting RSA PSS salt length failed"},
-             {"EVP_DigestVerifyUpdate", 13,
-              slot + "EVP_DigestVerifyUpdate failed,err[0]errmsg[]"},
-             {"EVP_DigestVerifyFinal", 13,
-              slot + "EVP_DigestVerifyFinal failed,err[0]errmsg[]"},
-             {"EVP_MD_CTX_new", 16, slot + "EVP_MD_CTX_create is failed"},
-             {"fopen64", 17, key + "Error opening publickey file", 2},
-             {"BIO_new_fp", 17,
-              key + "Error creating a filestream for public key"},
-             {"PEM_write_bio_PUBKEY", 17,
-              key + "Error writing publickey file in PEM format"},
-             {"munmap", 14, slot + "munmap failed,strerr[Invalid argument]"},
-             {"close", 15,
-              slot + "File " + path +
-                  " close error,strerr[Input/output error]"}})
+    // clang-format off
+    const std::initializer_list<Row> rows{
+        {"open64", 2, file + "could not be opened,strerr[Permission denied]"},
+        {"fstat64", 3, file + "could not be stat'ed,strerr[Input/output error]"},
+        {"mmap64", 5, file + "mmap failed,strerr[Cannot allocate memory]"},
+        {"BIO_new", 7, "Create a memory BIO failed"},
+        {"BIO_write", 7, "Writing from buffer to BIO failed"},
+        {"PEM_read_bio_X509", 7, "Read the PEM formatted certificate from memory into an X509 is failed"},
+        {"fopen64", 7, "Error creating certchain file"},
+        {"fwrite", 7, "Error writing certchain to file"},
+        {"fflush", 7, "Error writing certchain to file"},
+        {"X509_get_pubkey", 8, "Error retrieving Cert public key"},
+        {"EVP_PKEY_get_size", 10, "RSA Key length[0]is not match with SLOT_SIGNATURE_SIZE"},
+        {"EVP_DigestVerifyInit", 11, "EVP_DigestVerifyInit failed,err[0]errmsg[]"},
+        {"EVP_PKEY_CTX_set_rsa_padding", 11, "Setting RSA padding mode failed"},
+        {"EVP_PKEY_CTX_set_rsa_pss_saltlen", 11, "Setting RSA PSS salt length failed"},
+        {"EVP_DigestVerifyUpdate", 13, "EVP_DigestVerifyUpdate failed,err[0]errmsg[]"},
+        {"EVP_DigestVerifyFinal", 13, "EVP_DigestVerifyFinal failed,err[0]errmsg[]"},
+        {"EVP_MD_CTX_new", 16, "EVP_MD_CTX_create is failed"},
+        {"fopen64", 17, "Error opening publickey file", 2},
+        {"BIO_new_fp", 17, "Error creating a filestream for public key"},
+        {"PEM_write_bio_PUBKEY", 17, "Error writing publickey file in PEM format"},
+        {"munmap", 14, "munmap failed,strerr[Invalid argument]"},
+        {"close", 15, "File " + path + " close error,strerr[Input/output error]"}};
+    // clang-format on
+    for (const auto& [function, status, text, nth] : rows)
     {
         EXPECT_EQ(statusWith(function, nth, goodChain()), status) << function;
+        const std::string logger = status == 17  ? "createPublicKeyFile: "
+                                   : status == 7 ? "getX509Cert: "
+                                                 : slot;
         // After it come what passes it on, the clean-up and the final result.
-        const auto line = std::find(log.begin(), log.end(), "FAILURE " + text);
+        const auto line =
+            std::find(log.begin(), log.end(), "FAILURE " + logger + text);
         EXPECT_NE(line, log.end()) << text;
         EXPECT_LE(log.end() - line, 3) << text;
         EXPECT_EQ(log.back().starts_with("SUCCESS "),
@@ -273,6 +257,11 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
         EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
     }
     EXPECT_EQ(faulted("statx", 1, calculateFileSHA, scratch / "d/f"), ZEROS);
+    // A file that cannot be opened is left out.
+    EXPECT_EQ(
+        faulted("open64", 1, ValidateQOR::getSHAStrFromImage, scratch / "d"),
+        "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("final sha: ")));
     EXPECT_EQ(faulted("EVP_DigestUpdate", 2, calculateFileSHA, scratch / "f"),
               ZEROS);
     for (const char* function : {"EVP_MD_CTX_new", "EVP_DigestInit_ex",
@@ -289,45 +278,72 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
     }
 }
 
+TEST_F(Faults, WhatAnImageLacksIsNamed)
+{
+    Lines all;
+    for (const char* function :
+         {"EVP_MD_CTX_new", "EVP_DigestVerifyUpdate", "operator new"})
+    {
+        bool fired = true;
+        for (int nth = 1; fired; ++nth)
+        {
+            log = logOf(
+                [&]
+                {
+                    fired = withFault(
+                        function, nth,
+                        [this]
+                        {
+                            ValidateQOR::verifyManifestAndSignature(
+                                scratch / "image", scratch / "manifest");
+                        });
+                });
+            all.insert(all.end(), log.begin(), log.end());
+        }
+    }
+    const std::string operation = "FAILURE verifyManifestAndSignature: ";
+    EXPECT_THAT(
+        all,
+        testing::IsSupersetOf(
+            {operation + "Failed to create signature verifying context",
+             operation + "Failed in EVP_DigestVerifyUpdate()",
+             operation + "Failed to allocate buffer for signature verification",
+             std::string("FAILURE extractManifest: Failed to allocate memory "
+                         "for maifest")}));
+}
+
 TEST_F(Faults, ChildrenThatDoNotExtract)
 {
-    for (const int nth : {1, 2})
-    {
-        EXPECT_FALSE(extract("fork", nth));
-        EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -2", "FAILURE"));
-    }
-    // What this process has buffered must not come out of the child.
-    const auto unstarted = [this]
-    {
-        std::fputs("buffered", stdout);
-        EXPECT_FALSE(extract("execl", 1));
-        std::fflush(stdout);
-    };
-    std::fflush(stdout);
-    EXPECT_THAT(logOf(unstarted, STDOUT_FILENO), ElementsAre("buffered"));
-    EXPECT_THAT(log,
-                ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
-    // Only the second child may open no file.
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
-    meanwhile = [before]
-    {
-        const rlimit none{0, before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &none);
-    };
-    const auto extractAndRestore = [this, before]
+    const auto extract = [this, before]
     {
         const bool done = unZip();
         setrlimit(RLIMIT_NOFILE, &before);
         return done;
     };
-    EXPECT_FALSE(faulted("waitpid", 1, extractAndRestore));
-    EXPECT_THAT(log,
-                ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
-    // Only an exit code fails an extraction.
-    meanwhile = [] { raise(SIGKILL); };
-    EXPECT_TRUE(extract("execl", 1));
-    EXPECT_THAT(log, ElementsAre("SUCCESS"));
+    for (const int nth : {1, 2})
+    {
+        EXPECT_FALSE(faulted("fork", nth, extract));
+        EXPECT_THAT(log, ElementsAre("INFO pidUnzip: -2", "FAILURE"));
+        // A child that may open no file. What this process has buffered must
+        // not come out of it.
+        meanwhile = [before]
+        {
+            const rlimit none{0, before.rlim_max};
+            setrlimit(RLIMIT_NOFILE, &none);
+        };
+        std::fflush(stdout);
+        const auto unstarted = [&]
+        {
+            std::fputs("buffered", stdout);
+            EXPECT_FALSE(faulted("fork", nth, extract));
+            std::fflush(stdout);
+        };
+        EXPECT_THAT(logOf(unstarted, STDOUT_FILENO), ElementsAre("buffered"));
+        EXPECT_THAT(log,
+                    ElementsAre("FAILURE", "INFO pidStatus: 32512", "FAILURE"));
+    }
 }
 
 TEST_F(Faults, ResultsWithoutContentAreRefused)
@@ -369,27 +385,32 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
 
 TEST_F(Faults, FilesThatShrinkMeanwhileAreRefused)
 {
-    const auto cutAt = [&](std::uintmax_t size, int nthRead)
-    {
-        writeFile(path, good());
-        meanwhile = [=, this] { fs::resize_file(path, size); };
-        EXPECT_FALSE(faulted("read", nthRead,
-                             ValidateQOR::validateCertChainForPayload, path));
-        return log;
-    };
     const std::string info = "INFO validateCertChainForPayload: ";
     const auto offset = [](std::size_t field)
     { return std::to_string(slot() + field); };
     Lines lines{info + "Payload length is " + offset(TRAILER),
                 info + "Certificate Chain offset " + offset(0),
-                "FAILURE validateCertChainForPayload: Only 1000 bytes read",
+                info + "Metadata offset " + offset(CHAIN),
+                info + "Signature offset " + offset(CHAIN + METADATA),
                 "FAILURE"};
-    EXPECT_EQ(cutAt(slot() + 1000, 1), lines);
-    lines[2] = info + "Metadata offset " + offset(CHAIN);
-    EXPECT_EQ(cutAt(slot() + CHAIN + METADATA - 1, 2), lines);
-    lines.insert(lines.begin() + 3,
-                 info + "Signature offset " + offset(CHAIN + METADATA));
-    EXPECT_EQ(cutAt(slot() + CHAIN + METADATA + SIGNATURE - 1, 2), lines);
+    for (const auto& [nthRead, size] :
+         {std::pair{2, CHAIN + METADATA + SIGNATURE - 1},
+          {2, CHAIN + METADATA - 1},
+          {1, std::size_t(1000)}})
+    {
+        writeFile(path, good());
+        meanwhile = [=, this] { fs::resize_file(path, slot() + size); };
+        EXPECT_FALSE(faulted("read", nthRead,
+                             ValidateQOR::validateCertChainForPayload, path));
+        EXPECT_EQ(log, lines);
+        lines.erase(lines.end() - 2);
+        if (lines.size() == 3)
+        {
+            lines[2] = "FAILURE validateCertChainForPayload: Only 1000 bytes "
+                       "read";
+            lines.emplace_back("FAILURE");
+        }
+    }
 
     const std::string image = scratch / "image";
     meanwhile = [&] { fs::resize_file(image, fs::file_size(image) - 1); };

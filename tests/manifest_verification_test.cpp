@@ -48,8 +48,6 @@ class Manifest : public LoggedTest
                       manifest);
     }
 
-    std::string found() const { return {manifest.begin(), manifest.end()}; }
-
     manifestHeader header{};
     std::vector<std::uint8_t> manifest;
 };
@@ -58,7 +56,7 @@ TEST_F(Manifest, FirstOneInTheFileIsCopied)
 {
     const std::string one = manifestOf(record(3, 0, "data"), 1);
     EXPECT_TRUE(extract("prefix $KT" + one + manifestOf("", 0) + "tail"));
-    EXPECT_EQ(found(), one);
+    EXPECT_EQ(std::string(manifest.begin(), manifest.end()), one);
     EXPECT_EQ(header.recordOffset, 16U);
     EXPECT_EQ(header.recordCount, 1U);
     EXPECT_EQ(header.length, one.size());
@@ -77,9 +75,9 @@ TEST_F(Manifest, WhatIsNotWholeIsRefusedAndLeavesTheOutput)
     manifest = {1, 2, 3};
     const std::string start = "$KTB" + le(16, 4) + le(1, 4);
     for (const std::string& content :
-         {std::string(), std::string("no magic"), std::string("$KTB"),
-          start + le(15, 3), start + le(0, 4) + "xx", start + le(15, 4) + "xx",
-          start + le(17, 4), start + le(0xFFFFFF, 4) + std::string(84, 'x')})
+         {std::string("no magic"), std::string("$KTB"), start + le(15, 3),
+          start + le(0, 4) + "xx", start + le(15, 4) + "xx", start + le(17, 4),
+          start + le(0xFFFFFF, 4) + std::string(84, 'x')})
     {
         EXPECT_FALSE(extract(content));
         EXPECT_THAT(log, ElementsAre());
@@ -189,21 +187,11 @@ TEST_F(Image, SpoiltOnesAreRefused)
         EXPECT_EQ(verify(), -1);
         EXPECT_THAT(log, bad);
     }
-    for (const char fill : {'\0', '\xFF'})
-    {
-        writeFile(image, "content" + std::string(96, fill));
-        EXPECT_EQ(verify(), -1);
-        EXPECT_THAT(log, bad);
-    }
-    for (const std::size_t size : {0, 95})
-    {
-        writeFile(image, std::string(size, 'x'));
-        expectRefusal("Failed in reading ZRN image data");
-    }
-}
-
-TEST_F(Image, PastFourGibibytesIsRefused)
-{
+    writeFile(image, "content" + std::string(96, '\0'));
+    EXPECT_EQ(verify(), -1);
+    EXPECT_THAT(log, bad);
+    writeFile(image, std::string(95, 'x'));
+    expectRefusal("Failed in reading ZRN image data");
     // 200 bytes more than 32 bits can count: the first 200 would be verified.
     fs::resize_file(image, (std::uint64_t(1) << 32) + 200);
     expectRefusal("Payload size error");
@@ -277,14 +265,12 @@ TEST_F(Image, TheServiceDecides)
     key = busKey("-pubout -in " + other);
     expectRefusal("Failed in EVP_DigestVerifyInit()");
 
-    const auto noAnswer =
-        ElementsAre("INFO msg: N9sdbusplus9exception10SdBusErrorE",
-                    failure("vornFwManifestVerification() invoke"));
-    EXPECT_EQ(verifyWithoutService(), -1);
-    EXPECT_THAT(log, noAnswer);
+    // An empty answer cannot be read.
     const Service silent(SECURITY, [](auto*, auto*) { return 0; });
     EXPECT_EQ(verifyWithoutService(), -1);
-    EXPECT_THAT(log, noAnswer);
+    EXPECT_THAT(log,
+                ElementsAre("INFO msg: N9sdbusplus9exception10SdBusErrorE",
+                            failure("vornFwManifestVerification() invoke")));
 }
 
 TEST_F(Image, ReleaseMarkerIsWrittenForOneAndTwo)

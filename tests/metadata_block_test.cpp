@@ -79,26 +79,18 @@ TEST_F(Metadata, StatusesInTheirOrder)
 
 TEST_F(Metadata, TimestampsKeepTheirLowBits)
 {
-    const std::string nines(20, '9');
-    for (const auto& [text, status, shown] :
-         {std::tuple<std::string, int, std::string>{"17xyz", 0, "17"},
-          {"010", 0, "10"},
-          {"xyz", 0, "0"},
-          {nines, 0, "-1"},
-          {"-" + nines, 12, ""},
-          {"4294967296", 0, "0"},
-          {"4294967295", 0, "-1"}})
+    for (const auto& [text, status, line] :
+         {std::tuple{"17xyz", 0, info("timestamp =17")},
+          {"010", 0, info("timestamp =10")},
+          {"xyz", 0, info("timestamp =0")},
+          {"99999999999999999999", 0, info("timestamp =-1")},
+          {"-99999999999999999999", 12, failure + "strtoll returned error[34]"},
+          {"4294967296", 0, info("timestamp =0")},
+          {"4294967295", 0, info("timestamp =-1")}})
     {
         EXPECT_EQ(extract(version + algorithm + field("sts", text)), status)
             << text;
-        if (status == 0)
-        {
-            EXPECT_THAT(log, Contains(info("timestamp =" + shown)));
-        }
-        else
-        {
-            EXPECT_EQ(log.back(), failure + "strtoll returned error[34]");
-        }
+        EXPECT_THAT(log, Contains(line));
     }
 }
 

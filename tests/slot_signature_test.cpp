@@ -96,9 +96,8 @@ TEST_F(Slot, KeysOfAnotherKindAreRefused)
 
 TEST_F(Slot, OtherPaddingsAreRefused)
 {
-    const std::string range = good().substr(0, slot() + CHAIN + 512);
     writeFile(path, good());
-    writeFile(scratch / "range", range);
+    writeFile(scratch / "range", good().substr(0, slot() + CHAIN + METADATA));
     for (const std::string options :
          {"-sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1", "",
           "-sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32"})

@@ -42,16 +42,6 @@ class Inventory : public LoggedTest
     }
 };
 
-TEST_F(Inventory, KnownComponentsCauseNoTraffic)
-{
-    const Service service(INVENTORY, answer(""));
-    EXPECT_EQ(purposeOf("113440"), Purpose::BMC);
-    EXPECT_THAT(log, ElementsAre("SUCCESS", "INFO compID: 113440"));
-    EXPECT_EQ(purposeOf("113033"), Purpose::TORLU);
-    EXPECT_THAT(log, ElementsAre("SUCCESS", "INFO compID: 113033"));
-    EXPECT_THAT(service.calls, ElementsAre());
-}
-
 TEST_F(Inventory, OtherComponentsAreAsked)
 {
     const std::string prefix =
@@ -59,9 +49,13 @@ TEST_F(Inventory, OtherComponentsAreAsked)
     {
         const std::string known = prefix + "LEAKMCU";
         const Service service(INVENTORY, answer("s", known.c_str()));
+        // Two are known and cause no traffic.
+        EXPECT_EQ(purposeOf("113440"), Purpose::BMC);
+        EXPECT_THAT(log, ElementsAre("SUCCESS", "INFO compID: 113440"));
+        EXPECT_EQ(purposeOf("113033"), Purpose::TORLU);
+        EXPECT_THAT(log, ElementsAre("SUCCESS", "INFO compID: 113033"));
         EXPECT_EQ(purposeOf("1134400"), Purpose::LEAKMCU);
         EXPECT_EQ(purposeOf(" 113440"), Purpose::LEAKMCU);
-        EXPECT_EQ(static_cast<int>(Purpose::LEAKMCU), 14);
         logOf([&] { ValidateQOR::getImagePurpose("/nonexistent"); });
         EXPECT_THAT(service.calls,
                     ElementsAre(MANAGER_CALL + "getVersionPurpose", "1134400",
@@ -74,17 +68,13 @@ TEST_F(Inventory, OtherComponentsAreAsked)
         const Service service(INVENTORY, answer("s", text.c_str()));
         EXPECT_THROW(purposeOf("1"), InvalidEnumString) << text;
     }
-    {
-        const Service service(INVENTORY, answer("u", 3));
-        EXPECT_EQ(purposeOf("1"), Purpose::Unknown);
-        EXPECT_THAT(
-            log, ElementsAre("SUCCESS",
-                             StartsWith("INFO e.what(): "
-                                        "sd_bus_message_read_basic string: "),
-                             "FAILURE"));
-    }
+    const Service service(INVENTORY, answer("u", 3));
     EXPECT_EQ(purposeOf("1"), Purpose::Unknown);
-    EXPECT_EQ(log.size(), 3U);
+    EXPECT_THAT(log,
+                ElementsAre("SUCCESS",
+                            StartsWith("INFO e.what(): "
+                                       "sd_bus_message_read_basic string: "),
+                            "FAILURE"));
 }
 
 TEST_F(Inventory, ArgumentsArriveInOrder)
@@ -159,35 +149,21 @@ TEST_F(Inventory, FailedCallsAreLogged)
     EXPECT_THAT(log, busFailure(NO_SERVICE));
     EXPECT_EQ(logged(ValidateQOR::deRegisterSWInv, BMC_PATH), 0);
     EXPECT_THAT(log, busFailure(NO_SERVICE));
+    EXPECT_EQ(purposeOf("1"), Purpose::Unknown);
+    EXPECT_EQ(log.size(), 3U);
     const Service service(INVENTORY, [](auto*, auto*) { return -EEXIST; });
     EXPECT_EQ(registerBmc(BMC_PATH), 0);
     EXPECT_THAT(log, busFailure("com.example.Refused: errno 17"));
 }
 
-TEST_F(Inventory, AServiceThatDoesNotAnswer)
-{
-    setenv("SYSTEMD_BUS_TIMEOUT", "200ms", 1);
-    const Service service(INVENTORY,
-                          [](auto*, auto*) { return Service::NO_REPLY; });
-    EXPECT_EQ(registerBmc(BMC_PATH), 0);
-    unsetenv("SYSTEMD_BUS_TIMEOUT");
-    EXPECT_THAT(log, busFailure(""));
-}
-
 TEST_F(Inventory, NoBusAtAll)
 {
-    const char* set = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    ASSERT_NE(set, nullptr);
-    const std::string address = set;
+    const std::string address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    EXPECT_THAT(
-        [&] { registerBmc(BMC_PATH); },
-        testing::Throws<SdBusError>(testing::AllOf(
-            testing::Property(&SdBusError::what,
-                              testing::StrEq("sd_bus_message_new_method_call: "
-                                             "System.Error.ENOTCONN: Transport "
-                                             "endpoint is not connected")),
-            testing::Property(&SdBusError::get_errno, ENOTCONN))));
+    EXPECT_THAT([&] { registerBmc(BMC_PATH); },
+                testing::ThrowsMessage<SdBusError>(
+                    "sd_bus_message_new_method_call: System.Error.ENOTCONN: "
+                    "Transport endpoint is not connected"));
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
@@ -204,14 +180,15 @@ TEST_F(Inventory, AConnectionThatTheDaemonHoldsStaysUsable)
 TEST(PurposeTable, IsComplete)
 {
     using namespace sdbusplus::common::xyz::openbmc_project::software;
-    for (std::size_t i = 0; i < 15; ++i)
+    int next = 0;
+    for (const auto& [value, text] : details::mappingVersionVersionPurpose)
     {
-        const auto& [value, text] = details::mappingVersionVersionPurpose[i];
-        EXPECT_EQ(static_cast<std::size_t>(value), i);
+        EXPECT_EQ(static_cast<int>(value), next++);
         EXPECT_THAT(std::string(text),
                     StartsWith("xyz.openbmc_project.Software.Version."
                                "VersionPurpose."));
     }
+    EXPECT_EQ(next, 15);
 }
 
 } // namespace

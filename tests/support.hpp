@@ -124,6 +124,25 @@ class SignedPayload : public LoggedTest
 
     static std::string goodChain() { return good().substr(slot(), CHAIN); }
 
+    /** A good one with other bytes at an offset of its slot 1. */
+    static std::string patched(std::size_t offset, const std::string& bytes)
+    {
+        return std::string(good()).replace(slot() + offset, bytes.size(),
+                                           bytes);
+    }
+
+    static std::string withChain(std::string chain)
+    {
+        chain.resize(CHAIN);
+        return patched(0, chain);
+    }
+
+    static std::string withMetadata(std::string block)
+    {
+        block.resize(METADATA);
+        return patched(CHAIN, block);
+    }
+
     static std::string goodSignature()
     {
         return good().substr(slot() + CHAIN + METADATA, SIGNATURE);
