@@ -41,7 +41,6 @@ expect 0 '^remarks: none$' "$pack" inspect sig
 expect 0 . "$pack" package --model 113440 --version 1.2 --payload files \
     --gpg-home "$keys/gnupg" --signature sig -o elsewhere.zip
 expect 0 '^accepted: signed by' "$velmora" validate elsewhere.zip
-expect 0 '"componentID"|componentID|113440' "$pack" inspect p.zip
 
 mkdir -p nested/sub
 echo x >nested/a
@@ -51,24 +50,15 @@ echo x >$'foreign/\xc3\xa4'
 fails foreign "${package[@]}" --payload foreign -o x.zip
 touch 'back\slash'
 fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.zip
-fails none "${package[@]}" --payload none -o x.zip
 touch void
 fails 'void: is empty' "${package[@]}" --payload void -o x.zip
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
     -o x.zip
-expect 2 'system-id' "$pack" "${package[@]}" --payload files --system-id wrong \
-    -o x.zip
 
 # What would surprise, or the machine would refuse.
-touch files/.DS_Store
-expect 0 'warning: files/.DS_Store: looks like' "$pack" "${package[@]}" \
-    --payload files -o left.zip
-rm files/.DS_Store
-fails 'left.zip: exists; --force' "${package[@]}" --payload files -o left.zip
+fails '1.zip: exists; --force' "${package[@]}" --payload files -o 1.zip
 fails "files/x: lies in the payload's" "${package[@]}" --payload files -o files/x
-expect 2 'there is no command packge; the nearest is package' "$pack" packge
-expect 2 'there is no option --bogus' "$pack" --bogus
 expect 2 'larger than FFFF: 12345' "$pack" "${package[@]}" --payload files \
     -o none.zip --system-id 12345
 mkdir -m 700 stranger
@@ -109,7 +99,6 @@ expect 0 '^accepted$' "$velmora" verify-image image manifest
 openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
 "$pack" image content --signature der \
     --public-key "$keys/image-signer.pub.pem" -o image2
-expect 0 'r' "$pack" inspect --as image image2
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
 fails 'two files; name a directory' manifest -o -
 fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.pem" -o nodir/x
@@ -139,7 +128,6 @@ done
 "$pack" payload p.zip --chain "$keys/chain.pem" \
     --key "$keys/payload-signer.pem" --alg PS256 --timestamp 1000000000 -o zip
 expect 0 '^kind: signed payload' "$pack" inspect zip
-expect 0 '^kind: package' "$pack" inspect p.zip
 expect 1 'is not a binary OpenPGP signature' "$pack" inspect --as signature p.zip
 expect 0 '^kind: detached OpenPGP signature' "$pack" inspect sig
 cat "$keys/chain.pem" "$keys/foreign-root.pem" >long
@@ -178,13 +166,11 @@ with zipfile.ZipFile(sys.argv[1], "a") as package:
 PY
 expect 0 'payload.*x has a backslash' "$pack" inspect twice.zip
 expect 0 'payload/e.u0301"' "$pack" inspect --json twice.zip
-expect 0 'package.xml is there more than once' "$pack" inspect twice.zip
 "$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 --to-be-signed range
 openssl dgst -sha512 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1 \
     -sign "$keys/payload-signer.pem" -out pss range
 expect 0 . "$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 \
     --signature pss -o signed2
-expect 0 '"sts"|1800000000' "$pack" inspect --json signed2
 for file in files/a content /dev/null "$keys" none; do
     expect '1' '^velmora-pack: ' "$pack" inspect "$file"
 done
@@ -197,12 +183,11 @@ python3 - <<'PY'
 import zipfile
 with zipfile.ZipFile("p.zip") as package:
     good = {name: package.read(name) for name in package.namelist()}
-def make(name, changes, method=zipfile.ZIP_STORED):
-    with zipfile.ZipFile(name, "w", method) as package:
+def make(name, changes):
+    with zipfile.ZipFile(name, "w") as package:
         for member, content in (good | changes).items():
             package.writestr(member, content)
 make("utf8.zip", {"payload/\u00e4": b"x", "payload/Z": b"y"})
-make("lzma.zip", {}, zipfile.ZIP_LZMA)
 make("evil.zip", {"install.sh": b"x"})
 with zipfile.ZipFile("evil.zip", "a") as package:
     package.start_dir = package.fp.seek(0, 2)
@@ -240,7 +225,6 @@ expect 0 '^    createdDate: 20..-' "$pack" inspect sig
 unzip -q utf8.zip -d utf8
 expect 0 "^payloadDigest: $("$velmora" digest utf8/payload)\$" "$pack" inspect utf8.zip
 remarks utf8.zip "digest is not the one"
-remarks lzma.zip 'payload/a is compressed with LZMA'
 remarks deflate64.zip 'package.xml is compressed with Deflate64'
 expect 0 '^remarks: none$' "$pack" inspect evil.zip
 (cd utf8 && rm payload/* && cp ../files/* payload && zip -qr -fz ../zip64.zip .)
@@ -264,7 +248,6 @@ remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
-expect 1 '^velmora-pack: none: ' "$pack" inspect p.zip none
 expect 1 '^crc.zip: package, 1 remark$' "$pack" inspect --strict p.zip crc.zip
 expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
 files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))

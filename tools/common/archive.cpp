@@ -22,14 +22,23 @@ namespace tools
 namespace
 {
 
-// Records of a ZIP: PKWARE's APPNOTE.TXT, 4.3.7 and 4.3.16.
+// Records of a ZIP: PKWARE's APPNOTE.TXT, 4.3.7 and 4.3.14 to 4.3.16.
 constexpr std::string_view LOCAL_MAGIC = "PK\3\4";
 constexpr std::string_view END_MAGIC = "PK\5\6";
 constexpr std::size_t END_SIZE = 22;
 constexpr std::size_t END_COUNT = 10;
+constexpr std::size_t END_DIRECTORY_SIZE = 12;
 constexpr std::size_t END_COMMENT_LENGTH = 20;
-/** In front of the last end record may stand a locator of 20 bytes. */
-constexpr std::uint64_t TAIL_SIZE = END_SIZE + 65535 + 20;
+constexpr std::string_view LOCATOR_MAGIC = "PK\6\7";
+constexpr std::size_t LOCATOR_SIZE = 20;
+constexpr std::uint64_t MARKS_ZIP64 = 0xFFFFFFFF;
+constexpr std::size_t LOCATOR_OFFSET = 8;
+constexpr std::size_t END64_SIZE = 56;
+constexpr std::size_t END64_DIRECTORY_SIZE = 40;
+/** Where the end record is looked for, with a locator in front of it. */
+constexpr std::uint64_t TAIL_SIZE = END_SIZE + 65535 + LOCATOR_SIZE;
+/** libzip keeps it in memory. */
+constexpr std::uint64_t LARGEST_DIRECTORY = 8U << 20;
 constexpr std::size_t PIECE_SIZE = 64U << 10;
 constexpr std::uint32_t DOS_DIRECTORY = 0x10;
 
@@ -40,10 +49,15 @@ constexpr double PROGRESS_STEP = 0.001;
 
 using MemberFile = Handle<zip_file_t, zip_fclose>;
 
-std::size_t loadShort(std::string_view bytes, std::size_t offset)
+/** A little-endian number. */
+std::uint64_t load(std::string_view bytes, std::size_t offset, std::size_t size)
 {
-    return static_cast<unsigned char>(bytes[offset]) |
-           static_cast<unsigned char>(bytes[offset + 1]) << 8U;
+    std::uint64_t value = 0;
+    for (std::size_t i = size; i > 0; --i)
+    {
+        value = value << 8 | static_cast<unsigned char>(bytes[offset + i - 1]);
+    }
+    return value;
 }
 
 fs::file_type typeOf(const std::string& name, std::uint32_t attributes)
@@ -92,40 +106,27 @@ struct Archive::Input
     zip_error_t error{};
 
     /** @return how many bytes there were, or -1 with errno */
-    std::int64_t readAt(std::uint64_t offset, std::span<char> into) const
+    ssize_t readAt(std::uint64_t offset, std::span<char> into) const
     {
-        std::size_t done = 0;
-        while (done < into.size())
-        {
-            const ssize_t count =
-                pread(file.get(), &into[done], into.size() - done,
-                      static_cast<off_t>(offset + done));
-            if (count == 0 || (count < 0 && errno != EINTR))
-            {
-                return count < 0 ? -1 : static_cast<std::int64_t>(done);
-            }
-            done += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-        }
-        return static_cast<std::int64_t>(done);
+        return pread(file.get(), into.data(), into.size(),
+                     static_cast<off_t>(offset));
     }
 
     zip_int64_t readNext(std::span<char> into)
     {
-        const std::int64_t count = readAt(position, into);
+        const ssize_t count = readAt(position, into);
         if (count < 0)
         {
             zip_error_set(&error, ZIP_ER_READ, errno);
             return -1;
         }
-        for (const std::uint64_t place : hidden)
+        const std::uint64_t end = position + static_cast<std::uint64_t>(count);
+        for (auto place = std::ranges::lower_bound(hidden, position);
+             place != hidden.end() && *place < end; ++place)
         {
-            if (place >= position &&
-                place - position < static_cast<std::uint64_t>(count))
-            {
-                into[static_cast<std::size_t>(place - position)] = 0;
-            }
+            into[static_cast<std::size_t>(*place - position)] = 0;
         }
-        position += static_cast<std::uint64_t>(count);
+        position = end;
         return count;
     }
 
@@ -201,6 +202,23 @@ Archive::Archive(FileDescriptor file, std::string name) :
 
 Archive::~Archive() = default;
 
+/** As the end record says, or that of a ZIP64 if it says more. */
+std::uint64_t Archive::directorySize(std::string_view tail,
+                                     std::size_t last) const
+{
+    const std::uint64_t size = load(tail, last + END_DIRECTORY_SIZE, 4);
+    const std::string_view locator =
+        tail.substr(last - std::min(last, LOCATOR_SIZE));
+    std::string record(END64_SIZE, '\0');
+    if (!locator.starts_with(LOCATOR_MAGIC) ||
+        input_->readAt(load(locator, LOCATOR_OFFSET, 8), record) < 0)
+    {
+        return size;
+    }
+    return std::max(size == MARKS_ZIP64 ? 0 : size,
+                    load(record, END64_DIRECTORY_SIZE, 8));
+}
+
 void Archive::openDirectory()
 {
     const std::uint64_t start =
@@ -216,6 +234,10 @@ void Archive::openDirectory()
     if (last == std::string::npos)
     {
         throw Error(name_, "is no ZIP, or is cut short");
+    }
+    if (directorySize(tail, last) > LARGEST_DIRECTORY)
+    {
+        throw Error(name_, "has a directory larger than 8 MiB");
     }
     for (std::size_t other = tail.find(END_MAGIC); other != std::string::npos;
          other = tail.find(END_MAGIC, other + 1))
@@ -253,14 +275,14 @@ void Archive::listOddities(std::string_view end)
         oddities_.emplace_back("something stands in front of its first member");
     }
     // The count of a ZIP64 that needs it is kept elsewhere.
-    const std::size_t counted = loadShort(end, END_COUNT);
+    const std::uint64_t counted = load(end, END_COUNT, 2);
     if (counted != 0xFFFF && counted != count)
     {
         oddities_.push_back("its end record counts " + std::to_string(counted) +
                             " members, and its directory lists " +
                             std::to_string(count));
     }
-    const std::size_t comment = loadShort(end, END_COMMENT_LENGTH);
+    const std::uint64_t comment = load(end, END_COMMENT_LENGTH, 2);
     if (comment > 0)
     {
         oddities_.emplace_back("it has a comment");

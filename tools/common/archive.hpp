@@ -70,6 +70,7 @@ class Archive
   private:
     struct Input;
 
+    std::uint64_t directorySize(std::string_view tail, std::size_t last) const;
     void openDirectory();
     void listMembers();
     /** @param end the file from its end record on */

@@ -20,7 +20,7 @@ namespace pack
 namespace
 {
 
-constexpr std::uint64_t CHUNK_SIZE = 1U << 20;
+constexpr std::uint64_t CHUNK_SIZE = 256U << 10;
 /** Of a file's start, in bytes. */
 constexpr std::uint64_t SEARCHED_FOR_KEYS = 65536;
 constexpr auto TEMPORARY_NAME = ".velmora-pack-XXXXXX";
@@ -117,12 +117,15 @@ Buffer Source::read(std::uint64_t offset, std::uint64_t size) const
 void Source::stream(std::uint64_t size, const Consumer& consume) const
 {
     const tools::Progress progress(size);
+    Buffer buffer(static_cast<std::size_t>(std::min(size, CHUNK_SIZE)));
     for (std::uint64_t offset = 0; offset < size; offset += CHUNK_SIZE)
     {
         throwIfInterrupted();
-        const std::uint64_t piece = std::min(size - offset, CHUNK_SIZE);
-        consume(read(offset, piece));
-        tools::Progress::advance(piece);
+        const auto piece = std::span(buffer).first(
+            static_cast<std::size_t>(std::min(size - offset, CHUNK_SIZE)));
+        read(offset, piece);
+        consume(piece);
+        tools::Progress::advance(piece.size());
     }
 }
 

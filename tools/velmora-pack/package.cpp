@@ -26,8 +26,6 @@ constexpr std::size_t LONGEST_FILE_NAME = 255;
 constexpr std::size_t MOST_MEMBERS = 10000;
 /** A small archive can unpack to a great deal. */
 constexpr std::uint64_t MOST_UNPACKED = std::uint64_t{8} << 30;
-/** The payload is read twice and written once. */
-constexpr std::uint64_t PASSES = 3;
 
 /** Digests of the payload's files under their names, in byte order. */
 using FileDigests = std::map<std::string, std::string>;
@@ -78,12 +76,6 @@ void expectPortable(const fs::path& file)
     }
 }
 
-/** Files that desktops and editors leave, and nobody means to ship. */
-bool isLeftover(std::string_view name)
-{
-    return name.starts_with('.') || name.ends_with('~') || name == "Thumbs.db";
-}
-
 /** An output there would be part of the payload the next time. */
 void expectOutside(const fs::path& made, const fs::path& payload)
 {
@@ -113,11 +105,6 @@ std::vector<fs::path> payloadFiles(const fs::path& payload)
                         "would not cover it");
         }
         expectPortable(entry.path());
-        if (isLeftover(entry.path().filename().native()))
-        {
-            warn(entry.path().string(), "looks like what a desktop or an "
-                                        "editor leaves, and is packed");
-        }
         files.push_back(entry.path());
     }
     if (files.empty())

@@ -43,12 +43,15 @@ Json describeSignatures(Bytes file, Remarks& remarks)
 Json describeSignature(const Source& file, Remarks& remarks)
 {
     const Buffer content = file.readAll();
-    if (!isBinarySignature(content))
+    const Json signatures = isBinarySignature(content)
+                                ? describeSignatures(content, remarks)
+                                : Json::array();
+    if (signatures.empty())
     {
         throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
                                  "--dearmor makes one of an armoured one)");
     }
-    return {{"signatures", describeSignatures(content, remarks)}};
+    return {{"signatures", signatures}};
 }
 
 bool isSignature(const Source& file)
