@@ -393,7 +393,9 @@ bool addMember(zip_t* zip, const NewMember& member, std::int32_t seconds)
     const zip_int64_t added =
         source == nullptr
             ? -1
-            : zip_file_add(zip, member.name.c_str(), source, ZIP_FL_ENC_UTF_8);
+            // Marked as UTF-8, the same names give other bytes with
+            // libzip 1.11.
+            : zip_file_add(zip, member.name.c_str(), source, ZIP_FL_ENC_GUESS);
     if (added < 0)
     {
         zip_source_free(source);
