@@ -422,7 +422,7 @@ std::uint64_t sizeOf(const NewMember& member)
 /** How far libzip is, in bytes. */
 struct Written
 {
-    double total;
+    double total = 0;
     double done = 0;
 };
 

@@ -89,7 +89,9 @@ struct NewMember
 {
     std::string name;
     std::string_view content;
-    std::filesystem::path file = {};
+    // g++ warns of an initializer that is missing.
+    std::filesystem::path file =
+        {}; // NOLINT(readability-redundant-member-init)
     const Archive* archive = nullptr;
     std::size_t index = 0;
 };
