@@ -90,8 +90,8 @@ struct NewMember
     std::string name;
     std::string_view content;
     // g++ warns of an initializer that is missing.
-    std::filesystem::path file =
-        {}; // NOLINT(readability-redundant-member-init)
+    // NOLINTNEXTLINE(readability-redundant-member-init)
+    std::filesystem::path file = {};
     const Archive* archive = nullptr;
     std::size_t index = 0;
 };
