@@ -6,30 +6,26 @@
 #include "velmora.hpp"
 #include "xml_parsing.hpp"
 
-#include <optional>
 #include <string>
-#include <utility>
 
 namespace
 {
 
 using namespace velmora;
 
-/** Text of the first of the nodes that have the attribute. */
-std::optional<std::string> firstValue(const xmlNodeSet& nodes, const char* name)
+/** Text of the first of the nodes that have the attribute; null where none has
+ *  it, or the parser cannot give it. */
+XmlText firstText(const xmlNodeSet& nodes, const char* name)
 {
     for (int i = 0; i < nodes.nodeNr; ++i)
     {
-        const auto text = nodes.nodeTab[i] != nullptr
-                              ? attributeText(nodes.nodeTab[i], name)
-                              : std::nullopt;
-        if (text)
+        xmlNode* value = attributeValue(nodes.nodeTab[i], name);
+        if (value != nullptr)
         {
-            return *text != nullptr ? std::optional(toString(*text))
-                                    : std::nullopt;
+            return XmlText(xmlNodeGetContent(value));
         }
     }
-    return std::nullopt;
+    return nullptr;
 }
 
 } // namespace
@@ -56,16 +52,8 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
                     "beyond a limit");
         return {};
     }
-    XPathContext context(xmlXPathNewContext(document.get()));
-    if (context == nullptr)
-    {
-        LOG_FAILURE("no XPath context could be made");
-        return {};
-    }
-    XPathResult result(xmlXPathEvalExpression(
-        reinterpret_cast<const xmlChar*>(expression), context.get()));
-    context.reset();
-    if (result == nullptr || allocations.failed())
+    XPathResult result = evaluate(document.get(), expression, allocations);
+    if (result == nullptr)
     {
         LOG_FAILURE("the XPath expression is invalid, or memory is out");
         return {};
@@ -80,16 +68,17 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
         return {};
     }
 
-    auto value = firstValue(*nodes, attribute.c_str());
-    if (!value || allocations.failed())
+    const XmlText text = firstText(*nodes, attribute.c_str());
+    if (text == nullptr || allocations.failed())
     {
         LOG_FAILURE("no selected element has a value for the attribute");
         return {};
     }
+    std::string value = reinterpret_cast<const char*>(text.get());
     result.reset();
     document.reset();
     LOG_ANSWER("the descriptor has the value");
-    return std::move(*value);
+    return value;
 }
 
 std::string ValidateQOR::getImageModel(const std::string& packageDir)

@@ -21,6 +21,9 @@ namespace
 
 using namespace velmora;
 
+/** Bytes of the `systemID` that is logged. */
+constexpr std::size_t MAX_LOGGED_ID = 1024;
+
 /** This machine's identifier as the platform service states it; nothing after
  *  a logged failure. */
 std::optional<std::uint16_t> findOwnSystemId()
@@ -67,36 +70,33 @@ std::optional<std::string> findListed(const xmlNodeSet& models,
 {
     for (int i = 0; i < models.nodeNr; ++i)
     {
-        if (models.nodeTab[i] == nullptr)
+        xmlNode* value = attributeValue(models.nodeTab[i], "systemID");
+        if (value == nullptr)
         {
             continue;
         }
-        const auto text = attributeText(models.nodeTab[i], "systemID");
-        if (text && std::stoi(toString(*text), nullptr, 16) == systemId)
+        const XmlText text(xmlNodeGetContent(value));
+        // Looked at first: a text cut short is not to pass for a malformed one.
+        if (text == nullptr || allocations.failed())
         {
-            if (allocations.failed())
-            {
-                LOG_FAILURE("memory is out");
-                return std::nullopt;
-            }
-            return toString(*text);
+            LOG_FAILURE("memory is out");
+            return std::nullopt;
         }
+        std::string listed = reinterpret_cast<const char*>(text.get());
+        if (std::stoi(listed, nullptr, 16) != systemId)
+        {
+            continue;
+        }
+        if (listed.size() > MAX_LOGGED_ID)
+        {
+            LOG_FAILURE(
+                "the systemID of this system is longer than 1024 bytes");
+            return std::nullopt;
+        }
+        return listed;
     }
     LOG_FAILURE("no listed system is this one");
     return std::nullopt;
-}
-
-/** The descriptor's `Model` elements; null when they cannot be looked for. */
-XPathResult selectModels(xmlDoc* document, const XmlAllocations& allocations)
-{
-    const XPathContext context(xmlXPathNewContext(document));
-    if (context == nullptr)
-    {
-        return nullptr;
-    }
-    XPathResult result(xmlXPathEvalExpression(
-        reinterpret_cast<const xmlChar*>("//Model"), context.get()));
-    return allocations.failed() ? nullptr : std::move(result);
 }
 
 } // namespace
@@ -123,7 +123,7 @@ bool ValidateQOR::validateSytemIdFromPkgXML(const std::string& descriptorPath)
                     "beyond a limit");
         return false;
     }
-    XPathResult result = selectModels(document.get(), allocations);
+    XPathResult result = evaluate(document.get(), "//Model", allocations);
     if (result == nullptr || result->nodesetval == nullptr)
     {
         LOG_FAILURE("the descriptor could not be searched for models");
