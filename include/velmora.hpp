@@ -211,10 +211,12 @@ class VELMORA_EXPORT ValidateQOR
 
     /** One attribute of the first selected node that has it.
      *
-     *  Replaces libxml2's memory functions, entity loader and error function
-     *  while it works, and cleans up its process-wide parser state. Refuses a
-     *  document of more than 256 KiB, and one to which entities and defaults
-     *  add more than that or that exceeds another limit (docs/security.md).
+     *  Replaces libxml2's memory functions, entity loader and structured error
+     *  function while it works, and cleans up its process-wide parser state.
+     *  Refuses a document of more than 256 KiB, one of more than 8 KiB that has
+     *  a document type, and one beyond another limit (docs/security.md). What is
+     *  wrong with it goes to libxml2's generic error function as one line. That
+     *  function may call the library.
      *
      *  @param descriptorPath XML file
      *  @param expression XPath 1.0 expression that selects elements, or null
@@ -248,6 +250,7 @@ class VELMORA_EXPORT ValidateQOR
     /** Whether the descriptor lists this system, or lists none.
      *
      *  Reads the 16-bit identifier from com.vorn.bmc.smad on the system bus.
+     *  A `systemID` that matches and is longer than 1,024 bytes is refused.
      *
      *  @see getStrFromPkgXML for the limits and the parser's state
      *  @param descriptorPath XML file

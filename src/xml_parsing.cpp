@@ -74,6 +74,11 @@ xmlEntity* counted(xmlEntity* entity)
     const xmlChar* text = entity != nullptr ? entity->content : nullptr;
     current->lookedUp +=
         ENTITY_COST + static_cast<std::size_t>(xmlStrlen(text));
+    if (current->level >= XML_ERR_FATAL)
+    {
+        // Refused anyway: errors are not to be repeated with the entities.
+        return nullptr;
+    }
     if (current->lookedUp <= MAX_ENTITIES)
     {
         return entity;
@@ -161,6 +166,11 @@ void keepComplaint(const xmlError& error)
                       static_cast<int>(std::strcspn(error.message, "\r\n")),
                       error.message);
     }
+    // libxml2 2.9 has given up by now, and repeats this without end.
+    if (error.code == XML_ERR_PEREF_NO_NAME)
+    {
+        xmlStopParser(current->context);
+    }
 }
 
 XmlDocument parseWithinLimits(const std::string& path, Parse& parse)
@@ -174,7 +184,8 @@ XmlDocument parseWithinLimits(const std::string& path, Parse& parse)
     xmlSetStructuredErrorFunc(nullptr, [](void* /*user*/, auto* error)
                               { keepComplaint(*error); });
 
-    XmlDocument document(xmlParseFile(path.c_str()));
+    // Newer releases take a lone "-" for the standard input.
+    XmlDocument document(xmlParseFile(path == "-" ? "./-" : path.c_str()));
 
     xmlSetStructuredErrorFunc(reportContext, report);
     xmlSetExternalEntityLoader(loader);

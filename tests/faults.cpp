@@ -48,7 +48,7 @@ bool inLibrary(const void* address)
     return dladdr(address, &info) != 0 &&
            (in("libvelmora.so") || in("libquorlin.so") ||
             ((chosen == "read" || chosen == "stat") && in("libstdc++.so")) ||
-            (chosen == "xmlNewInputFromIO" && in("libxml2.so")));
+            (chosen == "xmlNewInputFromMemory" && in("libxml2.so")));
 }
 
 bool failNow(std::string_view function, const void* caller)
@@ -201,9 +201,9 @@ FAULT(const char*, gpgme_pubkey_algo_name, (gpgme_pubkey_algo_t a), (a), nullptr
 
 FAULT(xmlDocPtr, xmlParseFile, (const char* p), (p), nullptr)
 #if LIBXML_VERSION >= 21400
-FAULT(xmlParserInput*, xmlNewInputFromIO, (const char* u, xmlInputReadCallback r, xmlInputCloseCallback f, void* c, xmlParserInputFlags g), (u, r, f, c, g), nullptr)
+FAULT(xmlParserInput*, xmlNewInputFromMemory, (const char* u, const void* m, size_t n, xmlParserInputFlags g), (u, m, n, g), nullptr)
 #else
-FAULT(xmlParserInputBufferPtr, xmlParserInputBufferCreateIO, (xmlInputReadCallback r, xmlInputCloseCallback f, void* c, xmlCharEncoding e), (r, f, c, e), nullptr)
+FAULT(xmlParserInputBufferPtr, xmlParserInputBufferCreateMem, (const char* m, int n, xmlCharEncoding e), (m, n, e), nullptr)
 FAULT(xmlParserInputPtr, xmlNewIOInputStream, (xmlParserCtxtPtr c, xmlParserInputBufferPtr b, xmlCharEncoding e), (c, b, e), nullptr)
 #endif
 FAULT(xmlXPathContextPtr, xmlXPathNewContext, (xmlDocPtr d), (d), nullptr)

@@ -87,10 +87,10 @@ class Faults : public SignedPayload
                         ValidateQOR::VersionPurpose::TPM;
              },
              // The bus is asked about an empty identifier, too.
-             {"open64", "read", "close", "xmlParseFile",
-              "xmlParserInputBufferCreateIO", "xmlNewIOInputStream",
-              "xmlNewInputFromIO", "xmlXPathNewContext",
-              "xmlXPathEvalExpression", "xmlNodeGetContent"}},
+             {"read", "xmlParseFile", "xmlParserInputBufferCreateMem",
+              "xmlNewIOInputStream", "xmlNewInputFromMemory",
+              "xmlXPathNewContext", "xmlXPathEvalExpression",
+              "xmlNodeGetContent"}},
             {"getInventoryModel",
              [=] { return ValidateQOR::getInventoryModel(bmc) == "M1"; },
              {}},
@@ -342,7 +342,8 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
     insteadOfResult = &noSignature;
     EXPECT_FALSE(valid());
     EXPECT_THAT(log, ElementsAre("FAILURE"));
-    for (const char* function : {"xmlXPathEvalExpression", "xmlNodeGetContent"})
+    for (const char* function :
+         {"xmlXPathNewContext", "xmlXPathEvalExpression", "xmlNodeGetContent"})
     {
         // A node, and no table of nodes.
         xmlXPathObject* nodes = xmlXPathNewNodeSet(nullptr);
@@ -499,17 +500,17 @@ TEST_F(Faults, ReleasesComeInOrder)
                           "componentID");
     };
     const auto resultFirst =
-        ElementsAre("close", "xmlXPathFreeContext", "xmlXPathFreeObject",
-                    "xmlFreeDoc", "xmlCleanupParser");
+        ElementsAre("xmlXPathFreeContext", "xmlXPathFreeObject", "xmlFreeDoc",
+                    "xmlCleanupParser");
     const auto documentFirst =
-        ElementsAre("close", "xmlXPathFreeContext", "xmlFreeDoc",
-                    "xmlCleanupParser", "xmlXPathFreeObject");
+        ElementsAre("xmlXPathFreeContext", "xmlFreeDoc", "xmlCleanupParser",
+                    "xmlXPathFreeObject");
     EXPECT_THAT(value("//Device"), resultFirst);
     EXPECT_THAT(value("//Model"), resultFirst);
     EXPECT_THAT(value("//None"), documentFirst);
     EXPECT_THAT(value("1"), documentFirst);
-    EXPECT_THAT(value("["), ElementsAre("close", "xmlXPathFreeContext",
-                                        "xmlFreeDoc", "xmlCleanupParser"));
+    EXPECT_THAT(value("["), ElementsAre("xmlXPathFreeContext", "xmlFreeDoc",
+                                        "xmlCleanupParser"));
 
     const auto identity = [&]
     {
@@ -530,7 +531,7 @@ TEST_F(Faults, ReleasesComeInOrder)
     writeFile(descriptor, "<p/>");
     EXPECT_THAT(identity(), documentFirst);
     writeFile(descriptor, "<p>");
-    EXPECT_THAT(identity(), ElementsAre("close"));
+    EXPECT_THAT(identity(), ElementsAre());
 
     EXPECT_THAT(releasesOf(ValidateQOR::verifyManifestAndSignature,
                            scratch / "image", scratch / "manifest"),

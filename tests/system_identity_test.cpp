@@ -47,6 +47,12 @@ TEST_F(Identity, IdentifiersAreComparedAsNumbers)
                                      "INFO xmlXPathNodeNr: 1", "FAILURE",
                                      "FAILURE"));
     }
+    // What is logged is short.
+    EXPECT_TRUE(valid(model("A1B" + std::string(1021, ' '))));
+    EXPECT_FALSE(valid(model("A1B" + std::string(1022, ' '))));
+    EXPECT_THAT(log,
+                ElementsAre("INFO hexSystemIDStr: 0A1B", listed,
+                            "INFO xmlXPathNodeNr: 1", "FAILURE", "FAILURE"));
     ASSERT_GE(service.calls.size(), 3U);
     EXPECT_EQ(service.calls[0], "/xyz/openbmc_project/smad/oem "
                                 "org.freedesktop.DBus.Properties Get");
