@@ -32,8 +32,6 @@ constexpr std::size_t ENTITY_COST = 16;
 constexpr int MAX_ATTRIBUTES = 1000;
 /** Bytes of what is said about a document. */
 constexpr std::size_t MAX_COMPLAINT = 200;
-/** Graver than what the parser complains of. */
-constexpr int BEYOND_LIMIT = XML_ERR_FATAL + 1;
 
 /** One parse, and what is wrong with the document. */
 struct Parse
@@ -52,7 +50,7 @@ Parse* current = nullptr;
 
 void stop(const char* limit)
 {
-    current->level = BEYOND_LIMIT;
+    current->level = XML_ERR_FATAL;
     std::snprintf(current->complaint.data(), MAX_COMPLAINT, "limit : %s",
                   limit);
     xmlStopParser(current->context);
@@ -74,17 +72,12 @@ xmlEntity* counted(xmlEntity* entity)
     const xmlChar* text = entity != nullptr ? entity->content : nullptr;
     current->lookedUp +=
         ENTITY_COST + static_cast<std::size_t>(xmlStrlen(text));
-    if (current->level >= XML_ERR_FATAL)
+    if (current->lookedUp > MAX_ENTITIES)
     {
-        // Refused anyway: errors are not to be repeated with the entities.
-        return nullptr;
+        stop("the uses of entities add more than 262144 bytes");
     }
-    if (current->lookedUp <= MAX_ENTITIES)
-    {
-        return entity;
-    }
-    stop("the uses of entities add more than 262144 bytes");
-    return nullptr;
+    // Behind an error, entities would only repeat it.
+    return current->level < XML_ERR_FATAL ? entity : nullptr;
 }
 
 void startElement(void* context, const xmlChar* name, const xmlChar* prefix,
@@ -101,9 +94,8 @@ void startElement(void* context, const xmlChar* name, const xmlChar* prefix,
                           namespaces, attributeCount, defaultCount, attributes);
 }
 
-/** Takes back what the process may have made the default, such as validation.
- *  The parser is to recover, because only then it announces a document type
- *  behind an error. */
+/** Takes back what the process made the default, such as validation. Only a
+ *  parser that recovers announces a document type behind an error. */
 void begin(void* context, xmlSAXLocator* /*locator*/)
 {
     xmlCtxtUseOptions(static_cast<xmlParserCtxt*>(context),
@@ -112,13 +104,13 @@ void begin(void* context, xmlSAXLocator* /*locator*/)
 
 xmlParserInput* makeInput()
 {
-    const std::string_view content = current->content;
 #if LIBXML_VERSION >= 21400
-    return xmlNewInputFromMemory(nullptr, content.data(), content.size(),
+    return xmlNewInputFromMemory(nullptr, current->content.data(),
+                                 current->content.size(),
                                  static_cast<xmlParserInputFlags>(0));
 #else
     xmlParserInputBuffer* buffer = xmlParserInputBufferCreateMem(
-        content.data(), static_cast<int>(content.size()),
+        current->content.data(), static_cast<int>(current->content.size()),
         XML_CHAR_ENCODING_NONE);
     // Both take null as well.
     xmlParserInput* input =
@@ -235,7 +227,7 @@ XmlDocument parseDescriptor(const std::string& path,
     XmlDocument document = parseWithinLimits(path, parse);
     // Newer releases of the parser give what they could recover.
     if (document != nullptr &&
-        (parse.level == BEYOND_LIMIT || allocations.failed() ||
+        (parse.level == XML_ERR_FATAL || allocations.failed() ||
          (document->properties & XML_DOC_WELLFORMED) == 0))
     {
         document.reset();
@@ -263,13 +255,6 @@ XPathResult evaluate(xmlDoc* document, const char* expression,
         static_cast<void>(result.release());
     }
     return result;
-}
-
-xmlNode* attributeValue(xmlNode* node, const char* name)
-{
-    const xmlAttr* attribute =
-        xmlHasProp(node, reinterpret_cast<const xmlChar*>(name));
-    return attribute != nullptr ? attribute->children : nullptr;
 }
 
 } // namespace velmora

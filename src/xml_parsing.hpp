@@ -32,6 +32,11 @@ XPathResult evaluate(xmlDoc* document, const char* expression,
  *  there is none.
  *
  *  @param node may be null, which has no attribute */
-xmlNode* attributeValue(xmlNode* node, const char* name);
+inline xmlNode* attributeValue(xmlNode* node, const char* name)
+{
+    const xmlAttr* attribute =
+        xmlHasProp(node, reinterpret_cast<const xmlChar*>(name));
+    return attribute != nullptr ? attribute->children : nullptr;
+}
 
 } // namespace velmora
