@@ -79,9 +79,9 @@ need() {
     rm -f "$log"
 }
 
-# Configures a build directory, again only when an option is new to it, and
-# compiles. Output is shown only after a failure.
-compile() {
+# Configures a build directory, again only when an option is new to it. Output
+# is shown only after a failure.
+configure() {
     local dir=$1 option log=$1.log new=()
     shift
     # What is installed for a try stays below the directory.
@@ -89,18 +89,25 @@ compile() {
         grep -qxF -e "$option" "$dir/dev-options" 2>/dev/null ||
             new+=("$option")
     done
-    if [ ! -e "$dir/build.ninja" ] || [ "${#new[@]}" -gt 0 ]; then
-        say "configuring $dir"
-        local reconfigure=()
-        [ ! -e "$dir/build.ninja" ] || reconfigure=(--reconfigure)
-        if ! meson setup "${reconfigure[@]}" "$dir" -Dwerror=true \
-            "${new[@]}" >"$log" 2>&1; then
-            cat "$log" >&2
-            exit 1
-        fi
-        rm -f "$log"
-        printf '%s\n' "${new[@]}" >>"$dir/dev-options"
+    if [ -e "$dir/build.ninja" ] && [ "${#new[@]}" -eq 0 ]; then
+        return
     fi
+    say "configuring $dir"
+    local reconfigure=()
+    [ ! -e "$dir/build.ninja" ] || reconfigure=(--reconfigure)
+    if ! meson setup "${reconfigure[@]}" "$dir" -Dwerror=true \
+        "${new[@]}" >"$log" 2>&1; then
+        cat "$log" >&2
+        exit 1
+    fi
+    rm -f "$log"
+    printf '%s\n' "${new[@]}" >>"$dir/dev-options"
+}
+
+# compile_targets DIR TARGET...: all of them where none is named.
+compile_targets() {
+    local dir=$1 log=$1.log
+    shift
     say "compiling $dir"
     # If Meson's files have changed, it configures again first.
     if ! ninja --quiet -C "$dir" build.ninja >"$log" 2>&1; then
@@ -108,5 +115,10 @@ compile() {
         exit 1
     fi
     rm -f "$log"
-    ninja --quiet -C "$dir" | sed '/^ninja: no work to do\.$/d'
+    ninja --quiet -C "$dir" "$@" | sed '/^ninja: no work to do\.$/d'
+}
+
+compile() {
+    configure "$@"
+    compile_targets "$1"
 }

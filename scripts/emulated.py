@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Runs the suite of a build for another processor on an emulator.
 
-Usage: emulated.py BUILD NATIVE_BUILD EMULATOR...
+Usage: emulated.py BUILD NATIVE_BUILD TEST EMULATOR...
 
-The tests are those that Meson knows of BUILD. Each program of BUILD is
+The tests are those that Meson knows of BUILD, or the one that is named in
+place of "all". Each program of BUILD is
 replaced in their commands by a script that starts it on the emulator; bmc-sim
 with what it starts by that of NATIVE_BUILD.
 """
@@ -84,12 +85,15 @@ def summary(output):
 
 def main():
     build, native = (pathlib.Path(name).resolve() for name in sys.argv[1:3])
-    tree, scripts = write_scripts(build, native, sys.argv[3:])
+    only = sys.argv[3]
+    tree, scripts = write_scripts(build, native, sys.argv[4:])
     logs = build / "emulated-logs"
     logs.mkdir(exist_ok=True)
     counts = {"passed": 0, "failed": 0, "not run": 0}
     for test in introspect(build, "--tests"):
         name = test["name"]
+        if only not in ("all", name):
+            continue
         suites = [suite.split(":")[-1] for suite in test["suite"]]
         reason = next((NOT_RUN[key] for key in [name, *suites]
                        if key in NOT_RUN), None)

@@ -1,13 +1,42 @@
 # shellcheck shell=bash
-# What a build for 32-bit ARM and a machine of it share; sourced in the top
-# directory after common.sh.
+# What builds for another processor and machines of it share; sourced in the
+# top directory after common.sh.
 # shellcheck disable=SC2034 # Those that source this use the names.
 
-triplet=arm-linux-gnueabihf
-sysroot=$PWD/build-arm/sysroot
-emulator=(qemu-arm -L "$sysroot")
+# cross_target ARCHITECTURE: sets, for one of Debian's, the compiler's triplet
+# and that of its libraries, the build directory, the emulator, and what Meson
+# calls the processor.
+cross_target() {
+    architecture=$1
+    build=build-$architecture
+    case "$architecture" in
+        armhf)
+            triplet=arm-linux-gnueabihf machine=(arm armv7 little)
+            build=build-arm emulator=(qemu-arm)
+            ;;
+        arm64)
+            triplet=aarch64-linux-gnu machine=(aarch64 armv8 little)
+            emulator=(qemu-aarch64)
+            ;;
+        i386)
+            triplet=i686-linux-gnu machine=(x86 i686 little)
+            emulator=(qemu-i386)
+            ;;
+        s390x)
+            triplet=s390x-linux-gnu machine=(s390x s390x big)
+            emulator=(qemu-s390x)
+            ;;
+        *)
+            echo "$architecture is none of armhf, arm64, i386, s390x" >&2
+            exit 2
+            ;;
+    esac
+    library_triplet=${triplet/i686/i386}
+    sysroot=$PWD/$build/sysroot
+    emulator+=(-L "$sysroot")
+    cross_packages=("g++-$triplet" qemu-user)
+}
 
-cross_packages=("g++-$triplet" qemu-user)
 # A development package stands for its library, whose name differs from one
 # release to the next.
 library_packages=(libssl-dev libgpgme-dev libxml2-dev libsystemd-dev
@@ -23,11 +52,11 @@ private_apt() {
     apt-get -c "$dir/apt.conf" -q "$@" >>"$dir/log" 2>&1
 }
 
-# download TREE PACKAGE...: Debian's armhf packages with all that they depend
-# on, to TREE.apt/archives, for a TREE that is to be made anew.
+# download TREE PACKAGE...: the target's packages with all that they depend on,
+# to TREE.apt/archives, for a TREE that is to be made anew.
 download() {
     local dir=$1.apt
-    say "making $1 of Debian's armhf packages"
+    say "making $1 of Debian's $architecture packages"
     rm -rf "$1" "$1.whole" "$dir"
     shift
     mkdir -p "$dir"/{lists,archives}/partial
@@ -39,8 +68,8 @@ download() {
 #clear DPkg::Pre-Invoke;
 #clear DPkg::Post-Invoke;
 #clear APT::Architectures;
-APT::Architecture "armhf";
-APT::Architectures { "armhf"; };
+APT::Architecture "$architecture";
+APT::Architectures { "$architecture"; };
 APT::Install-Recommends "false";
 Dir::State "$dir";
 Dir::State::status "$dir/status";
@@ -118,7 +147,7 @@ exe_wrapper = [${wrapper#, }]
 [properties]
 emulator = [${wrapper#, }]
 sys_root = '$sysroot'
-pkg_config_libdir = ['$sysroot/usr/lib/$triplet/pkgconfig', '$sysroot/usr/share/pkgconfig']
+pkg_config_libdir = ['$sysroot/usr/lib/$library_triplet/pkgconfig', '$sysroot/usr/share/pkgconfig']
 
 [built-in options]
 cpp_args = [${options#, }]
@@ -126,15 +155,15 @@ cpp_link_args = ['--sysroot=$sysroot']
 
 [host_machine]
 system = 'linux'
-cpu_family = 'arm'
-cpu = 'armv7'
-endian = 'little'
+cpu_family = '${machine[0]}'
+cpu = '${machine[1]}'
+endian = '${machine[2]}'
 INI
 }
 
-# build_for_arm DIR OPTION...: the library, its tools and its tests for the
+# configure_cross DIR OPTION...: the library, its tools and its tests for the
 # target, with more options for the compiler.
-build_for_arm() {
+configure_cross() {
     local dir=$1
     shift
     # shellcheck disable=SC2154 # They are those of common.sh.
@@ -144,6 +173,12 @@ build_for_arm() {
     if ! cross_file "$@" | cmp -s - "$dir/cross.ini"; then
         cross_file "$@" >"$dir/cross.ini"
     fi
-    compile "$dir" --cross-file="$PWD/$dir/cross.ini" -Dtools=enabled \
+    configure "$dir" --cross-file="$PWD/$dir/cross.ini" -Dtools=enabled \
         -Dtests=enabled -Dinstall_stand_ins=true
+}
+
+# build_cross DIR OPTION...: the same, compiled.
+build_cross() {
+    configure_cross "$@"
+    compile_targets "$1"
 }
