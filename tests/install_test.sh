@@ -30,6 +30,10 @@ lines=$(awk '/^meson setup build-private / { on = 1 } /^```$/ { on = 0 }
 for line in 'meson install' 'export PATH' 'c++ '; do
     grep -q "^$line" <<<"$lines" || fail "README.md has no line: $line"
 done
+# The reasons that it shows are the library's.
+while IFS= read -r reason; do
+    grep -qF "$reason" "$build/src/libvelmora.so.1" || fail "README.md shows: $reason"
+done < <(sed -n 's/.*refused: //p' "$readme")
 rm -rf "$prefix"
 export HOME=$PWD
 ln -s "$prefix" velmora
