@@ -22,6 +22,7 @@ namespace
 
 /** Bytes of a document: 5,000 systems need half of it. */
 constexpr std::size_t MAX_DOCUMENT = std::size_t{256} * 1024;
+constexpr std::size_t READ_SIZE = 8192;
 /** Bytes of a document that has a document type. The parser compares its
  *  declarations with one another, and repeats what they declare. */
 constexpr std::size_t MAX_TYPED_DOCUMENT = 8192;
@@ -196,18 +197,19 @@ void say(const std::string& path, const char* text)
 std::optional<std::string> readDocument(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
-    // One byte too many shows that there are more.
-    std::string content(MAX_DOCUMENT + 1, '\0');
-    file.read(content.data(), MAX_DOCUMENT + 1);
-    if (!file.is_open() || file.bad())
+    std::string content;
+    std::array<char, READ_SIZE> piece{};
+    // What goes beyond the limit shows that there is more.
+    while (file && content.size() <= MAX_DOCUMENT)
     {
-        say(path, std::strerror(errno));
-        return std::nullopt;
+        file.read(piece.data(), READ_SIZE);
+        content.append(piece.data(), static_cast<std::size_t>(file.gcount()));
     }
-    content.resize(static_cast<std::size_t>(file.gcount()));
-    if (content.size() > MAX_DOCUMENT)
+    const bool tooLarge = content.size() > MAX_DOCUMENT;
+    if (tooLarge || !file.is_open() || file.bad())
     {
-        say(path, "limit : the document is larger than 262144 bytes");
+        say(path, tooLarge ? "limit : the document is larger than 262144 bytes"
+                           : std::strerror(errno));
         return std::nullopt;
     }
     return content;
