@@ -2,7 +2,6 @@
 
 #include "error.hpp"
 #include "progress.hpp"
-#include "signals.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -433,11 +432,6 @@ void advance(zip_t* /*zip*/, double fraction, void* state)
     done = fraction * total;
 }
 
-int isCancelled(zip_t* /*zip*/, void* /*state*/)
-{
-    return SignalCleanup::seen() == 0 ? 0 : 1;
-}
-
 } // namespace
 
 void writeArchive(const fs::path& path, std::int32_t time,
@@ -461,11 +455,8 @@ void writeArchive(const fs::path& path, std::int32_t time,
     Written written{static_cast<double>(total)};
     zip_register_progress_callback_with_state(zip.get(), PROGRESS_STEP, advance,
                                               nullptr, &written);
-    zip_register_cancel_callback_with_state(zip.get(), isCancelled, nullptr,
-                                            nullptr);
     if (!isReady || zip_close(zip.get()) != 0)
     {
-        throwIfInterrupted();
         throw Error(path.string(), zip_strerror(zip.get()));
     }
     static_cast<void>(zip.release());

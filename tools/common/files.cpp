@@ -1,6 +1,7 @@
 #include "files.hpp"
 
 #include "error.hpp"
+#include "signals.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -57,22 +58,22 @@ TemporaryDirectory::TemporaryDirectory() :
 
 TemporaryDirectory::TemporaryDirectory(std::string pattern)
 {
+    const SignalDelay delay;
     if (mkdtemp(pattern.data()) == nullptr)
     {
         throw systemError("cannot make a temporary directory in " +
                           fs::path(pattern).parent_path().string());
     }
     path_ = pattern;
+    removeOnSignal(path_.c_str());
 }
 
 TemporaryDirectory::~TemporaryDirectory()
 {
-    if (!path_.empty())
-    {
-        openDirectories(path_);
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
+    openDirectories(path_);
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+    keepOnSignal(path_.c_str());
 }
 
 FileDescriptor memoryFile(std::string_view content)

@@ -14,7 +14,8 @@ namespace tools
  *  @throws Error when that is no directory */
 std::filesystem::path placeForTemporaryFiles();
 
-/** A private directory that is gone, with its content, when this is. */
+/** A private directory that is gone, with its content, when this is, or when
+ *  a signal ends the program. */
 class TemporaryDirectory
 {
   public:
@@ -28,9 +29,6 @@ class TemporaryDirectory
     ~TemporaryDirectory();
 
     const std::filesystem::path& path() const { return path_; }
-
-    /** Lets it stay: it has got another name. */
-    void release() { path_.clear(); }
 
   private:
     std::filesystem::path path_;

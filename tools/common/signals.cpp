@@ -1,18 +1,72 @@
 #include "signals.hpp"
 
-#include "error.hpp"
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstddef>
+#include <cstdlib>
+#include <stdexcept>
 
 namespace tools
 {
 namespace
 {
 
-volatile std::sig_atomic_t signalSeen = 0;
+constexpr std::size_t MAX_DIRECTORIES = 8;
+/** Under its new name, nothing is added to the directory meanwhile. A package
+ *  may hold directories that do not let their owner in. */
+constexpr const char* REMOVE =
+    "mv -- \"$1\" \"$1~\" && set -- \"$1~\"; chmod -R u+rwX -- \"$1\"; "
+    "exec rm -rf -- \"$1\"";
 
-extern "C" void rememberSignal(int signal) { signalSeen = signal; }
+std::array<std::atomic<const char*>, MAX_DIRECTORIES> directories{};
+pid_t thisProgram = 0;
+
+/** What was interrupted may be the allocator: no call here may need it. */
+extern "C" void endBySignal(int signal)
+{
+    for (const char* const directory : directories)
+    {
+        const pid_t child = directory != nullptr ? _Fork() : -1;
+        if (child == 0)
+        {
+            execl("/bin/sh", "sh", "-c", REMOVE, "sh", directory,
+                  static_cast<char*>(nullptr));
+            _exit(EXIT_FAILURE);
+        }
+        if (child > 0)
+        {
+            waitpid(child, nullptr, 0);
+        }
+    }
+    // The default action takes effect when this function returns.
+    raise(signal);
+}
+
+/** Not for the children of a child: it ends, and they are to go on. */
+extern "C" void dieWithProgram()
+{
+    if (getppid() == thisProgram)
+    {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    }
+}
+
+sigset_t endSignals()
+{
+    sigset_t set{};
+    sigemptyset(&set);
+    for (const int signal : END_SIGNALS)
+    {
+        sigaddset(&set, signal);
+    }
+    return set;
+}
 
 } // namespace
 
@@ -23,42 +77,46 @@ bool isIgnored(int signal)
     return action.sa_handler == SIG_IGN;
 }
 
-SignalCleanup::SignalCleanup()
+void cleanUpOnSignals()
 {
+    thisProgram = getpid();
+    pthread_atfork(nullptr, nullptr, dieWithProgram);
     struct sigaction action{};
-    action.sa_handler = rememberSignal;
-    action.sa_flags = SA_RESTART;
-    for (std::size_t i = 0; i < END_SIGNALS.size(); ++i)
+    action.sa_handler = endBySignal;
+    action.sa_mask = endSignals();
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : END_SIGNALS)
     {
-        sigaction(END_SIGNALS[i], isIgnored(END_SIGNALS[i]) ? nullptr : &action,
-                  &before_[i]);
+        if (!isIgnored(signal))
+        {
+            sigaction(signal, &action, nullptr);
+        }
     }
 }
 
-SignalCleanup::~SignalCleanup()
+void removeOnSignal(const char* directory)
 {
-    for (std::size_t i = 0; i < END_SIGNALS.size(); ++i)
+    auto* const place = std::find(directories.begin(), directories.end(),
+                                  static_cast<const char*>(nullptr));
+    if (place == directories.end())
     {
-        sigaction(END_SIGNALS[i], &before_[i], nullptr);
+        throw std::length_error("too many temporary directories");
     }
+    *place = directory;
 }
 
-int SignalCleanup::seen() { return signalSeen; }
-
-void SignalCleanup::raiseSeen()
+void keepOnSignal(const char* directory) noexcept
 {
-    if (signalSeen != 0)
-    {
-        raise(signalSeen);
-    }
+    std::replace(directories.begin(), directories.end(), directory,
+                 static_cast<const char*>(nullptr));
 }
 
-void throwIfInterrupted()
+SignalDelay::SignalDelay()
 {
-    if (SignalCleanup::seen() != 0)
-    {
-        throw Error("interrupted", "nothing was made");
-    }
+    const sigset_t set = endSignals();
+    pthread_sigmask(SIG_BLOCK, &set, &before_);
 }
+
+SignalDelay::~SignalDelay() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
 } // namespace tools

@@ -14,27 +14,27 @@ inline constexpr std::array END_SIGNALS{SIGHUP, SIGINT, SIGQUIT, SIGTERM};
  *  nohup(1) does. */
 bool isIgnored(int signal);
 
-/** While it lives, END_SIGNALS wait for the work at hand, so that what was
- *  made can be removed. Those that are ignored stay ignored. */
-class SignalCleanup
+/** Has END_SIGNALS, but for ignored ones, end the program at once, whatever it
+ *  is doing: with the signal as its status, without the directories that
+ *  removeOnSignal() names, and without the programs that it has started. */
+void cleanUpOnSignals();
+
+/** @param directory its path, kept until keepOnSignal() is called for it
+ *  @throws std::length_error when there are too many */
+void removeOnSignal(const char* directory);
+void keepOnSignal(const char* directory) noexcept;
+
+/** While it lives, END_SIGNALS wait: for steps that belong together. */
+class SignalDelay
 {
   public:
-    SignalCleanup();
-    SignalCleanup(const SignalCleanup&) = delete;
-    SignalCleanup& operator=(const SignalCleanup&) = delete;
-    ~SignalCleanup();
-
-    /** The last signal that was made to wait, 0 for none. */
-    static int seen();
-    /** Ends the process by that signal, if there was one. To be called when
-     *  no SignalCleanup lives any more. */
-    static void raiseSeen();
+    SignalDelay();
+    SignalDelay(const SignalDelay&) = delete;
+    SignalDelay& operator=(const SignalDelay&) = delete;
+    ~SignalDelay();
 
   private:
-    std::array<struct sigaction, END_SIGNALS.size()> before_{};
+    sigset_t before_{};
 };
-
-/** @throws Error when a signal was made to wait */
-void throwIfInterrupted();
 
 } // namespace tools

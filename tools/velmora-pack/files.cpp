@@ -1,6 +1,7 @@
 #include "files.hpp"
 
 #include "common/progress.hpp"
+#include "common/signals.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -120,7 +121,6 @@ void Source::stream(std::uint64_t size, const Consumer& consume) const
     Buffer buffer(static_cast<std::size_t>(std::min(size, CHUNK_SIZE)));
     for (std::uint64_t offset = 0; offset < size; offset += CHUNK_SIZE)
     {
-        throwIfInterrupted();
         const auto piece = std::span(buffer).first(
             static_cast<std::size_t>(std::min(size - offset, CHUNK_SIZE)));
         read(offset, piece);
@@ -138,7 +138,12 @@ Output::Output(const fs::path& target, bool force) :
 
 void Output::commit(const Output* other) const
 {
-    throwIfInterrupted();
+    // Who reads standard output may be slow.
+    std::optional<tools::SignalDelay> delay;
+    if (target_ != STANDARD_OUTPUT)
+    {
+        delay.emplace();
+    }
     const bool isExchanged = renameToTarget();
     try
     {

@@ -2,7 +2,6 @@
 
 #include "bytes.hpp"
 #include "common/files.hpp"
-#include "common/signals.hpp"
 #include "error.hpp"
 
 #include <sys/types.h>
@@ -50,8 +49,6 @@ class Source
     std::uint64_t size_ = 0;
 };
 
-using tools::throwIfInterrupted;
-
 /** A file or directory that is made beside its target. It appears under that
  *  name, or on standard output, only when it is complete. */
 class Output
@@ -68,15 +65,14 @@ class Output
     /** Gives it its name, and @p other too. A signal takes effect before or
      *  after, not between.
      *
-     *  @throws Error when a signal came before, or there is something of that
-     *          name; then neither has its name */
+     *  @throws Error when there is something of that name; then neither has its
+     *          name */
     void commit(const Output* other = nullptr) const;
 
   private:
     /** @return whether what was there took its place at path() */
     bool renameToTarget() const;
 
-    tools::SignalCleanup cleanup_;
     std::filesystem::path target_;
     bool force_;
     tools::TemporaryDirectory directory_;

@@ -1,5 +1,6 @@
 #include "common/command_line.hpp"
 #include "common/progress.hpp"
+#include "common/signals.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
 #include "library_version.hpp"
@@ -352,6 +353,7 @@ int main(int argc, char** argv)
     // error like any other, and leave nothing behind.
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
+    tools::cleanUpOnSignals();
 
     pack::PackageOptions package;
     pack::ImageOptions image;
@@ -385,6 +387,5 @@ int main(int argc, char** argv)
     {
         status = fail(failure);
     }
-    tools::SignalCleanup::raiseSeen();
     return status;
 }

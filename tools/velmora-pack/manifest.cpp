@@ -1,3 +1,4 @@
+#include "common/signals.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
 #include "making.hpp"
@@ -175,7 +176,7 @@ void makeManifest(const ManifestOptions& options)
     {
         refuseOverwrite(options.output / made, {options.prefix}, options.force);
     }
-    const tools::SignalCleanup cleanup;
+    const tools::SignalDelay delay;
     const bool fresh = fs::create_directory(options.output);
     try
     {

@@ -148,7 +148,6 @@ std::string signingKey(const fs::path& home, const std::string& text)
     const tools::GpgContext context = tools::gpgContext(home);
     gpgme_key_t found = nullptr;
     gpgme_get_key(context.get(), name.fingerprint.c_str(), &found, 1);
-    throwIfInterrupted();
     if (found == nullptr)
     {
         throw Error(text, nameOf(home) + " has no secret key of that name");
@@ -202,7 +201,6 @@ void importKeyring(const fs::path& home, const fs::path& file)
                            : "";
         }
     }
-    throwIfInterrupted();
     if (trusted.empty())
     {
         throw Error(file.string(),
@@ -239,7 +237,6 @@ Infos goodSignatures(const fs::path& home, const std::string& where,
             good.push_back(std::move(info));
         }
     }
-    throwIfInterrupted();
     if (good.empty())
     {
         throw Error(where, "gives no good signature: " + reason);
@@ -287,8 +284,6 @@ ProgramOutput runProgram(const char* program,
     {
         throw Error(arguments.front(), "cannot be run");
     }
-    // A signal from the terminal ends the program too.
-    throwIfInterrupted();
     return {contentOf(std::move(output)), contentOf(std::move(errors))};
 }
 

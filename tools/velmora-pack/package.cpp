@@ -215,7 +215,6 @@ void readMember(Contents& contents, const tools::Archive& archive,
         archive.read(index,
                      [&](Bytes piece)
                      {
-                         throwIfInterrupted();
                          tools::Progress::advance(piece.size());
                          digest.update(piece);
                          if (kept != nullptr)

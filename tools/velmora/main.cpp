@@ -22,8 +22,6 @@ namespace
 using namespace velmora::front;
 using tools::printable;
 
-constexpr int KILLED_BY_SIGNAL = 128;
-
 constexpr const char* EXIT_STATUSES =
     "Exit status:\n"
     "  0  accepted, or done\n"
@@ -311,7 +309,6 @@ Answer answerTo(const Command& command, const Request& request)
 /** @return exit status: the worst verdict */
 int answerAll(Invocation& invocation)
 {
-    const tools::SignalCleanup cleanup;
     const Command& command = *invocation.command;
     const bool isBatch = invocation.subjects.size() > 1;
     auto json = nlohmann::ordered_json::array();
@@ -320,15 +317,12 @@ int answerAll(Invocation& invocation)
     {
         invocation.request.subject = subject;
         const Answer answer = answerTo(command, invocation.request);
-        if (const int signal = tools::SignalCleanup::seen(); signal != 0)
-        {
-            return KILLED_BY_SIGNAL + signal;
-        }
         ++counts[answer.verdict];
         json.push_back(asJson(command, subject, answer));
         if (!invocation.json)
         {
             printText(command, subject, answer, isBatch);
+            std::cout.flush();
         }
     }
     const int worst = static_cast<int>(counts.rbegin()->first);
@@ -351,6 +345,7 @@ int answerAll(Invocation& invocation)
 int main(int argc, char** argv)
 try
 {
+    tools::cleanUpOnSignals();
     Invocation invocation;
     CLI::App app{"Checks firmware-update packages as the BMC does.", "velmora"};
     addEverything(app, invocation);
