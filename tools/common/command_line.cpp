@@ -6,9 +6,6 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdlib>
-#include <numeric>
-#include <utility>
-#include <vector>
 
 namespace tools
 {
@@ -18,24 +15,6 @@ namespace
 /** In all tools. */
 constexpr int WRONG_USAGE = 2;
 constexpr std::size_t SYSTEM_ID_DIGITS = 4;
-
-/** How many characters must be changed, added or left out. */
-std::size_t distance(const std::string& from, const std::string& to)
-{
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (std::size_t i = 0; i < from.size(); ++i)
-    {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < to.size(); ++j)
-        {
-            const std::size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
 
 std::string complaint(const CLI::App* app, const CLI::Error& error)
 {
@@ -61,13 +40,8 @@ int endParse(const CLI::App& app, const CLI::ParseError& error)
         return app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
     }
     // CLI11 says only that a command is missing.
-    const CLI::App* const nearest = *std::ranges::min_element(
-        commands, {}, [&rest](const CLI::App* each)
-        { return distance(rest[0], each->get_name()); });
-    const bool isOption = rest[0].starts_with('-');
-    app.exit(CLI::ValidationError(
-        std::string("there is no ") + (isOption ? "option " : "command ") +
-        rest[0] + (isOption ? "" : "; the nearest is " + nearest->get_name())));
+    const char* const kind = rest[0].starts_with('-') ? "option " : "command ";
+    app.exit(CLI::ValidationError("there is no " + (kind + rest[0])));
     return WRONG_USAGE;
 }
 

@@ -1,9 +1,11 @@
 #include "error.hpp"
 
+#include <locale.h>
+
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <cerrno>
+#include <cwchar>
+#include <cwctype>
 #include <system_error>
 
 namespace tools
@@ -11,58 +13,31 @@ namespace tools
 namespace
 {
 
-struct Range
+/** The system's library prints them; they turn the reading direction. */
+constexpr std::wstring_view BIDIRECTIONAL_CONTROLS =
+    L"\u061C\u200E\u200F\u202A\u202B\u202C\u202D\u202E"
+    L"\u2066\u2067\u2068\u2069";
+
+/** Has texts taken as UTF-8, whatever the user's locale; as ASCII where the
+ *  system has no such locale. */
+void useUtf8()
 {
-    char32_t first;
-    char32_t last;
-};
-
-constexpr std::array UNPRINTABLE{
-    Range{0x0000, 0x001F}, // C0
-    Range{0x007F, 0x009F}, // DEL, C1
-    Range{0x061C, 0x061C}, // bidirectional controls, also below
-    Range{0x200E, 0x200F},
-    Range{0x2028, 0x202E}, // with the separators of lines and paragraphs
-    Range{0x2066, 0x2069},
-    Range{0xD800, 0xDFFF}, // surrogates
-};
-
-/** The smallest code point for each length in UTF-8. */
-constexpr std::array<char32_t, 5> SMALLEST{0, 0, 0x80, 0x800, 0x10000};
-constexpr char32_t LARGEST = 0x10FFFF;
-
-bool isPrintable(char32_t character)
-{
-    return std::ranges::none_of(
-        UNPRINTABLE, [character](const Range& range)
-        { return character >= range.first && character <= range.last; });
+    [[maybe_unused]] static const locale_t before =
+        uselocale(newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{}));
 }
 
 /** The length of the printable character at the start of @p text, or 0. */
 std::size_t printableLength(std::string_view text)
 {
-    const auto first = static_cast<unsigned char>(text.front());
-    if (first < 0x80)
-    {
-        return isPrintable(first) ? 1 : 0;
-    }
-    const auto length = static_cast<std::size_t>(std::countl_one(first));
-    if (length < 2 || length >= SMALLEST.size() || length > text.size())
-    {
-        return 0;
-    }
-    char32_t character = first & (0x7FU >> length);
-    for (const char c : text.substr(1, length - 1))
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >> 6 != 2)
-        {
-            return 0;
-        }
-        character = character << 6 | (byte & 0x3FU);
-    }
-    const bool isValid = character >= SMALLEST[length] && character <= LARGEST;
-    return isValid && isPrintable(character) ? length : 0;
+    wchar_t character = 0;
+    std::mbstate_t state{};
+    const std::size_t length =
+        std::mbrtowc(&character, text.data(), text.size(), &state);
+    const bool isPrintable =
+        length <= text.size() &&
+        std::iswprint(static_cast<std::wint_t>(character)) != 0 &&
+        BIDIRECTIONAL_CONTROLS.find(character) == std::wstring_view::npos;
+    return isPrintable ? length : 0;
 }
 
 } // namespace
@@ -81,8 +56,8 @@ std::string hexadecimal(std::string_view bytes)
 
 std::string printable(std::string_view text)
 {
+    useUtf8();
     std::string result;
-    result.reserve(text.size());
     while (!text.empty())
     {
         const std::size_t length = printableLength(text);
