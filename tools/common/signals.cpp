@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <cstddef>
@@ -17,6 +18,8 @@ namespace tools
 namespace
 {
 
+/** The signals that ask a program to end. */
+constexpr std::array END_SIGNALS{SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 constexpr std::size_t MAX_DIRECTORIES = 8;
 /** Under its new name, nothing is added to the directory meanwhile. A package
  *  may hold directories that do not let their owner in. */
@@ -70,13 +73,6 @@ sigset_t endSignals()
 
 } // namespace
 
-bool isIgnored(int signal)
-{
-    struct sigaction action{};
-    sigaction(signal, nullptr, &action);
-    return action.sa_handler == SIG_IGN;
-}
-
 void cleanUpOnSignals()
 {
     thisProgram = getpid();
@@ -87,7 +83,10 @@ void cleanUpOnSignals()
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : END_SIGNALS)
     {
-        if (!isIgnored(signal))
+        struct sigaction before{};
+        sigaction(signal, nullptr, &before);
+        // As nohup(1) wants it.
+        if (before.sa_handler != SIG_IGN)
         {
             sigaction(signal, &action, nullptr);
         }

@@ -2,21 +2,13 @@
 
 #include <signal.h>
 
-#include <array>
-
 namespace tools
 {
 
-/** The signals that ask a program to end. */
-inline constexpr std::array END_SIGNALS{SIGHUP, SIGINT, SIGQUIT, SIGTERM};
-
-/** Whether whoever started this program wants it to outlive @p signal, as
- *  nohup(1) does. */
-bool isIgnored(int signal);
-
-/** Has END_SIGNALS, but for ignored ones, end the program at once, whatever it
- *  is doing: with the signal as its status, without the directories that
- *  removeOnSignal() names, and without the programs that it has started. */
+/** Has SIGHUP, SIGINT, SIGQUIT and SIGTERM, but for ignored ones, end the
+ *  program at once, whatever it is doing: with the signal as its status,
+ *  without the directories that removeOnSignal() names, and without the
+ *  programs that it has started. */
 void cleanUpOnSignals();
 
 /** @param directory its path, kept until keepOnSignal() is called for it
@@ -24,7 +16,7 @@ void cleanUpOnSignals();
 void removeOnSignal(const char* directory);
 void keepOnSignal(const char* directory) noexcept;
 
-/** While it lives, END_SIGNALS wait: for steps that belong together. */
+/** While it lives, these signals wait: for steps that belong together. */
 class SignalDelay
 {
   public:

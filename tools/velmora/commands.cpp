@@ -1,5 +1,6 @@
 #include "commands.hpp"
 
+#include "common/error.hpp"
 #include "common/files.hpp"
 #include "package_contents.hpp"
 #include "run.hpp"
@@ -13,10 +14,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -33,7 +35,8 @@ constexpr const char* SHA256_COMPONENT =
     "//SoftwareComponent[@hashAlgorithm=\"SHA256\"]";
 constexpr const char* ROOT_CA_FILE =
     "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem";
-constexpr const char* SECURITY_SERVICE = "xyz.openbmc_project.securityservices";
+/** The library's cause for a package that is for other systems. */
+constexpr std::string_view OTHER_SYSTEM = "no listed system is this one";
 constexpr const char* OLDER_FORMAT =
     "image-ktb.sig has the older format, which skips the check";
 /** Errors of the bus itself: nothing has answered. */
@@ -44,15 +47,13 @@ constexpr std::array<std::string_view, 6> UNANSWERED{
     "org.freedesktop.DBus.Error.Timeout",
     "org.freedesktop.DBus.Error.Disconnected",
     "System.Error."};
-/** Systems that are listed; each costs a reading of the descriptor. */
-constexpr std::size_t MAX_SYSTEMS = 64;
 /** A larger image-ktb.sig, in bytes, has the older format. */
 constexpr std::uintmax_t SIGNATURE_FILE_MAX_SIZE = 511;
 /** Where a signed payload has its metadata, and how much; in bytes. */
 constexpr std::streamoff METADATA_FROM_END = 76800 - 24576;
 constexpr std::size_t METADATA_SIZE = 512;
-/** A file system without room for so many bytes is full. */
-constexpr off_t ROOM = 65536;
+/** What a file's end may waste, in bytes. */
+constexpr std::uint64_t BLOCK_SIZE = 4096;
 /** The extractor may always write so much into a file, in bytes. */
 constexpr std::uint64_t MIN_FILE_LIMIT = 1 << 20;
 
@@ -82,13 +83,27 @@ bool hasAnswered(std::string_view exception)
                                 { return name.starts_with(error); });
 }
 
-/** Whether a service is on the bus. */
-bool hasOwner(const char* name)
+} // namespace
+
+std::string adviceOnBus(const std::string& lookAt)
 {
     sd_bus* bus = nullptr;
-    sd_bus_open_system(&bus);
+    const bool isThere = sd_bus_open_system(&bus) >= 0;
     const tools::Handle<sd_bus, sd_bus_flush_close_unref> owner(bus);
-    return bus != nullptr && sd_bus_get_name_creds(bus, name, 0, nullptr) >= 0;
+    return isThere ? "look at: " + lookAt
+                   : "there is no system bus; away from a BMC, run this inside "
+                     "bmc-sim";
+}
+
+namespace
+{
+
+/** A value that the log has, or empty. */
+std::string detailOf(const Operation& operation, std::string_view name)
+{
+    const auto found =
+        std::ranges::find(operation.details, name, &Detail::name);
+    return found != operation.details.end() ? found->text : "";
 }
 
 /** What came of an operation, as the log tells it.
@@ -109,7 +124,8 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::UNCHECKED)
         answer.reason =
             refusal.site.text +
             (has ? ": it answered with an error: " : ": it did not answer: ") +
-            refusal.exception;
+            refusal.exception +
+            (has ? "" : "; " + adviceOnBus(detailOf(refusal, "lookAt")));
     }
     return answer;
 }
@@ -139,17 +155,8 @@ Answer askForValue(const Request& request, const char* name,
     return answer;
 }
 
-/** Whether @p directory may have been too full for an extraction. */
-bool isFull(const fs::path& directory)
-{
-    const tools::FileDescriptor probe(
-        open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-    const int error =
-        probe.get() < 0 ? errno : posix_fallocate(probe.get(), 0, ROOM);
-    return error == ENOSPC || error == EDQUOT;
-}
-
-/** Bounds what the extractor may write into one file, while it lives. */
+/** Bounds what the extractor may write into one file, while it lives. The log
+ *  is such a file too. */
 class FileLimit
 {
   public:
@@ -157,93 +164,102 @@ class FileLimit
     {
         getrlimit(RLIMIT_FSIZE, &before_);
         rlimit limit = before_;
-        limit.rlim_cur = std::min<rlim_t>(
-            limit.rlim_cur,
-            static_cast<rlim_t>(std::max(size, MIN_FILE_LIMIT) + 1));
+        limit.rlim_cur =
+            std::min(before_.rlim_cur,
+                     static_cast<rlim_t>(std::max(size, MIN_FILE_LIMIT)));
         setrlimit(RLIMIT_FSIZE, &limit);
     }
     FileLimit(const FileLimit&) = delete;
     FileLimit& operator=(const FileLimit&) = delete;
-    ~FileLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, signalBefore_);
-    }
+    ~FileLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
 
   private:
     rlimit before_{};
-    // A write beyond fails then; the signal would end the process.
-    void (*signalBefore_)(int) = std::signal(SIGXFSZ, SIG_IGN);
 };
-
-/** Unpacks under a name of our own: the extractor reads names as patterns. */
-Answer extract(const Request& request, const fs::path& work,
-               const fs::path& destination)
-{
-    const fs::path link = work / "package.zip";
-    fs::create_symlink(fs::absolute(request.subject), link);
-    const auto unZip = [&]
-    { return ValidateQOR::unZip(link, fs::absolute(destination)); };
-    Answer answer = ask(request, unZip);
-    return answer.verdict == Verdict::REFUSED && isFull(destination)
-               ? Answer{Verdict::UNCHECKED,
-                        "no room is left in " + destination.string()}
-               : answer;
-}
 
 std::string tooLarge(const Request& request)
 {
     return "it has more than " + std::to_string(request.maxSize) + " bytes";
 }
 
-/** What a strict check finds wrong with an unpacked package, or empty. */
-std::string objectionTo(const PackageContents& contents, const Request& request)
+/** What is wrong with an archive before anything of it is unpacked, or empty.
+ *  What passes unpacks to just the sizes that it lists. */
+std::string objectionTo(const tools::Archive& archive, const Request& request)
 {
-    return !request.strict                   ? ""
-           : contents.size > request.maxSize ? tooLarge(request)
-           : !contents.uncovered.empty()     ? contents.remark()
-           : contents.payloadFiles == 0      ? "its payload is empty"
-                                             : "";
+    if (archive.totalSize() > request.maxSize)
+    {
+        return tooLarge(request);
+    }
+    std::string objection;
+    if (request.strict)
+    {
+        objection = archive.oddities().empty() ? contentsOf(archive).objection()
+                                               : archive.oddities().front();
+    }
+    for (std::size_t i = 0; objection.empty() && i < archive.members().size();
+         ++i)
+    {
+        // Stored content does not grow.
+        const auto& [name, type, size, compression, isEncrypted] =
+            archive.members()[i];
+        const std::string problem =
+            compression == "stored"
+                ? ""
+                : archive.read(i, [](std::span<const std::byte>) {});
+        objection = problem.empty() ? "" : name + ": " + problem;
+    }
+    return objection;
 }
 
-/** Identifiers that a descriptor lists, as they are written. */
-std::vector<std::string> systemsOf(const std::string& descriptor)
+/** Unpacks under a name of our own: the extractor reads names as patterns.
+ *
+ *  @param listed gets what the archive lists */
+Answer extract(const Request& request, const fs::path& destination,
+               PackageContents& listed)
 {
-    std::vector<std::string> systems;
-    while (systems.size() < MAX_SYSTEMS)
+    std::optional<tools::Archive> archive;
+    try
     {
-        const std::string next = "(//Model[@systemID!=\"\"])[" +
-                                 std::to_string(systems.size() + 1) + "]";
-        std::string system =
-            ValidateQOR::getStrFromPkgXML(descriptor, next.c_str(), "systemID");
-        if (system.empty())
-        {
-            break;
-        }
-        systems.push_back(std::move(system));
+        const int file = open(request.subject.c_str(), O_RDONLY | O_CLOEXEC);
+        archive.emplace(tools::FileDescriptor(file), "the package");
     }
-    return systems;
+    catch (const tools::Error& e)
+    {
+        return {Verdict::REFUSED, e.what()};
+    }
+    const std::string objection = objectionTo(*archive, request);
+    if (!objection.empty())
+    {
+        return {Verdict::REFUSED, objection};
+    }
+    std::uint64_t largest = 0;
+    std::uint64_t needed = 0;
+    for (const tools::ArchiveMember& member : archive->members())
+    {
+        largest = std::max(largest, member.size);
+        needed += member.size + BLOCK_SIZE;
+    }
+    if (fs::space(destination).available < needed)
+    {
+        throw std::runtime_error("no room is left in " + destination.string());
+    }
+    listed = contentsOf(*archive);
+    const tools::TemporaryDirectory work;
+    const fs::path link = work.path() / "package.zip";
+    fs::create_symlink(fs::absolute(request.subject), link);
+    const FileLimit limit(largest);
+    return ask(request, [&] { return ValidateQOR::unZip(link, destination); });
 }
 
-/** Why a descriptor's identifiers make the library throw. */
-std::string systemProblem(const std::string& descriptor)
+/** The systems that an unpacked package lists, in one line. */
+std::string systemsIn(const fs::path& package)
 {
-    std::string problem = "no number";
-    for (const std::string& system : systemsOf(descriptor))
+    std::string text;
+    for (const std::string& system : systemsOf(package / "package.xml"))
     {
-        try
-        {
-            static_cast<void>(std::stoi(system, nullptr, 16));
-        }
-        catch (const std::logic_error& e)
-        {
-            const bool isNumber =
-                dynamic_cast<const std::out_of_range*>(&e) != nullptr;
-            problem = (isNumber ? "too large: " : "no number: ") + system;
-            break;
-        }
+        text += (text.empty() ? "" : " ") + system;
     }
-    return "a systemID of the descriptor is " + problem;
+    return text;
 }
 
 /** Says who has signed, or what is wrong with the signature. */
@@ -266,10 +282,38 @@ void addSigner(Answer& answer, const fs::path& package)
                                {"userId", signer->userId}};
 }
 
-Answer validateDirectory(const Request& request, const fs::path& package)
+/** What is wrong with a package that the library accepts, or empty. */
+std::string objectionTo(const fs::path& package, const Request& request)
+{
+    if (request.strict && systemsOf(package / "package.xml").empty())
+    {
+        return "its descriptor names no Model";
+    }
+    if (request.minVersion.empty())
+    {
+        return {};
+    }
+    const std::string version = ValidateQOR::getImageVersion(package);
+    return version.empty() ? "its descriptor states no version"
+           : strverscmp(version.c_str(), request.minVersion.c_str()) < 0
+               ? "its version " + version + " is lower than " +
+                     request.minVersion
+               : "";
+}
+
+/** @param listed what the archive listed; null where there was none */
+Answer validateDirectory(const Request& request, const fs::path& package,
+                         const PackageContents* listed)
 {
     const PackageContents contents = contentsOf(package, false);
-    std::string objection = objectionTo(contents, request);
+    std::string objection = !request.strict ? "" : contents.objection();
+    if (objection.empty() && request.strict)
+    {
+        objection = contents.size() > request.maxSize ? tooLarge(request)
+                    : listed != nullptr && listed->files != contents.files
+                        ? "its archive lists something else than it unpacks to"
+                        : "";
+    }
     if (!objection.empty())
     {
         return {Verdict::REFUSED, objection};
@@ -279,16 +323,14 @@ Answer validateDirectory(const Request& request, const fs::path& package)
         try
         {
             const bool isValid = ValidateQOR::validateExtractedQOR(package);
-            if (isValid && request.strict &&
-                systemsOf(package / "package.xml").empty())
-            {
-                objection = "its descriptor names no Model";
-            }
+            objection = isValid ? objectionTo(package, request) : "";
             return isValid;
         }
         catch (const std::logic_error&)
         {
-            objection = systemProblem(package / "package.xml");
+            objection = "a systemID of the descriptor is no number, or too "
+                        "large: " +
+                        systemsIn(package);
             return false;
         }
     };
@@ -298,8 +340,14 @@ Answer validateDirectory(const Request& request, const fs::path& package)
         return {Verdict::REFUSED, objection};
     }
     answer.isVerified = answer.verdict == Verdict::ACCEPTED;
-    if (answer.isVerified ||
-        answer.refusal.site.file.starts_with("descriptor_signature"))
+    const std::string& source = answer.refusal.site.file;
+    if (answer.refusal.site.text == OTHER_SYSTEM)
+    {
+        answer.reason = "made for " + systemsIn(package) +
+                        ", this machine is " +
+                        detailOf(answer.refusal, "thisSystem");
+    }
+    if (answer.isVerified || source.starts_with("descriptor_signature"))
     {
         addSigner(answer, package);
     }
@@ -312,7 +360,7 @@ Answer validateDirectory(const Request& request, const fs::path& package)
 }
 
 /** What a strict check finds wrong with a file, or empty. */
-std::string objectionTo(const fs::path& path, const Request& request)
+std::string fileObjection(const fs::path& path, const Request& request)
 {
     return !request.strict ? ""
            : !fs::is_regular_file(path)
@@ -340,8 +388,8 @@ Answer unpack(const Request& request)
     {
         return {Verdict::UNCHECKED, request.directory + " is not a directory"};
     }
-    const tools::TemporaryDirectory work;
-    return extract(request, work.path(), request.directory);
+    PackageContents ignored;
+    return extract(request, fs::absolute(request.directory), ignored);
 }
 
 Answer validate(const Request& request)
@@ -349,24 +397,13 @@ Answer validate(const Request& request)
     expectReadable(request, request.subject);
     if (fs::is_directory(request.subject))
     {
-        return validateDirectory(request, request.subject);
+        return validateDirectory(request, request.subject, nullptr);
     }
-    const tools::TemporaryDirectory work;
-    const fs::path unpacked = work.path() / "unpacked";
-    fs::create_directory(unpacked);
-    std::optional<FileLimit> limit;
-    if (request.strict)
-    {
-        limit.emplace(request.maxSize);
-    }
-    const Answer answer = extract(request, work.path(), unpacked);
-    limit.reset();
-    if (answer.verdict == Verdict::ACCEPTED)
-    {
-        return validateDirectory(request, unpacked);
-    }
-    return request.strict && contentsOf(unpacked, false).size > request.maxSize
-               ? Answer{Verdict::REFUSED, tooLarge(request)}
+    const tools::TemporaryDirectory unpacked;
+    PackageContents listed;
+    const Answer answer = extract(request, unpacked.path(), listed);
+    return answer.verdict == Verdict::ACCEPTED
+               ? validateDirectory(request, unpacked.path(), &listed)
                : answer;
 }
 
@@ -379,7 +416,6 @@ Answer info(const Request& request)
     {
         fields["model"] = ValidateQOR::getImageModel(request.subject);
         fields["version"] = ValidateQOR::getImageVersion(request.subject);
-        fields["systems"] = systemsOf(descriptor);
         fields["expectedDigest"] =
             ValidateQOR::getStrFromPkgXML(descriptor, SHA256_COMPONENT, "hash");
         return fields["model"] != "" || fields["version"] != "" ||
@@ -388,9 +424,7 @@ Answer info(const Request& request)
     Answer answer = ask(request, read);
     if (answer.verdict == Verdict::ACCEPTED)
     {
-        answer.reason = fields["systems"].size() == MAX_SYSTEMS
-                            ? "only the first systems are listed"
-                            : "";
+        fields["systems"] = systemsOf(descriptor);
         answer.fields = fields;
     }
     return answer;
@@ -435,8 +469,8 @@ Answer verifyImage(const Request& request)
                          fs::file_size(signature) > SIGNATURE_FILE_MAX_SIZE;
     for (const std::string& objection :
          {std::string(isOlder && request.strict ? OLDER_FORMAT : ""),
-          objectionTo(request.subject, request),
-          objectionTo(manifest, request)})
+          fileObjection(request.subject, request),
+          fileObjection(manifest, request)})
     {
         if (!objection.empty())
         {
@@ -455,16 +489,12 @@ Answer verifyImage(const Request& request)
         answer.reason =
             isOlder ? std::string("NOT verified: ") + OLDER_FORMAT : "";
     }
-    else if (std::ranges::any_of(answer.refusal.details,
-                                 [](const Detail& detail)
-                                 { return detail.name == "exceptionType"; }))
+    else if (!detailOf(answer.refusal, "exceptionType").empty())
     {
         // Only the call throws; the log does not tell why.
         answer.verdict = Verdict::UNCHECKED;
-        answer.reason += hasOwner(SECURITY_SERVICE)
-                             ? ": it answered with an error, or not in time"
-                             : ": it did not answer: nothing owns " +
-                                   std::string(SECURITY_SERVICE);
+        answer.reason += ": it answered with an error, or not at all; " +
+                         adviceOnBus(detailOf(answer.refusal, "lookAt"));
     }
     return answer;
 }
@@ -473,7 +503,7 @@ Answer verifyPayload(const Request& request)
 {
     expectReadable(request, request.subject);
     expectReadable(request, ROOT_CA_FILE);
-    const std::string objection = objectionTo(request.subject, request);
+    const std::string objection = fileObjection(request.subject, request);
     if (!objection.empty())
     {
         return {Verdict::REFUSED, objection};

@@ -40,8 +40,11 @@ struct Request
 {
     bool verbose = false;
     bool strict = false;
-    /** What a strict check lets through, in bytes. */
+    /** What a package may unpack to, and what a strict check lets through, in
+     *  bytes. */
     std::uint64_t maxSize = std::uint64_t{1} << 30;
+    /** In the order of strverscmp(3); empty for none. */
+    std::string minVersion;
     /** A package, directory, image, payload or D-Bus path. */
     std::string subject;
     /** A second path: destination or manifest directory. */
@@ -51,6 +54,11 @@ struct Request
     ValidateQOR::VersionPurpose purpose{};
     ValidateQOR::ReleaseType releaseType{};
 };
+
+/** What to do when a service gives no answer.
+ *
+ *  @param lookAt the command that tells more of it */
+std::string adviceOnBus(const std::string& lookAt);
 
 /** Every command may throw what the library throws; the input is then
  *  unchecked. */

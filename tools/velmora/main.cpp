@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <map>
@@ -21,6 +22,9 @@ namespace
 
 using namespace velmora::front;
 using tools::printable;
+
+/** A sum of sizes that are no larger does not overflow. */
+constexpr std::uint64_t MAX_SIZE = std::uint64_t{1} << 60;
 
 constexpr const char* EXIT_STATUSES =
     "Exit status:\n"
@@ -205,18 +209,45 @@ void addCommand(CLI::App& parent, const Command& command, Invocation& chosen)
     }
 }
 
-/** Options of the commands that judge. */
-void addStrict(CLI::App& command, Request& request)
+/** Reads "64MiB" as a number of bytes.
+ *
+ *  @return what is wrong with it, or empty */
+std::string toBytes(std::string& size)
 {
-    CLI::Option* strict =
-        command.add_flag("--strict", request.strict,
-                         "Refuse also what a careful daemon should not take");
-    command
+    const std::string given = size;
+    std::uint64_t bytes = 0;
+    try
+    {
+        if (CLI::AsSizeValue(false)(size).empty() &&
+            CLI::detail::lexical_cast(size, bytes) && bytes > 0 &&
+            bytes <= MAX_SIZE)
+        {
+            return {};
+        }
+    }
+    catch (const CLI::Error&)
+    {
+        // What it says is less than what is said below.
+    }
+    return "no size: " + given +
+           "; it is a number of bytes, or one with KiB, "
+           "MiB or GiB";
+}
+
+CLI::Option* addMaxSize(CLI::App& command, Request& request)
+{
+    return command
         .add_option("--max-size", request.maxSize,
-                    "With --strict: bytes, or 64MiB (default 1GiB)")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60))
-        ->needs(strict);
+                    "Bytes, or such as 64MiB (default 1GiB)")
+        ->transform(CLI::Validator(toBytes, "SIZE"));
+}
+
+/** Options of the commands that judge. */
+CLI::Option* addStrict(CLI::App& command, Request& request)
+{
+    return command.add_flag(
+        "--strict", request.strict,
+        "Refuse also what a careful daemon should not take");
 }
 
 void addPackageCommands(CLI::App& app, Invocation& chosen)
@@ -232,9 +263,19 @@ void addPackageCommands(CLI::App& app, Invocation& chosen)
         ->add_option("MANIFEST_DIR", chosen.request.directory,
                      "Directory of image-ktb and image-ktb.sig")
         ->required();
-    for (const char* name : {"validate", "verify-image", "verify-payload"})
+    for (const char* name : {"unpack", "validate"})
     {
-        addStrict(*app.get_subcommand(name), chosen.request);
+        addMaxSize(*app.get_subcommand(name), chosen.request);
+    }
+    CLI::App* validate = app.get_subcommand("validate");
+    validate->add_option("--min-version", chosen.request.minVersion,
+                         "Refuse a lower version");
+    addStrict(*validate, chosen.request);
+    for (const char* name : {"verify-image", "verify-payload"})
+    {
+        CLI::Option* strict =
+            addStrict(*app.get_subcommand(name), chosen.request);
+        addMaxSize(*app.get_subcommand(name), chosen.request)->needs(strict);
     }
 }
 
@@ -302,7 +343,12 @@ Answer answerTo(const Command& command, const Request& request)
     }
     catch (const std::exception& e)
     {
-        return {Verdict::UNCHECKED, e.what()};
+        const std::string what = e.what();
+        // A call that cannot even be made leaves the inventory's operations.
+        const bool isBus = what.starts_with("sd_bus_");
+        return {Verdict::UNCHECKED,
+                what +
+                    (isBus ? "; " + adviceOnBus("busctl --system list") : "")};
     }
 }
 
@@ -346,6 +392,8 @@ int main(int argc, char** argv)
 try
 {
     tools::cleanUpOnSignals();
+    // A file of the extractor that grows too large gives an error.
+    std::signal(SIGXFSZ, SIG_IGN);
     Invocation invocation;
     CLI::App app{"Checks firmware-update packages as the BMC does.", "velmora"};
     addEverything(app, invocation);
