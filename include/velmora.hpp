@@ -69,25 +69,50 @@ constexpr bool countUp(std::initializer_list<Enumeration> values)
     return std::is_same_v<std::underlying_type_t<Enumeration>, int>;
 }
 
-template <typename Purpose, typename Release>
+template <typename Version>
 constexpr bool hasThisSystemsEntries()
 {
     return requires {
-        requires countUp<Purpose>(
-            {Purpose::Unknown, Purpose::Other, Purpose::System, Purpose::BMC,
-             Purpose::Host, Purpose::PSU, Purpose::SEPBP, Purpose::BIOS,
-             Purpose::CPLD, Purpose::TORLU, Purpose::FLOPCPLD, Purpose::TPM,
-             Purpose::RFCMCU, Purpose::VALVEMCU, Purpose::LEAKMCU});
-        requires countUp<Release>(
-            {Release::Other, Release::Production, Release::Prototype});
+        typename Version::VersionPurpose;
+        typename Version::ReleaseType;
+        requires countUp<typename Version::VersionPurpose>(
+            {Version::VersionPurpose::Unknown, Version::VersionPurpose::Other,
+             Version::VersionPurpose::System, Version::VersionPurpose::BMC,
+             Version::VersionPurpose::Host, Version::VersionPurpose::PSU,
+             Version::VersionPurpose::SEPBP, Version::VersionPurpose::BIOS,
+             Version::VersionPurpose::CPLD, Version::VersionPurpose::TORLU,
+             Version::VersionPurpose::FLOPCPLD, Version::VersionPurpose::TPM,
+             Version::VersionPurpose::RFCMCU, Version::VersionPurpose::VALVEMCU,
+             Version::VersionPurpose::LEAKMCU});
+        requires countUp<typename Version::ReleaseType>(
+            {Version::ReleaseType::Other, Version::ReleaseType::Production,
+             Version::ReleaseType::Prototype});
     };
 }
 
+/** What a header without the type has instead, so that the one error is that
+ *  of the assertion below. */
+template <typename Version>
+struct ReleaseTypeOf
+{
+    enum class Type
+    {
+    };
+};
+
+template <typename Version>
+    requires requires { typename Version::ReleaseType; }
+struct ReleaseTypeOf<Version>
+{
+    using Type = typename Version::ReleaseType;
+};
+
+using PlatformVersion =
+    sdbusplus::common::xyz::openbmc_project::software::Version;
+using PlatformReleaseType = ReleaseTypeOf<PlatformVersion>::Type;
+
 static_assert(
-    hasThisSystemsEntries<sdbusplus::common::xyz::openbmc_project::software::
-                              Version::VersionPurpose,
-                          sdbusplus::common::xyz::openbmc_project::software::
-                              Version::ReleaseType>(),
+    hasThisSystemsEntries<PlatformVersion>(),
     "the platform's <xyz/openbmc_project/Software/Version/common.hpp> has not "
     "this system's entries: define VELMORA_OWN_VERSION and include velmora.hpp "
     "in a source unit that does not include that header, as "
@@ -148,6 +173,12 @@ extern VELMORA_EXPORT const
 
 } // namespace sdbusplus::common::xyz::openbmc_project::software
 
+namespace velmora
+{
+using PlatformReleaseType =
+    sdbusplus::common::xyz::openbmc_project::software::Version::ReleaseType;
+}
+
 #endif
 
 /** First 16 bytes of a firmware manifest, as stored (integers
@@ -184,8 +215,7 @@ class VELMORA_EXPORT ValidateQOR
   public:
     using VersionPurpose = sdbusplus::common::xyz::openbmc_project::software::
         Version::VersionPurpose;
-    using ReleaseType =
-        sdbusplus::common::xyz::openbmc_project::software::Version::ReleaseType;
+    using ReleaseType = velmora::PlatformReleaseType;
 
     ValidateQOR() = delete;
 
@@ -214,9 +244,9 @@ class VELMORA_EXPORT ValidateQOR
      *  Replaces libxml2's memory functions, entity loader and structured error
      *  function while it works, and cleans up its process-wide parser state.
      *  Refuses a document of more than 256 KiB, one of more than 8 KiB that has
-     *  a document type, and one beyond another limit (docs/security.md). What is
-     *  wrong with it goes to libxml2's generic error function as one line. That
-     *  function may call the library.
+     *  a document type, and one beyond another limit (docs/security.md). What
+     *  is wrong with it goes to libxml2's generic error function as one line.
+     *  That function may call the library.
      *
      *  @param descriptorPath XML file
      *  @param expression XPath 1.0 expression that selects elements, or null
@@ -288,8 +318,8 @@ class VELMORA_EXPORT ValidateQOR
     /** Copies the first manifest in a file.
      *
      *  @param file open for binary input, at its start; its position is moved.
-     *              It is read to its end: one whose exceptions() hold failbit
-     *              or eofbit throws there
+     *              It is read to its end: one whose exceptions() hold failbit,
+     *              eofbit or badbit may throw there
      *  @param magic to search for, "$KTB"
      *  @param[out] header first 16 bytes of the manifest; may be filled in
      *              part on failure

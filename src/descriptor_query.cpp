@@ -71,7 +71,9 @@ std::string ValidateQOR::getStrFromPkgXML(const std::string& descriptorPath,
     const XmlText text = firstText(*nodes, attribute.c_str());
     if (text == nullptr || allocations.failed())
     {
-        LOG_FAILURE("no selected element has a value for the attribute");
+        LOG_FAILURE(
+            "no selected element has a value for the attribute, or memory is "
+            "out");
         return {};
     }
     std::string value = reinterpret_cast<const char*>(text.get());

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -19,20 +22,28 @@ inline std::string joined(const std::string& directory,
     return (std::filesystem::path(directory) / name).string();
 }
 
-/** What is there and has no status may be of any type: where time has 32 bits,
- *  that is so from 2038 on. Opening it decides. */
-inline bool mayBe(std::filesystem::file_type type,
-                  std::filesystem::file_status status)
+/** Whether @p status, which is that of @p path, is of a type. Where time has 32
+ *  bits, a file dated 2038 or later has an unknown one, and statx tells it. */
+inline bool hasType(std::filesystem::file_type type,
+                    std::filesystem::file_status status,
+                    const std::string& path)
 {
-    return status.type() == type ||
-           status.type() == std::filesystem::file_type::unknown;
+    if (status.type() != std::filesystem::file_type::unknown)
+    {
+        return status.type() == type;
+    }
+    const unsigned bits =
+        type == std::filesystem::file_type::directory ? S_IFDIR : S_IFREG;
+    struct statx known{};
+    return statx(AT_FDCWD, path.c_str(), 0, STATX_TYPE, &known) == 0 &&
+           (known.stx_mode & S_IFMT) == bits;
 }
 
 inline bool isRegularFile(const std::string& path)
 {
     std::error_code ignored;
-    return mayBe(std::filesystem::file_type::regular,
-                 std::filesystem::status(path, ignored));
+    return hasType(std::filesystem::file_type::regular,
+                   std::filesystem::status(path, ignored), path);
 }
 
 /** Opens nothing else: a directory would open too, and a FIFO would wait. */

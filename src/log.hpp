@@ -74,13 +74,15 @@
 /** @name The stderr style
  *  @param source, cause, what as above
  *  @param ... the line's own message: a printf format and its arguments, which
- *         may name the line's number, LOG_NUMBER */
+ *         may name the line's number, LINE_NUMBER: compilers differ in which
+ *         line an argument stands on */
 ///@{
 #define LOG_FORMAT(format, ...) format
 #define PRINT_STDERR(level, kind, text, ...)                                   \
     do                                                                         \
     {                                                                          \
         LOG_RECORD(kind, text "\n" LOG_FORMAT(__VA_ARGS__));                   \
+        [[maybe_unused]] constexpr unsigned LINE_NUMBER = LOG_NUMBER;          \
         PRINT_LINE(level, __VA_ARGS__);                                        \
     } while (false)
 #define PRINT_FAILURE(cause, ...)                                              \

@@ -26,8 +26,9 @@ constexpr std::size_t RECORD_HEADER_SIZE = 16;
 constexpr std::uint16_t RELEASE_RECORD_TYPE = 10;
 /** Offset of the release in a record's data. */
 constexpr std::uint64_t RELEASE_OFFSET = 2;
+
 /** The rest of a stream, by the stream's own reading, which reports an error
- *  in its state and does not throw. */
+ *  in its state. */
 std::string readAll(std::ifstream& file)
 {
     std::string content;

@@ -38,7 +38,7 @@ inline std::unique_ptr<char[]> tryAllocate(std::size_t size)
  *
  *  Everybody may write in the marker's directory. Somebody may have put a
  *  link, a hard link, or a FIFO in its place: none of them is written to, or
- * waited for. */
+ *  waited for. */
 void writeReleaseMarker(Bytes manifest);
 
 } // namespace velmora

@@ -34,11 +34,21 @@ class MappedFile
     bool measure()
     {
         struct stat status{};
-        if (fstat(file_.get(), &status) != 0)
+        if (fstat(file_.get(), &status) == 0)
+        {
+            size_ = status.st_size;
+            return true;
+        }
+        // Where time has 32 bits, a file dated 2038 or later has no such
+        // status.
+        struct statx known{};
+        if (errno != EOVERFLOW ||
+            statx(file_.get(), "", AT_EMPTY_PATH, STATX_SIZE, &known) != 0 ||
+            known.stx_size > std::numeric_limits<std::int64_t>::max())
         {
             return false;
         }
-        size_ = status.st_size;
+        size_ = static_cast<std::int64_t>(known.stx_size);
         return true;
     }
 

@@ -177,10 +177,10 @@ std::vector<std::string> regularFiles(const std::string& directory)
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..")
         {
-            const fs::path path = fs::path(directory) / name;
-            if (mayBe(fs::file_type::regular, fs::status(path)))
+            std::string path = (fs::path(directory) / name).string();
+            if (hasType(fs::file_type::regular, fs::status(path), path))
             {
-                paths.push_back(path.string());
+                paths.push_back(std::move(path));
             }
             else
             {
@@ -253,7 +253,8 @@ std::string calculateFileSHA(const std::string& filePath)
 
 std::string ValidateQOR::getSHAStrFromImage(const std::string& payloadPath)
 {
-    if (!mayBe(fs::file_type::directory, fs::status(payloadPath)))
+    if (!hasType(fs::file_type::directory, fs::status(payloadPath),
+                 payloadPath))
     {
         LOG_FAILURE("the payload is missing or no directory");
         return {};

@@ -124,7 +124,7 @@ class SlotVerification
         if (!payload.unmap())
         {
             PRINT_NOTE("the payload could not be unmapped",
-                       "Line[%u]munmap failed", unsigned{LOG_NUMBER});
+                       "Line[%u]munmap failed", LINE_NUMBER);
         }
         return SLOT_CERTIFICATE;
     }

@@ -14,8 +14,8 @@ using namespace velmora;
 bool ValidateQOR::validateExtractedQOR(const std::string& packageDir)
 {
     std::error_code ignored;
-    if (!mayBe(std::filesystem::file_type::directory,
-               std::filesystem::status(packageDir, ignored)))
+    if (!hasType(std::filesystem::file_type::directory,
+                 std::filesystem::status(packageDir, ignored), packageDir))
     {
         LOG_FAILURE("the package directory is missing or no directory");
         return false;

@@ -20,12 +20,14 @@ for both in "$ours"$'\n'"$theirs" "$theirs"$'\n'"$ours"; do
     compiles "$both"$'\n'"$use" -I "$platform" -DWITH_ENTRIES
 done
 compiles "$ours"$'\n'"$use" -I "$platform" -DVELMORA_OWN_VERSION
-if errors=$(compiles "$ours" -I "$platform" 2>&1); then
-    echo 'a header without the entries compiles'
-    exit 1
-fi
-if [ "$(grep -c 'error: ' <<<"$errors")" -ne 1 ] ||
-    ! grep -q 'error: .*define VELMORA_OWN_VERSION' <<<"$errors"; then
-    echo "not one clear error: $errors"
-    exit 1
-fi
+for lacking in -DWITHOUT_ENTRIES -DWITHOUT_RELEASE_TYPE; do
+    if errors=$(compiles "$ours" -I "$platform" $lacking 2>&1); then
+        echo 'a header without the entries compiles'
+        exit 1
+    fi
+    if [ "$(grep -c 'error: ' <<<"$errors")" -ne 1 ] ||
+        ! grep -q 'error: .*define VELMORA_OWN_VERSION' <<<"$errors"; then
+        echo "not one clear error: $errors"
+        exit 1
+    fi
+done

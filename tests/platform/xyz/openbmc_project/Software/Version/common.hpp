@@ -29,12 +29,14 @@ struct Version
         PSU ENTRIES
     };
 
+#ifndef WITHOUT_RELEASE_TYPE
     enum class ReleaseType
     {
         Other,
         Production,
         Prototype
     };
+#endif
 };
 
 namespace details
