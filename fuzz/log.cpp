@@ -61,7 +61,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         LogReader reader(TABLE, check);
         reader.read(tools::memoryFile(fuzz::textOf(input)), "log");
     }
-    catch (const tools::Error&)
+    catch (const tools::Error&) // NOLINT(bugprone-empty-catch)
     {
         // Said in one line, and nothing else is thrown.
     }

@@ -102,10 +102,13 @@ class LogReader
         /** What was refused last, until nothing more can pass it on. */
         std::optional<Operation> refusal = std::nullopt;
         Operation now = {};
+        // GCC wants what clang-tidy calls redundant.
+        // NOLINTBEGIN(readability-redundant-member-init)
         /** Text of an exception that the line before told. */
         std::string exception = {};
         /** Not handed on yet: a later line may show another build. */
         std::vector<Operation> done = {};
+        // NOLINTEND(readability-redundant-member-init)
         bool isDoubted = false;
     };
 
