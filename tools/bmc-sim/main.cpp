@@ -123,7 +123,7 @@ int run(const Options& options)
                            start(inventory, INVENTORY, options, created)};
     sd_notify(0, "READY=1");
     // For who is not systemd.
-    std::cout << "ready" << std::endl;
+    std::cout << "ready\n" << std::flush;
     return check(sd_event_loop(created), "event loop");
 }
 

@@ -129,9 +129,10 @@ GpgData gpgData(std::string_view bytes)
 std::string dayText(std::int64_t seconds)
 {
     using namespace std::chrono;
+    constexpr std::int64_t SECONDS_A_DAY = 86400;
     // Days as an int: a time_t may have 32 bits.
     const year_month_day day(
-        sys_days(days(static_cast<int>(seconds / (24 * 60 * 60)))));
+        sys_days(days(static_cast<int>(seconds / SECONDS_A_DAY))));
     std::array<char, 32> text{};
     const int size = std::snprintf(
         text.data(), text.size(), "%d-%02u-%02u", static_cast<int>(day.year()),
