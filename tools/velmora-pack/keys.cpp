@@ -9,10 +9,12 @@
 #include <openssl/provider.h>
 #include <openssl/store.h>
 #include <openssl/ui.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <optional>
 
@@ -33,6 +35,9 @@ constexpr auto PROVIDER_MODULE_VARIABLE = "PKCS11_PROVIDER_MODULE";
 using Store = Handle<OSSL_STORE_CTX, OSSL_STORE_close>;
 using StoreInfo = Handle<OSSL_STORE_INFO, OSSL_STORE_INFO_free>;
 using Prompter = Handle<UI_METHOD, UI_destroy_method>;
+
+/** What VELMORA_PACK_PIN was. */
+std::optional<std::string> environmentPin;
 
 /** What OpenSSL is told when it asks for a passphrase or a PIN. */
 struct Secret
@@ -92,25 +97,69 @@ int tellSecret(char* buffer, int size, int /*forWriting*/, void* data)
     return length;
 }
 
-std::optional<std::string> givenSecret(const fs::path& file)
+/** The only line of a file. What does not hold the secret alone is refused
+ *  before a token can count a wrong one. */
+std::string secretIn(const fs::path& file)
 {
-    if (file.empty())
-    {
-        const char* const pin = std::getenv(PIN_VARIABLE);
-        return pin == nullptr || *pin == '\0' ? std::nullopt
-                                              : std::optional<std::string>(pin);
-    }
-    std::string line;
     std::ifstream stream(file);
     if (!stream.is_open())
     {
         throw systemError(file.string());
     }
-    if (!std::getline(stream, line))
+    std::string line;
+    if (!std::getline(stream, line) || line.empty())
     {
         throw Error(file.string(), "no passphrase can be read from it");
     }
+    if (stream.peek() != std::ifstream::traits_type::eof())
+    {
+        throw Error(file.string(), "holds more than the one line that a "
+                                   "passphrase or PIN is");
+    }
+    if (line.back() == '\r')
+    {
+        throw Error(file.string(),
+                    "has a carriage return at its end: make it without");
+    }
     return line;
+}
+
+/** Takes the file with the PIN out of a token's URI. The driver would read it
+ *  too, but as it stands.
+ *
+ *  @return its path, or empty */
+fs::path takePinSource(std::string& uri)
+{
+    constexpr std::string_view NAME = "pin-source=";
+    constexpr std::string_view SCHEME = "file:";
+    const std::size_t query = std::min(uri.find('?'), uri.size());
+    if (uri.find("pin-value=", query) != std::string::npos)
+    {
+        throw Error(keyName(uri),
+                    "pin-value shows the PIN to all users: use pin-source, "
+                    "--passphrase-file or VELMORA_PACK_PIN");
+    }
+    const std::size_t start = uri.find(NAME, query);
+    if (start == std::string::npos)
+    {
+        return {};
+    }
+    const std::size_t end = std::min(uri.find('&', start), uri.size());
+    std::string file =
+        uri.substr(start + NAME.size(), end - start - NAME.size());
+    file.erase(0, file.starts_with(SCHEME) ? SCHEME.size() : 0);
+    if (file.find('%') != std::string::npos)
+    {
+        throw Error(file, "pin-source is not read with percent signs: use "
+                          "--passphrase-file");
+    }
+    // With the separator in front of it.
+    uri.erase(start - 1, end - start + 1);
+    if (uri.find('?') == std::string::npos && query < uri.size())
+    {
+        uri[query] = '?';
+    }
+    return file;
 }
 
 Key firstKey(OSSL_STORE_CTX* store)
@@ -218,16 +267,31 @@ std::string keyName(const std::string& key)
     return key.starts_with(TOKEN_SCHEME) ? key.substr(0, key.find('?')) : key;
 }
 
-Key readPrivateKey(const std::string& key, const fs::path& passphraseFile)
+void hideSecrets()
 {
+    prctl(PR_SET_DUMPABLE, 0);
+    char* const pin = std::getenv(PIN_VARIABLE);
+    if (pin != nullptr && *pin != '\0')
+    {
+        environmentPin = pin;
+        // This is also what the system shows as the process's environment.
+        OPENSSL_cleanse(pin, std::strlen(pin));
+    }
+    unsetenv(PIN_VARIABLE);
+}
+
+Key readPrivateKey(std::string key, const fs::path& passphraseFile)
+{
+    const bool isToken = key.starts_with(TOKEN_SCHEME);
     Secret secret;
     secret.key = keyName(key);
-    secret.value = givenSecret(passphraseFile);
+    fs::path file = isToken ? takePinSource(key) : "";
+    file = file.empty() ? passphraseFile : file;
+    secret.value = file.empty() ? environmentPin : secretIn(file);
     const Prompter prompter(UI_UTIL_wrap_read_pem_callback(tellSecret, 0));
     require(prompter != nullptr, "no memory");
-    Key found = key.starts_with(TOKEN_SCHEME)
-                    ? keyOfToken(key, prompter.get(), secret)
-                    : keyOfFile(key, prompter.get(), secret);
+    Key found = isToken ? keyOfToken(key, prompter.get(), secret)
+                        : keyOfFile(key, prompter.get(), secret);
     if (!secret.refusal.empty())
     {
         throw Error(secret.key, secret.refusal);

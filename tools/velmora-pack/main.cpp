@@ -3,6 +3,7 @@
 #include "common/signals.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
+#include "keys.hpp"
 #include "library_version.hpp"
 #include "making.hpp"
 
@@ -92,7 +93,7 @@ void addSigning(CLI::App& command, pack::Signing& signing, bool several,
 void addPassphrase(CLI::App& command, pack::Signing& signing)
 {
     add(command, "--passphrase-file", signing.passphraseFile, "FILE",
-        "Its first line is the key's passphrase or PIN; /dev/fd/N is a file "
+        "Its only line is the key's passphrase or PIN; /dev/fd/N is a file "
         "descriptor")
         ->needs(command.get_option("--key"));
 }
@@ -354,6 +355,7 @@ int main(int argc, char** argv)
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     tools::cleanUpOnSignals();
+    pack::hideSecrets();
 
     pack::PackageOptions package;
     pack::ImageOptions image;
