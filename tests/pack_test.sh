@@ -61,28 +61,52 @@ fails '1.zip: exists; --force' "${package[@]}" --payload files -o 1.zip
 fails "files/x: lies in the payload's" "${package[@]}" --payload files -o files/x
 expect 2 'larger than FFFF: 12345' "$pack" "${package[@]}" --payload files \
     -o none.zip --system-id 12345
-mkdir -m 700 stranger
-gpg --homedir stranger --batch --quiet --passphrase '' \
-    --quick-generate-key Stranger ed25519 sign 10d 2>/dev/null
-gpg --homedir stranger --export >stranger.pub
-stranger=(package --payload files --model 1 --version 1 --gpg-home stranger
-    --key "$(gpg --homedir stranger --with-colons --list-keys |
-        sed -n 's/^fpr:*//; T; s/:$//p; q')" --keyring)
-fails 'keyring.asc: gives no good signature: no public key' "${stranger[@]}" \
-    "$keys/keyring.asc" -o x.zip
-fails 'stranger.pub: key .* expires within 30 days' "${stranger[@]}" \
-    stranger.pub -o x.zip
-expect 0 . "$pack" "${stranger[@]}" stranger.pub --min-days 5 -o stranger.zip
-fails 'chain.pem: holds no OpenPGP public key' "${stranger[@]}" \
-    "$keys/chain.pem" -o x.zip
-mkdir -m 700 locked
+# Keys of packages: a primary key with two subkeys, and one of 2024.
+mkdir -m 700 owner locked
+gpg_of() { gpg --homedir "$1" --batch --quiet --passphrase '' "${@:2}" 2>/dev/null; }
+gpg_of owner --quick-generate-key "Owner, TEST" ed25519 sign never
+fingerprints() {
+    gpg_of "$1" --with-colons --list-keys | sed -n 's/^fpr:*//; T; s/:$//p'
+}
+gpg_of owner --quick-add-key "$(fingerprints owner)" ed25519 sign 10d
+gpg_of owner --quick-add-key "$(fingerprints owner | head -n 1)" ed25519 sign never
+gpg_of owner --faked-system-time 20240101T000000 \
+    --quick-generate-key Old ed25519 sign 2024-01-31
+mapfile -t owned < <(fingerprints owner)
+gpg_of owner --export "${owned[0]}" >owner.pub
+owner=(package --payload files --model 1 --version 1 --gpg-home owner)
+fails 'keyring.asc: gives no good signature: no public key' "${owner[@]}" \
+    --key "${owned[0]}" --keyring "$keys/keyring.asc" -o x.zip
+fails "owner.pub: key ${owned[0]}, subkey ${owned[1]} expires within 30 days" \
+    "${owner[@]}" --key "${owned[1]}" --keyring owner.pub -o x.zip
+"$pack" "${owner[@]}" --key "${owned[1],,}" --keyring owner.pub --min-days 5 -o sub.zip
+gpg_of /etc/gpg/secupkey/.gnupg --import owner.pub
+expect 1 "not .* fully valid: Owner, TEST, ${owned[0]}, subkey ${owned[1]}\$" \
+    "$velmora" validate sub.zip
+# One lasts, so that the machine accepts the package for as long.
+"$pack" "${owner[@]}" --key "${owned[1]}" --key "${owned[0]}!" --keyring owner.pub \
+    -o both.zip
+unzip -p both.zip package.xml.sign >both.sig
+expect 0 "fpr v4 ${owned[0]}" gpg --homedir owner --list-packets both.sig
+expect 0 "fpr v4 ${owned[1]}" gpg --homedir owner --list-packets both.sig
+fails "${owned[3]}: the key expired on 2024-01-31" "${owner[@]}" --key "${owned[3]}" \
+    -o x.zip
+SOURCE_DATE_EPOCH=1700000000 fails 'after the time of SOURCE_DATE_EPOCH' \
+    "${owner[@]}" --key "${owned[0]}" -o x.zip
+echo disable | gpg --homedir owner --command-fd 0 --no-tty --edit-key Owner 2>/dev/null
+fails 'the key is disabled' "${owner[@]}" --key "${owned[2]}" -o x.zip
+sed -i 's/^:---/---/' owner/openpgp-revocs.d/*.rev
+gpg_of owner --import "owner/openpgp-revocs.d/${owned[0]}.rev"
+fails "its primary key ${owned[0]} was revoked on 20" "${owner[@]}" --key "${owned[2]}" \
+    -o x.zip
+fails 'chain.pem: holds no OpenPGP public key' "${package[@]}" --payload files \
+    --keyring "$keys/chain.pem" -o x.zip
 gpg --homedir locked --batch --quiet --passphrase x --pinentry-mode loopback \
     --quick-generate-key Locked ed25519 sign 2>/dev/null
 gpgconf --homedir locked --kill all
 expect 1 'cannot sign .* GPG_TTY=.* gpg-preset-passphrase' setsid "$pack" \
     package --payload files --model 1 --version 1 --gpg-home locked \
-    --key "$(gpg --homedir locked --with-colons --list-keys |
-        sed -n 's/^fpr:*//; T; s/:$//p; q')" -o x.zip
+    --key "$(fingerprints locked)" -o x.zip
 
 mkdir secret
 cp "$keys/image-signer.pem" secret/a
@@ -148,13 +172,19 @@ fails 'does not vouch for the chain at the timestamp 5: .* not yet valid' \
 fails 'chain.pem: certificate .* expires within 36500 days' "${checked[@]}" \
     --chain "$keys/chain.pem" --root-ca "$keys/root-ca.pem" --min-days 36500
 openssl pkey -in "$keys/image-signer.pem" -aes256 -passout pass:abc -out locked.pem
+echo wrong >wrong
 expect 1 'locked.pem: needs a passphrase or PIN, and there is no terminal' \
     setsid "$pack" image content --key locked.pem -o x
-echo wrong >wrong
-fails 'locked.pem: no private key .* with that passphrase' image content \
-    --key locked.pem --passphrase-file wrong -o x
-fails 'nothere: No such file' image content --key locked.pem --passphrase-file nothere -o x
-fails 'empty: no passphrase' image content --key locked.pem --passphrase-file empty -o x
+# What it cannot be is told before a token counts a try.
+printf 'abc\r\n' >carriage
+printf 'abc\ndef\n' >lines
+for file in wrong:'no private key .* with that passphrase' empty:'no passphrase' \
+    nothere:'No such file' carriage:'has a carriage return' lines:'more than the one line'; do
+    fails "${file#*:}" image content --key locked.pem --passphrase-file "${file%:*}" -o x
+done
+for query in "pin-source=file:$PWD/carriage" pin-value=1; do
+    fails 'carriage return|shows the PIN' image content --key "pkcs11:object=x?$query" -o x
+done
 cp p.zip twice.zip
 python3 - twice.zip <<'PY'
 import sys, warnings, zipfile
@@ -269,7 +299,7 @@ wait $! || true
 expect 0 '^velmora-pack: signed-large: File exists' cat interrupted
 expect 0 '^mine$' cat signed-large
 rm signed-large
-ulimit -c 0
+ulimit -S -c hard
 for signal in HUP QUIT; do
     begin_large
     kill -s "$signal" $!
@@ -278,5 +308,22 @@ for signal in HUP QUIT; do
     expect 0 '^1(29|31)$' echo "$status"
     expect 1 '^$' compgen -G '.velmora-pack-*'
 done
+
+
+# No child gets a PIN, no core dump holds it, and nobody sees it in the process's environment.
+mkdir shim
+printf '#!/bin/sh\nenv >%s\nexit 1\n' "$PWD/child" >shim/openssl
+chmod +x shim/openssl
+VELMORA_PACK_PIN=abc PATH=$PWD/shim:$PATH expect 1 'keys cannot be made' \
+    "$pack" test-keys none
+expect 1 '^0$' grep -c VELMORA_PACK_PIN child
+(
+    VELMORA_PACK_PIN=abc "$pack" image large --key locked.pem -o x 2>&1 &
+    until compgen -G '.velmora-pack-*' >/dev/null; do sleep 0.01; done
+    tr '\0' '\n' <"/proc/$!/environ"
+    kill -s ABRT $!
+    wait $!
+) >aborted 2>&1 || true
+expect 1 '^0$' grep -acE '=abc$|core dumped' aborted
 
 finish

@@ -159,9 +159,11 @@ std::string signingKey(const fs::path& home, const std::string& text)
         named = named->next;
     }
     const bool isExact = name.isExact || named != key->subkeys;
-    std::string objection = key->disabled != 0
-                                ? "the key is disabled"
-                                : objectionTo(home, *key, key->subkeys, named);
+    std::string objection = objectionTo(home, *key, key->subkeys, named);
+    if (objection.empty() && key->disabled != 0)
+    {
+        objection = "the key is disabled";
+    }
     if (!objection.empty())
     {
         throw Error(text, objection);
