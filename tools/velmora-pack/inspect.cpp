@@ -14,7 +14,6 @@ constexpr std::size_t START_SIZE = 256;
 constexpr auto MANIFEST_SIGNATURE_NAME = "image-ktb.sig";
 constexpr std::uint64_t OLDER_SIGNATURE_SIZE = 512;
 constexpr std::size_t INDENT_WIDTH = 2;
-constexpr long SECONDS_PER_DAY = 86400;
 
 std::string startOf(const Source& file)
 {
@@ -165,11 +164,7 @@ std::string renderText(const Json& fields)
 
 std::string dateText(std::int64_t seconds)
 {
-    // The start of 1970 and days as an int: a time_t may have 32 bits.
-    const Handle<ASN1_TIME, ASN1_TIME_free> date(
-        ASN1_TIME_adj(nullptr, 0, static_cast<int>(seconds / SECONDS_PER_DAY),
-                      static_cast<long>(seconds % SECONDS_PER_DAY)));
-    return date ? timeText(date.get()) : "out of range";
+    return timeText(timeOf(seconds).get());
 }
 
 } // namespace pack

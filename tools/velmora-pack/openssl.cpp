@@ -175,7 +175,7 @@ Key publicPart(EVP_PKEY* key)
     return result;
 }
 
-std::vector<Certificate> readCertificates(Bytes pem)
+std::vector<Certificate> readCertificates(Bytes pem, const std::string& file)
 {
     const Bio bio = memoryBio(pem);
     std::vector<Certificate> certificates;
@@ -186,8 +186,27 @@ std::vector<Certificate> readCertificates(Bytes pem)
     {
         certificates.emplace_back(certificate);
     }
+    // At the end there is no further one.
+    if (!file.empty() &&
+        ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE)
+    {
+        throw opensslError(file, "holds a certificate that cannot be read");
+    }
     ERR_clear_error();
     return certificates;
+}
+
+std::string pemText(const std::vector<Certificate>& certificates)
+{
+    return printed(
+        [&](BIO* bio)
+        {
+            for (const Certificate& certificate : certificates)
+            {
+                require(PEM_write_bio_X509(bio, certificate.get()) == 1,
+                        "a certificate cannot be written");
+            }
+        });
 }
 
 std::string nameText(const X509_NAME* name)
@@ -199,6 +218,16 @@ std::string nameText(const X509_NAME* name)
 std::string certificateText(const X509* certificate)
 {
     return "certificate " + nameText(X509_get_subject_name(certificate));
+}
+
+Time timeOf(std::int64_t seconds)
+{
+    // The start of 1970 and days as an int: a time_t may have 32 bits.
+    constexpr std::int64_t DAY = 86400;
+    Time time(ASN1_TIME_adj(nullptr, 0, static_cast<int>(seconds / DAY),
+                            static_cast<long>(seconds % DAY)));
+    require(time != nullptr, "the time is out of range");
+    return time;
 }
 
 std::string timeText(const ASN1_TIME* time)

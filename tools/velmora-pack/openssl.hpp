@@ -22,6 +22,7 @@ using Bio = Handle<BIO, BIO_free_all>;
 using Certificate = Handle<X509, X509_free>;
 using DigestContext = Handle<EVP_MD_CTX, EVP_MD_CTX_free>;
 using Key = Handle<EVP_PKEY, EVP_PKEY_free>;
+using Time = Handle<ASN1_TIME, ASN1_TIME_free>;
 
 /** An error that OpenSSL explains; its queue is empty afterwards. */
 Error opensslError(std::string_view subject, std::string_view what);
@@ -64,11 +65,17 @@ Key readPublicKey(const std::filesystem::path& file);
 /** The key without its private part. */
 Key publicPart(EVP_PKEY* key);
 
-/** The certificates of a PEM text, up to the first block that is none. */
-std::vector<Certificate> readCertificates(Bytes pem);
+/** The certificates of a PEM text, up to one that cannot be read.
+ *
+ *  @param file the text's, for the error that such a one gives then */
+std::vector<Certificate> readCertificates(Bytes pem,
+                                          const std::string& file = {});
+std::string pemText(const std::vector<Certificate>& certificates);
 std::string nameText(const X509_NAME* name);
 /** What a message calls it. */
 std::string certificateText(const X509* certificate);
+/** @param seconds since 1970 */
+Time timeOf(std::int64_t seconds);
 std::string timeText(const ASN1_TIME* time);
 
 /** Checks as the machine will that the first certificate leads to the root.

@@ -4,13 +4,12 @@
 #include "openssl.hpp"
 
 #include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <limits>
+#include <map>
+#include <sstream>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -35,6 +34,7 @@ constexpr auto METADATA_VERSION = "1";
 constexpr std::string_view CERTIFICATE_START = "-----BEGIN CERTIFICATE-----";
 /** The checker's table of tokens holds no more. */
 constexpr std::size_t MOST_TOKENS = 30;
+constexpr std::int64_t SECONDS_PER_DAY = 86400;
 
 struct Metadata
 {
@@ -51,35 +51,27 @@ std::string_view textUpToNul(Bytes field)
 }
 
 /** Reads the block as the checker does: it knows double quotes, not JSON. */
-Metadata readMetadata(std::string_view text)
+Metadata readMetadata(const std::string& text)
 {
-    std::vector<std::string_view> tokens;
-    while (tokens.size() < MOST_TOKENS)
+    std::vector<std::string> tokens;
+    std::istringstream stream(text);
+    for (std::string token;
+         tokens.size() < MOST_TOKENS && std::getline(stream, token, '"');)
     {
-        const std::size_t start = text.find_first_not_of('"');
-        if (start == std::string_view::npos)
+        if (!token.empty())
         {
-            break;
+            tokens.push_back(token);
         }
-        text.remove_prefix(start);
-        const std::size_t end = std::min(text.find('"'), text.size());
-        tokens.push_back(text.substr(0, end));
-        text.remove_prefix(end);
     }
-    Metadata metadata;
+    std::map<std::string, std::string> values;
     for (std::size_t i = 2; i < tokens.size(); ++i)
     {
-        const std::string_view name = tokens[i - 2];
-        std::string* const value = name == "ver"   ? &metadata.version
-                                   : name == "alg" ? &metadata.algorithm
-                                   : name == "sts" ? &metadata.timestamp
-                                                   : nullptr;
-        if (value != nullptr && tokens[i - 1] == ": ")
+        if (tokens[i - 1] == ": ")
         {
-            *value = tokens[i];
+            values[tokens[i - 2]] = tokens[i];
         }
     }
-    return metadata;
+    return {values["ver"], values["alg"], values["sts"]};
 }
 
 /** Any other name stands for SHA-256, as it does to the checker. */
@@ -105,46 +97,28 @@ void expectRsa(const EVP_PKEY* key, std::string_view file)
     }
 }
 
-std::size_t countOf(std::string_view text, std::string_view what)
-{
-    std::size_t count = 0;
-    for (std::size_t at = text.find(what); at != std::string_view::npos;
-         at = text.find(what, at + what.size()))
-    {
-        ++count;
-    }
-    return count;
-}
-
 struct Chain
 {
-    Buffer text;
+    /** The certificates and nothing else: a private key beside them would be
+     *  published with them. */
+    std::string text;
     std::vector<Certificate> certificates;
 };
 
 Chain readChain(const fs::path& file)
 {
     const Source source(file);
-    if (source.size() == 0)
+    const Buffer content = source.readAll();
+    Chain chain{{}, readCertificates(content, source.name())};
+    if (chain.certificates.empty())
     {
-        throw Error(source.name(), "is empty");
+        throw Error(source.name(), "holds no certificate in PEM");
     }
-    if (source.size() >= CHAIN_SIZE)
+    chain.text = pemText(chain.certificates);
+    if (chain.text.size() >= CHAIN_SIZE)
     {
         throw Error(source.name(),
                     "is too long: a chain must be shorter than 24576 bytes");
-    }
-    Chain chain{source.readAll(), {}};
-    // A private key beside the certificates would be published with them.
-    const std::string_view text = textOf(chain.text);
-    const std::size_t count = countOf(text, CERTIFICATE_START);
-    chain.certificates = readCertificates(chain.text);
-    if (count == 0 || count != countOf(text, "-----BEGIN ") ||
-        count != chain.certificates.size() ||
-        text.find('\0') != std::string_view::npos)
-    {
-        throw Error(source.name(),
-                    "must hold certificates in PEM and nothing else");
     }
     return chain;
 }
@@ -188,28 +162,17 @@ std::int32_t timestampOf(const PayloadOptions& options)
     return static_cast<std::int32_t>(seconds);
 }
 
-/** Whether it is the first, or has issued another one. */
-bool belongs(const Certificate& certificate,
-             const std::vector<Certificate>& chain)
-{
-    return certificate == chain.front() ||
-           std::ranges::any_of(chain,
-                               [&](const Certificate& other)
-                               {
-                                   return other != certificate &&
-                                          X509_check_issued(certificate.get(),
-                                                            other.get()) ==
-                                              X509_V_OK;
-                               });
-}
-
-/** The start of a message about a certificate that is not valid at that time;
- *  empty for one that is. The caller adds the time. */
-std::string invalidityAt(std::time_t time, const X509* certificate)
+/** The start of a message about a certificate that is not valid at a time;
+ *  empty for one that is. The caller adds the time.
+ *
+ *  @param seconds since 1970 */
+std::string invalidityAt(std::int64_t seconds, const X509* certificate)
 {
     const ASN1_TIME* const start = X509_get0_notBefore(certificate);
     const ASN1_TIME* const end = X509_get0_notAfter(certificate);
-    if (X509_cmp_time(start, &time) < 0 && X509_cmp_time(end, &time) > 0)
+    const Time time = timeOf(seconds);
+    if (ASN1_TIME_compare(start, time.get()) <= 0 &&
+        ASN1_TIME_compare(end, time.get()) >= 0)
     {
         return {};
     }
@@ -217,57 +180,34 @@ std::string invalidityAt(std::time_t time, const X509* certificate)
            " to " + timeText(end) + ", so not ";
 }
 
-/** Objects to a certificate that has expired or soon will. */
-void checkExpiry(const Trust& trust, const fs::path& file,
-                 const X509* certificate)
-{
-    const ASN1_TIME* const end = X509_get0_notAfter(certificate);
-    const int least = trust.days;
-    int days = 0;
-    int seconds = 0;
-    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) == 1 && days < least)
-    {
-        const bool isOver = days < 0 || seconds < 0;
-        trust.refuseOrWarn(file.string(),
-                           certificateText(certificate) +
-                               (isOver ? " has expired"
-                                       : " expires within " +
-                                             std::to_string(least) + " days") +
-                               ", on " + timeText(end));
-    }
-}
-
-/** Objects to what a machine is likely to refuse. */
+/** Objects to what a machine is likely to refuse, now or soon. */
 void checkChain(const PayloadOptions& options,
                 const std::vector<Certificate>& chain, std::int32_t timestamp)
 {
-    if (!options.trust.anchor.empty())
+    const Trust& trust = options.trust;
+    const std::int64_t soon =
+        std::int64_t{std::time(nullptr)} + trust.days * SECONDS_PER_DAY;
+    const auto check = [&](const fs::path& file, const X509* certificate,
+                           std::int64_t seconds, const std::string& when)
     {
-        verifyChain(chain, options.trust.anchor, timestamp);
+        const std::string invalidity = invalidityAt(seconds, certificate);
+        if (!invalidity.empty())
+        {
+            trust.refuseOrWarn(file.string(), invalidity + when);
+        }
+    };
+    const std::string then = "at the timestamp " + std::to_string(timestamp);
+    const std::string later = "in " + std::to_string(trust.days) + " days";
+    if (!trust.anchor.empty())
+    {
+        verifyChain(chain, trust.anchor, timestamp);
+        const auto roots = readCertificates(Source(trust.anchor).readAll());
+        check(trust.anchor, roots.front().get(), soon, later);
     }
     for (const Certificate& certificate : chain)
     {
-        checkExpiry(options.trust, options.chain, certificate.get());
-        const std::string invalidity =
-            invalidityAt(timestamp, certificate.get());
-        if (!invalidity.empty())
-        {
-            options.trust.refuseOrWarn(options.chain.string(),
-                                       invalidity + "at the timestamp " +
-                                           std::to_string(timestamp));
-        }
-        if (!belongs(certificate, chain))
-        {
-            warn(options.chain.string(),
-                 certificateText(certificate.get()) +
-                     " is not the issuer of another one in the chain");
-        }
-    }
-    if (!options.trust.anchor.empty())
-    {
-        const auto roots =
-            readCertificates(Source(options.trust.anchor).readAll());
-        checkExpiry(options.trust, options.trust.anchor, roots.front().get());
+        check(options.chain, certificate.get(), timestamp, then);
+        check(options.chain, certificate.get(), soon, later);
     }
 }
 
@@ -275,7 +215,8 @@ void checkChain(const PayloadOptions& options,
 Buffer signedFields(const Chain& chain, const std::string& algorithm,
                     std::int32_t timestamp)
 {
-    Buffer fields(chain.text);
+    Buffer fields;
+    append(fields, bytesOf(chain.text));
     fields.resize(METADATA_OFFSET);
     append(fields, bytesOf(std::string(R"({"ver": ")") + METADATA_VERSION +
                            R"(", "alg": ")" + algorithm + R"(", "sts": ")" +
