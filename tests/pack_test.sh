@@ -89,6 +89,41 @@ expect 1 "not .* fully valid: Owner, TEST, ${owned[0]}, subkey ${owned[1]}\$" \
 unzip -p both.zip package.xml.sign >both.sig
 expect 0 "fpr v4 ${owned[0]}" gpg --homedir owner --list-packets both.sig
 expect 0 "fpr v4 ${owned[1]}" gpg --homedir owner --list-packets both.sig
+
+# Signed again: all but the signature stays as it is.
+again=(--gpg-home owner --key "${owned[0]}" -o x.zip)
+expect 0 "the package was signed before by $(cat "$keys/fingerprint") on 20.*no public key" \
+    "$pack" resign p.zip --gpg-home owner --key "${owned[1]}" --keyring owner.pub \
+    --min-days 5 -o replaced.zip
+"$pack" resign p.zip --gpg-home owner --key "${owned[0]}" --add \
+    --keyring "$keys/keyring.asc" -o added.zip
+expect 0 '^accepted: signed by TEST' "$velmora" validate added.zip
+expect 1 "no public key|fully valid: Owner" "$velmora" validate replaced.zip
+for made in p replaced added; do
+    mkdir "un-$made"
+    (cd "un-$made" && unzip -q "../$made.zip" && mv package.xml.sign "../$made.sig")
+done
+expect 0 '^$' diff -r un-p un-replaced
+expect 0 '^$' diff -r un-p un-added
+expect 0 '^$' cmp -n "$(stat -c %s p.sig)" p.sig added.sig
+"$pack" resign p.zip --to-be-signed again.xml
+expect 0 '^$' cmp again.xml un-p/package.xml
+gpg_of owner --detach-sign --local-user "${owned[0]}!" -o again.sig again.xml
+expect 0 'signed again' "$pack" resign p.zip --signature again.sig --gpg-home owner \
+    --force -o replaced.zip
+# The old signature must not vouch for a new one that nobody knows.
+fails 'no good signature' resign p.zip --add --signature again.sig \
+    --gpg-home "$keys/gnupg" -o x.zip
+echo changed >un-p/payload/a
+cp p.sig un-p/package.xml.sign
+(cd un-p && zip -qr ../changed.zip .)
+fails 'changed.zip: is not signed again: the payload.s digest' resign changed.zip "${again[@]}"
+(cd un-added && sed -i 's/113440/113033/' package.xml && cp ../p.sig package.xml.sign &&
+    zip -qr ../forged.zip .)
+fails 'is not signed again: the descriptor is not what' resign forged.zip \
+    "${package[@]:5}" -o x.zip
+expect 2 'chain: means nothing for package' "$pack" resign p.zip --chain x "${again[@]}"
+
 fails "${owned[3]}: the key expired on 2024-01-31" "${owner[@]}" --key "${owned[3]}" \
     -o x.zip
 SOURCE_DATE_EPOCH=1700000000 fails 'after the time of SOURCE_DATE_EPOCH' \
@@ -123,6 +158,14 @@ expect 0 '^accepted$' "$velmora" verify-image image manifest
 openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
 "$pack" image content --signature der \
     --public-key "$keys/image-signer.pub.pem" -o image2
+openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-384 -out next.pem 2>/dev/null
+openssl pkey -in next.pem -pubout -out next.pub
+again=(resign image --as image --key next.pem --old-public-key)
+expect 0 'signed before by .*image-signer' "$pack" "${again[@]}" \
+    "$keys/image-signer.pub.pem" -o next
+expect 0 '^$' cmp -n 100000 image next
+fails 'does not fit the content and the key' "${again[@]}" next.pub -o x
+expect 2 'image: needs --old-public-key' "$pack" resign image --as image --key x -o x
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
 fails 'two files; name a directory' manifest -o -
 fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.pem" -o nodir/x
@@ -157,6 +200,14 @@ expect 0 '^kind: detached OpenPGP signature' "$pack" inspect sig
 expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload content \
     --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
     --timestamp 1000000000 -o warned
+expect 0 'payload with PS512 signature and timestamp 1600000000' "$pack" resign signed \
+    --key "$keys/payload-signer.pem" --timestamp 1600000000 -o signed-again
+cp "$keys/root-ca.pem" "$root_ca"
+expect 0 '^accepted: signed by' "$velmora" verify-payload signed-again
+expect 0 '^$' cmp -n 100000 signed signed-again
+cp signed odd
+echo changed | dd of=odd bs=1 conv=notrunc status=none
+fails 'odd: the signature does not fit' resign odd --key "$keys/payload-signer.pem" -o x
 checked=(payload content --key "$keys/payload-signer.pem" --alg PS256 -o x)
 fails 'empty: holds no certificate' "${checked[@]}" --chain empty
 fails 'foreign-root.pem: does not vouch .* unable to get local issuer' \

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -35,6 +36,9 @@ class Source
     const std::string& name() const { return name_; }
     std::uint64_t size() const { return size_; }
     int fileDescriptor() const { return file_.get(); }
+
+    /** Leaves out what stands behind the first @p size bytes. */
+    void shorten(std::uint64_t size) { size_ = std::min(size_, size); }
 
     void read(std::uint64_t offset, std::span<std::byte> into) const;
     Buffer read(std::uint64_t offset, std::uint64_t size) const;

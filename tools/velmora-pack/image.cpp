@@ -91,8 +91,19 @@ Buffer readSignature(const fs::path& file)
                : rawFromDer(signature, source.name());
 }
 
+Key readImageKey(const fs::path& file)
+{
+    Key key = readPublicKey(file);
+    expectCurve(key.get(), file);
+    return key;
+}
+
 void checkImage(const Source& image, EVP_PKEY* publicKey)
 {
+    if (image.size() < SIGNATURE_SIZE)
+    {
+        throw Error(image.name(), "is too short for a signed image");
+    }
     const std::uint64_t content = image.size() - SIGNATURE_SIZE;
     if (!verifies(image, content,
                   derFromRaw(image.read(content, SIGNATURE_SIZE)), publicKey,
@@ -107,10 +118,18 @@ void checkImage(const Source& image, EVP_PKEY* publicKey)
 
 void makeImage(const ImageOptions& options)
 {
-    const Source content(options.input);
+    Source content(options.input);
     expectNoPrivateKey(content);
     const Signing& signing = options.signing;
-    signing.expectNewOutput({options.input, options.publicKey});
+    signing.expectNewOutput(
+        {options.input, options.publicKey, options.oldPublicKey});
+    if (!options.oldPublicKey.empty())
+    {
+        checkImage(content, readImageKey(options.oldPublicKey).get());
+        report(signing.made(), "the image was signed before by " +
+                                   options.oldPublicKey.string());
+        content.shorten(content.size() - SIGNATURE_SIZE);
+    }
     if (content.size() == 0)
     {
         throw Error(content.name(), "is empty");

@@ -136,11 +136,17 @@ std::vector<std::string> kindNames()
     return names;
 }
 
-Json inspect(const Source& file, std::string_view kind)
+std::string kindOf(const Source& file)
 {
     const auto* const found = std::ranges::find_if(
-        KINDS, [&](const Kind& known)
-        { return kind.empty() ? known.recognises(file) : known.name == kind; });
+        KINDS, [&](const Kind& known) { return known.recognises(file); });
+    return std::string(found == KINDS.end() ? "" : found->name);
+}
+
+Json inspect(const Source& file, std::string_view kind)
+{
+    const auto* const found = std::ranges::find(
+        KINDS, kind.empty() ? kindOf(file) : std::string(kind), &Kind::name);
     if (found == KINDS.end())
     {
         throw Error(file.name(),

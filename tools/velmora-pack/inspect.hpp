@@ -17,6 +17,9 @@ using Json = nlohmann::ordered_json;
 /** The names of the kinds of files that are known. */
 std::vector<std::string> kindNames();
 
+/** The name of the kind that a file's content tells, or empty. */
+std::string kindOf(const Source& file);
+
 /** Lists the fields of a file that may be hostile, and remarks on them.
  *
  *  @param kind one of the names; empty, the file's content must tell, which a

@@ -7,11 +7,13 @@
 #include "library_version.hpp"
 #include "making.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <new>
 #include <vector>
 
@@ -37,6 +39,20 @@ struct InspectOptions
     std::string kind;
     bool json = false;
     bool strict = false;
+};
+
+struct ResignOptions
+{
+    fs::path input;
+    /** Empty: its content tells. */
+    std::string kind;
+    bool isAdded = false;
+    int days = 30;
+    pack::Signing signing;
+    // What each kind has beside these.
+    pack::PackageOptions package;
+    pack::ImageOptions image;
+    pack::PayloadOptions payload;
 };
 
 /** An option or, without dashes, an argument.
@@ -98,15 +114,46 @@ void addPassphrase(CLI::App& command, pack::Signing& signing)
         ->needs(command.get_option("--key"));
 }
 
-void addTrust(CLI::App& command, const std::string& name, pack::Trust& trust,
-              const std::string& help)
+void addMinDays(CLI::App& command, int& days)
 {
-    add(command, name, trust.anchor, "FILE", help);
-    add(command, "--min-days", trust.days, "DAYS",
+    add(command, "--min-days", days, "DAYS",
         "Days for which key and certificates must still be valid: fewer is a "
-        "refusal with " +
-            name + ", and a warning without; default 30")
+        "refusal with --keyring or --root-ca, and a warning without; default "
+        "30")
         ->check(CLI::Range(0, MOST_DAYS));
+}
+
+void addKeyring(CLI::App& command, pack::PackageOptions& options)
+{
+    add(command, "--gpg-home", options.gpgHome, "DIR",
+        "The GnuPG home with the key, instead of gpg's own");
+    add(command, "--keyring", options.trust.anchor, "FILE",
+        "The machine's exported public keys: refuse what it would refuse");
+}
+
+CLI::Option* addPublicKey(CLI::App& command, pack::ImageOptions& options)
+{
+    return add(command, "--public-key", options.publicKey, "FILE",
+               "With --signature: the signer's public key, PEM");
+}
+
+/** @return the options that a new payload needs */
+std::vector<CLI::Option*> addPayloadParts(CLI::App& command,
+                                          pack::PayloadOptions& options)
+{
+    add(command, "--timestamp", options.timestamp, "SECONDS",
+        "The signing time in seconds since 1970, 1 to 2147483647; default "
+        "SOURCE_DATE_EPOCH, or now")
+        ->check(CLI::Range(std::int32_t{1},
+                           std::numeric_limits<std::int32_t>::max()));
+    add(command, "--root-ca", options.trust.anchor, "FILE",
+        "The machine's root CA, PEM: refuse what it would refuse");
+    return {add(command, "--chain", options.chain, "FILE",
+                "The signer's certificate and its chain, PEM, shorter than "
+                "24576 bytes"),
+            add(command, "--alg", options.algorithm, "NAME",
+                "PS256, PS384 or PS512")
+                ->check(CLI::IsMember({"PS256", "PS384", "PS512"}))};
 }
 
 void addPackage(CLI::App& app, pack::PackageOptions& options)
@@ -124,10 +171,8 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
     add(command, "--system-id", options.systemIds, "HEX",
         "A supported system, 1 to 4 hexadecimal digits; without any, all are")
         ->transform(CLI::Validator(tools::normaliseSystemId, ""));
-    add(command, "--gpg-home", options.gpgHome, "DIR",
-        "The GnuPG home with the key, instead of gpg's own");
-    addTrust(command, "--keyring", options.trust,
-             "The machine's exported public keys: refuse what it would refuse");
+    addKeyring(command, options);
+    addMinDays(command, options.trust.days);
     addSigning(command, options.signing, true,
                "The full fingerprint of an OpenPGP key or subkey to sign with; "
                "more than one make as many signatures",
@@ -144,9 +189,7 @@ void addImage(CLI::App& app, pack::ImageOptions& options)
         "Sign an image with ECDSA, P-384 and SHA-512: 96 bytes are appended");
     add(command, "input", options.input, "FILE", "The image's content")
         ->required();
-    CLI::Option* const publicKey =
-        add(command, "--public-key", options.publicKey, "FILE",
-            "With --signature: the signer's public key, PEM");
+    CLI::Option* const publicKey = addPublicKey(command, options);
     addSigning(command, options.signing, false,
                "The EC private key: a PEM file or a pkcs11: URI",
                "A signature that was made elsewhere, DER or 96 bytes; needs "
@@ -181,19 +224,11 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
         "Sign a payload with RSA-PSS: the trailer of 76800 bytes is appended");
     add(command, "input", options.input, "FILE", "The payload's body")
         ->required();
-    add(command, "--chain", options.chain, "FILE",
-        "The signer's certificate and its chain, PEM, shorter than 24576 bytes")
-        ->required();
-    add(command, "--alg", options.algorithm, "NAME", "PS256, PS384 or PS512")
-        ->required()
-        ->check(CLI::IsMember({"PS256", "PS384", "PS512"}));
-    add(command, "--timestamp", options.timestamp, "SECONDS",
-        "The signing time in seconds since 1970, 1 to 2147483647; default "
-        "SOURCE_DATE_EPOCH, or now")
-        ->check(CLI::Range(std::int32_t{1},
-                           std::numeric_limits<std::int32_t>::max()));
-    addTrust(command, "--root-ca", options.trust,
-             "The machine's root CA, PEM: refuse what it would refuse");
+    for (CLI::Option* const option : addPayloadParts(command, options))
+    {
+        option->required();
+    }
+    addMinDays(command, options.trust.days);
     addSigning(command, options.signing, false,
                "The RSA private key of 4096 bits: a PEM file or a pkcs11: URI",
                "A signature of 512 bytes that was made elsewhere, for the "
@@ -201,6 +236,101 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
                "body, chain and metadata, to this file");
     addPassphrase(command, options.signing);
     command.final_callback([&options] { pack::makePayload(options); });
+}
+
+/** Refuses an option that means nothing for what is signed. */
+void refuseForeign(const CLI::App& command, const ResignOptions& options,
+                   const std::string& kind)
+{
+    const std::map<std::string, std::vector<std::string>> own{
+        {"package", {"--add", "--gpg-home", "--keyring"}},
+        {"image", {"--old-public-key", "--public-key", "--passphrase-file"}},
+        {"payload",
+         {"--chain", "--alg", "--timestamp", "--root-ca", "--passphrase-file"}},
+    };
+    const std::vector<std::string>& allowed = own.at(kind);
+    for (const auto& [other, names] : own)
+    {
+        for (const std::string& name : names)
+        {
+            if (command.count(name) > 0 &&
+                std::ranges::find(allowed, name) == allowed.end())
+            {
+                throw CLI::ValidationError(name, "means nothing for " + kind);
+            }
+        }
+    }
+    const bool needsKey = kind == "image" && !options.signing.signature.empty();
+    if (kind != "package" && options.signing.keys.size() > 1)
+    {
+        throw CLI::ValidationError("--key", "is for one key here");
+    }
+    if (kind == "image" && (options.image.oldPublicKey.empty() ||
+                            needsKey == options.image.publicKey.empty()))
+    {
+        throw CLI::ValidationError(
+            "image", "needs --old-public-key, and with --signature, but not "
+                     "without, --public-key");
+    }
+}
+
+void resign(const CLI::App& command, ResignOptions& options)
+{
+    const std::string kind = options.kind.empty()
+                                 ? pack::kindOf(pack::Source(options.input))
+                                 : options.kind;
+    if (kind != "package" && kind != "payload" && kind != "image")
+    {
+        throw pack::Error(options.input.string(),
+                          "is no package and no signed payload; an image needs "
+                          "--as image");
+    }
+    refuseForeign(command, options, kind);
+    if (kind == "package")
+    {
+        options.package.payload = options.input;
+        options.package.trust.days = options.days;
+        options.package.signing = options.signing;
+        pack::resignPackage(options.package, options.isAdded);
+    }
+    else if (kind == "image")
+    {
+        options.image.input = options.input;
+        options.image.signing = options.signing;
+        pack::makeImage(options.image);
+    }
+    else
+    {
+        options.payload.input = options.input;
+        options.payload.isSigned = true;
+        options.payload.trust.days = options.days;
+        options.payload.signing = options.signing;
+        pack::makePayload(options.payload);
+    }
+}
+
+void addResign(CLI::App& app, ResignOptions& options)
+{
+    CLI::App& command = *app.add_subcommand(
+        "resign", "Sign a package, a payload or an image again, from it alone");
+    add(command, "input", options.input, "FILE", "What was signed before")
+        ->required();
+    add(command, "--as", options.kind, "KIND",
+        "package, payload or image; an image must be named")
+        ->check(CLI::IsMember({"package", "payload", "image"}));
+    command.add_flag("--add", options.isAdded,
+                     "Put the signature behind those of the package");
+    addKeyring(command, options.package);
+    add(command, "--old-public-key", options.image.oldPublicKey, "FILE",
+        "The key of an image's old signature, PEM");
+    addPublicKey(command, options.image);
+    addPayloadParts(command, options.payload);
+    addMinDays(command, options.days);
+    addSigning(command, options.signing, true,
+               "The key, as for package, payload or image",
+               "A signature that was made elsewhere", "to this file");
+    addPassphrase(command, options.signing);
+    command.final_callback([&] { resign(command, options); });
 }
 
 int fail(std::string_view message)
@@ -361,6 +491,7 @@ int main(int argc, char** argv)
     pack::ImageOptions image;
     pack::ManifestOptions manifest;
     pack::PayloadOptions payload;
+    ResignOptions resigned;
     InspectOptions inspected;
     fs::path testKeys;
     const auto forbidProgress = [](std::int64_t) { tools::Progress::forbid(); };
@@ -381,6 +512,7 @@ int main(int argc, char** argv)
     addImage(app, image);
     addManifest(app, manifest);
     addPayload(app, payload);
+    addResign(app, resigned);
     addInspect(app, inspected, status);
     addTestKeys(app, testKeys);
     const std::string failure =

@@ -77,6 +77,8 @@ struct PackageOptions
 struct ImageOptions
 {
     std::filesystem::path input;
+    /** If given, the input is an image that this key, PEM, has signed. */
+    std::filesystem::path oldPublicKey;
     /** Checks a signature that was made elsewhere. */
     std::filesystem::path publicKey;
     Signing signing;
@@ -95,6 +97,9 @@ struct ManifestOptions
 struct PayloadOptions
 {
     std::filesystem::path input;
+    /** The input is a signed payload. Its trailer is replaced, and tells what
+     *  chain and algorithm are if they are not given. */
+    bool isSigned = false;
     std::filesystem::path chain;
     /** PS256, PS384 or PS512. */
     std::string algorithm;
@@ -108,6 +113,12 @@ void makePackage(const PackageOptions& options);
 void makeImage(const ImageOptions& options);
 void makeManifest(const ManifestOptions& options);
 void makePayload(const PayloadOptions& options);
+/** Signs the package again that is the options' payload.
+ *
+ *  @param isAdded its signatures stay, in front of the new ones */
+void resignPackage(const PackageOptions& options, bool isAdded);
+/** What is to be a package's signature. */
+Buffer signatureFor(const PackageOptions& options, Bytes descriptor);
 /** A complete set of keys and certificates for trying things out. */
 void makeTestKeys(const std::filesystem::path& directory);
 

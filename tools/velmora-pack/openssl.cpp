@@ -30,7 +30,9 @@ void freeStack(STACK_OF(X509) * stack) { sk_X509_free(stack); }
 
 Bio memoryBio(Bytes bytes)
 {
-    Bio bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    // Nothing at all has no address.
+    Bio bio(BIO_new_mem_buf(bytes.empty() ? "" : textOf(bytes).data(),
+                            static_cast<int>(bytes.size())));
     require(bio != nullptr, "no memory");
     return bio;
 }

@@ -280,18 +280,6 @@ Contents readContents(const Source& source)
     return contents;
 }
 
-Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
-{
-    if (options.signing.signature.empty())
-    {
-        return signDetached(options.gpgHome, options.signing.keys, descriptor);
-    }
-    const Source source(options.signing.signature);
-    Remarks ignored;
-    static_cast<void>(describeSignature(source, ignored));
-    return source.readAll();
-}
-
 void checkPackage(const Source& made, const PackageOptions& options,
                   Bytes descriptor, const FileDigests& files)
 {
@@ -337,6 +325,18 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
 }
 
 } // namespace
+
+Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
+{
+    if (options.signing.signature.empty())
+    {
+        return signDetached(options.gpgHome, options.signing.keys, descriptor);
+    }
+    const Source source(options.signing.signature);
+    Remarks ignored;
+    static_cast<void>(describeSignature(source, ignored));
+    return source.readAll();
+}
 
 void makePackage(const PackageOptions& options)
 {

@@ -105,19 +105,17 @@ struct Chain
     std::vector<Certificate> certificates;
 };
 
-Chain readChain(const fs::path& file)
+Chain chainOf(Bytes pem, const std::string& name)
 {
-    const Source source(file);
-    const Buffer content = source.readAll();
-    Chain chain{{}, readCertificates(content, source.name())};
+    Chain chain{{}, readCertificates(pem, name)};
     if (chain.certificates.empty())
     {
-        throw Error(source.name(), "holds no certificate in PEM");
+        throw Error(name, "holds no certificate in PEM");
     }
     chain.text = pemText(chain.certificates);
     if (chain.text.size() >= CHAIN_SIZE)
     {
-        throw Error(source.name(),
+        throw Error(name,
                     "is too long: a chain must be shorter than 24576 bytes");
     }
     return chain;
@@ -290,6 +288,32 @@ void checkPayload(const Source& made)
     }
 }
 
+/** Shortens a signed payload to its body, and names its signer.
+ *
+ *  @param options get the algorithm that was used, if they have none
+ *  @return the chain's text
+ *  @throws Error when the signature does not fit */
+std::string takeOldTrailer(Source& payload, PayloadOptions& options)
+{
+    checkPayload(payload);
+    const Slot old(payload);
+    if (options.algorithm.empty())
+    {
+        options.algorithm = old.metadata.algorithm;
+        if (options.algorithm != "PS256" && options.algorithm != "PS384" &&
+            options.algorithm != "PS512")
+        {
+            throw Error(payload.name(), "names no known algorithm: give --alg");
+        }
+    }
+    report(options.signing.made(),
+           "the payload was signed before by " +
+               certificateText(old.chain.front().get()) + ", timestamp " +
+               old.metadata.timestamp);
+    payload.shorten(old.bodySize);
+    return old.chainText;
+}
+
 Buffer readSignature(const fs::path& file)
 {
     const Source source(file);
@@ -405,18 +429,28 @@ Json describeSlotSignature(const Source& file, const Slot& slot,
 
 } // namespace
 
-void makePayload(const PayloadOptions& options)
+void makePayload(const PayloadOptions& given)
 {
-    const Source body(options.input);
+    PayloadOptions options(given);
+    Source body(options.input);
     expectNoPrivateKey(body);
     const Signing& signing = options.signing;
     signing.expectNewOutput(
         {options.input, options.chain, options.trust.anchor});
+    std::string oldChain;
+    if (options.isSigned)
+    {
+        oldChain = takeOldTrailer(body, options);
+    }
     if (body.size() == 0)
     {
         throw Error(body.name(), "is empty");
     }
-    const Chain chain = readChain(options.chain);
+    const Chain chain =
+        options.chain.empty()
+            ? chainOf(bytesOf(oldChain), body.name())
+            : chainOf(Source(options.chain).readAll(), options.chain);
+    options.chain = options.chain.empty() ? options.input : options.chain;
     const Key key = readSigner(options, chain);
     const std::int32_t timestamp = timestampOf(options);
     checkChain(options, chain.certificates, timestamp);
