@@ -9,8 +9,19 @@ if [ $# -ne 2 ]; then
     exit 2
 fi
 files=$(readlink -f "$1")
-mkdir "$2"
-cd "$2"
+target=$(realpath "$2")
+if [ -e "$target" ]; then
+    echo "release.sh: $2 exists already" >&2
+    exit 1
+fi
+# Made beside it, so that a release that stops leaves nothing in the way.
+work=$(mktemp -d "$target.XXXXXX")
+end() {
+    gpgconf --homedir "$work/keys/gnupg" --kill all
+    rm -rf "$work"
+}
+trap end EXIT
+cd "$work"
 
 # The same time in all that is made: that of the last commit, in a pipeline.
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(date +%s)}
@@ -22,7 +33,6 @@ system=0A1B
 # A real release has its keys already, and only names them here. This one makes
 # some for a try and puts them into a token of SoftHSM.
 velmora-pack test-keys keys
-trap 'gpgconf --homedir keys/gnupg --kill all' EXIT
 export PKCS11_MODULE_PATH=${PKCS11_MODULE_PATH:-/usr/lib/softhsm/libsofthsm2.so}
 export SOFTHSM2_CONF=$PWD/softhsm2.conf
 export VELMORA_PACK_PIN=123456
@@ -40,12 +50,22 @@ image_key="pkcs11:token=release;object=image"
 payload_key="pkcs11:token=release;object=payload"
 keyring=keys/keyring.asc
 root_ca=keys/root-ca.pem
+# The key of packages is about to change: machines of the field know the old one.
+old_key=$(cat keys/fingerprint)
+gpg --homedir keys/gnupg --batch --quiet --passphrase '' \
+    --quick-generate-key "TEST, do not trust: next" ed25519 sign never
+new_key=$(gpg --homedir keys/gnupg --with-colons --list-keys next |
+    sed -n 's/^fpr:*\([0-9A-F]*\):$/\1/p')
+gpg --homedir keys/gnupg --export "$new_key" >keys/next-keyring
 
 # Make.
 # --keyring and --root-ca: nothing is made that the machine would refuse.
 velmora-pack package --payload "$files" --model "$model" --version "$version" \
-    --system-id "$system" --gpg-home keys/gnupg \
-    --key "$(cat keys/fingerprint)" --keyring "$keyring" -o update.zip
+    --system-id "$system" --gpg-home keys/gnupg --key "$old_key" \
+    --key "$new_key" --keyring "$keyring" -o update.zip
+# The same package for when every machine has the new keyring.
+velmora-pack resign update.zip --gpg-home keys/gnupg --key "$new_key" \
+    --keyring keys/next-keyring -o update-next.zip
 tar --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 \
     --numeric-owner -cf content -C "$files" .
 velmora-pack image content --key "$image_key" -o image
@@ -55,6 +75,7 @@ velmora-pack payload content --chain keys/chain.pem --alg PS384 \
 # Look.
 # --strict: a remark ends the release.
 velmora-pack inspect --strict update.zip
+velmora-pack inspect --strict update-next.zip
 velmora-pack inspect --strict --as image image
 velmora-pack inspect --strict payload
 
@@ -63,8 +84,10 @@ velmora-pack inspect --strict payload
 velmora-pack manifest -o manifest
 bmc-sim --system-id "$system" --keyring "$keyring" --root-ca "$root_ca" \
     --signer-key keys/image-signer.pub.pem --bind "$PWD" -- sh -euc '
-        velmora validate update.zip
+        velmora validate --min-version 1.2.0 update.zip
         velmora verify-image image manifest
         velmora verify-payload payload'
 
-sha256sum update.zip image payload
+sha256sum update.zip update-next.zip image payload
+chmod 755 "$work"
+mv "$work" "$target"

@@ -83,6 +83,14 @@ SignatureInfo infoOf(const GpgContext& context, gpgme_signature_t made)
     {
         const GpgKey key(found);
         info.primary = textOr(key->fpr, "");
+        for (gpgme_subkey_t part = key->subkeys; part != nullptr;
+             part = part->next)
+        {
+            // Of a bad signature gpg names the key's identifier only.
+            const std::string whole = textOr(part->fpr, "");
+            info.fingerprint =
+                whole.ends_with(info.fingerprint) ? whole : info.fingerprint;
+        }
         info.userId = key->uids == nullptr ? "" : textOr(key->uids->uid, "");
         info.keyExpires = expiryOf(*key, info.fingerprint);
     }
