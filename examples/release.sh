@@ -52,8 +52,10 @@ keyring=keys/keyring.asc
 root_ca=keys/root-ca.pem
 # The key of packages is about to change: machines of the field know the old one.
 old_key=$(cat keys/fingerprint)
+# It is no younger than what it signs.
 gpg --homedir keys/gnupg --batch --quiet --passphrase '' \
-    --quick-generate-key "TEST, do not trust: next" ed25519 sign never
+    --faked-system-time "$SOURCE_DATE_EPOCH!" --quick-generate-key \
+    "TEST, do not trust: next" ed25519 sign never
 new_key=$(gpg --homedir keys/gnupg --with-colons --list-keys next |
     sed -n 's/^fpr:*\([0-9A-F]*\):$/\1/p')
 gpg --homedir keys/gnupg --export "$new_key" >keys/next-keyring

@@ -357,7 +357,6 @@ for signal in HUP QUIT; do
     expect 1 '^$' compgen -G '.velmora-pack-*'
 done
 
-
 # No child gets a PIN, no core dump holds it, and nobody sees it in the process's environment.
 mkdir shim
 printf '#!/bin/sh\nenv >%s\nexit 1\n' "$PWD/child" >shim/openssl
