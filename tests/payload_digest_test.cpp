@@ -139,17 +139,6 @@ TEST_F(Digest, CompositeLeavesOutWhatIsNoFile)
     EXPECT_EQ(log.size(), 7U);
 }
 
-TEST_F(Digest, WhatCannotBeReadWholeSpoilsTheComposite)
-{
-    // Its status says 4096 bytes, and it holds fewer.
-    const std::string zeros(64, '0');
-    fs::create_symlink("/sys/kernel/uevent_seqnum", scratch / "a");
-    EXPECT_NE(directory(scratch.path), EMPTY_DIGEST);
-    ASSERT_EQ(log.size(), 3U);
-    EXPECT_EQ(log[0], "FAILURE");
-    EXPECT_EQ(log[1], shaLine(scratch / "a", zeros));
-}
-
 TEST_F(Digest, AFileThatIsBeingWrittenIsWaitedFor)
 {
     writeFile(scratch / "f", "");

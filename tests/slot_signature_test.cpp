@@ -49,15 +49,6 @@ TEST_F(Slot, Statuses)
                 ElementsAre("INFO getX509Cert: Entry",
                             "FAILURE getX509Cert: Invalid input argument"));
 
-    for (const auto& [name, status] :
-         {std::pair{"publickey", 17}, {"certchain", 7}})
-    {
-        fs::remove(RUN_TIME / name);
-        fs::create_directory(RUN_TIME / name);
-        EXPECT_EQ(verifySlot(goodChain(), goodSignature()), status);
-        fs::remove(RUN_TIME / name);
-    }
-
     for (const auto& [name, text] : {std::pair{"PS256", "ALGO_256"},
                                      {"PS512", "ALGO_512"},
                                      {"ps384", "Default-ALGO_256"},
@@ -71,10 +62,6 @@ TEST_F(Slot, Statuses)
     }
     writeFile(path, std::string(TRAILER, 'x'));
     EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 4);
-    fs::remove(path);
-    EXPECT_EQ(verifySlot(goodChain(), goodSignature()), 2);
-    EXPECT_THAT(log.back(), StartsWith("FAILURE verify_slot_signature: File[" +
-                                       path + "]could not be opened,strerr["));
 }
 
 TEST_F(Slot, KeysOfAnotherKindAreRefused)
