@@ -353,18 +353,25 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
     insteadOfResult = &noSignature;
     EXPECT_FALSE(valid());
     EXPECT_THAT(log, ElementsAre("FAILURE"));
+    // A node, and no table of nodes. The library frees it.
+    const auto nodesWithoutTable = []
+    {
+        xmlXPathObject* nodes = xmlXPathNewNodeSet(nullptr);
+        nodes->nodesetval->nodeNr = 1;
+        return nodes;
+    };
     for (const char* function :
          {"xmlXPathNewContext", "xmlXPathEvalExpression", "xmlNodeGetContent"})
     {
-        // A node, and no table of nodes.
-        xmlXPathObject* nodes = xmlXPathNewNodeSet(nullptr);
-        nodes->nodesetval->nodeNr = 1;
-        insteadOfResult = nodes;
+        insteadOfResult = std::string_view(function) == "xmlXPathEvalExpression"
+                              ? nodesWithoutTable()
+                              : nullptr;
         EXPECT_EQ(faulted(function, 1, ValidateQOR::getStrFromPkgXML,
                           descriptor, "//Device", "componentID"),
                   "");
         EXPECT_THAT(log, ElementsAre("FAILURE"));
     }
+    insteadOfResult = nodesWithoutTable();
     EXPECT_FALSE(faulted("xmlXPathEvalExpression", 1,
                          ValidateQOR::validateSytemIdFromPkgXML, descriptor));
     EXPECT_THAT(log, ElementsAre("INFO hexSystemIDStr: 0A1B",
