@@ -8,11 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 
-/** LeakSanitizer asks for it: what a search left that was refused memory is not
- *  freed, because libxml2 crashes on some of it. */
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
-extern "C" const char* __lsan_default_suppressions() { return "leak:xmlXPath"; }
-
 namespace velmora::test
 {
 namespace
