@@ -169,12 +169,21 @@ start_bmc() {
     done
 }
 
+# Whether the bmc-sim outside still lives: it holds the other side of the pipe.
+# bubblewrap takes note of its end only when the sandbox is made.
+has_master() {
+    local status=0
+    read -r -t 0.001 -u "$line" || status=$?
+    [ "$status" -gt 128 ]
+}
+
 # The first and the last that is done within the sandbox.
 inside() {
     read -r -u "$line"
+    has_master || exit 125
     start_bmc "$sandbox_directory"
-    # If bmc-sim was killed before bubblewrap took note of it, this ends here.
-    read -r -t 0.001 -u "$line" || [ $? -gt 128 ] || exit 125
+    # The sandbox lasts as long as any process in it.
+    has_master || { kill -KILL -1; exit 125; }
     exec {line}<&-
     exec env -- "$@"
 }
@@ -245,7 +254,7 @@ in_sandbox() {
             env --default-signal=HUP,INT,QUIT,TERM bash -euo pipefail -c \
             "$(declare -p program services service_options names keyrings \
                 root_ca line keyring_home root_ca_place sandbox_directory
-            declare -f fail place_keys start_bmc inside)"'; inside "$@"' \
+            declare -f fail place_keys start_bmc has_master inside)"'; inside "$@"' \
             bmc-sim "${command[@]}"
     ) <&0 {hold}>&- &
     wait $! || {
