@@ -77,8 +77,10 @@ if "${full[@]}" true; then
 fi
 
 expect 0 '^accepted' "$velmora" validate --min-version 1.2 p.zip
-expect 1 'refused: its version 1.2 is lower than 1.10' "$velmora" validate \
-    --min-version 1.10 p.zip
+for lowest in 1.10 1.2.0 1.2-rc1; do
+    expect 1 "refused: its version 1.2 is lower than $lowest" "$velmora" validate \
+        --min-version $lowest p.zip
+done
 
 # What is looked at before anything is unpacked.
 expect 1 'refused: it has more than 2000 bytes' "$velmora" validate \
@@ -105,14 +107,24 @@ done
 strict '.*: package.xml .a second time' add package.xml
 strict 'payload/a differs from another name in case only' add payload/A
 strict 'something stands behind its end record' eval 'echo x >>made.zip'
-strict 'something stands in front' eval '(echo x; cat p.zip) >made.zip
+strict 'something stands in front' eval '(printf "PK\3\4x"; cat p.zip) >made.zip
     zip -qA made.zip'
 strict 'it has a comment' eval 'echo x | zip -qz made.zip >/dev/null'
 strict '.*: package.xml .a link' eval 'cd made; ln -sf /etc/passwd package.xml
     zip -qy ../made.zip package.xml; cd ..'
 strict '.*: payload/c .encrypted' eval 'cd made; cp payload/a payload/c
     zip -qP x ../made.zip payload/c; cd ..'
-strict 'unzip failed .* exit code 1,' sed -i '0,/payload.a/s//payload_a/' made.zip
+strict 'payload/a: its own header says otherwise' sed -i '0,/payload.a/s//payload_a/' made.zip
+# front COMMAND...: in front of the good package.xml what a command makes of it.
+front() {
+    (cd made && "$@" && rm ../made.zip && zip -qy ../made.zip package.xml)
+    python3 -W ignore -c 'import zipfile
+with zipfile.ZipFile("made.zip", "a") as made, zipfile.ZipFile("p.zip") as good:
+    for member in good.infolist():
+        made.writestr(member, good.read(member))'
+}
+strict '.*: package.xml .a second time' front true
+strict '.*: package.xml .a link' front ln -sf /etc/passwd package.xml
 # A megabyte that says it is 9 bytes, which strict or not is not unpacked.
 bomb() {
     truncate -s 1M made/payload/z
@@ -121,6 +133,10 @@ bomb() {
 }
 strict 'payload/z: its content is not as long' bomb
 expect 1 'refused: payload/z: its content is not as long' "$velmora" validate made.zip
+# The directory says stored; the member, which would grow, that it is deflated.
+LC_ALL=C sed -i 's/\(PK\x01\x02.\{6\}\)\x08/\1\x00/' made.zip
+expect 1 'payload/z: its own header says otherwise' "$velmora" unpack made.zip unpacked
+expect 1 '^$' compgen -G 'unpacked/payload/z'
 # Data descriptors and Zip64.
 for option in -fd -fz; do
     (cd good && zip -qr $option ../other$option.zip .)

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <ctime>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -21,12 +22,33 @@ namespace tools
 namespace
 {
 
-// Records of a ZIP: PKWARE's APPNOTE.TXT, 4.3.7 and 4.3.14 to 4.3.16.
+// Records of a ZIP: PKWARE's APPNOTE.TXT, 4.3.7, 4.3.12 and 4.3.14 to 4.3.16.
 constexpr std::string_view LOCAL_MAGIC = "PK\3\4";
+constexpr std::size_t LOCAL_SIZE = 30;
+constexpr std::string_view ENTRY_MAGIC = "PK\1\2";
+constexpr std::size_t ENTRY_SIZE = 46;
+/** In front of the fields that a member's own header and its entry in the
+ *  directory both have. */
+constexpr std::size_t LOCAL_START = 4;
+constexpr std::size_t ENTRY_START = 6;
+// Their offsets behind that.
+constexpr std::size_t FLAGS = 2;
+constexpr std::size_t METHOD = 4;
+constexpr std::size_t PACKED_SIZE = 14;
+constexpr std::size_t UNPACKED_SIZE = 18;
+constexpr std::size_t NAME_LENGTH = 22;
+constexpr std::size_t EXTRA_LENGTH = 24;
+constexpr std::size_t COMMENT_LENGTH = 26;
+constexpr std::size_t OWN_HEADER = 36;
+constexpr std::uint64_t IS_ENCRYPTED = 1;
+constexpr std::uint64_t SIZES_FOLLOW = 8;
+constexpr std::size_t EXTRA_HEADER_SIZE = 4;
+constexpr std::uint64_t ZIP64_EXTRA = 1;
 constexpr std::string_view END_MAGIC = "PK\5\6";
 constexpr std::size_t END_SIZE = 22;
 constexpr std::size_t END_COUNT = 10;
 constexpr std::size_t END_DIRECTORY_SIZE = 12;
+constexpr std::size_t END_DIRECTORY_START = 16;
 constexpr std::size_t END_COMMENT_LENGTH = 20;
 constexpr std::string_view LOCATOR_MAGIC = "PK\6\7";
 constexpr std::size_t LOCATOR_SIZE = 20;
@@ -34,6 +56,7 @@ constexpr std::uint64_t MARKS_ZIP64 = 0xFFFFFFFF;
 constexpr std::size_t LOCATOR_OFFSET = 8;
 constexpr std::size_t END64_SIZE = 56;
 constexpr std::size_t END64_DIRECTORY_SIZE = 40;
+constexpr std::size_t END64_DIRECTORY_START = 48;
 /** Where the end record is looked for, with a locator in front of it. */
 constexpr std::uint64_t TAIL_SIZE = END_SIZE + 65535 + LOCATOR_SIZE;
 /** libzip keeps it in memory. */
@@ -104,16 +127,20 @@ struct Archive::Input
     std::vector<std::uint64_t> hidden;
     zip_error_t error{};
 
-    /** @return how many bytes there were, or -1 with errno */
-    ssize_t readAt(std::uint64_t offset, std::span<char> into) const
+    /** Fewer at the end of the file, and none that cannot be read. */
+    std::string readAt(std::uint64_t offset, std::uint64_t length) const
     {
-        return pread(file.get(), into.data(), into.size(),
-                     static_cast<off_t>(offset));
+        std::string bytes(static_cast<std::size_t>(length), '\0');
+        const ssize_t count = pread(file.get(), bytes.data(), bytes.size(),
+                                    static_cast<off_t>(offset));
+        bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        return bytes;
     }
 
     zip_int64_t readNext(std::span<char> into)
     {
-        const ssize_t count = readAt(position, into);
+        const ssize_t count = pread(file.get(), into.data(), into.size(),
+                                    static_cast<off_t>(position));
         if (count < 0)
         {
             zip_error_set(&error, ZIP_ER_READ, errno);
@@ -175,8 +202,8 @@ struct Archive::Input
 
 Archive::Archive(const fs::path& path) :
     // Opening a FIFO would wait for a writer before it could be refused.
-    Archive(FileDescriptor(open(path.c_str(),
-                                O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
+    Archive(FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC |
+                                                    O_NONBLOCK | O_NOCTTY)),
             path.string())
 {
 }
@@ -195,38 +222,150 @@ Archive::Archive(FileDescriptor file, std::string name) :
     }
     input_->file = std::move(file);
     input_->size = static_cast<std::uint64_t>(status.st_size);
-    openDirectory();
-    listMembers();
+    open();
 }
 
 Archive::~Archive() = default;
 
-/** As the end record says, or that of a ZIP64 if it says more. */
-std::uint64_t Archive::directorySize(std::string_view tail,
-                                     std::size_t last) const
+namespace
 {
-    const std::uint64_t size = load(tail, last + END_DIRECTORY_SIZE, 4);
-    const std::string_view locator =
-        tail.substr(last - std::min(last, LOCATOR_SIZE));
-    std::string record(END64_SIZE, '\0');
-    if (!locator.starts_with(LOCATOR_MAGIC) ||
-        input_->readAt(load(locator, LOCATOR_OFFSET, 8), record) < 0)
+
+/** The numbers that do not fit into 32 bits, behind one another. */
+std::string_view zip64In(std::string_view extra)
+{
+    while (extra.size() >= EXTRA_HEADER_SIZE)
     {
-        return size;
+        const auto size = static_cast<std::size_t>(load(extra, 2, 2));
+        if (load(extra, 0, 2) == ZIP64_EXTRA)
+        {
+            return extra.substr(EXTRA_HEADER_SIZE, size);
+        }
+        extra.remove_prefix(std::min(extra.size(), EXTRA_HEADER_SIZE + size));
     }
-    return std::max(size == MARKS_ZIP64 ? 0 : size,
-                    load(record, END64_DIRECTORY_SIZE, 8));
+    return {};
 }
 
-void Archive::openDirectory()
+std::uint64_t takeNumber(std::string_view fields, std::size_t offset,
+                         std::string_view& zip64)
+{
+    const std::uint64_t number = load(fields, offset, 4);
+    if (number != MARKS_ZIP64 || zip64.size() < sizeof(std::uint64_t))
+    {
+        return number;
+    }
+    const std::uint64_t large = load(zip64, 0, sizeof(std::uint64_t));
+    zip64.remove_prefix(sizeof(std::uint64_t));
+    return large;
+}
+
+} // namespace
+
+/** What an extractor goes by: a member's own header, or its entry in the
+ *  directory. */
+struct Archive::Header
+{
+    std::uint64_t flags = 0;
+    std::uint64_t method = 0;
+    std::uint64_t size = 0;
+    std::uint64_t packedSize = 0;
+    std::string name;
+    /** Of an entry: where the member's own header stands. */
+    std::uint64_t own = 0;
+    /** Where what follows begins. */
+    std::uint64_t end = 0;
+
+    /** @return nothing when none stands there */
+    static std::optional<Header> at(const Input& input, std::uint64_t place,
+                                    bool isEntry)
+    {
+        const std::size_t size = isEntry ? ENTRY_SIZE : LOCAL_SIZE;
+        const std::string record = input.readAt(place, size);
+        if (record.size() < size ||
+            !record.starts_with(isEntry ? ENTRY_MAGIC : LOCAL_MAGIC))
+        {
+            return std::nullopt;
+        }
+        const auto fields = std::string_view(record).substr(
+            isEntry ? ENTRY_START : LOCAL_START);
+        Header header;
+        header.flags = load(fields, FLAGS, 2);
+        header.method = load(fields, METHOD, 2);
+        header.name = input.readAt(place + size, load(fields, NAME_LENGTH, 2));
+        header.end = place + size + header.name.size();
+        const std::string extra =
+            input.readAt(header.end, load(fields, EXTRA_LENGTH, 2));
+        header.end += extra.size();
+        std::string_view zip64 = zip64In(extra);
+        header.size = takeNumber(fields, UNPACKED_SIZE, zip64);
+        header.packedSize = takeNumber(fields, PACKED_SIZE, zip64);
+        if (isEntry)
+        {
+            header.own = takeNumber(fields, OWN_HEADER, zip64);
+            header.end += load(fields, COMMENT_LENGTH, 2);
+        }
+        return header;
+    }
+
+    /** @return what an extractor would make otherwise of the member, whose
+     *          entry this is, than the directory lists; or empty */
+    std::string objectionTo(const std::optional<Header>& header) const
+    {
+        const bool isStored = method == ZIP_CM_STORE;
+        const bool isEncrypted = (flags & IS_ENCRYPTED) != 0;
+        const bool agrees =
+            header && header->name == name && header->method == method &&
+            (header->flags & IS_ENCRYPTED) == (flags & IS_ENCRYPTED) &&
+            ((header->flags & SIZES_FOLLOW) != 0 ||
+             (header->size == size && header->packedSize == packedSize));
+        return !agrees ? "its own header says otherwise than the directory"
+               : isStored && !isEncrypted && size != packedSize
+                   ? "its content is not as long as the directory says"
+                   : "";
+    }
+};
+
+/** @param last where in the file's @p tail the end record stands
+ *  @return where the directory begins
+ *  @throws Error unless it ends where the end record begins, and the two
+ *          records of a ZIP64 say the same: who reads it takes either */
+std::uint64_t Archive::findDirectory(std::string_view tail,
+                                     std::size_t last) const
+{
+    std::uint64_t end = input_->size - (tail.size() - last);
+    std::uint64_t start = load(tail, last + END_DIRECTORY_START, 4);
+    std::uint64_t size = load(tail, last + END_DIRECTORY_SIZE, 4);
+    bool isClear = true;
+    const std::string_view locator =
+        tail.substr(last - std::min(last, LOCATOR_SIZE));
+    if (locator.starts_with(LOCATOR_MAGIC))
+    {
+        end = load(locator, LOCATOR_OFFSET, 8);
+        std::string record = input_->readAt(end, END64_SIZE);
+        record.resize(END64_SIZE);
+        const std::uint64_t start64 = load(record, END64_DIRECTORY_START, 8);
+        const std::uint64_t size64 = load(record, END64_DIRECTORY_SIZE, 8);
+        isClear = (start == MARKS_ZIP64 || start == start64) &&
+                  (size == MARKS_ZIP64 || size == size64);
+        start = start64;
+        size = size64;
+    }
+    if (size > LARGEST_DIRECTORY)
+    {
+        throw Error(name_, "has a directory larger than 8 MiB");
+    }
+    if (!isClear || start > end || size != end - start)
+    {
+        throw Error(name_, "cannot be read as a ZIP: its directory is not "
+                           "where its end says");
+    }
+    return start;
+}
+
+void Archive::open()
 {
     const std::uint64_t start =
         input_->size - std::min(input_->size, TAIL_SIZE);
-    std::string tail(static_cast<std::size_t>(input_->size - start), '\0');
-    if (input_->readAt(start, tail) < 0)
-    {
-        throw systemError(name_);
-    }
+    const std::string tail = input_->readAt(start, TAIL_SIZE);
     const std::size_t last =
         tail.size() < END_SIZE ? std::string::npos
                                : tail.rfind(END_MAGIC, tail.size() - END_SIZE);
@@ -234,10 +373,7 @@ void Archive::openDirectory()
     {
         throw Error(name_, "is no ZIP, or is cut short");
     }
-    if (directorySize(tail, last) > LARGEST_DIRECTORY)
-    {
-        throw Error(name_, "has a directory larger than 8 MiB");
-    }
+    const std::uint64_t directory = findDirectory(tail, last);
     for (std::size_t other = tail.find(END_MAGIC); other != std::string::npos;
          other = tail.find(END_MAGIC, other + 1))
     {
@@ -260,26 +396,19 @@ void Archive::openDirectory()
         throw Error(name_, "cannot be read as a ZIP: " + reason);
     }
     input_->hidden.clear();
+    listMembers(directory);
     listOddities(std::string_view(tail).substr(last));
 }
 
 void Archive::listOddities(std::string_view end)
 {
-    std::array<char, LOCAL_MAGIC.size()> first{};
-    const auto count =
-        static_cast<std::size_t>(zip_get_num_entries(zip_.get(), 0));
-    input_->readAt(0, first);
-    if (count > 0 && !std::ranges::equal(first, LOCAL_MAGIC))
-    {
-        oddities_.emplace_back("something stands in front of its first member");
-    }
     // The count of a ZIP64 that needs it is kept elsewhere.
     const std::uint64_t counted = load(end, END_COUNT, 2);
-    if (counted != 0xFFFF && counted != count)
+    if (counted != 0xFFFF && counted != members_.size())
     {
         oddities_.push_back("its end record counts " + std::to_string(counted) +
                             " members, and its directory lists " +
-                            std::to_string(count));
+                            std::to_string(members_.size()));
     }
     const std::uint64_t comment = load(end, END_COMMENT_LENGTH, 2);
     if (comment > 0)
@@ -292,24 +421,37 @@ void Archive::listOddities(std::string_view end)
     }
 }
 
-void Archive::listMembers()
+/** libzip lists the directory, but not where a member's own header stands. */
+void Archive::listMembers(std::uint64_t directory)
 {
+    std::uint64_t first = directory;
+    std::uint64_t place = directory;
     const zip_int64_t count = zip_get_num_entries(zip_.get(), 0);
     for (zip_uint64_t i = 0; std::cmp_less(i, count); ++i)
     {
         const char* const name = zip_get_name(zip_.get(), i, ZIP_FL_ENC_RAW);
         zip_stat_t status{};
         zip_uint32_t attributes = 0;
+        const auto entry = Header::at(*input_, place, true);
         if (name == nullptr || zip_stat_index(zip_.get(), i, 0, &status) != 0 ||
             zip_file_get_external_attributes(zip_.get(), i, 0, nullptr,
-                                             &attributes) != 0)
+                                             &attributes) != 0 ||
+            !entry || entry->name != name)
         {
-            throw Error(name_, "cannot be read as a ZIP: " +
-                                   std::string(zip_strerror(zip_.get())));
+            throw Error(name_, "cannot be read as a ZIP: its directory is "
+                               "damaged");
         }
-        members_.push_back({name, typeOf(name, attributes), status.size,
-                            compressionName(status.comp_method),
-                            status.encryption_method != ZIP_EM_NONE});
+        members_.push_back(
+            {name, typeOf(name, attributes), status.size,
+             compressionName(status.comp_method),
+             status.encryption_method != ZIP_EM_NONE,
+             entry->objectionTo(Header::at(*input_, entry->own, false))});
+        first = std::min(first, entry->own);
+        place = entry->end;
+    }
+    if (first > 0)
+    {
+        oddities_.emplace_back("something stands in front of its first member");
     }
 }
 
@@ -328,6 +470,10 @@ std::uint64_t Archive::totalSize() const
 std::string Archive::read(std::size_t index,
                           const ContentConsumer& consume) const
 {
+    if (!members_.at(index).problem.empty())
+    {
+        return members_.at(index).problem;
+    }
     const MemberFile file(zip_fopen_index(zip_.get(), index, 0));
     if (!file)
     {
@@ -353,6 +499,7 @@ std::string Archive::read(std::size_t index,
             return {};
         }
         left -= size;
+        Progress::advance(size);
         consume(std::span(piece).first(size));
     }
 }
@@ -434,15 +581,15 @@ void advance(zip_t* /*zip*/, double fraction, void* state)
 
 } // namespace
 
-void writeArchive(const fs::path& path, std::int32_t time,
-                  const std::vector<NewMember>& members)
+void writeArchive(const fs::path& path, const std::string& name,
+                  std::int32_t time, const std::vector<NewMember>& members)
 {
     int error = 0;
     Handle<zip_t, zip_discard> zip(
         zip_open(path.c_str(), ZIP_CREATE | ZIP_EXCL, &error));
     if (!zip)
     {
-        throw systemError(path.string());
+        throw systemError(name);
     }
     std::uint64_t total = 0;
     bool isReady = true;
@@ -457,7 +604,7 @@ void writeArchive(const fs::path& path, std::int32_t time,
                                               nullptr, &written);
     if (!isReady || zip_close(zip.get()) != 0)
     {
-        throw Error(path.string(), zip_strerror(zip.get()));
+        throw Error(name, zip_strerror(zip.get()));
     }
     static_cast<void>(zip.release());
 }

@@ -30,6 +30,8 @@ struct ArchiveMember
     /** "stored" or "deflated", for instance. */
     std::string compression;
     bool isEncrypted = false;
+    /** Why an extractor would make something else of it, or empty. */
+    std::string problem;
 };
 
 /** Takes a piece of a member's content. */
@@ -57,7 +59,8 @@ class Archive
      *  "has a comment", for instance. */
     const std::vector<std::string>& oddities() const { return oddities_; }
 
-    /** Hands on a member's content, which has at most the listed size.
+    /** Hands on a member's content, which has at most the listed size, and
+     *  moves the bar by it.
      *
      *  @param index in members()
      *  @return what is wrong with the content, or empty
@@ -69,10 +72,12 @@ class Archive
 
   private:
     struct Input;
+    struct Header;
 
-    std::uint64_t directorySize(std::string_view tail, std::size_t last) const;
-    void openDirectory();
-    void listMembers();
+    void open();
+    std::uint64_t findDirectory(std::string_view tail, std::size_t last) const;
+    /** @param directory where in the file it begins */
+    void listMembers(std::uint64_t directory);
     /** @param end the file from its end record on */
     void listOddities(std::string_view end);
 
@@ -100,10 +105,11 @@ struct NewMember
  *  own time or mode shows.
  *
  *  @param path of a file that does not exist; none is left after a failure
+ *  @param name stands for it in messages
  *  @param time of all members, in seconds since 1970
  *  @throws Error when a file cannot be read or the archive not be written, or
  *          a signal has asked to end */
-void writeArchive(const std::filesystem::path& path, std::int32_t time,
-                  const std::vector<NewMember>& members);
+void writeArchive(const std::filesystem::path& path, const std::string& name,
+                  std::int32_t time, const std::vector<NewMember>& members);
 
 } // namespace tools

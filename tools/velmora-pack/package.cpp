@@ -211,17 +211,15 @@ void readMember(Contents& contents, const tools::Archive& archive,
                                                    : nullptr;
     Buffer content;
     Digest digest(EVP_sha256());
-    const std::string problem =
-        archive.read(index,
-                     [&](Bytes piece)
-                     {
-                         tools::Progress::advance(piece.size());
-                         digest.update(piece);
-                         if (kept != nullptr)
-                         {
-                             append(content, piece);
-                         }
-                     });
+    const std::string problem = archive.read(index,
+                                             [&](Bytes piece)
+                                             {
+                                                 digest.update(piece);
+                                                 if (kept != nullptr)
+                                                 {
+                                                     append(content, piece);
+                                                 }
+                                             });
     Json& fields = contents.members.emplace_back(
         Json{{"name", member.name},
              {"size", member.size},
@@ -366,7 +364,8 @@ void makePackage(const PackageOptions& options)
             {std::string(PAYLOAD_PREFIX) + file.filename().string(), {}, file});
     }
     const Output output(signing.output, signing.force);
-    tools::writeArchive(output.path(), sourceDateEpoch().value_or(0), members);
+    tools::writeArchive(output.path(), signing.output,
+                        sourceDateEpoch().value_or(0), members);
     checkPackage(output.readBack(), options, descriptor, digests);
     output.commit();
     report(signing.output,

@@ -110,7 +110,8 @@ void resignPackage(const PackageOptions& options, bool isAdded)
         }
     }
     const Output output(signing.output, signing.force);
-    tools::writeArchive(output.path(), sourceDateEpoch().value_or(0), members);
+    tools::writeArchive(output.path(), signing.output,
+                        sourceDateEpoch().value_or(0), members);
     if (digestsOf(fieldsOf(output.readBack())) != digestsOf(before))
     {
         throw Error(signing.output.string(),

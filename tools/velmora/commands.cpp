@@ -200,13 +200,12 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
          ++i)
     {
         // Stored content does not grow.
-        const auto& [name, type, size, compression, isEncrypted] =
-            archive.members()[i];
+        const tools::ArchiveMember& member = archive.members()[i];
         const std::string problem =
-            compression == "stored"
-                ? ""
+            member.compression == "stored"
+                ? member.problem
                 : archive.read(i, [](std::span<const std::byte>) {});
-        objection = problem.empty() ? "" : name + ": " + problem;
+        objection = problem.empty() ? "" : member.name + ": " + problem;
     }
     return objection;
 }

@@ -41,6 +41,7 @@ std::optional<tools::SignatureInfo> findSigner(const std::string& descriptor,
     catch (const tools::Error&)
     {
         // Of a file that cannot be read the library has said so.
+        return std::nullopt;
     }
     return std::nullopt;
 }
