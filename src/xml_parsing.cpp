@@ -22,7 +22,6 @@ namespace
 
 /** Bytes of a document: 5,000 systems need half of it. */
 constexpr std::size_t MAX_DOCUMENT = std::size_t{256} * 1024;
-constexpr std::size_t READ_SIZE = 8192;
 /** Bytes of a document that has a document type. The parser compares its
  *  declarations with one another, and repeats what they declare. */
 constexpr std::size_t MAX_TYPED_DOCUMENT = 8192;
@@ -196,15 +195,11 @@ void say(const std::string& path, const char* text)
  *  large, which has been said then. */
 std::optional<std::string> readDocument(const std::string& path)
 {
+    // One byte more shows that there is more.
+    std::string content(MAX_DOCUMENT + 1, '\0');
     std::ifstream file(path, std::ios::binary);
-    std::string content;
-    std::array<char, READ_SIZE> piece{};
-    // What goes beyond the limit shows that there is more.
-    while (file && content.size() <= MAX_DOCUMENT)
-    {
-        file.read(piece.data(), READ_SIZE);
-        content.append(piece.data(), static_cast<std::size_t>(file.gcount()));
-    }
+    file.read(content.data(), static_cast<std::streamsize>(content.size()));
+    content.resize(static_cast<std::size_t>(file.gcount()));
     const bool tooLarge = content.size() > MAX_DOCUMENT;
     if (tooLarge || !file.is_open() || file.bad())
     {

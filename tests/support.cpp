@@ -18,7 +18,8 @@ namespace
 {
 
 /** "Line: 12 [TEXT]" becomes "TEXT", "LEVEL: function.12: text" becomes
- *  "LEVEL function: text"; what has no such form stays as it is. */
+ *  "LEVEL function: text", where that number in the text is "#"; what has no
+ *  such form stays as it is. */
 std::string withoutSourceLine(const std::string& line)
 {
     const std::size_t bracket = line.find(" [");
@@ -30,13 +31,19 @@ std::string withoutSourceLine(const std::string& line)
     const std::size_t level = line.find(": ");
     const std::size_t dot = line.find('.', level);
     const std::size_t colon = line.find(": ", dot);
-    const bool numbered =
-        colon != std::string::npos &&
-        line.find_first_not_of("0123456789", dot + 1) == colon;
-    return numbered ? line.substr(0, level) + " " +
-                          line.substr(level + 2, dot - level - 2) +
-                          line.substr(colon)
-                    : line;
+    if (colon == std::string::npos ||
+        line.find_first_not_of("0123456789", dot + 1) != colon)
+    {
+        return line;
+    }
+    std::string text = line.substr(colon);
+    const std::string number = line.substr(dot + 1, colon - dot - 1);
+    if (const auto again = text.find("[" + number + "]"); again < text.size())
+    {
+        text.replace(again + 1, number.size(), "#");
+    }
+    return line.substr(0, level) + " " +
+           line.substr(level + 2, dot - level - 2) + text;
 }
 
 } // namespace
