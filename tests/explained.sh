@@ -12,7 +12,10 @@ readelf -p .velmora.causes "$3" | sed 's/^ *\[ *[0-9a-f]*\] *//' | awk '
         (file[$2] && file[$2] != $1) { print "not alone: " $0; bad = 1 }
     $4 !~ /^(cause|note|success|answer|(echo|pardon):[a-z_]+)$/ { print; bad = 1 }
     { block[$1] = $2; file[$2] = $1; ++count }
-    END { exit bad || count < 80 }'
+    split($4, kind, ":") == 2 { passed[kind[2] ".cpp"] }
+    END { for (name in passed)
+              if (!(name in block)) { print "no source: " name; bad = 1 }
+          exit bad || count < 80 }'
 : >"$log"
 export VELMORA_TEST_LOG=$log
 "$2"

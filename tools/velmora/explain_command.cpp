@@ -1,14 +1,17 @@
 #include "explain_command.hpp"
 
 #include "common/error.hpp"
+#include "common/files.hpp"
 #include "common/handles.hpp"
 #include "json.hpp"
 #include "log_reader.hpp"
 
 #include <fcntl.h>
 
+#include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <sstream>
 
 namespace velmora::front
 {
@@ -19,102 +22,134 @@ namespace
 /** The column of the places in the source. */
 constexpr int TEXT_WIDTH = 60;
 
-/** Prints operations as they come. */
-class Printer
+void writeLine(std::ostream& out, const std::string& text, const Site& site)
 {
-  public:
-    Printer(const CauseTable& table, bool json) : table_(table), json_(json) {}
-
-    void print(const Operation& operation);
-    /** To be called when none follows. */
-    void finish() const
-    {
-        std::cout << (!json_ ? "" : count_ == 0 ? "[]\n" : "]\n");
-    }
-
-    std::size_t count() const { return count_; }
-    bool hasUnknown() const { return hasUnknown_; }
-
-  private:
-    void printText(const Operation& operation);
-    nlohmann::ordered_json asJson(const Operation& operation) const;
-
-    const CauseTable& table_;
-    bool json_;
-    std::size_t count_ = 0;
-    bool hasUnknown_ = false;
-    /** The build under which what follows is to be read. */
-    std::string heading_;
-};
-
-void printLine(const std::string& text, const Site& site)
-{
-    std::cout << std::left << std::setw(site.file.empty() ? 0 : TEXT_WIDTH)
-              << tools::printable(text);
+    out << std::left << std::setw(site.file.empty() ? 0 : TEXT_WIDTH)
+        << tools::printable(text);
     if (!site.file.empty())
     {
-        std::cout << ' ' << tools::printable(site.file) << ':' << site.line;
+        out << ' ' << tools::printable(site.file) << ':' << site.line;
     }
-    std::cout << '\n';
+    out << '\n';
 }
 
-void Printer::print(const Operation& operation)
+std::string inText(const Operation& operation)
 {
-    hasUnknown_ |= operation.ending == Operation::Ending::UNKNOWN;
-    if (json_)
-    {
-        std::cout << (count_ == 0 ? "[" : ",\n") << asText(asJson(operation));
-    }
-    else
-    {
-        printText(operation);
-    }
-    ++count_;
-}
-
-void Printer::printText(const Operation& operation)
-{
-    const std::string heading =
-        operation.tie == Tie::KNOWN
-            ? "build " + table_.buildId + " wrote this:\n"
-            : "if build " + table_.buildId + " wrote this:\n";
-    std::cout << (heading == heading_ ? "" : heading);
-    heading_ = heading;
-    printLine(operation.word() + (": " + operation.reason()), operation.site);
+    std::ostringstream out;
+    writeLine(out, operation.word() + (": " + operation.reason()),
+              operation.site);
     for (const Site& note : operation.notes)
     {
-        printLine("    note: " + note.text, note);
+        writeLine(out, "    note: " + note.text, note);
     }
     for (const Detail& detail : operation.details)
     {
-        std::cout << "    " << inWords(detail.name) << ": "
-                  << tools::printable(detail.text) << '\n';
+        out << "    " << inWords(detail.name) << ": "
+            << tools::printable(detail.text) << '\n';
     }
     for (const Site& echo : operation.echoes)
     {
-        printLine("    so: " + echo.text, echo);
+        writeLine(out, "    so: " + echo.text, echo);
     }
+    return out.str();
 }
 
-nlohmann::ordered_json Printer::asJson(const Operation& operation) const
+std::string inJson(const Operation& operation, const std::string& buildId)
 {
     nlohmann::ordered_json object;
-    object["buildId"] = table_.buildId;
-    object["buildIsKnown"] = operation.tie == Tie::KNOWN;
+    object["buildId"] = buildId;
+    object["buildIsKnown"] = operation.isBuildKnown;
     object["verdict"] = operation.word();
     object["reason"] = operation.reason();
-    object["cause"] = front::asJson(operation.site);
+    object["cause"] = asJson(operation.site);
     for (const auto& [name, sites] : {std::pair("echoes", &operation.echoes),
                                       std::pair("notes", &operation.notes)})
     {
         object[name] = nlohmann::ordered_json::array();
         for (const Site& site : *sites)
         {
-            object[name].push_back(front::asJson(site));
+            object[name].push_back(asJson(site));
         }
     }
     object["details"] = detailsAsJson(operation);
-    return object;
+    return asText(object);
+}
+
+/** Keeps the answer in a file until the whole log is read: every line may show
+ *  that another build wrote it. */
+class Answer
+{
+  public:
+    Answer(const std::string& buildId, bool json) :
+        buildId_(buildId), json_(json)
+    {
+    }
+
+    void add(const Operation& operation) { file_ << next(operation); }
+    /** To be called when none follows.
+     *
+     *  @param objection what speaks against all of it, or empty */
+    void print(const std::string& objection);
+
+    bool isEmpty() const { return size_ == 0; }
+    bool hasUnknown() const { return hasUnknown_; }
+
+  private:
+    std::string next(const Operation& operation);
+
+    const std::string& buildId_;
+    bool json_;
+    tools::TemporaryDirectory directory_;
+    std::fstream file_{directory_.path() / "answer",
+                       std::ios::in | std::ios::out | std::ios::trunc};
+    std::size_t size_ = 0;
+    bool hasUnknown_ = false;
+    /** The build under which what follows is to be read. */
+    std::string heading_;
+};
+
+/** Written behind what there is already. */
+std::string Answer::next(const Operation& operation)
+{
+    hasUnknown_ |= operation.ending == Operation::Ending::UNKNOWN;
+    std::string text;
+    if (json_)
+    {
+        text = (isEmpty() ? "[" : ",\n") + inJson(operation, buildId_);
+    }
+    else
+    {
+        const std::string heading =
+            (operation.isBuildKnown ? "build " : "if build ") + buildId_ +
+            " wrote this:\n";
+        text = (heading == heading_ ? "" : heading) + inText(operation);
+        heading_ = heading;
+    }
+    size_ += text.size();
+    return text;
+}
+
+void Answer::print(const std::string& objection)
+{
+    if (!file_.seekg(0))
+    {
+        throw tools::Error(directory_.path().string(),
+                           "the answer cannot be kept here; is there room?");
+    }
+    if (!objection.empty())
+    {
+        Operation unknown;
+        unknown.ending = Operation::Ending::UNKNOWN;
+        unknown.site.text = "another build wrote this: " + objection;
+        size_ = 0;
+        heading_.clear();
+        std::cout << next(unknown);
+    }
+    else if (!isEmpty())
+    {
+        std::cout << file_.rdbuf();
+    }
+    std::cout << (!json_ ? "" : isEmpty() ? "[]\n" : "]\n") << std::flush;
 }
 
 } // namespace
@@ -138,24 +173,32 @@ bool explain(const std::string& log, const std::string& library, bool json)
     {
         throw tools::systemError(name);
     }
-    Printer printer(table, json);
-    LogReader reader(table, [&printer](const Operation& operation)
-                     { printer.print(operation); });
-    reader.read(file, name);
-    printer.finish();
-    std::cout.flush();
-    if (reader.lines() == 0)
+    Answer answer(table.buildId, json);
+    LogReader reader(table, [&answer](const Operation& operation)
+                     { answer.add(operation); });
+    try
     {
-        throw tools::Error(name, "holds no line of libvelmora's");
+        reader.read(file, name);
     }
-    if (printer.hasUnknown())
+    catch (const tools::Error&)
+    {
+        // What could be read is told.
+        answer.print(reader.objection());
+        throw;
+    }
+    answer.print(reader.objection());
+    if (answer.hasUnknown())
     {
         throw tools::Error(name, "not all of it is of " + table.library +
                                      " (build-id " + table.buildId +
                                      "): name the library that wrote it with "
                                      "--library");
     }
-    if (printer.count() == 0 && !json)
+    if (reader.lines() == 0)
+    {
+        throw tools::Error(name, "holds no line of libvelmora's");
+    }
+    if (answer.isEmpty() && !json)
     {
         std::cout << "nothing was refused\n";
     }

@@ -1,7 +1,6 @@
 #include "log_lines.hpp"
 
 #include "common/error.hpp"
-#include "log_values.hpp"
 
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
@@ -10,8 +9,9 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstddef>
-#include <cstdint>
+#include <ctime>
 #include <map>
 #include <utility>
 
@@ -24,11 +24,12 @@ namespace
 /** What a longer line or entry has behind it is cut off; in bytes. */
 constexpr std::size_t MAX_LINE = 65536;
 /** Of a log when it is unpacked; in bytes. */
-constexpr std::size_t MAX_LOG = std::size_t{256} << 20;
-/** A process is named within so many bytes. */
-constexpr std::size_t MAX_PREFIX = 256;
+constexpr z_off_t MAX_LOG = z_off_t{256} << 20;
 constexpr std::size_t DIGITS_OF_MICROSECONDS = 6;
-constexpr const char* DIGITS = "0123456789";
+
+/** The fields of an entry that are looked at. */
+constexpr std::array FIELDS{"MESSAGE", "_PID", "SYSLOG_IDENTIFIER",
+                            "__REALTIME_TIMESTAMP", "log"};
 
 using GzipFile = tools::Handle<gzFile_s, gzclose>;
 
@@ -44,19 +45,36 @@ std::string cleaned(std::string_view text)
         const auto end = text.find_first_not_of("0123456789;:", 2);
         text.remove_prefix(end < text.size() ? end + 1 : text.size());
     }
-    plain.erase(plain.find_last_not_of(" \t\r") + 1);
+    plain.erase(plain.find_last_not_of(" \t\r\n") + 1);
     return plain;
 }
 
-/** Where the text begins behind "daemon[412]: ", or 0. */
-std::size_t endOfPrefix(std::string_view line)
+/** Where the text begins, behind whatever prefix. */
+std::size_t startOf(std::string_view line)
 {
-    const auto end = line.substr(0, MAX_PREFIX).find("]: ");
-    const auto start = line.substr(0, end).find_last_not_of(DIGITS);
-    return end != std::string_view::npos && start != std::string_view::npos &&
-                   line[start] == '['
-               ? end + 3
-               : 0;
+    std::size_t start = std::string_view::npos;
+    for (const char* word : {"Line: ", "FAILURE: ", "SUCCESS: ", "INFO: "})
+    {
+        start = std::min(start, line.find(word));
+    }
+    // The last one: a host can have the name.
+    start = start < line.size() ? start : line.rfind("velmora ");
+    return start < line.size() && start > 0 && line[start - 1] == ' ' ? start
+                                                                      : 0;
+}
+
+/** "daemon[412]" of "Nov 25 04:10:31 bmc daemon[412]: ", or empty. */
+std::string_view processIn(std::string_view prefix)
+{
+    const auto end = prefix.find("]: ");
+    const auto start = prefix.substr(0, end).find_last_not_of("0123456789");
+    if (end == std::string_view::npos || start == std::string_view::npos ||
+        prefix[start] != '[')
+    {
+        return {};
+    }
+    prefix = prefix.substr(0, end + 1);
+    return prefix.substr(prefix.rfind(' ') + 1);
 }
 
 /** journalctl writes bytes where a text is no UTF-8 or has colours. */
@@ -72,7 +90,7 @@ std::string textOf(const nlohmann::json& value)
     return text;
 }
 
-/** Takes each line for what it is in the form of the log. */
+/** Takes each line for what it looks like. */
 class Splitter
 {
   public:
@@ -86,114 +104,81 @@ class Splitter
     void takeEntry();
 
   private:
-    enum class Form : std::uint8_t
-    {
-        UNDECIDED,
-        PLAIN,
-        JSON,
-        ENTRIES,
-    };
-
-    static Form formOf(std::string_view line);
-    void takeJson(std::string_view line);
-    void parse(std::string_view object);
-    void takeField(std::string_view line);
+    void takePlain(std::string_view line) const;
+    void takeObject(const std::string& text);
+    void takeField(std::string_view name, std::string_view value);
 
     const std::function<void(const LogLine&)>& sink_;
-    Form form_ = Form::UNDECIDED;
-    /** The lines of an object that has begun. */
+    /** The lines of an object of "-o json-pretty" that has begun. */
     std::string object_;
-    /** The fields of an entry that has begun. */
-    std::map<std::string, std::string> entry_;
+    /** Whether an entry of "-o verbose" has begun. */
+    bool isInEntry_ = false;
+    std::map<std::string, std::string, std::less<>> fields_;
 };
-
-/** Of the first line; what journalctl itself says stands behind two dashes. */
-Splitter::Form Splitter::formOf(std::string_view line)
-{
-    return line.starts_with('{') ? Form::JSON
-           : line.starts_with("__CURSOR=") ||
-                   (line.ends_with(']') &&
-                    line.find(" [s=") != std::string_view::npos)
-               ? Form::ENTRIES
-           : line.empty() || line.starts_with("-- ") ? Form::UNDECIDED
-                                                     : Form::PLAIN;
-}
 
 void Splitter::take(std::string_view rawLine)
 {
-    // "-o json-seq" and "-o json-sse" have something in front of an object.
-    for (const std::string_view start : {"\x1e", "data: "})
-    {
-        rawLine.remove_prefix(rawLine.starts_with(start) ? start.size() : 0);
-    }
     const std::string line = cleaned(rawLine);
-    // Later lines do not change it: they may quote a package.
-    form_ = form_ == Form::UNDECIDED ? formOf(line) : form_;
-    if (form_ == Form::JSON)
+    const bool isIndented = line.starts_with('\t') || line.starts_with(' ');
+    const std::string object = std::exchange(object_, {});
+    if (line == "{" ||
+        (isIndented && !object.empty() && object.size() < MAX_LINE))
     {
-        takeJson(line);
+        object_ = object + line;
     }
-    else if (form_ == Form::ENTRIES)
+    else if (line.starts_with('{') || (line == "}" && !object.empty()))
     {
-        takeField(line);
+        takeObject(object + line);
+    }
+    else if (isInEntry_ && line.starts_with("    "))
+    {
+        const auto end = std::min(line.find('='), line.size() - 1);
+        takeField(std::string_view(line).substr(4, end - 4),
+                  std::string_view(line).substr(end + 1));
     }
     else
     {
-        const std::size_t end = endOfPrefix(line);
-        const auto origin =
-            std::string_view(line).substr(0, std::max<std::size_t>(end, 2) - 2);
-        sink_({origin.substr(origin.rfind(' ') + 1), origin,
-               std::string_view(line).substr(end)});
+        takeEntry();
+        isInEntry_ = line.ends_with(']') && line.find(" [s=") < line.size();
+        takePlain(line);
     }
 }
 
-/** One object stands in one line, or its braces in lines of their own. */
-void Splitter::takeJson(std::string_view line)
+void Splitter::takePlain(std::string_view line) const
 {
-    if (line.starts_with('{') || object_.size() > MAX_LINE)
-    {
-        object_.clear();
-    }
-    object_ += line;
-    if (line != "{" && line.ends_with('}') &&
-        (line == "}" || line.starts_with('{')))
-    {
-        parse(std::exchange(object_, {}));
-    }
+    const auto start = startOf(line);
+    const auto prefix = line.substr(0, start);
+    sink_({processIn(prefix),
+           prefix.substr(0, prefix.find_last_not_of(" :") + 1),
+           line.substr(start)});
 }
 
-void Splitter::parse(std::string_view object)
+void Splitter::takeObject(const std::string& text)
 {
-    const auto json = nlohmann::json::parse(object, nullptr, false);
-    for (const char* name : {"MESSAGE", "_PID", "SYSLOG_IDENTIFIER",
-                             "__REALTIME_TIMESTAMP", "log"})
+    takeEntry();
+    const auto object = nlohmann::json::parse(text, nullptr, false);
+    for (const char* name : FIELDS)
     {
-        if (json.is_object() && json.contains(name))
+        if (object.is_object() && object.contains(name))
         {
-            entry_[name] = textOf(json[name]);
+            takeField(name, textOf(object[name]));
         }
     }
     takeEntry();
 }
 
-/** A field has a line, in "-o verbose" behind blanks. */
-void Splitter::takeField(std::string_view line)
+void Splitter::takeField(std::string_view name, std::string_view value)
 {
-    if (formOf(line) == Form::ENTRIES)
+    if (std::ranges::find(FIELDS, name) != FIELDS.end())
     {
-        takeEntry();
-    }
-    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-    const auto name = line.substr(0, line.find('='));
-    if (name.size() < line.size() && entry_.size() < MAX_PREFIX)
-    {
-        entry_[std::string(name)] = line.substr(name.size() + 1);
+        fields_[std::string(name)] = value;
     }
 }
 
 void Splitter::takeEntry()
 {
-    auto fields = std::exchange(entry_, {});
+    isInEntry_ = false;
+    auto fields = std::exchange(fields_, {});
     const std::string process =
         fields["_PID"].empty()
             ? ""
@@ -205,9 +190,16 @@ void Splitter::takeEntry()
     std::string_view rest = text;
     while (!rest.empty())
     {
-        const auto line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-        sink_({process, origin, cleaned(line)});
+        const std::string line = cleaned(rest.substr(0, rest.find('\n')));
+        rest.remove_prefix(std::min(rest.find('\n'), rest.size() - 1) + 1);
+        if (process.empty())
+        {
+            takePlain(line);
+        }
+        else
+        {
+            sink_({process, origin, line});
+        }
     }
 }
 
@@ -224,30 +216,25 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
         close(copy);
         throw tools::systemError(name);
     }
-    std::array<char, 65536> piece{};
-    std::string line;
+    gzbuffer(input.get(), MAX_LINE);
+    std::array<char, MAX_LINE> buffer{};
     Splitter splitter(sink);
-    int size = 0;
-    std::size_t total = 0;
+    z_off_t total = 0;
+    bool isBegin = true;
     while (total <= MAX_LOG &&
-           (size = gzread(input.get(), piece.data(), piece.size())) > 0)
+           gzgets(input.get(), buffer.data(), buffer.size()) != nullptr)
     {
-        std::string_view rest(piece.data(), static_cast<std::size_t>(size));
-        total += rest.size();
-        while (!rest.empty())
+        // It tells the length even where a line has a NUL.
+        const z_off_t end = gztell(input.get());
+        const std::string_view piece(buffer.data(),
+                                     static_cast<std::size_t>(end - total));
+        total = end;
+        if (isBegin)
         {
-            const auto part = rest.substr(0, rest.find('\n'));
-            line += part.substr(0, MAX_LINE - line.size());
-            rest.remove_prefix(part.size());
-            if (!rest.empty())
-            {
-                rest.remove_prefix(1);
-                splitter.take(line);
-                line.clear();
-            }
+            splitter.take(piece);
         }
+        isBegin = piece.ends_with('\n');
     }
-    splitter.take(line);
     splitter.takeEntry();
     int error = Z_OK;
     gzerror(input.get(), &error);
@@ -263,6 +250,21 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
                       : "it has more than 256 MiB: cut it, such as with "
                         "journalctl --since");
     }
+}
+
+std::string date(std::string_view seconds)
+{
+    long long number = 0;
+    std::from_chars(seconds.data(), seconds.data() + seconds.size(), number);
+    const auto time = static_cast<std::time_t>(number);
+    std::tm parts{};
+    if (time <= 0 || gmtime_r(&time, &parts) == nullptr)
+    {
+        return {};
+    }
+    std::array<char, 64> text{};
+    return {text.data(), std::strftime(text.data(), text.size(),
+                                       "%Y-%m-%d %H:%M:%S UTC", &parts)};
 }
 
 } // namespace velmora::front

@@ -14,11 +14,11 @@ namespace velmora::front
 
 struct LogLine
 {
-    /** Who wrote it, such as "host daemon[412]"; empty where it is not told. */
+    /** Who wrote it, such as "daemon[412]"; empty where it is not told. */
     std::string_view process;
     /** What a log daemon tells of it: a time, and the process. */
     std::string_view origin;
-    /** What the process wrote. */
+    /** What the process wrote; begins where a line of ours can begin. */
     std::string_view text;
 };
 
@@ -28,5 +28,8 @@ struct LogLine
  *  @throws tools::Error when it cannot be read, or is beyond a bound */
 void readLog(const tools::FileDescriptor& file, const std::string& name,
              const std::function<void(const LogLine&)>& sink);
+
+/** Seconds since the epoch as "2026-01-31 00:00:00 UTC"; empty for none. */
+std::string date(std::string_view seconds);
 
 } // namespace velmora::front

@@ -1,8 +1,9 @@
 #include "log_reader.hpp"
 
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <charconv>
 #include <exception>
 #include <system_error>
@@ -13,12 +14,8 @@ namespace velmora::front
 namespace
 {
 
-/** How a line of ours can begin. */
-constexpr std::string_view STARTS = "LFSI";
 /** Of each kind in one operation; of more, the last are kept. */
 constexpr std::size_t MAX_ITEMS = 32;
-/** Operations that wait for a line that shows another build. */
-constexpr std::size_t MAX_WAITING = 32;
 /** Of more, the one that has been silent for longest is at its end. */
 constexpr std::size_t MAX_PROCESSES = 64;
 /** A longer text is cut; in bytes. */
@@ -37,14 +34,80 @@ constexpr std::array<std::pair<std::string_view, const char*>, 3> SERVICES{{
      "busctl status xyz.openbmc_project.Software.Installed.Inventory"},
 }};
 
-template <typename Item>
-void addBounded(std::vector<Item>& items, Item item)
+using Meaning = std::pair<int, const char*>;
+
+constexpr std::array EXTRACTOR_CODES{
+    Meaning{1, "a member was skipped or is damaged: a password, an unknown "
+               "compression, or data that is not what was packed"},
+    Meaning{2, "a damaged archive: cut short, changed on its way, or with "
+               "something in front"},
+    Meaning{9, "not a ZIP file, or not there"},
+    Meaning{11, "no member matched"},
+    Meaning{50, "the disk is full, or a file cannot be made"},
+    Meaning{82, "encrypted member"},
+    Meaning{127, "the extractor cannot be started"},
+};
+
+std::string asItIs(std::string_view text) { return std::string(text); }
+
+std::string extractorStatus(std::string_view text)
 {
-    if (items.size() == MAX_ITEMS)
+    int status = -1;
+    std::from_chars(text.data(), text.data() + text.size(), status);
+    const int code = WEXITSTATUS(status);
+    const auto known =
+        std::ranges::find(EXTRACTOR_CODES, code, &Meaning::first);
+    return "exit code " + std::to_string(code) +
+           (known != EXTRACTOR_CODES.end() ? std::string(", ") + known->second
+                                           : "");
+}
+
+std::string gpgmeError(std::string_view text)
+{
+    return text == "No data" ? "package.xml.sign holds no OpenPGP signature"
+                             : std::string(text);
+}
+
+/** A value in a line: what stands in front of it, and what it means. */
+struct Value
+{
+    std::string_view label;
+    const char* name;
+    /** Gives the empty text for what is not worth showing. */
+    std::string (*decode)(std::string_view);
+    int reach = 0;
+};
+
+/** The failure stands in the same line or in the source's next. */
+constexpr int NEXT_LINE = 2;
+constexpr int WHOLE_SOURCE = 1000;
+
+constexpr std::array VALUES{
+    Value{"pidStatus: ", "extractor", extractorStatus, NEXT_LINE},
+    Value{"gpgmeStrErr: ", "gpgmeError", gpgmeError, NEXT_LINE},
+    Value{"gpgme_strerror(gpgmeSig->status): ", "signatureStatus", asItIs,
+          WHOLE_SOURCE},
+    Value{"gpgmeSig->timestamp: ", "signatureMade", date},
+    Value{"gpgmeSig->exp_timestamp: ", "signatureExpires", date},
+    Value{"e.what(): ", "exception", asItIs, NEXT_LINE},
+    Value{"msg: ", "exceptionType", asItIs, NEXT_LINE},
+    Value{"hexSystemIDStr: ", "thisSystem", asItIs},
+    Value{"xmlXPathNodeNr: ", "systemsListed", asItIs},
+    Value{"sha256FromPkgXML: ", "expectedDigest", asItIs},
+    Value{"sha256FromImage: ", "payloadDigest", asItIs},
+    Value{"errstr[", "error", asItIs, NEXT_LINE},
+    Value{"errmsg[", "error", asItIs, NEXT_LINE},
+    Value{"strerr[", "error", asItIs, NEXT_LINE},
+    Value{"timestamp =", "signingTime", date},
+};
+
+void addBounded(std::vector<Site>& sites, const Site& site)
+{
+    if (sites.size() == MAX_ITEMS)
     {
-        items.erase(items.begin());
+        sites.erase(sites.begin());
     }
-    items.push_back(std::move(item));
+    sites.push_back(site);
 }
 
 /** Takes @p start off the text, if it is there. */
@@ -70,6 +133,35 @@ const Detail* findDetail(const Operation& operation, std::string_view name)
     return found != operation.details.end() ? &*found : nullptr;
 }
 
+/** A new value takes the place of the one before: a document that a parser
+ *  quotes may imitate lines of ours, but the last are ours. */
+void addDetail(Operation& operation, Detail detail)
+{
+    detail.text.resize(std::min(detail.text.size(), MAX_TEXT));
+    if (!detail.text.empty())
+    {
+        std::erase_if(operation.details, [&detail](const Detail& before)
+                      { return before.name == detail.name; });
+        operation.details.push_back(std::move(detail));
+    }
+}
+
+/** What says more about the failure than its cause alone, or null. */
+const Detail* findTelling(const Operation& operation)
+{
+    const Detail* nearest = nullptr;
+    for (const Detail& detail : operation.details)
+    {
+        const int distance = operation.site.number - detail.number;
+        if (distance >= 0 && distance < detail.reach &&
+            (nearest == nullptr || detail.number > nearest->number))
+        {
+            nearest = &detail;
+        }
+    }
+    return nearest;
+}
+
 /** Whether the systems that a descriptor lists were being compared. */
 bool isComparing(const Operation& operation)
 {
@@ -88,6 +180,35 @@ bool isUnderWay(const std::optional<Operation>& refusal,
 }
 
 } // namespace
+
+const char* Operation::word() const
+{
+    constexpr std::array WORDS{"passed", "refused",    "failed",
+                               "note",   "no verdict", "unknown"};
+    return WORDS.at(static_cast<std::size_t>(ending));
+}
+
+std::string Operation::reason() const
+{
+    if (ending == Ending::PASSED)
+    {
+        return site.text;
+    }
+    const Detail* detail = findTelling(*this);
+    std::string telling = detail != nullptr ? ": " + detail->text : "";
+    if (const Detail* own = findDetail(*this, "thisSystem");
+        own != nullptr && isComparing(*this) && site.file == IDENTITY_CHECK)
+    {
+        telling = ": this machine is " + own->text;
+    }
+    // A good signature is refused only for its key.
+    telling = telling == ": Success" ? ": its key is not trusted" : telling;
+    // A query does not know what its value is for. The operation that asked
+    // does.
+    const bool isQuery =
+        !site.judges && !echoes.empty() && echoes.front().judges;
+    return (isQuery ? echoes.front().text + ": " : "") + site.text + telling;
+}
 
 /** A line of the library. */
 struct LogReader::Line
@@ -108,7 +229,28 @@ struct LogReader::Line
     std::string_view text;
     /** What a log daemon tells of it. */
     std::string_view origin;
+
+    void addValuesTo(Operation& operation) const;
 };
+
+/** Decodes the values that it carries. */
+void LogReader::Line::addValuesTo(Operation& operation) const
+{
+    for (const Value& value : VALUES)
+    {
+        const auto start = hasMessage ? text.find(value.label)
+                           : text.starts_with(value.label)
+                               ? 0
+                               : std::string_view::npos;
+        if (start < text.size())
+        {
+            auto found = text.substr(start + value.label.size());
+            found = hasMessage ? found.substr(0, found.find(']')) : found;
+            addDetail(operation,
+                      {value.name, value.decode(found), number, value.reach});
+        }
+    }
+}
 
 /** A line of ours at the very start of @p text. */
 std::optional<LogReader::Line> LogReader::parse(std::string_view text)
@@ -146,75 +288,6 @@ std::optional<LogReader::Line> LogReader::parse(std::string_view text)
                                                       : std::nullopt;
 }
 
-/** The first line of ours in @p text, behind whatever prefix. */
-std::optional<LogReader::Line> LogReader::find(std::string_view text)
-{
-    for (std::size_t at = text.find_first_of(STARTS);
-         at != std::string_view::npos; at = text.find_first_of(STARTS, at + 1))
-    {
-        if (at > 0 && std::isalnum(static_cast<unsigned char>(text[at - 1])))
-        {
-            continue;
-        }
-        if (auto line = parse(text.substr(at)))
-        {
-            line->origin = text.substr(0, at);
-            line->origin.remove_suffix(at - 1 -
-                                       line->origin.find_last_not_of(" :"));
-            return line;
-        }
-    }
-    return std::nullopt;
-}
-
-/** Decodes the values that a line carries. */
-void LogReader::addDetails(Operation& operation, const Line& line)
-{
-    for (Detail& detail : valuesIn(line.text, line.hasMessage))
-    {
-        addBounded(operation.details, std::move(detail));
-    }
-}
-
-const char* Operation::word() const
-{
-    constexpr std::array WORDS{"passed", "refused",    "failed",
-                               "note",   "no verdict", "unknown"};
-    return WORDS.at(static_cast<std::size_t>(ending));
-}
-
-std::string Operation::reason() const
-{
-    if (ending == Ending::PASSED)
-    {
-        return site.text;
-    }
-    std::string telling;
-    for (const Detail& detail : details)
-    {
-        if (detail.name == "signature")
-        {
-            // Of several signatures, the last is told.
-            telling.clear();
-        }
-        else if (telling.empty() && detail.isTelling &&
-                 detail.text != "Success")
-        {
-            telling = ": " + detail.text;
-        }
-    }
-    if (const Detail* own = findDetail(*this, "thisSystem");
-        own != nullptr && isComparing(*this) && site.file == IDENTITY_CHECK)
-    {
-        telling = ": this machine is " + own->text;
-    }
-    // A query does not know what its value is for. The operation that asked
-    // does.
-    const bool isQuery =
-        !site.judges && !echoes.empty() && echoes.front().judges;
-    return (isQuery ? echoes.front().text + ": " : "") + site.text + telling;
-}
-
 void LogReader::read(const tools::FileDescriptor& file, const std::string& name)
 {
     try
@@ -231,13 +304,15 @@ void LogReader::read(const tools::FileDescriptor& file, const std::string& name)
 
 void LogReader::readOwn(std::string_view log)
 {
-    tie_ = Tie::KNOWN;
-    Process& process = processOf("");
+    isBuildKnown_ = true;
     while (!log.empty())
     {
         const auto text = log.substr(0, log.find('\n'));
         log.remove_prefix(std::min(text.size() + 1, log.size()));
-        takeLine(process, parse(text).value_or(Line()));
+        if (const auto line = parse(text))
+        {
+            takeLine(processOf(""), *line);
+        }
     }
     finishAll();
 }
@@ -260,80 +335,80 @@ LogReader::Process& LogReader::processOf(std::string_view name)
 
 void LogReader::take(const LogLine& logLine)
 {
-    Process& process = processOf(logLine.process);
-    if (logLine.text.starts_with(VERSION_START) &&
-        logLine.text.find(VERSION_ID) != std::string_view::npos)
+    // journalctl itself says something behind two dashes.
+    if (logLine.text.empty() || logLine.text.starts_with("-- "))
     {
-        takeVersion(process, logLine.text);
         return;
     }
-    Line line = find(logLine.text).value_or(Line());
-    line.origin = logLine.origin.empty() ? line.origin : logLine.origin;
-    lines_ += line.level == Line::Level::NONE ? 0 : 1;
-    takeLine(process, line);
+    const bool isFirst = std::exchange(isEmpty_, false);
+    if (auto line = parse(logLine.text))
+    {
+        ++lines_;
+        line->origin = logLine.origin;
+        takeLine(processOf(logLine.process), *line);
+    }
+    else if (logLine.text.starts_with(VERSION_START))
+    {
+        takeVersion(logLine, isFirst);
+    }
 }
 
-/** The line that "velmora --version" prints. */
-void LogReader::takeVersion(Process& process, std::string_view text)
+/** Takes the line that "velmora --version" prints. The text of a package may
+ *  imitate it: it is believed where no such text can be. */
+void LogReader::takeVersion(const LogLine& line, bool isFirst)
 {
-    finish(process);
-    process = Process{process.name};
-    named_ = text.substr(text.find(VERSION_ID) + VERSION_ID.size())
-                 .substr(0, MAX_TEXT);
-    tie_ = named_ == table_.buildId ? Tie::KNOWN : Tie::REFUTED;
+    const auto start = line.text.find(VERSION_ID);
+    if (start == std::string_view::npos)
+    {
+        return;
+    }
+    const auto id = line.text.substr(start + VERSION_ID.size());
+    const bool isNew = std::ranges::find(processes_, line.process,
+                                         &Process::name) == processes_.end();
+    const bool isByTool = line.process.starts_with("velmora[");
+    if (id == table_.buildId)
+    {
+        isBuildKnown_ |= line.process.empty() ? isFirst : isByTool && isNew;
+    }
+    else if (!isBuildKnown_ || line.process.empty() || isByTool)
+    {
+        isBuildKnown_ = false;
+        doubt("the log names the build-id " +
+              std::string(id.substr(0, MAX_TEXT)));
+    }
 }
 
 void LogReader::takeLine(Process& process, const Line& line)
 {
     using enum Line::Level;
-    if (process.isDoubted)
+    if (line.level == INFO)
     {
+        line.addValuesTo(process.now);
         return;
     }
-    if (line.level == NONE)
+    if (const std::string objection = objectionTo(process, line);
+        !objection.empty())
     {
-        // A parser quotes its document, which may imitate lines of ours.
-        for (Detail& detail : process.now.details)
-        {
-            detail.isTelling = false;
-        }
+        doubt(objection);
+        return;
     }
-    else if (line.level == INFO)
+    const Site& site = table_.sites.at(line.number);
+    if (isComparing(process.now) && site.file != IDENTITY_CHECK)
     {
-        addDetails(process.now, line);
+        finish(process);
     }
-    else if (const std::string objection = objectionTo(process, line);
-             !objection.empty())
+    if (line.level == FAILURE)
     {
-        doubt(process, objection);
+        takeFailure(process, line, site);
+        return;
     }
-    else
+    finishRefusal(process);
+    if (site.kind == Kind::SUCCESS)
     {
-        const Site& site = table_.sites.at(line.number);
-        if (isComparing(process.now) && site.file != IDENTITY_CHECK)
-        {
-            finishOpen(process);
-        }
-        if (line.level == FAILURE)
-        {
-            takeFailure(process, line, site);
-        }
-        else
-        {
-            finishRefusal(process);
-            if (site.kind == Kind::SUCCESS)
-            {
-                process.now.ending = Operation::Ending::PASSED;
-                process.now.site = site;
-                add(process, std::exchange(process.now, {}));
-            }
-        }
+        process.now.ending = Operation::Ending::PASSED;
+        process.now.site = site;
+        add(std::exchange(process.now, {}));
     }
-    // It is the cause only of a failure in the very next line.
-    auto rest = line.text;
-    const bool isException =
-        line.level == INFO && !line.hasMessage && skip(rest, "e.what(): ");
-    process.exception = isException ? rest.substr(0, MAX_TEXT) : "";
 }
 
 /** Why the build of the table has not written the line, or empty. */
@@ -343,10 +418,6 @@ std::string LogReader::objectionTo(const Process& process,
     const bool isFailure = line.level == Line::Level::FAILURE;
     const std::string number = std::to_string(line.number);
     const auto known = table_.sites.find(line.number);
-    if (tie_ == Tie::REFUTED)
-    {
-        return "the log names the build-id " + named_;
-    }
     if (known == table_.sites.end())
     {
         return "nothing is known of line " + number;
@@ -358,19 +429,32 @@ std::string LogReader::objectionTo(const Process& process,
     {
         return "line " + number + " is of another kind";
     }
-    if (tie_ == Tie::KNOWN)
-    {
-        return {};
-    }
     if (line.hasMessage && !isMadeWith(site.message, line.text))
     {
         return "line " + number + " has another message";
     }
+    // The operation that it echoes may be the daemon's own.
     const bool passesOn =
         site.kind == Kind::PASSED_ON || site.kind == Kind::PARDON;
-    return passesOn && !isUnderWay(process.refusal, site.source)
+    return passesOn && !isBuildKnown_ &&
+                   !isUnderWay(process.refusal, site.source)
                ? "line " + number + " passes on what did not fail"
                : "";
+}
+
+void LogReader::doubt(const std::string& objection)
+{
+    if (isBuildKnown_)
+    {
+        Operation unknown;
+        unknown.ending = Operation::Ending::UNKNOWN;
+        unknown.site.text = "a text imitates the library: " + objection;
+        add(std::move(unknown));
+    }
+    else if (objection_.empty())
+    {
+        objection_ = objection;
+    }
 }
 
 void LogReader::takeFailure(Process& process, const Line& line,
@@ -380,7 +464,7 @@ void LogReader::takeFailure(Process& process, const Line& line,
     if (site.kind == Kind::PASSED_ON && refusal)
     {
         addBounded(refusal->echoes, site);
-        addDetails(*refusal, line);
+        line.addValuesTo(*refusal);
     }
     else if (site.kind == Kind::PARDON && isUnderWay(refusal, site.source))
     {
@@ -407,42 +491,23 @@ void LogReader::takeRefusal(Process& process, const Line& line,
     Operation& refusal =
         process.refusal.emplace(std::exchange(process.now, {}));
     refusal.site = site;
-    // An exception belongs only to a line without a message.
-    refusal.exception = line.hasMessage ? "" : process.exception;
-    addDetails(refusal, line);
+    line.addValuesTo(refusal);
     const auto* service = std::ranges::find(
         SERVICES, site.file, &std::pair<std::string_view, const char*>::first);
-    const Detail* thrown = findDetail(refusal, "exceptionType");
-    if (service != SERVICES.end() && (!refusal.exception.empty() ||
-                                      (thrown != nullptr && thrown->isTelling)))
+    const Detail* thrown = findTelling(refusal);
+    if (service != SERVICES.end() && thrown != nullptr)
     {
-        addBounded(refusal.details, Detail{"lookAt", service->second});
+        refusal.exception = thrown->name == "exception" ? thrown->text : "";
+        addDetail(refusal, {"lookAt", service->second});
     }
-    for (const auto& [name, value] :
-         {std::pair("message", line.text), std::pair("logged", line.origin)})
-    {
-        if (!value.empty())
-        {
-            addBounded(refusal.details,
-                       Detail{name, std::string(value.substr(0, MAX_TEXT))});
-        }
-    }
+    addDetail(refusal, {"message", std::string(line.text)});
+    addDetail(refusal, {"logged", std::string(line.origin)});
 }
 
-void LogReader::doubt(Process& process, const std::string& objection)
+void LogReader::add(Operation operation)
 {
-    Operation unknown;
-    unknown.ending = Operation::Ending::UNKNOWN;
-    unknown.site.text = tie_ == Tie::KNOWN
-                            ? "a text imitates the library: " + objection
-                            : "another build wrote this: " + objection;
-    if (tie_ != Tie::KNOWN)
-    {
-        // What seemed clear before is as doubtful.
-        process = Process{process.name};
-        process.isDoubted = true;
-    }
-    add(process, std::move(unknown));
+    operation.isBuildKnown = isBuildKnown_;
+    sink_(operation);
 }
 
 void LogReader::finishRefusal(Process& process)
@@ -457,53 +522,28 @@ void LogReader::finishRefusal(Process& process)
                         std::ranges::any_of(refusal.echoes, &Site::judges);
     refusal.ending = judges && !isUnanswered ? Operation::Ending::REFUSED
                                              : Operation::Ending::FAILED;
-    add(process, std::move(refusal));
+    add(std::move(refusal));
 }
 
-void LogReader::add(Process& process, Operation operation)
-{
-    operation.tie = tie_;
-    process.done.push_back(std::move(operation));
-    if (process.done.size() == MAX_WAITING)
-    {
-        handOn(process);
-    }
-}
-
-void LogReader::handOn(Process& process)
-{
-    for (const Operation& operation : std::exchange(process.done, {}))
-    {
-        sink_(operation);
-    }
-}
-
-/** An exception leaves no line of its own. */
-void LogReader::finishOpen(Process& process)
-{
-    finishRefusal(process);
-    process.now.site.text = "a systemID of the descriptor is no number of 16 "
-                            "bits, or the log ends early";
-    add(process, std::exchange(process.now, {}));
-}
-
-/** Nothing follows in this process. */
+/** Nothing follows of what goes on in this process. */
 void LogReader::finish(Process& process)
 {
     finishRefusal(process);
-    if (isComparing(process.now))
-    {
-        finishOpen(process);
-    }
     Operation last = std::exchange(process.now, {});
-    if (!last.notes.empty())
+    if (isComparing(last))
+    {
+        // An exception leaves no line of its own.
+        last.site.text = "a systemID of the descriptor is no number of 16 "
+                         "bits, or the log ends early";
+        add(std::move(last));
+    }
+    else if (!last.notes.empty())
     {
         last.ending = Operation::Ending::NOTED;
         last.site = last.notes.back();
         last.notes.pop_back();
-        add(process, std::move(last));
+        add(std::move(last));
     }
-    handOn(process);
 }
 
 void LogReader::finishAll()

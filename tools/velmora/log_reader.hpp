@@ -3,7 +3,6 @@
 #include "cause_table.hpp"
 #include "common/handles.hpp"
 #include "log_lines.hpp"
-#include "log_values.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -20,14 +19,17 @@
 namespace velmora::front
 {
 
-/** Whether the build whose table is used wrote the log. */
-enum class Tie : std::uint8_t
+/** A value that the log holds, decoded. */
+struct Detail
 {
-    ASSUMED,
-    /** The log names it. */
-    KNOWN,
-    /** The log names another. */
-    REFUTED,
+    /** In camelCase. */
+    std::string name;
+    std::string text;
+    /** Number of its line. */
+    int number = 0;
+    /** It says more about a failure that is logged at its number, or less than
+     *  so many lines of the source behind it. */
+    int reach = 0;
 };
 
 /** One operation, from its first line to the last that passes its result on. */
@@ -58,13 +60,15 @@ struct Operation
     std::string reason() const;
 
     Ending ending = Ending::OPEN;
-    Tie tie = Tie::ASSUMED;
+    /** Whether the log names the build whose table is used. */
+    bool isBuildKnown = false;
     /** The statement that refused, or the last one where all passed. */
     Site site;
     /** Statements that passed the refusal on. */
     std::vector<Site> echoes;
     /** Harmless failures on the way. */
     std::vector<Site> notes;
+    /** One of each name. */
     std::vector<Detail> details;
     /** Text of the exception that made it fail, where one did. */
     std::string exception;
@@ -94,6 +98,10 @@ class LogReader
     /** Lines of the library so far. */
     std::size_t lines() const { return lines_; }
 
+    /** What shows that another build wrote the log, or empty. It is to be
+     *  asked when all is read: no operation is to be believed then. */
+    const std::string& objection() const { return objection_; }
+
   private:
     struct Line;
     struct Process
@@ -102,41 +110,29 @@ class LogReader
         /** What was refused last, until nothing more can pass it on. */
         std::optional<Operation> refusal = std::nullopt;
         Operation now = {};
-        // GCC wants what clang-tidy calls redundant.
-        // NOLINTBEGIN(readability-redundant-member-init)
-        /** Text of an exception that the line before told. */
-        std::string exception = {};
-        /** Not handed on yet: a later line may show another build. */
-        std::vector<Operation> done = {};
-        // NOLINTEND(readability-redundant-member-init)
-        bool isDoubted = false;
     };
 
     static std::optional<Line> parse(std::string_view text);
-    static std::optional<Line> find(std::string_view text);
-    static void addDetails(Operation& operation, const Line& line);
-    std::string objectionTo(const Process& process, const Line& line) const;
     Process& processOf(std::string_view name);
     void take(const LogLine& logLine);
-    void takeVersion(Process& process, std::string_view text);
+    void takeVersion(const LogLine& line, bool isFirst);
     void takeLine(Process& process, const Line& line);
+    std::string objectionTo(const Process& process, const Line& line) const;
+    void doubt(const std::string& objection);
     void takeFailure(Process& process, const Line& line, const Site& site);
     void takeRefusal(Process& process, const Line& line, const Site& site);
-    void doubt(Process& process, const std::string& objection);
+    void add(Operation operation);
     void finishRefusal(Process& process);
-    void add(Process& process, Operation operation);
-    void finishOpen(Process& process);
-    void handOn(Process& process);
     void finish(Process& process);
     void finishAll();
 
     const CauseTable& table_;
     Sink sink_;
-    Tie tie_ = Tie::ASSUMED;
-    /** The build that the log names. */
-    std::string named_;
+    bool isBuildKnown_ = false;
+    std::string objection_;
     /** The one that wrote last stands first. */
     std::list<Process> processes_;
+    bool isEmpty_ = true;
     std::size_t lines_ = 0;
 };
 
