@@ -47,6 +47,12 @@ variant("nested.zip", {"payload/locked/": (0o40000, b"")})
 variant("more.zip", {"install.sh": (0o100755, b"x")})
 variant("bomb.zip", {"payload/" + name: (0o100644, bytes(140 << 20)) for name in "cd"},
         zipfile.ZIP_DEFLATED)
+# Its sizes are listed in front of the member and at the end.
+variant("lying.zip", {"payload/c": (0o100644, bytes(0x01020304))}, zipfile.ZIP_DEFLATED)
+with open("lying.zip", "r+b") as lying:
+    changed = lying.read().replace(b"\4\3\2\1", b"\4\0\0\0")
+    lying.seek(0)
+    lying.write(changed)
 PY
 truncate -s 257M large.zip
 # As a run that was killed leaves it.
@@ -65,12 +71,14 @@ refuses linked.zip 'holds something besides'
 refuses nested.zip 'holds something besides'
 refuses more.zip 'holds something besides'
 refuses bomb.zip 'unpacked it is larger than 256 MiB'
+refuses lying.zip 'unpack'
 refuses large.zip 'larger than 256 MiB'
 refuses any.zip 'the descriptor names no Model'
 refuses hostile.zip 'lists a system that is no 16-bit number'
 expect 3 'none.zip' "$daemon" none.zip
 expect 3 "^could not be checked: nobody could tell this machine's system" \
     env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none "$daemon" good.zip
+expect 0 'the platform service gave no identifier' result cause
 
 expect 0 '^accepted: model 113440, version 1.2$' "$daemon" good.zip
 expect 0 '^113440$' "${model[@]}" "$inventory/113440/1_2e2"
@@ -88,6 +96,9 @@ expect 0 '^113440$' "${model[@]}" "$inventory/113440/1_2e10"
 expect 0 '^accepted: .*version 1.11' "$daemon" lost.zip
 expect 1 . "${model[@]}" "$inventory/113440/1_2e10"
 
+mkdir state/models/113440.json.new
+expect 5 '^accepted and not remembered: .*113440.json.new' "$daemon" lost.zip
+rmdir state/models/113440.json.new
 touch state/allow-older
 if [ "$(stat -c %u state/allow-older)" -eq 0 ]; then
     expect 0 '^accepted: .*version 1.10' "$daemon" newer.zip

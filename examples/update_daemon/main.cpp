@@ -47,6 +47,7 @@ enum ExitStatus
     WRONG_USAGE = 2,
     NOT_CHECKED = 3,
     NOT_PUBLISHED = 4,
+    NOT_REMEMBERED = 5,
 };
 
 /** The library said no: its log has the reason. */
@@ -54,6 +55,20 @@ class LibraryRefusal : public Refusal
 {
   public:
     using Refusal::Refusal;
+};
+
+/** A service did not answer the library: that says nothing of the package. */
+class NoAnswer : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/** The package was accepted, and the next one is not compared with it. */
+class NotRemembered : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
 };
 
 /** The package was accepted, and the inventory does not show it. */
@@ -86,7 +101,7 @@ void expectKnownSystem(const fs::path& directory)
     log.end(!known);
     if (!known)
     {
-        throw std::runtime_error(
+        throw NoAnswer(
             "nobody could tell this machine's system; the platform service is "
             "com.vorn.bmc.smad");
     }
@@ -146,7 +161,7 @@ Package describe(const std::string& directory)
     package.purpose = ValidateQOR::getImagePurpose(directory);
     if (package.purpose == ValidateQOR::VersionPurpose::Unknown)
     {
-        throw std::runtime_error(
+        throw NoAnswer(
             "nobody could tell what it is for; the inventory manager is "
             "xyz.openbmc_project.Software.Installed.Inventory");
     }
@@ -180,6 +195,17 @@ std::string publish(const Package& package, const std::string& before)
     return path;
 }
 
+void remember(const Models& models, const Package& package,
+              const Installed& installed)
+try
+{
+    models.remember(package.model, installed);
+}
+catch (const std::exception& e)
+{
+    throw NotRemembered(e.what());
+}
+
 Package update(const fs::path& source, const fs::path& stateDirectory)
 {
     const PrivateDirectory incoming(stateDirectory / "incoming");
@@ -197,7 +223,7 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
     // Here a real daemon applies the files of unpacked/payload, and waits until
     // they are complete in the flash memory.
     installed.version = package.version;
-    models.remember(package.model, installed);
+    remember(models, package, installed);
     try
     {
         installed.object = publish(package, installed.object);
@@ -206,7 +232,7 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
     {
         throw NotPublished(e.what());
     }
-    models.remember(package.model, installed);
+    remember(models, package, installed);
     return package;
 }
 
@@ -220,6 +246,25 @@ struct Result
     nlohmann::json failure;
 };
 
+/** The result with what the library's log tells of it. */
+Result explained(Result result, LibraryLog& log)
+{
+    log.end(true);
+    result.failure = lastFailure(log.file());
+    if (result.status != NOT_CHECKED)
+    {
+        result.reason = result.failure.value("reason", result.reason);
+    }
+    if (result.status == REFUSED &&
+        result.failure.value("verdict", "") == "failed")
+    {
+        // A service has gone in the middle: the package was not judged.
+        result.status = NOT_CHECKED;
+        result.verdict = "could not be checked";
+    }
+    return result;
+}
+
 Result judge(const fs::path& package, const fs::path& stateDirectory)
 {
     const nlohmann::json none = nlohmann::json::object();
@@ -232,8 +277,7 @@ Result judge(const fs::path& package, const fs::path& stateDirectory)
     }
     catch (const LibraryRefusal& refusal)
     {
-        log.end(true);
-        return {REFUSED, "refused", refusal.what(), lastFailure(log.file())};
+        return explained({REFUSED, "refused", refusal.what(), none}, log);
     }
     catch (const Refusal& refusal)
     {
@@ -241,9 +285,17 @@ Result judge(const fs::path& package, const fs::path& stateDirectory)
     }
     catch (const NotPublished& e)
     {
-        log.end(true);
-        return {NOT_PUBLISHED, "accepted and not published", e.what(),
-                lastFailure(log.file())};
+        return explained(
+            {NOT_PUBLISHED, "accepted and not published", e.what(), none}, log);
+    }
+    catch (const NotRemembered& e)
+    {
+        return {NOT_REMEMBERED, "accepted and not remembered", e.what(), none};
+    }
+    catch (const NoAnswer& e)
+    {
+        return explained({NOT_CHECKED, "could not be checked", e.what(), none},
+                         log);
     }
     catch (const std::exception& e)
     {
@@ -251,17 +303,24 @@ Result judge(const fs::path& package, const fs::path& stateDirectory)
     }
 }
 
-/** For people, the daemon's last line; for other services, result.json. */
+/** For other services, result.json; for people, the daemon's last line. */
 int run(const fs::path& package, const fs::path& stateDirectory)
 {
     const OneAtATime lock(stateDirectory);
     Result result = judge(package, stateDirectory);
-    result.reason = result.failure.value("reason", result.reason);
-    replaceFile(stateDirectory / "result.json",
-                {{"verdict", result.verdict},
-                 {"reason", result.reason},
-                 {"cause", result.failure["cause"]},
-                 {"build-id", result.failure["buildId"]}});
+    try
+    {
+        replaceFile(stateDirectory / "result.json",
+                    {{"verdict", result.verdict},
+                     {"reason", result.reason},
+                     {"cause", result.failure["cause"]},
+                     {"build-id", result.failure["buildId"]},
+                     {"build-is-known", result.failure["buildIsKnown"]}});
+    }
+    catch (const std::exception& e)
+    {
+        std::cerr << "the result is not kept: " << e.what() << '\n';
+    }
     std::cerr << result.verdict << ": " << result.reason << '\n';
     return result.status;
 }
