@@ -1,5 +1,6 @@
 #include "support.hpp"
 
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 
 namespace velmora::test
@@ -193,6 +195,12 @@ const std::string& SignedPayload::good()
     return content;
 }
 
+/** Held while a service works and while a process is made: in the child, a lock
+ *  that a service's thread held would stay held for ever. */
+static std::mutex working;
+[[maybe_unused]] static const int prepared = pthread_atfork(
+    [] { working.lock(); }, [] { working.unlock(); }, [] { working.unlock(); });
+
 Service::Service(const std::string& name, Handler handler) :
     handler_(std::move(handler))
 {
@@ -215,7 +223,12 @@ void Service::work()
 {
     while (!stop_)
     {
-        if (sd_bus_process(bus_, nullptr) == 0)
+        int processed = 0;
+        {
+            const std::lock_guard lock(working);
+            processed = sd_bus_process(bus_, nullptr);
+        }
+        if (processed == 0)
         {
             sd_bus_wait(bus_, 10'000);
         }
