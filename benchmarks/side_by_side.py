@@ -21,6 +21,7 @@ BENCH = os.path.join(build, "benchmarks/velmora-bench")
 ROOT_CA = "/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem"
 MIB = 1 << 20
 REPETITIONS = 7
+MAX_SECONDS_OF_LOG = 2
 
 
 def path(*names):
@@ -254,12 +255,15 @@ def log():
             file.write(f"Nov 25 04:10:31 bmc updated[{number // 100}]: "
                        f"{entry[number % len(entry)]}\n")
     ((seconds, peak),) = medians([[VELMORA, "explain", path("log")]])
-    print(f"\n`velmora explain`, a million lines: {seconds:.2f} s (at most 2), "
-          f"peak {mib(peak)}.")
+    met = seconds < MAX_SECONDS_OF_LOG
+    print(f"\n`velmora explain`, a million lines: {seconds:.2f} s, peak "
+          f"{mib(peak)}; the limit of {MAX_SECONDS_OF_LOG} s is "
+          f"{'met' if met else 'NOT MET'}.")
+    return met
 
 
 make_input()
 side_by_side()
 whole_packages()
 growth()
-log()
+sys.exit(not log())

@@ -178,6 +178,10 @@ void Splitter::takeField(std::string_view name, std::string_view value)
 void Splitter::takeEntry()
 {
     isInEntry_ = false;
+    if (fields_.empty())
+    {
+        return;
+    }
     auto fields = std::exchange(fields_, {});
     const std::string process =
         fields["_PID"].empty()
