@@ -66,7 +66,6 @@ refuses() {
 expect 2 'usage' "$daemon"
 refuses other.zip 'this machine is 0A1B'
 expect 0 'this machine is 0A1B' result reason
-expect 0 'system_identity.cpp' result cause
 refuses linked.zip 'holds something besides'
 refuses nested.zip 'holds something besides'
 refuses more.zip 'holds something besides'

@@ -466,7 +466,8 @@ void LogReader::takeFailure(Process& process, const Line& line,
         addBounded(refusal->echoes, site);
         line.addValuesTo(*refusal);
     }
-    else if (site.kind == Kind::PARDON && isUnderWay(refusal, site.source))
+    else if (refusal && site.kind == Kind::PARDON &&
+             isUnderWay(refusal, site.source))
     {
         // What it has read so far belongs to what goes on.
         process.now = std::move(*refusal);
@@ -516,7 +517,8 @@ void LogReader::finishRefusal(Process& process)
     {
         return;
     }
-    Operation refusal = *std::exchange(process.refusal, std::nullopt);
+    Operation refusal = std::move(*process.refusal);
+    process.refusal.reset();
     const bool isUnanswered = findDetail(refusal, "lookAt") != nullptr;
     const bool judges = refusal.site.judges ||
                         std::ranges::any_of(refusal.echoes, &Site::judges);
