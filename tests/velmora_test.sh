@@ -207,6 +207,8 @@ expect 143 . sh -c '"$0" digest large & sleep 0.1; kill $!; wait $!' "$velmora"
 mkdir tmp
 truncate -s 512M unpacked/payload/large
 (cd unpacked && zip -qr0 ../large.zip .)
+expect 1 ' [1-9][0-9]* %' script -qec "'$velmora' validate large.zip" /dev/null
+expect 1 '^$' sh -c 'script -qec "$0 --quiet validate large.zip" /dev/null | grep %' "$velmora"
 TMPDIR=$PWD/tmp "$velmora" validate large.zip &
 until compgen -G 'tmp/*/payload/large' >/dev/null; do sleep 0.01; done
 kill -HUP $!

@@ -1,10 +1,15 @@
 #include "progress.hpp"
 
+#include "signals.hpp"
+
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 namespace tools
 {
@@ -13,6 +18,7 @@ namespace
 
 constexpr std::uint64_t LARGE = 100U << 20;
 constexpr int PERCENT_PER_MARK = 2;
+constexpr std::chrono::milliseconds PAUSE(100);
 
 bool isForbidden = false;
 Progress* shown = nullptr;
@@ -25,16 +31,17 @@ Progress::Progress(std::uint64_t size) : size_(size)
         isatty(STDERR_FILENO) == 1)
     {
         shown = this;
+        terminal_ = FileDescriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
         draw();
     }
 }
 
 Progress::~Progress()
 {
-    if (shown == this)
+    if (isShown())
     {
         shown = nullptr;
-        std::fputs("\r\033[K", stderr);
+        dprintf(terminal_.get(), "\r\033[K");
     }
 }
 
@@ -42,12 +49,19 @@ void Progress::advance(std::uint64_t bytes)
 {
     if (shown != nullptr)
     {
-        shown->done_ += bytes;
-        shown->draw();
+        shown->moveTo(shown->done_ + bytes);
     }
 }
 
 void Progress::forbid() { isForbidden = true; }
+
+bool Progress::isShown() const { return shown == this; }
+
+void Progress::moveTo(std::uint64_t done)
+{
+    done_ = done;
+    draw();
+}
 
 void Progress::draw()
 {
@@ -58,7 +72,27 @@ void Progress::draw()
         percent_ = percent;
         std::string bar(100 / PERCENT_PER_MARK, ' ');
         std::fill_n(bar.begin(), percent / PERCENT_PER_MARK, '#');
-        std::fprintf(stderr, "\r[%s] %3d %%", bar.c_str(), percent);
+        dprintf(terminal_.get(), "\r[%s] %3d %%", bar.c_str(), percent);
+    }
+}
+
+WatchedProgress::WatchedProgress(std::uint64_t size,
+                                 std::function<std::uint64_t()> done) :
+    progress_(size)
+{
+    if (progress_.isShown())
+    {
+        // Signals are for the thread that may delay them.
+        const SignalDelay inherited;
+        thread_ = std::jthread(
+            [this, done = std::move(done)](const std::stop_token& stop)
+            {
+                while (!stop.stop_requested())
+                {
+                    progress_.moveTo(done());
+                    std::this_thread::sleep_for(PAUSE);
+                }
+            });
     }
 }
 

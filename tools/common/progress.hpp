@@ -1,6 +1,10 @@
 #pragma once
 
+#include "handles.hpp"
+
 #include <cstdint>
+#include <functional>
+#include <thread>
 
 namespace tools
 {
@@ -22,12 +26,29 @@ class Progress
     /** From now on there is none. */
     static void forbid();
 
+    bool isShown() const;
+    void moveTo(std::uint64_t done);
+
   private:
     void draw();
 
     std::uint64_t size_;
+    /** Standard error may be led elsewhere meanwhile. */
+    FileDescriptor terminal_;
     std::uint64_t done_ = 0;
     int percent_ = -1;
+};
+
+/** A bar for work that does not tell how far it is, so that it is looked at. */
+class WatchedProgress
+{
+  public:
+    /** @param done tells how many bytes are done; called in another thread */
+    WatchedProgress(std::uint64_t size, std::function<std::uint64_t()> done);
+
+  private:
+    Progress progress_;
+    std::jthread thread_;
 };
 
 } // namespace tools

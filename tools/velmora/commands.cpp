@@ -2,6 +2,7 @@
 
 #include "common/error.hpp"
 #include "common/files.hpp"
+#include "common/progress.hpp"
 #include "package_contents.hpp"
 #include "run.hpp"
 #include "signer.hpp"
@@ -190,6 +191,7 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
     {
         return tooLarge(request);
     }
+    const tools::Progress progress(archive.totalSize());
     std::string objection;
     if (request.strict)
     {
@@ -208,6 +210,30 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
         objection = problem.empty() ? "" : member.name + ": " + problem;
     }
     return objection;
+}
+
+std::uint64_t sizeOfFilesIn(const fs::path& directory)
+{
+    std::uint64_t sum = 0;
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(directory, error), end;
+         !error && entry != end; entry.increment(error))
+    {
+        std::error_code noFile;
+        const std::uintmax_t size = entry->file_size(noFile);
+        sum += noFile ? 0 : size;
+    }
+    return sum;
+}
+
+/** By this program, in bytes. */
+std::uint64_t readSoFar()
+{
+    std::ifstream counts("/proc/self/io");
+    std::string name;
+    std::uint64_t count = 0;
+    counts >> name >> count;
+    return count;
 }
 
 /** Unpacks under a name of our own: the extractor reads names as patterns.
@@ -246,6 +272,9 @@ Answer extract(const Request& request, const fs::path& destination,
     const tools::TemporaryDirectory work;
     const fs::path link = work.path() / "package.zip";
     fs::create_symlink(fs::absolute(request.subject), link);
+    const tools::WatchedProgress progress(
+        archive->totalSize(),
+        [&destination] { return sizeOfFilesIn(destination); });
     const FileLimit limit(largest);
     return ask(request, [&] { return ValidateQOR::unZip(link, destination); });
 }
@@ -317,6 +346,9 @@ Answer validateDirectory(const Request& request, const fs::path& package,
     {
         return {Verdict::REFUSED, objection};
     }
+    const tools::WatchedProgress progress(contents.size(),
+                                          [before = readSoFar()]
+                                          { return readSoFar() - before; });
     const auto judge = [&]
     {
         try

@@ -2,6 +2,7 @@
 #include "commands.hpp"
 #include "common/command_line.hpp"
 #include "common/error.hpp"
+#include "common/progress.hpp"
 #include "common/signals.hpp"
 #include "explain_command.hpp"
 #include "json.hpp"
@@ -329,6 +330,8 @@ void addEverything(CLI::App& app, Invocation& chosen)
     app.add_flag("-v,--verbose", chosen.request.verbose,
                  "Show the library's log on stderr");
     app.add_flag("--json", chosen.json, "Answer in JSON");
+    app.add_flag_callback("--quiet", tools::Progress::forbid,
+                          "Show no bar while more than 100 MiB are checked");
     tools::setUpComplaints(app);
     addPackageCommands(app, chosen);
     addInventoryCommands(app, chosen);
