@@ -17,7 +17,9 @@ fi
 # Made beside it, so that a release that stops leaves nothing in the way.
 work=$(mktemp -d "$target.XXXXXX")
 end() {
-    gpgconf --homedir "$work/keys/gnupg" --kill all
+    if [ -d "$work/keys" ]; then
+        gpgconf --homedir "$work/keys/gnupg" --kill all
+    fi
     rm -rf "$work"
 }
 trap end EXIT
@@ -91,5 +93,7 @@ bmc-sim --system-id "$system" --keyring "$keyring" --root-ca "$root_ca" \
         velmora verify-payload payload'
 
 sha256sum update.zip update-next.zip image payload
+# While gpg's agent can still be found by where its home is.
+gpgconf --homedir "$work/keys/gnupg" --kill all
 chmod 755 "$work"
-mv "$work" "$target"
+mv -T "$work" "$target"

@@ -43,7 +43,25 @@ if [ -n "$missing" ]; then
     exit
 fi
 
+# No PIN in the arguments or the environment of the process, nor in what it says,
+# also of one that the token refuses.
+export PKCS11_MODULE_PATH=/usr/lib/softhsm/libsofthsm2.so
+export SOFTHSM2_CONF=$work/softhsm2.conf
+truncate -s 256M large
+key="pkcs11:token=release;object=image"
+velmora-pack image large --key "$key?pin-source=file:$work/pin" -o y >said 2>&1 &
+until compgen -G '.velmora-pack-*' >/dev/null; do sleep 0.01; done
+cat "/proc/$!/environ" "/proc/$!/cmdline" >>said
+wait $!
+printf 654321 >pin
+! velmora-pack image x --key "$key?pin-source=$work/pin" -o z >>said 2>&1 || exit
+grep -q 'no private key .* with that passphrase or PIN' said
+[ "$(grep -acE '123456|654321' said)" -eq 0 ]
+
+# What stops leaves nothing in the way of the next.
 mkdir files
+! "$example" files out || exit
+[ "$(compgen -G 'out*')" = "" ]
 echo firmware >files/image-bmc
 "$example" files out | tee log
 [ "$(grep -c '^accepted' log)" -eq 3 ]

@@ -200,14 +200,6 @@ struct Archive::Input
     }
 };
 
-Archive::Archive(const fs::path& path) :
-    // Opening a FIFO would wait for a writer before it could be refused.
-    Archive(FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC |
-                                                    O_NONBLOCK | O_NOCTTY)),
-            path.string())
-{
-}
-
 Archive::Archive(FileDescriptor file, std::string name) :
     name_(std::move(name)), input_(std::make_unique<Input>())
 {

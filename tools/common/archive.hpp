@@ -42,10 +42,9 @@ using ContentConsumer = std::function<void(std::span<const std::byte>)>;
 class Archive
 {
   public:
-    /** @throws Error when the file cannot be read, or is no ZIP */
-    explicit Archive(const std::filesystem::path& path);
     /** @param file a regular file, open for reading
-     *  @param name stands for it in messages */
+     *  @param name stands for it in messages
+     *  @throws Error when it cannot be read, or is no ZIP */
     Archive(FileDescriptor file, std::string name);
     ~Archive();
 

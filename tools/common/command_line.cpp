@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdlib>
+#include <regex>
 
 namespace tools
 {
@@ -47,14 +48,9 @@ int endParse(const CLI::App& app, const CLI::ParseError& error)
 
 std::string normaliseSystemId(std::string& text)
 {
-    const bool isNumber =
-        !text.empty() && std::ranges::all_of(text, [](unsigned char c)
-                                             { return std::isxdigit(c) != 0; });
-    if (!isNumber || text.size() > SYSTEM_ID_DIGITS)
+    if (!std::regex_match(text, std::regex("[0-9A-Fa-f]{1,4}")))
     {
-        return (isNumber ? "larger than FFFF: "
-                         : "not a number of 1 to 4 hexadecimal digits: ") +
-               text;
+        return "not a number of 1 to 4 hexadecimal digits: " + text;
     }
     std::ranges::transform(text, text.begin(), [](unsigned char c)
                            { return static_cast<char>(std::toupper(c)); });

@@ -18,8 +18,6 @@ namespace tools
 namespace
 {
 
-constexpr mode_t SHARED_MODE = 0666;
-
 /** A package may hold directories that do not let their owner in. */
 void openDirectories(const fs::path& top)
 {
@@ -40,19 +38,8 @@ void openDirectories(const fs::path& top)
 
 } // namespace
 
-fs::path placeForTemporaryFiles()
-{
-    std::error_code error;
-    fs::path place = fs::temp_directory_path(error);
-    if (error)
-    {
-        throw Error("TMPDIR", "is not a directory: " + error.message());
-    }
-    return place;
-}
-
 TemporaryDirectory::TemporaryDirectory() :
-    TemporaryDirectory((placeForTemporaryFiles() / "velmora-XXXXXX").string())
+    TemporaryDirectory((fs::temp_directory_path() / "velmora-XXXXXX").string())
 {
 }
 
@@ -124,26 +111,14 @@ void writeAll(const FileDescriptor& file, std::string_view content,
     }
 }
 
-std::string readFile(const fs::path& path, std::string name)
+std::string readFile(const fs::path& path)
 {
-    name = name.empty() ? path.string() : name;
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0)
-    {
-        throw systemError(name);
-    }
-    return readAll(file, name);
-}
-
-void writeFile(const fs::path& path, std::string_view content)
-{
-    const FileDescriptor file(open(
-        path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, SHARED_MODE));
     if (file.get() < 0)
     {
         throw systemError(path.string());
     }
-    writeAll(file, content, path.string());
+    return readAll(file, path.string());
 }
 
 } // namespace tools

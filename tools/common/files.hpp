@@ -9,20 +9,16 @@
 namespace tools
 {
 
-/** Where temporary files are to be made: in TMPDIR, or in /tmp.
- *
- *  @throws Error when that is no directory */
-std::filesystem::path placeForTemporaryFiles();
-
 /** A private directory that is gone, with its content, when this is, or when
  *  a signal ends the program. */
 class TemporaryDirectory
 {
   public:
-    /** Makes one in the place for temporary files. */
-    TemporaryDirectory();
-    /** @param pattern its path, which ends in XXXXXX
+    /** Makes one in TMPDIR, or in /tmp.
+     *
      *  @throws Error when it cannot be made */
+    TemporaryDirectory();
+    /** @param pattern its path, which ends in XXXXXX */
     explicit TemporaryDirectory(std::string pattern);
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
@@ -51,13 +47,7 @@ void writeAll(const FileDescriptor& file, std::string_view content,
 
 /** A file's whole content.
  *
- *  @param name stands for it in messages; empty, its path does
  *  @throws Error when it cannot be had */
-std::string readFile(const std::filesystem::path& path, std::string name = {});
-
-/** Makes or overwrites a file.
- *
- *  @throws Error when it cannot be written */
-void writeFile(const std::filesystem::path& path, std::string_view content);
+std::string readFile(const std::filesystem::path& path);
 
 } // namespace tools

@@ -26,6 +26,7 @@ constexpr std::size_t LARGEST_DESCRIPTOR = 262144;
 constexpr auto LARGEST_WITH_DOCUMENT_TYPE = "8192";
 constexpr auto TOO_MANY_ATTRIBUTES = "//*[count(@*) > 1000]";
 constexpr std::size_t LONGEST_SYSTEM_ID = 1024;
+constexpr std::size_t SHOWN_OF_SYSTEM_ID = 32;
 constexpr std::size_t MOST_SYSTEM_IDS = 1000;
 constexpr int LARGEST_SYSTEM_ID = 0xffff;
 constexpr std::size_t DIGEST_LENGTH = 64;
@@ -36,13 +37,6 @@ using XPathResult = Handle<xmlXPathObject, xmlXPathFreeObject>;
 
 void freeText(xmlChar* text) { xmlFree(text); }
 using XmlText = Handle<xmlChar, freeText>;
-
-/** A value, and the line on which its element begins. */
-struct Found
-{
-    std::string value;
-    long line = 0;
-};
 
 const xmlChar* xmlText(const char* text)
 {
@@ -67,7 +61,7 @@ XmlDocument parse(Bytes xml, std::string_view name)
     // Entities stay as they stand, and nothing outside the text is fetched.
     XmlDocument document(xmlReadMemory(
         reinterpret_cast<const char*>(xml.data()), static_cast<int>(xml.size()),
-        nullptr, nullptr, XML_PARSE_NONET | XML_PARSE_BIG_LINES));
+        nullptr, nullptr, XML_PARSE_NONET));
     if (!document)
     {
         throw Error(name, "is not well-formed XML");
@@ -91,10 +85,10 @@ bool selectsAny(xmlDoc* document, const char* path)
 
 /** The values of the attributes that the path selects, in document order. An
  *  empty attribute has no text, and counts as absent. */
-std::vector<Found> find(xmlDoc* document, const char* path)
+std::vector<std::string> find(xmlDoc* document, const char* path)
 {
     const XPathResult result = evaluate(document, path);
-    std::vector<Found> values;
+    std::vector<std::string> values;
     if (!result || xmlXPathNodeSetIsEmpty(result->nodesetval))
     {
         return values;
@@ -106,8 +100,7 @@ std::vector<Found> find(xmlDoc* document, const char* path)
         const xmlNode* const text = attribute->children;
         if (text != nullptr && text->type == XML_TEXT_NODE)
         {
-            values.push_back({reinterpret_cast<const char*>(text->content),
-                              xmlGetLineNo(attribute->parent)});
+            values.emplace_back(reinterpret_cast<const char*>(text->content));
         }
     }
     return values;
@@ -115,13 +108,8 @@ std::vector<Found> find(xmlDoc* document, const char* path)
 
 std::string firstOf(xmlDoc* document, const char* path)
 {
-    const std::vector<Found> values = find(document, path);
-    return values.empty() ? std::string() : values.front().value;
-}
-
-Json fieldsOf(const Found& found)
-{
-    return {{"line", found.line}, {"value", found.value}};
+    const std::vector<std::string> values = find(document, path);
+    return values.empty() ? std::string() : values.front();
 }
 
 void remarkOnDigest(Remarks& remarks, const std::string& digest)
@@ -136,21 +124,21 @@ void remarkOnDigest(Remarks& remarks, const std::string& digest)
 }
 
 /** Reads the number as the checker does. */
-void remarkOnSystemId(Remarks& remarks, const Found& systemId)
+void remarkOnSystemId(Remarks& remarks, const std::string& systemId)
 {
-    std::string what = systemId.value.size() > LONGEST_SYSTEM_ID
+    std::string what = systemId.size() > LONGEST_SYSTEM_ID
                            ? "is longer than 1024 bytes, which the checker "
                              "refuses"
                            : "";
     try
     {
         std::size_t end = 0;
-        const int number = std::stoi(systemId.value, &end, 16);
+        const int number = std::stoi(systemId, &end, 16);
         if (number < 0 || number > LARGEST_SYSTEM_ID)
         {
             what = "is not a 16-bit number, so no system has it";
         }
-        else if (what.empty() && end != systemId.value.size())
+        else if (what.empty() && end != systemId.size())
         {
             what = "has text after its number; only the number counts";
         }
@@ -161,27 +149,9 @@ void remarkOnSystemId(Remarks& remarks, const Found& systemId)
     }
     if (!what.empty())
     {
-        remarks.push_back("the systemID on line " +
-                          std::to_string(systemId.line) + " " + what);
-    }
-}
-
-/** Whether the checker will find those values. The parser drops empty ones and
- *  changes control characters. */
-bool holds(Bytes xml, const Descriptor& descriptor)
-{
-    try
-    {
-        const XmlDocument document = parse(xml, DESCRIPTOR_NAME);
-        return firstOf(document.get(), MODEL_PATH) == descriptor.model &&
-               firstOf(document.get(), VERSION_PATH) == descriptor.version &&
-               firstOf(document.get(), DIGEST_PATH) == descriptor.digest &&
-               std::ranges::equal(find(document.get(), SYSTEM_ID_PATH),
-                                  descriptor.systemIds, {}, &Found::value);
-    }
-    catch (const Error&)
-    {
-        return false;
+        remarks.push_back("the systemID \"" +
+                          systemId.substr(0, SHOWN_OF_SYSTEM_ID) + "\" " +
+                          what);
     }
 }
 
@@ -189,6 +159,16 @@ bool holds(Bytes xml, const Descriptor& descriptor)
 
 Buffer writeDescriptor(const Descriptor& descriptor)
 {
+    for (const std::string& text : {descriptor.model, descriptor.version})
+    {
+        // A parser drops or changes what is not.
+        if (text.empty() || printable(text) != text)
+        {
+            throw Error("the model or the version",
+                        "is empty, or not UTF-8 text without control "
+                        "characters");
+        }
+    }
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                        "<Package>\n  <Device componentID=\"" +
                        escaped(descriptor.model) +
@@ -203,12 +183,6 @@ Buffer writeDescriptor(const Descriptor& descriptor)
     }
     text += "</Package>\n";
     const Bytes bytes = bytesOf(text);
-    if (descriptor.model.empty() || descriptor.version.empty() ||
-        !holds(bytes, descriptor))
-    {
-        throw Error("the model or the version",
-                    "is empty, or not UTF-8 text without control characters");
-    }
     return {bytes.begin(), bytes.end()};
 }
 
@@ -233,19 +207,19 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
                                      std::pair{"vendorVersion", VERSION_PATH},
                                      std::pair{"hash", DIGEST_PATH}})
     {
-        const std::vector<Found> values = find(document.get(), path);
-        if (values.empty() || values.front().value.empty())
+        const std::string value = firstOf(document.get(), path);
+        if (value.empty())
         {
             remarks.push_back("the descriptor states no " + std::string(name));
         }
         else
         {
-            fields[name] = fieldsOf(values.front());
+            fields[name] = value;
         }
     }
     if (fields.contains("hash"))
     {
-        remarkOnDigest(remarks, fields["hash"]["value"]);
+        remarkOnDigest(remarks, fields["hash"]);
     }
     if (selectsAny(document.get(), MODEL_WITHOUT_SYSTEM))
     {
@@ -257,14 +231,13 @@ Json describeDescriptor(const Source& file, Remarks& remarks)
         remarks.emplace_back("an element has more than 1000 attributes, which "
                              "the checker refuses");
     }
-    std::vector<Found> systemIds = find(document.get(), SYSTEM_ID_PATH);
+    std::vector<std::string> systemIds = find(document.get(), SYSTEM_ID_PATH);
     fields["systemIDs"] = systemIds.size();
     systemIds.resize(std::min(systemIds.size(), MOST_SYSTEM_IDS));
-    Json& listed = fields["systemID"] = Json::array();
-    for (const Found& found : systemIds)
+    fields["systemID"] = systemIds;
+    for (const std::string& systemId : systemIds)
     {
-        listed.push_back(fieldsOf(found));
-        remarkOnSystemId(remarks, found);
+        remarkOnSystemId(remarks, systemId);
     }
     return fields;
 }

@@ -24,7 +24,7 @@ struct Descriptor
 
 /** The document.
  *
- *  @throws Error unless a reader finds each value in it as it is */
+ *  @throws Error unless model and version are text that a parser keeps */
 Buffer writeDescriptor(const Descriptor& descriptor);
 
 } // namespace pack

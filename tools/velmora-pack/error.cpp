@@ -1,7 +1,5 @@
 #include "error.hpp"
 
-#include "files.hpp"
-
 #include <iostream>
 
 namespace pack
@@ -9,9 +7,8 @@ namespace pack
 
 void report(const std::filesystem::path& made, std::string_view what)
 {
-    (made == STANDARD_OUTPUT ? std::cerr : std::cout)
-        << "velmora-pack: " << printable(made.string()) << ": "
-        << printable(what) << '\n';
+    std::cout << "velmora-pack: " << printable(made.string()) << ": "
+              << printable(what) << '\n';
 }
 
 void warn(std::string_view subject, std::string_view what)

@@ -1,7 +1,6 @@
 #include "files.hpp"
 
 #include "common/progress.hpp"
-#include "common/signals.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -28,29 +27,14 @@ constexpr auto TEMPORARY_NAME = ".velmora-pack-XXXXXX";
 
 fs::path directoryOf(const fs::path& target)
 {
-    const fs::path parent = target.parent_path();
+    const fs::path directory =
+        target.has_parent_path() ? target.parent_path() : ".";
     std::error_code missing;
-    const fs::path directory = target == STANDARD_OUTPUT
-                                   ? tools::placeForTemporaryFiles()
-                               : parent.empty() ? "."
-                                                : parent;
     if (!fs::is_directory(directory, missing))
     {
         throw Error(target.string(), "there is no directory to make it in");
     }
     return directory;
-}
-
-/** Changes places with @p to if that is to be replaced. */
-int renameFile(const fs::path& from, const fs::path& to, bool replaces)
-{
-    const int result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
-                                 replaces ? RENAME_EXCHANGE : RENAME_NOREPLACE);
-    // Not every file system knows these flags.
-    return result == 0 || errno != EINVAL ? result
-           : replaces || fs::is_directory(from)
-               ? rename(from.c_str(), to.c_str())
-               : link(from.c_str(), to.c_str());
 }
 
 } // namespace
@@ -132,76 +116,45 @@ void Source::stream(std::uint64_t size, const Consumer& consume) const
 Output::Output(const fs::path& target, bool force) :
     // A trailing separator would leave the path without a file name.
     target_(target.has_filename() ? target : target.parent_path()),
-    force_(force), directory_((directoryOf(target_) / TEMPORARY_NAME).string())
+    force_(force), directory_((directoryOf(target_) / TEMPORARY_NAME).string()),
+    path_(directory_.path() / "made")
 {
 }
 
-void Output::commit(const Output* other) const
+void Output::commit() const
 {
-    // Who reads standard output may be slow.
-    std::optional<tools::SignalDelay> delay;
-    if (target_ != STANDARD_OUTPUT)
+    const char* const from = path_.c_str();
+    const char* const to = target_.c_str();
+    // A directory takes only the place of an empty one.
+    const bool mayReplace = force_ || fs::is_directory(path_);
+    int result =
+        mayReplace ? rename(from, to)
+                   : renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+    if (result != 0 && errno == EINVAL && !mayReplace)
     {
-        delay.emplace();
+        // Not every file system knows the flag.
+        result = link(from, to);
     }
-    const bool isExchanged = renameToTarget();
-    try
-    {
-        if (other != nullptr)
-        {
-            other->renameToTarget();
-        }
-    }
-    catch (...)
-    {
-        isExchanged ? renameFile(path(), target_, true)
-                    : unlink(target_.c_str());
-        throw;
-    }
-}
-
-bool Output::renameToTarget() const
-{
-    if (target_ == STANDARD_OUTPUT)
-    {
-        const Source made(path());
-        const FileDescriptor output(dup(STDOUT_FILENO));
-        made.stream(
-            made.size(), [&](Bytes piece)
-            { tools::writeAll(output, textOf(piece), "standard output"); });
-        return false;
-    }
-    std::error_code missing;
-    const bool replaces =
-        force_ && fs::exists(fs::symlink_status(target_, missing));
-    if (renameFile(path(), target_, replaces) != 0)
+    if (result != 0)
     {
         throw systemError(target_.string());
     }
-    return replaces;
-}
-
-OutputFile::OutputFile(const fs::path& target, bool force) :
-    Output(target, force),
-    file_(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666))
-{
-    if (file_.get() < 0)
-    {
-        throw systemError(target.string());
-    }
-}
-
-void OutputFile::write(Bytes bytes)
-{
-    tools::writeAll(file_, textOf(bytes), target().string());
 }
 
 void writeFile(const fs::path& target, bool force, const Source& source,
                Bytes tail, const std::function<void(const Source&)>& check)
 {
-    OutputFile output(target, force);
-    source.stream(source.size(), [&](Bytes piece) { output.write(piece); });
-    output.write(tail);
+    const Output output(target, force);
+    const FileDescriptor file(open(
+        output.path().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (file.get() < 0)
+    {
+        throw systemError(target.string());
+    }
+    const auto write = [&](Bytes piece)
+    { tools::writeAll(file, textOf(piece), target.string()); };
+    source.stream(source.size(), write);
+    write(tail);
     check(output.readBack());
     output.commit();
 }
@@ -244,6 +197,16 @@ void refuseOverwrite(const fs::path& output,
         throw Error(output.string(), isReplaceable
                                          ? "exists; --force replaces it"
                                          : "exists and is not a regular file");
+    }
+}
+
+void expectNewDirectory(const fs::path& output)
+{
+    std::error_code missing;
+    if (fs::exists(fs::symlink_status(output, missing)) &&
+        !(fs::is_directory(output, missing) && fs::is_empty(output, missing)))
+    {
+        throw Error(output.string(), "exists and is not an empty directory");
     }
 }
 

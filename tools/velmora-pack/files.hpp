@@ -20,9 +20,6 @@ namespace pack
 /** The largest file that is read into memory whole. */
 inline constexpr std::uint64_t LARGEST_FILE_IN_MEMORY = 16U << 20;
 
-/** The path that stands for standard output. */
-inline constexpr std::string_view STANDARD_OUTPUT = "-";
-
 using Consumer = std::function<void(Bytes)>;
 
 /** Bytes to read: a regular file, or a copy of what is in memory. */
@@ -43,8 +40,7 @@ class Source
     void read(std::uint64_t offset, std::span<std::byte> into) const;
     Buffer read(std::uint64_t offset, std::uint64_t size) const;
     Buffer readAll() const { return read(0, size_); }
-    /** Passes the first @p size bytes on, piece by piece; throws when a signal
-     *  asks to end. */
+    /** Passes the first @p size bytes on, piece by piece. */
     void stream(std::uint64_t size, const Consumer& consume) const;
 
   private:
@@ -54,7 +50,7 @@ class Source
 };
 
 /** A file or directory that is made beside its target. It appears under that
- *  name, or on standard output, only when it is complete. */
+ *  name only when it is complete. */
 class Output
 {
   public:
@@ -63,34 +59,20 @@ class Output
 
     const std::filesystem::path& target() const { return target_; }
     /** Where it is made. */
-    std::filesystem::path path() const { return directory_.path() / "made"; }
+    const std::filesystem::path& path() const { return path_; }
     /** The file that was made. */
     Source readBack() const { return Source(path(), target_.string()); }
-    /** Gives it its name, and @p other too. A signal takes effect before or
-     *  after, not between.
+    /** Gives it its name.
      *
-     *  @throws Error when there is something of that name; then neither has its
-     *          name */
-    void commit(const Output* other = nullptr) const;
+     *  @throws Error when there is something of that name; a file may be
+     *          replaced by force, and a directory that is empty */
+    void commit() const;
 
   private:
-    /** @return whether what was there took its place at path() */
-    bool renameToTarget() const;
-
     std::filesystem::path target_;
     bool force_;
     tools::TemporaryDirectory directory_;
-};
-
-class OutputFile : public Output
-{
-  public:
-    OutputFile(const std::filesystem::path& target, bool force);
-
-    void write(Bytes bytes);
-
-  private:
-    FileDescriptor file_;
+    std::filesystem::path path_;
 };
 
 /** Writes the source and then the tail.
@@ -114,6 +96,9 @@ std::optional<std::int32_t> sourceDateEpoch();
 void refuseOverwrite(const std::filesystem::path& output,
                      const std::vector<std::filesystem::path>& inputs,
                      bool force);
+
+/** @throws Error unless it is absent, or an empty directory */
+void expectNewDirectory(const std::filesystem::path& output);
 
 /** What is shipped must not hold a private key, as it would when the wrong
  *  file was named.

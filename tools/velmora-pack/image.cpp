@@ -123,6 +123,11 @@ void makeImage(const ImageOptions& options)
     const Signing& signing = options.signing;
     signing.expectNewOutput(
         {options.input, options.publicKey, options.oldPublicKey});
+    if (options.publicKey.empty() != signing.signature.empty())
+    {
+        throw Error("an image", "needs --public-key with --signature, and not "
+                                "without");
+    }
     if (!options.oldPublicKey.empty())
     {
         checkImage(content, readImageKey(options.oldPublicKey).get());
@@ -186,14 +191,10 @@ Json describeImage(const Source& file, Remarks& remarks)
         remarks.emplace_back("4 GiB or more, which the checker refuses");
     }
     return {{"content",
-             {{"offset", 0},
-              {"size", content},
+             {{"size", content},
               {"sha512", digestText(file, content, EVP_sha512())}}},
             {"signature",
-             {{"offset", content},
-              {"size", SIGNATURE_SIZE},
-              {"algorithm", "ECDSA P-384, SHA-512"},
-              {"r", hex(numbers.first(NUMBER_SIZE))},
+             {{"r", hex(numbers.first(NUMBER_SIZE))},
               {"s", hex(numbers.last(NUMBER_SIZE))}}}};
 }
 

@@ -11,7 +11,6 @@ namespace
 {
 
 constexpr std::size_t START_SIZE = 256;
-constexpr auto MANIFEST_SIGNATURE_NAME = "image-ktb.sig";
 constexpr std::uint64_t OLDER_SIGNATURE_SIZE = 512;
 constexpr std::size_t INDENT_WIDTH = 2;
 
@@ -37,8 +36,7 @@ bool isDescriptor(const Source& file)
 /** Only its name and its size tell anything. */
 bool isManifestSignature(const Source& file)
 {
-    return std::filesystem::path(file.name()).filename() ==
-           MANIFEST_SIGNATURE_NAME;
+    return std::filesystem::path(file.name()).filename() == "image-ktb.sig";
 }
 
 Json describeManifestSignature(const Source& file, Remarks& remarks)
@@ -49,6 +47,13 @@ Json describeManifestSignature(const Source& file, Remarks& remarks)
                              "which the image's signature is not checked");
     }
     return Json::object();
+}
+
+Json describeUnknown(const Source& file, Remarks& remarks)
+{
+    remarks.emplace_back("its content does not tell what it is; --as says so, "
+                         "and a signed image always needs --as image");
+    return {{"sha256", digestText(file, file.size(), EVP_sha256())}};
 }
 
 struct Kind
@@ -75,6 +80,8 @@ constexpr std::array KINDS{
     // Nothing in a signed image tells what it is.
     Kind{"image", "signed image", [](const Source&) { return false; },
          describeImage},
+    Kind{"unknown", "unknown", [](const Source&) { return true; },
+         describeUnknown},
 };
 
 std::string valueText(const Json& value)
@@ -128,31 +135,26 @@ void renderInto(std::string& text, const Json& fields, std::size_t indent)
 std::vector<std::string> kindNames()
 {
     std::vector<std::string> names;
-    names.reserve(KINDS.size());
     for (const Kind& kind : KINDS)
     {
         names.emplace_back(kind.name);
     }
+    // What nobody knows cannot be asked for.
+    names.pop_back();
     return names;
 }
 
 std::string kindOf(const Source& file)
 {
-    const auto* const found = std::ranges::find_if(
-        KINDS, [&](const Kind& known) { return known.recognises(file); });
-    return std::string(found == KINDS.end() ? "" : found->name);
+    return std::string(std::ranges::find_if(KINDS, [&](const Kind& known)
+                                            { return known.recognises(file); })
+                           ->name);
 }
 
 Json inspect(const Source& file, std::string_view kind)
 {
     const auto* const found = std::ranges::find(
         KINDS, kind.empty() ? kindOf(file) : std::string(kind), &Kind::name);
-    if (found == KINDS.end())
-    {
-        throw Error(file.name(),
-                    "its content does not tell what it is; --as says so, and "
-                    "a signed image always needs --as image");
-    }
     Remarks remarks;
     Json fields{
         {"file", file.name()}, {"size", file.size()}, {"kind", found->title}};

@@ -17,13 +17,13 @@ using Json = nlohmann::ordered_json;
 /** The names of the kinds of files that are known. */
 std::vector<std::string> kindNames();
 
-/** The name of the kind that a file's content tells, or empty. */
+/** The name of the kind that a file's content tells, or "unknown". */
 std::string kindOf(const Source& file);
 
 /** Lists the fields of a file that may be hostile, and remarks on them.
  *
- *  @param kind one of the names; empty, the file's content must tell, which a
- *         signed image's cannot
+ *  @param kind one of the names; empty, the file's content tells, except for
+ *         a signed image
  *  @throws Error on a file that is not of its kind */
 Json inspect(const Source& file, std::string_view kind);
 

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <optional>
+#include <regex>
 
 namespace fs = std::filesystem;
 
@@ -130,35 +131,26 @@ std::string secretIn(const fs::path& file)
  *  @return its path, or empty */
 fs::path takePinSource(std::string& uri)
 {
-    constexpr std::string_view NAME = "pin-source=";
-    constexpr std::string_view SCHEME = "file:";
-    const std::size_t query = std::min(uri.find('?'), uri.size());
-    if (uri.find("pin-value=", query) != std::string::npos)
+    if (uri.find("pin-value=") != std::string::npos)
     {
-        throw Error(keyName(uri),
+        throw Error("the key's URI",
                     "pin-value shows the PIN to all users: use pin-source, "
                     "--passphrase-file or VELMORA_PACK_PIN");
     }
-    const std::size_t start = uri.find(NAME, query);
-    if (start == std::string::npos)
+    const std::regex source("([?&])pin-source=(file:)?([^&]*)&?");
+    std::smatch match;
+    if (!std::regex_search(uri, match, source))
     {
         return {};
     }
-    const std::size_t end = std::min(uri.find('&', start), uri.size());
-    std::string file =
-        uri.substr(start + NAME.size(), end - start - NAME.size());
-    file.erase(0, file.starts_with(SCHEME) ? SCHEME.size() : 0);
+    const std::string file = match.str(3);
     if (file.find('%') != std::string::npos)
     {
         throw Error(file, "pin-source is not read with percent signs: use "
                           "--passphrase-file");
     }
-    // With the separator in front of it.
-    uri.erase(start - 1, end - start + 1);
-    if (uri.find('?') == std::string::npos && query < uri.size())
-    {
-        uri[query] = '?';
-    }
+    uri = std::regex_replace(uri, source, "$1");
+    uri.erase(uri.find_last_not_of("?&") + 1);
     return file;
 }
 
@@ -231,9 +223,7 @@ Key keyOfEngine([[maybe_unused]] const std::string& uri,
 Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
 {
     // Otherwise any key in the token would do (RFC 7512, 2.3).
-    const auto names = [&](const char* attribute)
-    { return secret.key.find(attribute) != std::string::npos; };
-    if (!names("object=") && !names(":id=") && !names(";id="))
+    if (!std::regex_search(secret.key, std::regex("[:;](object|id)=")))
     {
         throw Error(secret.key, "names no key: add object= or id=");
     }

@@ -43,16 +43,13 @@ struct InspectOptions
 
 struct ResignOptions
 {
-    fs::path input;
-    /** Empty: its content tells. */
-    std::string kind;
     bool isAdded = false;
-    int days = 30;
-    pack::Signing signing;
-    // What each kind has beside these.
+    /** With all that is for the others too. */
     pack::PackageOptions package;
     pack::ImageOptions image;
     pack::PayloadOptions payload;
+    /** The options of each kind, by its name. */
+    std::map<std::string, CLI::App*> groups;
 };
 
 /** An option or, without dashes, an argument.
@@ -65,14 +62,6 @@ CLI::Option* add(CLI::App& command, const std::string& name, Value& value,
     return command.add_option(name, value, help)->type_name(type);
 }
 
-CLI::Option* addOutput(CLI::App& command, fs::path& output, bool& force,
-                       const std::string& type, const std::string& help)
-{
-    CLI::Option* const option = add(command, "-o,--output", output, type, help);
-    command.add_flag("--force", force, "Replace an output that exists");
-    return option;
-}
-
 /** One of the three ways to a signature must be chosen, and an output given
  *  unless nothing is signed. */
 void addSigning(CLI::App& command, pack::Signing& signing, bool several,
@@ -80,8 +69,8 @@ void addSigning(CLI::App& command, pack::Signing& signing, bool several,
                 const std::string& signedHelp)
 {
     CLI::Option* const output =
-        addOutput(command, signing.output, signing.force, "FILE",
-                  "The file to make; - for standard output");
+        add(command, "-o,--output", signing.output, "FILE", "The file to make");
+    command.add_flag("--force", signing.force, "Replace an output that exists");
     CLI::Option_group* const ways =
         command.add_option_group("Signature", "one of these");
     CLI::Option* const key = add(*ways, "--key", signing.keys, "KEY", keyHelp)
@@ -131,10 +120,10 @@ void addKeyring(CLI::App& command, pack::PackageOptions& options)
         "The machine's exported public keys: refuse what it would refuse");
 }
 
-CLI::Option* addPublicKey(CLI::App& command, pack::ImageOptions& options)
+void addPublicKey(CLI::App& command, pack::ImageOptions& options)
 {
-    return add(command, "--public-key", options.publicKey, "FILE",
-               "With --signature: the signer's public key, PEM");
+    add(command, "--public-key", options.publicKey, "FILE",
+        "With --signature: the signer's public key, PEM");
 }
 
 /** @return the options that a new payload needs */
@@ -189,16 +178,13 @@ void addImage(CLI::App& app, pack::ImageOptions& options)
         "Sign an image with ECDSA, P-384 and SHA-512: 96 bytes are appended");
     add(command, "input", options.input, "FILE", "The image's content")
         ->required();
-    CLI::Option* const publicKey = addPublicKey(command, options);
+    addPublicKey(command, options);
     addSigning(command, options.signing, false,
                "The EC private key: a PEM file or a pkcs11: URI",
                "A signature that was made elsewhere, DER or 96 bytes; needs "
                "--public-key",
                "the content, to this file");
     addPassphrase(command, options.signing);
-    CLI::Option* const signature = command.get_option("--signature");
-    signature->needs(publicKey);
-    publicKey->needs(signature);
     command.final_callback([&options] { pack::makeImage(options); });
 }
 
@@ -209,10 +195,8 @@ void addManifest(CLI::App& app, pack::ManifestOptions& options)
     add(command, "--release", options.release, "N",
         "The release marker, 1 or 2; without it there is none")
         ->check(CLI::IsMember({1, 2}));
-    add(command, "--prefix", options.prefix, "FILE",
-        "A file whose bytes stand before the manifest");
-    addOutput(command, options.output, options.force, "DIR",
-              "The directory for both files; made if there is none")
+    add(command, "-o,--output", options.output, "DIR",
+        "The directory to make; it must be absent or empty")
         ->required();
     command.final_callback([&options] { pack::makeManifest(options); });
 }
@@ -238,98 +222,85 @@ void addPayload(CLI::App& app, pack::PayloadOptions& options)
     command.final_callback([&options] { pack::makePayload(options); });
 }
 
-/** Refuses an option that means nothing for what is signed. */
-void refuseForeign(const CLI::App& command, const ResignOptions& options,
-                   const std::string& kind)
+/** Signs again what the file is: an image if the key of its old signature is
+ *  given, and else what its content tells. */
+void resign(const CLI::App& command, ResignOptions& options)
 {
-    const std::map<std::string, std::vector<std::string>> own{
-        {"package", {"--add", "--gpg-home", "--keyring"}},
-        {"image", {"--old-public-key", "--public-key", "--passphrase-file"}},
-        {"payload",
-         {"--chain", "--alg", "--timestamp", "--root-ca", "--passphrase-file"}},
-    };
-    const std::vector<std::string>& allowed = own.at(kind);
-    for (const auto& [other, names] : own)
+    auto& [isAdded, package, image, payload, groups] = options;
+    const fs::path& input = package.payload;
+    const std::string kind = image.oldPublicKey.empty()
+                                 ? pack::kindOf(pack::Source(input))
+                                 : "image";
+    if (!groups.contains(kind) ||
+        (kind == "image" && image.oldPublicKey.empty()))
     {
-        for (const std::string& name : names)
+        throw pack::Error(input.string(),
+                          "is no package and no signed payload; "
+                          "an image needs --old-public-key");
+    }
+    for (const auto& [other, group] : groups)
+    {
+        if (other != kind && group->count_all() > 0)
         {
-            if (command.count(name) > 0 &&
-                std::ranges::find(allowed, name) == allowed.end())
-            {
-                throw CLI::ValidationError(name, "means nothing for " + kind);
-            }
+            throw CLI::ValidationError(
+                "an option for a" + std::string(other == "image" ? "n " : " ") +
+                    other,
+                "means nothing for this " + kind);
         }
     }
-    const bool needsKey = kind == "image" && !options.signing.signature.empty();
-    if (kind != "package" && options.signing.keys.size() > 1)
+    if (kind == "package")
+    {
+        if (command.count("--passphrase-file") > 0)
+        {
+            throw CLI::ValidationError("--passphrase-file",
+                                       "means nothing for a package");
+        }
+        pack::resignPackage(package, isAdded);
+        return;
+    }
+    if (package.signing.keys.size() > 1)
     {
         throw CLI::ValidationError("--key", "is for one key here");
     }
-    if (kind == "image" && (options.image.oldPublicKey.empty() ||
-                            needsKey == options.image.publicKey.empty()))
+    if (kind == "image")
     {
-        throw CLI::ValidationError(
-            "image", "needs --old-public-key, and with --signature, but not "
-                     "without, --public-key");
+        image.input = input;
+        image.signing = package.signing;
+        pack::makeImage(image);
+        return;
     }
-}
-
-void resign(const CLI::App& command, ResignOptions& options)
-{
-    const std::string kind = options.kind.empty()
-                                 ? pack::kindOf(pack::Source(options.input))
-                                 : options.kind;
-    if (kind != "package" && kind != "payload" && kind != "image")
-    {
-        throw pack::Error(options.input.string(),
-                          "is no package and no signed payload; an image needs "
-                          "--as image");
-    }
-    refuseForeign(command, options, kind);
-    if (kind == "package")
-    {
-        options.package.payload = options.input;
-        options.package.trust.days = options.days;
-        options.package.signing = options.signing;
-        pack::resignPackage(options.package, options.isAdded);
-    }
-    else if (kind == "image")
-    {
-        options.image.input = options.input;
-        options.image.signing = options.signing;
-        pack::makeImage(options.image);
-    }
-    else
-    {
-        options.payload.input = options.input;
-        options.payload.isSigned = true;
-        options.payload.trust.days = options.days;
-        options.payload.signing = options.signing;
-        pack::makePayload(options.payload);
-    }
+    payload.input = input;
+    payload.isSigned = true;
+    payload.trust.days = package.trust.days;
+    payload.signing = package.signing;
+    pack::makePayload(payload);
 }
 
 void addResign(CLI::App& app, ResignOptions& options)
 {
     CLI::App& command = *app.add_subcommand(
         "resign", "Sign a package, a payload or an image again, from it alone");
-    add(command, "input", options.input, "FILE", "What was signed before")
+    auto& [isAdded, package, image, payload, groups] = options;
+    add(command, "input", package.payload, "FILE", "What was signed before")
         ->required();
-    add(command, "--as", options.kind, "KIND",
-        "package, payload or image; an image must be named")
-        ->check(CLI::IsMember({"package", "payload", "image"}));
-    command.add_flag("--add", options.isAdded,
-                     "Put the signature behind those of the package");
-    addKeyring(command, options.package);
-    add(command, "--old-public-key", options.image.oldPublicKey, "FILE",
-        "The key of an image's old signature, PEM");
-    addPublicKey(command, options.image);
-    addPayloadParts(command, options.payload);
-    addMinDays(command, options.days);
-    addSigning(command, options.signing, true,
+    addSigning(command, package.signing, true,
                "The key, as for package, payload or image",
                "A signature that was made elsewhere", "to this file");
-    addPassphrase(command, options.signing);
+    addPassphrase(command, package.signing);
+    addMinDays(command, package.trust.days);
+    for (const char* kind : {"package", "image", "payload"})
+    {
+        groups[kind] = command.add_option_group(kind);
+    }
+    groups["package"]
+        ->add_flag("--add", isAdded,
+                   "Put the signature behind those of the package")
+        ->excludes(command.get_option("--to-be-signed"));
+    addKeyring(*groups["package"], package);
+    add(*groups["image"], "--old-public-key", image.oldPublicKey, "FILE",
+        "The key of the image's old signature, PEM");
+    addPublicKey(*groups["image"], image);
+    addPayloadParts(*groups["payload"], payload);
     command.final_callback([&] { resign(command, options); });
 }
 
@@ -369,13 +340,10 @@ std::string failureOf(const std::function<void()>& work)
 /** What the file is, and the remarks below. */
 std::string shortText(const Json& fields)
 {
-    const auto& remarks = fields["remarks"];
-    const std::string file = fields["file"];
-    const std::string kind = fields["kind"];
-    std::string text = pack::printable(file) + ": " + kind + ", " +
-                       std::to_string(remarks.size()) + " remark" +
-                       (remarks.size() == 1 ? "" : "s") + '\n';
-    for (const std::string remark : remarks)
+    std::string text = pack::printable(std::string(fields["file"])) + ": " +
+                       std::string(fields["kind"]) + ", remarks: " +
+                       std::to_string(fields["remarks"].size()) + '\n';
+    for (const std::string remark : fields["remarks"])
     {
         text += "  - " + pack::printable(remark) + '\n';
     }
@@ -393,10 +361,10 @@ int inspect(const InspectOptions& options)
     int status = EXIT_SUCCESS;
     for (const fs::path& file : options.files)
     {
-        Json& fields = list.emplace_back();
         // Of two releases in two directories, JSON shows what differs.
         const std::string name =
             options.json ? file.filename().string() : file.string();
+        Json fields;
         const std::string failure = failureOf(
             [&]
             {
@@ -406,11 +374,13 @@ int inspect(const InspectOptions& options)
         {
             status = fail(failure);
             ++failed;
-            fields = {{"file", name}, {"error", failure}};
+            list.push_back({{"file", name}, {"error", failure}});
             continue;
         }
-        remarked += fields["remarks"].empty() ? 0 : 1;
-        if (options.strict && !fields["remarks"].empty())
+        list.push_back(fields);
+        const bool hasRemarks = !fields["remarks"].empty();
+        remarked += hasRemarks ? 1 : 0;
+        if (options.strict && hasRemarks)
         {
             status = fail(pack::printable(file.string()) +
                           ": has remarks, which --strict does not allow");
@@ -494,7 +464,6 @@ int main(int argc, char** argv)
     ResignOptions resigned;
     InspectOptions inspected;
     fs::path testKeys;
-    const auto forbidProgress = [](std::int64_t) { tools::Progress::forbid(); };
     CLI::App app("Makes and inspects what libvelmora checks: firmware "
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
@@ -504,7 +473,7 @@ int main(int argc, char** argv)
                              LIBRARY_VERSION);
     tools::setUpComplaints(app);
     app.require_subcommand(1);
-    app.add_flag_function("--quiet", forbidProgress,
+    app.add_flag_callback("--quiet", tools::Progress::forbid,
                           "Show no bar while more than 100 MiB are read");
     app.fallthrough();
     int status = EXIT_SUCCESS;

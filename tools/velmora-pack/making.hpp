@@ -88,10 +88,7 @@ struct ManifestOptions
 {
     /** 1 or 2; 0 for a manifest without a release marker. */
     unsigned release = 0;
-    /** Bytes that stand before the manifest. */
-    std::filesystem::path prefix;
     std::filesystem::path output;
-    bool force = false;
 };
 
 struct PayloadOptions
@@ -117,8 +114,6 @@ void makePayload(const PayloadOptions& options);
  *
  *  @param isAdded its signatures stay, in front of the new ones */
 void resignPackage(const PackageOptions& options, bool isAdded);
-/** What is to be a package's signature. */
-Buffer signatureFor(const PackageOptions& options, Bytes descriptor);
 /** A complete set of keys and certificates for trying things out. */
 void makeTestKeys(const std::filesystem::path& directory);
 

@@ -1,4 +1,3 @@
-#include "common/signals.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
 #include "making.hpp"
@@ -13,8 +12,6 @@ namespace
 {
 
 constexpr std::string_view MAGIC = "$KTB";
-constexpr auto MANIFEST_NAME = "image-ktb";
-constexpr auto SIGNATURE_NAME = "image-ktb.sig";
 constexpr std::uint32_t HEADER_SIZE = 16;
 constexpr std::uint32_t RECORD_HEADER_SIZE = 16;
 constexpr std::uint16_t RELEASE_TYPE = 10;
@@ -141,56 +138,18 @@ Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
     return records;
 }
 
-/** Makes both files in the directory; after a signal there are both, or
- *  neither. */
-void writeBoth(const ManifestOptions& options, Bytes manifest)
-{
-    OutputFile file(options.output / MANIFEST_NAME, options.force);
-    OutputFile signature(options.output / SIGNATURE_NAME, options.force);
-    file.write(manifest);
-    signature.write(bytesOf(SIGNATURE_FILE));
-    file.commit(&signature);
-}
-
 } // namespace
 
 void makeManifest(const ManifestOptions& options)
 {
-    Buffer content =
-        options.prefix.empty() ? Buffer() : Source(options.prefix).readAll();
-    const std::size_t start = content.size();
-    const Buffer manifest = buildManifest(options.release);
-    append(content, manifest);
-    if (textOf(content).find(MAGIC) != start)
-    {
-        throw Error(options.prefix.string(),
-                    "holds \"$KTB\", where the manifest would be looked for");
-    }
-    expectNoPrivateKey(Source(content));
-    if (options.output == STANDARD_OUTPUT)
-    {
-        throw Error("standard output", "cannot hold a manifest's two files; "
-                                       "name a directory");
-    }
-    for (const char* made : {MANIFEST_NAME, SIGNATURE_NAME})
-    {
-        refuseOverwrite(options.output / made, {options.prefix}, options.force);
-    }
-    const tools::SignalDelay delay;
-    const bool fresh = fs::create_directory(options.output);
-    try
-    {
-        writeBoth(options, content);
-    }
-    catch (...)
-    {
-        std::error_code ignored;
-        if (fresh)
-        {
-            fs::remove(options.output, ignored);
-        }
-        throw;
-    }
+    expectNewDirectory(options.output);
+    const Output directory(options.output);
+    fs::create_directory(directory.path());
+    writeFile(directory.path() / "image-ktb", false,
+              Source(buildManifest(options.release)));
+    writeFile(directory.path() / "image-ktb.sig", false,
+              Source(bytesOf(SIGNATURE_FILE)));
+    directory.commit();
     report(options.output,
            "image-ktb and image-ktb.sig" +
                (options.release == 0

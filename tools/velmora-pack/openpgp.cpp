@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <regex>
 
 namespace fs = std::filesystem;
@@ -68,15 +69,13 @@ struct KeyName
 {
     explicit KeyName(const std::string& text) : fingerprint(text)
     {
-        isExact = fingerprint.ends_with('!');
-        fingerprint.resize(fingerprint.size() - (isExact ? 1 : 0));
-        const bool isHex = std::ranges::all_of(
-            fingerprint, [](unsigned char c) { return std::isxdigit(c) != 0; });
-        if (fingerprint.size() != FINGERPRINT_LENGTH || !isHex)
+        if (!std::regex_match(text, std::regex("[0-9A-Fa-f]{40}!?")))
         {
             throw Error(text, "is not a full fingerprint of 40 hexadecimal "
                               "digits");
         }
+        isExact = fingerprint.ends_with('!');
+        fingerprint.resize(FINGERPRINT_LENGTH);
         std::ranges::transform(fingerprint, fingerprint.begin(),
                                [](unsigned char c)
                                { return static_cast<char>(std::toupper(c)); });
@@ -208,7 +207,10 @@ void importKeyring(const fs::path& home, const fs::path& file)
         throw Error(file.string(),
                     "holds no OpenPGP public key as gpg --export writes it");
     }
-    tools::writeFile(home / "gpg.conf", trusted);
+    if (!(std::ofstream(home / "gpg.conf") << trusted << std::flush))
+    {
+        throw systemError(home.string());
+    }
 }
 
 /** The good signatures, which for a machine are those that are fully valid.

@@ -14,16 +14,27 @@ namespace
 /** The security level of the machine's verifier: no weak keys, no SHA-1. */
 constexpr int SECURITY_LEVEL = 2;
 
-void initialise(EVP_PKEY_CTX* context, const SignatureScheme& scheme)
+using Initialiser = int (*)(EVP_MD_CTX*, EVP_PKEY_CTX**, const EVP_MD*, ENGINE*,
+                            EVP_PKEY*);
+
+/** @param initialise sets up signing, or verifying */
+DigestContext contextFor(Initialiser initialise, EVP_PKEY* key,
+                         const SignatureScheme& scheme)
 {
+    DigestContext context(EVP_MD_CTX_new());
+    EVP_PKEY_CTX* keyContext = nullptr;
+    bool ready = context && initialise(context.get(), &keyContext,
+                                       scheme.digest, nullptr, key) > 0;
     if (scheme.pss)
     {
-        require(
-            EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) > 0 &&
-                EVP_PKEY_CTX_set_rsa_pss_saltlen(context,
-                                                 RSA_PSS_SALTLEN_DIGEST) > 0,
-            "RSA-PSS cannot be set up");
+        ready = ready &&
+                EVP_PKEY_CTX_set_rsa_padding(keyContext,
+                                             RSA_PKCS1_PSS_PADDING) > 0 &&
+                EVP_PKEY_CTX_set_rsa_pss_saltlen(keyContext,
+                                                 RSA_PSS_SALTLEN_DIGEST) > 0;
     }
+    require(ready, "the signature cannot be set up");
+    return context;
 }
 
 void freeStack(STACK_OF(X509) * stack) { sk_X509_free(stack); }
@@ -107,12 +118,7 @@ std::string digestText(const Source& source, std::uint64_t size,
 Buffer sign(const Source& source, Bytes tail, EVP_PKEY* key,
             const SignatureScheme& scheme)
 {
-    const DigestContext context(EVP_MD_CTX_new());
-    EVP_PKEY_CTX* keyContext = nullptr;
-    require(context && EVP_DigestSignInit(context.get(), &keyContext,
-                                          scheme.digest, nullptr, key) > 0,
-            "signing cannot be set up");
-    initialise(keyContext, scheme);
+    const DigestContext context = contextFor(EVP_DigestSignInit, key, scheme);
     const auto add = [&](Bytes piece)
     {
         require(
@@ -133,12 +139,7 @@ Buffer sign(const Source& source, Bytes tail, EVP_PKEY* key,
 bool verifies(const Source& source, std::uint64_t size, Bytes signature,
               EVP_PKEY* key, const SignatureScheme& scheme)
 {
-    const DigestContext context(EVP_MD_CTX_new());
-    EVP_PKEY_CTX* keyContext = nullptr;
-    require(context && EVP_DigestVerifyInit(context.get(), &keyContext,
-                                            scheme.digest, nullptr, key) > 0,
-            "verification cannot be set up");
-    initialise(keyContext, scheme);
+    const DigestContext context = contextFor(EVP_DigestVerifyInit, key, scheme);
     source.stream(size,
                   [&](Bytes piece)
                   {

@@ -79,10 +79,8 @@ void expectPortable(const fs::path& file)
 /** An output there would be part of the payload the next time. */
 void expectOutside(const fs::path& made, const fs::path& payload)
 {
-    const fs::path below = fs::weakly_canonical(fs::absolute(made))
-                               .lexically_relative(fs::canonical(payload));
-    if (made != STANDARD_OUTPUT && fs::is_directory(payload) &&
-        !below.empty() && *below.begin() != "..")
+    std::error_code missing;
+    if (fs::equivalent(fs::absolute(made).parent_path(), payload, missing))
     {
         throw Error(made.string(), "lies in the payload's directory");
     }
@@ -125,9 +123,13 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
     std::uint64_t size = 0;
     for (const fs::path& file : files)
     {
+        size += fs::file_size(file);
+    }
+    const tools::Progress progress(size);
+    for (const fs::path& file : files)
+    {
         const Source source(file);
         expectNoPrivateKey(source);
-        size += source.size();
         digests[file.filename().string()] =
             digestText(source, source.size(), EVP_sha256());
     }
@@ -246,12 +248,17 @@ void readMember(Contents& contents, const tools::Archive& archive,
     }
 }
 
+tools::Archive archiveOf(const Source& source)
+{
+    return tools::Archive(
+        FileDescriptor(fcntl(source.fileDescriptor(), F_DUPFD_CLOEXEC, 0)),
+        source.name());
+}
+
 /** @throws Error when the archive would cost too much to look through */
 Contents readContents(const Source& source)
 {
-    const tools::Archive archive(
-        FileDescriptor(fcntl(source.fileDescriptor(), F_DUPFD_CLOEXEC, 0)),
-        source.name());
+    const tools::Archive archive = archiveOf(source);
     if (archive.members().size() > MOST_MEMBERS)
     {
         throw Error(source.name(), "has more than 10000 members");
@@ -278,22 +285,6 @@ Contents readContents(const Source& source)
     return contents;
 }
 
-void checkPackage(const Source& made, const PackageOptions& options,
-                  Bytes descriptor, const FileDigests& files)
-{
-    const Contents contents = readContents(made);
-    const bool complete = contents.remarks.empty() && contents.descriptor &&
-                          contents.signature &&
-                          std::ranges::equal(*contents.descriptor, descriptor);
-    if (!complete || contents.payload != files)
-    {
-        throw Error(made.name(), "does not hold what was packed; "
-                                 "did the payload change meanwhile?");
-    }
-    checkSignatures(options.gpgHome, options.trust, options.signing.keys,
-                    *contents.descriptor, *contents.signature);
-}
-
 /** With the answer to whether it states the payload's digest. */
 void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
 {
@@ -302,12 +293,11 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
         const Json described = describeDescriptor(
             Source(descriptor, std::string(DESCRIPTOR_NAME)), remarks);
         fields["descriptor"] = described;
-        const Json::json_pointer stated("/hash/value");
-        if (!described.contains(stated) || !fields.contains("payloadDigest"))
+        if (!described.contains("hash") || !fields.contains("payloadDigest"))
         {
             return;
         }
-        const bool matches = described[stated] == fields["payloadDigest"];
+        const bool matches = described["hash"] == fields["payloadDigest"];
         fields["payloadDigestMatches"] = matches;
         if (!matches)
         {
@@ -322,62 +312,11 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
     }
 }
 
-} // namespace
-
-Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
+Json fieldsOf(const Contents& contents, Remarks& remarks)
 {
-    if (options.signing.signature.empty())
-    {
-        return signDetached(options.gpgHome, options.signing.keys, descriptor);
-    }
-    const Source source(options.signing.signature);
-    Remarks ignored;
-    static_cast<void>(describeSignature(source, ignored));
-    return source.readAll();
-}
-
-void makePackage(const PackageOptions& options)
-{
-    const std::vector<fs::path> files = payloadFiles(options.payload);
-    const Signing& signing = options.signing;
-    expectOutside(signing.made(), options.payload);
-    std::vector<fs::path> inputs(files);
-    inputs.push_back(options.trust.anchor);
-    signing.expectNewOutput(std::move(inputs));
-    const FileDigests digests = digestFiles(files);
-    const Buffer descriptor =
-        writeDescriptor({options.model, options.version, compositeOf(digests),
-                         options.systemIds});
-    if (!signing.toBeSigned.empty())
-    {
-        writeFile(signing.toBeSigned, signing.force, Source(descriptor));
-        report(signing.toBeSigned, "descriptor to be signed");
-        return;
-    }
-    const Buffer signature = signatureFor(options, descriptor);
-    std::vector<tools::NewMember> members{
-        {std::string(DESCRIPTOR_NAME), textOf(descriptor)},
-        {std::string(DESCRIPTOR_SIGNATURE_NAME), textOf(signature)}};
-    for (const fs::path& file : files)
-    {
-        members.push_back(
-            {std::string(PAYLOAD_PREFIX) + file.filename().string(), {}, file});
-    }
-    const Output output(signing.output, signing.force);
-    tools::writeArchive(output.path(), signing.output,
-                        sourceDateEpoch().value_or(0), members);
-    checkPackage(output.readBack(), options, descriptor, digests);
-    output.commit();
-    report(signing.output,
-           "package with " + std::to_string(files.size()) + " payload file" +
-               (files.size() == 1 ? "" : "s") + ", signed and checked");
-}
-
-Json describePackage(const Source& file, Remarks& remarks)
-{
-    const Contents contents = readContents(file);
-    remarks = contents.remarks;
     Json fields{{"members", contents.members}};
+    remarks.insert(remarks.end(), contents.remarks.begin(),
+                   contents.remarks.end());
     if (contents.isWhole)
     {
         fields["payloadDigest"] = compositeOf(contents.payload);
@@ -403,6 +342,151 @@ Json describePackage(const Source& file, Remarks& remarks)
         fields["signatures"] = describeSignatures(*contents.signature, remarks);
     }
     return fields;
+}
+
+/** What is to be the descriptor's signature. */
+Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
+{
+    if (options.signing.signature.empty())
+    {
+        return signDetached(options.gpgHome, options.signing.keys, descriptor);
+    }
+    const Source source(options.signing.signature);
+    Remarks ignored;
+    static_cast<void>(describeSignature(source, ignored));
+    return source.readAll();
+}
+
+/** Signs the descriptor and makes the package; or writes the descriptor, if
+ *  nothing is to be signed.
+ *
+ *  @param older signatures that stand in front of the new one
+ *  @param members what the package holds beside descriptor and signature
+ *  @param digests theirs
+ *  @param what for the report */
+void writePackage(const PackageOptions& options, Bytes descriptor,
+                  const Buffer& older,
+                  const std::vector<tools::NewMember>& payload,
+                  const FileDigests& digests, const std::string& what)
+{
+    const Signing& signing = options.signing;
+    if (!signing.toBeSigned.empty())
+    {
+        writeFile(signing.toBeSigned, signing.force, Source(descriptor));
+        report(signing.toBeSigned, "descriptor to be signed");
+        return;
+    }
+    const Buffer added = signatureFor(options, descriptor);
+    Buffer signature = older;
+    append(signature, added);
+    std::vector<tools::NewMember> members{
+        {std::string(DESCRIPTOR_NAME), textOf(descriptor)},
+        {std::string(DESCRIPTOR_SIGNATURE_NAME), textOf(signature)}};
+    members.insert(members.end(), payload.begin(), payload.end());
+    const Output output(signing.output, signing.force);
+    tools::writeArchive(output.path(), signing.output,
+                        sourceDateEpoch().value_or(0), members);
+    const Contents made = readContents(output.readBack());
+    if (!made.remarks.empty() || made.payload != digests || !made.descriptor ||
+        !std::ranges::equal(*made.descriptor, descriptor) ||
+        made.signature != signature)
+    {
+        throw Error(signing.output.string(),
+                    "does not hold what was packed; did the payload change "
+                    "meanwhile?");
+    }
+    if (!older.empty())
+    {
+        // The signatures that are there must not vouch for it.
+        checkSignatures(options.gpgHome, {.anchor = {}, .days = 0},
+                        signing.keys, descriptor, added);
+    }
+    checkSignatures(options.gpgHome, options.trust, signing.keys, descriptor,
+                    signature);
+    output.commit();
+    report(signing.output, "package" + what + ", signed and checked");
+}
+
+/** Says what is signed again, and who signed before.
+ *
+ *  @throws Error when a key that is at hand says that it did not */
+void reportSigners(const PackageOptions& options, const Json& fields,
+                   const Contents& contents)
+{
+    const std::string model = fields["descriptor"]["componentID"];
+    const std::string version = fields["descriptor"]["vendorVersion"];
+    for (const tools::SignatureInfo& info :
+         tools::signaturesOf(options.gpgHome, textOf(*contents.descriptor),
+                             textOf(*contents.signature)))
+    {
+        if (info.status == GPG_ERR_BAD_SIGNATURE)
+        {
+            throw Error(options.payload.string(),
+                        "is not signed again: " + info.problem + ", key " +
+                            info.name());
+        }
+        const bool isGood = info.status == GPG_ERR_NO_ERROR;
+        report(options.signing.made(),
+               "model " + model + ", version " + version +
+                   ", was signed before by " + info.name() + " on " +
+                   tools::dayText(info.created) +
+                   (isGood ? "" : ", not checked: " + info.problem));
+    }
+}
+
+} // namespace
+
+void makePackage(const PackageOptions& options)
+{
+    const std::vector<fs::path> files = payloadFiles(options.payload);
+    expectOutside(options.signing.made(), options.payload);
+    std::vector<fs::path> inputs(files);
+    inputs.push_back(options.trust.anchor);
+    options.signing.expectNewOutput(std::move(inputs));
+    const FileDigests digests = digestFiles(files);
+    const Buffer descriptor =
+        writeDescriptor({options.model, options.version, compositeOf(digests),
+                         options.systemIds});
+    std::vector<tools::NewMember> members;
+    for (const fs::path& file : files)
+    {
+        members.push_back(
+            {std::string(PAYLOAD_PREFIX) + file.filename().string(), {}, file});
+    }
+    writePackage(options, descriptor, {}, members, digests,
+                 " with " + std::to_string(files.size()) + " payload file" +
+                     (files.size() == 1 ? "" : "s"));
+}
+
+void resignPackage(const PackageOptions& options, bool isAdded)
+{
+    const Source file(options.payload);
+    options.signing.expectNewOutput({options.payload, options.trust.anchor});
+    const Contents before = readContents(file);
+    Remarks remarks;
+    const Json fields = fieldsOf(before, remarks);
+    if (!remarks.empty())
+    {
+        throw Error(file.name(), "is not signed again: " + remarks.front());
+    }
+    reportSigners(options, fields, before);
+    const tools::Archive archive = archiveOf(file);
+    std::vector<tools::NewMember> members;
+    for (std::size_t i = 0; i < archive.members().size(); ++i)
+    {
+        if (isPayloadFile(archive.members()[i]))
+        {
+            members.push_back({archive.members()[i].name, {}, {}, &archive, i});
+        }
+    }
+    writePackage(options, *before.descriptor,
+                 isAdded ? *before.signature : Buffer(), members,
+                 before.payload, isAdded ? " with a further signature" : "");
+}
+
+Json describePackage(const Source& file, Remarks& remarks)
+{
+    return fieldsOf(readContents(file), remarks);
 }
 
 } // namespace pack

@@ -26,8 +26,6 @@ constexpr std::size_t METADATA_OFFSET = CHAIN_SIZE;
 constexpr std::size_t METADATA_SIZE = 512;
 constexpr std::size_t SIGNATURE_OFFSET = METADATA_OFFSET + METADATA_SIZE;
 constexpr std::size_t SIGNATURE_SIZE = 512;
-constexpr std::size_t REMAINDER_OFFSET = SIGNATURE_OFFSET + SIGNATURE_SIZE;
-constexpr std::size_t REMAINDER_SIZE = TRAILER_SIZE - REMAINDER_OFFSET;
 
 constexpr int KEY_BITS = 4096;
 constexpr auto METADATA_VERSION = "1";
@@ -74,6 +72,11 @@ Metadata readMetadata(const std::string& text)
     return {values["ver"], values["alg"], values["sts"]};
 }
 
+bool isKnownAlgorithm(std::string_view name)
+{
+    return name == "PS256" || name == "PS384" || name == "PS512";
+}
+
 /** Any other name stands for SHA-256, as it does to the checker. */
 SignatureScheme schemeOf(std::string_view algorithm)
 {
@@ -87,14 +90,6 @@ bool isSlotKey(const EVP_PKEY* key)
 {
     return key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 &&
            EVP_PKEY_get_bits(key) == KEY_BITS;
-}
-
-void expectRsa(const EVP_PKEY* key, std::string_view file)
-{
-    if (!isSlotKey(key))
-    {
-        throw Error(file, "is not an RSA key of 4096 bits");
-    }
 }
 
 struct Chain
@@ -125,23 +120,25 @@ Chain chainOf(Bytes pem, const std::string& name)
  *  key must be one that can have made the signature. */
 Key readSigner(const PayloadOptions& options, const Chain& chain)
 {
-    const std::vector<std::string>& keys = options.signing.keys;
     const EVP_PKEY* const certified =
         X509_get0_pubkey(chain.certificates.front().get());
-    Key key;
-    if (!keys.empty())
+    if (!isSlotKey(certified))
     {
-        const std::string file = keyName(keys.front());
-        key = readPrivateKey(keys.front(), options.signing.passphraseFile);
-        expectRsa(key.get(), file);
-        if (EVP_PKEY_eq(certified, key.get()) != 1)
-        {
-            throw Error(options.chain.string(),
-                        "its first certificate is not that of the key " + file);
-        }
+        throw Error(options.chain.string(), "its first certificate's key is "
+                                            "not an RSA key of 4096 bits");
     }
-    expectRsa(certified,
-              options.chain.string() + ": the first certificate's key");
+    if (options.signing.keys.empty())
+    {
+        return nullptr;
+    }
+    const std::string& name = options.signing.keys.front();
+    Key key = readPrivateKey(name, options.signing.passphraseFile);
+    if (EVP_PKEY_eq(certified, key.get()) != 1)
+    {
+        throw Error(options.chain.string(),
+                    "its first certificate is not that of the key " +
+                        keyName(name));
+    }
     return key;
 }
 
@@ -300,8 +297,7 @@ std::string takeOldTrailer(Source& payload, PayloadOptions& options)
     if (options.algorithm.empty())
     {
         options.algorithm = old.metadata.algorithm;
-        if (options.algorithm != "PS256" && options.algorithm != "PS384" &&
-            options.algorithm != "PS512")
+        if (!isKnownAlgorithm(options.algorithm))
         {
             throw Error(payload.name(), "names no known algorithm: give --alg");
         }
@@ -324,19 +320,6 @@ Buffer readSignature(const fs::path& file)
     return source.readAll();
 }
 
-Json describeKey(const X509* certificate)
-{
-    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
-    if (key == nullptr)
-    {
-        ERR_clear_error();
-        return "unknown";
-    }
-    const char* const type = EVP_PKEY_get0_type_name(key);
-    return {{"type", type == nullptr ? "unknown" : type},
-            {"bits", EVP_PKEY_get_bits(key)}};
-}
-
 Json describeChain(const Slot& slot, Remarks& remarks)
 {
     Json certificates = Json::array();
@@ -347,14 +330,8 @@ Json describeChain(const Slot& slot, Remarks& remarks)
             {{"subject", nameText(X509_get_subject_name(certificate))},
              {"issuer", nameText(X509_get_issuer_name(certificate))},
              {"notBefore", timeText(X509_get0_notBefore(certificate))},
-             {"notAfter", timeText(X509_get0_notAfter(certificate))},
-             {"key", describeKey(certificate)}});
-        const std::string now = invalidityAt(std::time(nullptr), certificate);
+             {"notAfter", timeText(X509_get0_notAfter(certificate))}});
         const std::string then = invalidityAt(slot.timestamp(), certificate);
-        if (!now.empty())
-        {
-            remarks.push_back(now + "now");
-        }
         if (!then.empty() && slot.timestamp() != 0)
         {
             remarks.push_back(then + "at the timestamp");
@@ -364,27 +341,20 @@ Json describeChain(const Slot& slot, Remarks& remarks)
     {
         remarks.emplace_back("the chain has no certificate that can be read");
     }
-    return {{"offset", slot.bodySize},
-            {"size", CHAIN_SIZE},
-            {"textSize", slot.chainText.size()},
-            {"certificates", certificates}};
+    return certificates;
 }
 
 Json describeMetadata(const Slot& slot, Remarks& remarks)
 {
     const Metadata& metadata = slot.metadata;
-    Json fields{{"offset", slot.bodySize + METADATA_OFFSET},
-                {"size", METADATA_SIZE},
-                {"text", slot.metadataText},
-                {"ver", metadata.version},
+    Json fields{{"ver", metadata.version},
                 {"alg", metadata.algorithm},
                 {"sts", metadata.timestamp}};
     if (metadata.version.empty())
     {
         remarks.emplace_back("the metadata has no version");
     }
-    if (metadata.algorithm != "PS256" && metadata.algorithm != "PS384" &&
-        metadata.algorithm != "PS512")
+    if (!isKnownAlgorithm(metadata.algorithm))
     {
         remarks.emplace_back("the metadata names no known algorithm, so "
                              "SHA-256 is used");
@@ -402,29 +372,23 @@ Json describeMetadata(const Slot& slot, Remarks& remarks)
     return fields;
 }
 
-Json describeSlotSignature(const Source& file, const Slot& slot,
-                           Remarks& remarks)
+/** Whether it fits the chain's first key. */
+bool verifiesSlot(const Source& file, const Slot& slot, Remarks& remarks)
 {
-    const EVP_MD* const digest = schemeOf(slot.metadata.algorithm).digest;
-    Json fields{
-        {"offset", slot.bodySize + SIGNATURE_OFFSET},
-        {"size", SIGNATURE_SIZE},
-        {"algorithm", std::string("RSA-PSS, ") + EVP_MD_get0_name(digest)},
-        {"value", hex(slot.signature())}};
     if (!isSlotKey(slot.key()))
     {
+        ERR_clear_error();
         remarks.emplace_back(
             "the chain's first key is not an RSA key of 4096 bits");
-        return fields;
+        return false;
     }
     const bool verifies = slot.verifies(file);
-    fields["verifies"] = verifies;
     if (!verifies)
     {
         remarks.emplace_back(
             "the signature does not fit the chain's first key");
     }
-    return fields;
+    return verifies;
 }
 
 } // namespace
@@ -491,16 +455,13 @@ Json describePayload(const Source& file, Remarks& remarks)
 {
     const Slot slot(file);
     return {{"body",
-             {{"offset", 0},
-              {"size", slot.bodySize},
+             {{"size", slot.bodySize},
               {"sha256", digestText(file, slot.bodySize, EVP_sha256())}}},
             {"chain", describeChain(slot, remarks)},
             {"metadata", describeMetadata(slot, remarks)},
-            {"signature", describeSlotSignature(file, slot, remarks)},
-            {"remainder",
-             {{"offset", slot.bodySize + REMAINDER_OFFSET},
-              {"size", REMAINDER_SIZE},
-              {"zero", isZero(slot.field(REMAINDER_OFFSET, REMAINDER_SIZE))}}}};
+            {"signature",
+             {{"value", hex(slot.signature())},
+              {"verifies", verifiesSlot(file, slot, remarks)}}}};
 }
 
 } // namespace pack

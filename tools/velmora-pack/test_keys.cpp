@@ -19,23 +19,17 @@ constexpr auto LAST_FILE = "fingerprint";
 
 void makeTestKeys(const fs::path& target)
 {
-    std::error_code missing;
-    if (fs::exists(fs::symlink_status(target, missing)) &&
-        !(fs::is_directory(target, missing) && fs::is_empty(target, missing)))
-    {
-        throw Error(target.string(), "exists and is not an empty directory");
-    }
+    expectNewDirectory(target);
     const Output directory(target);
     const ProgramOutput said =
         runProgram("/bin/sh", {"sh", "-c", SCRIPT, "test-keys.sh",
                                directory.path().parent_path()});
+    std::error_code missing;
     if (fs::is_empty(directory.path() / LAST_FILE, missing) || missing)
     {
         throw Error(target.string(),
                     "keys cannot be made" + lastErrorLine(said));
     }
-    // Gone only if it is empty.
-    fs::remove(target, missing);
     directory.commit();
     report(target, "test keys and certificates, not to be trusted");
 }
