@@ -45,13 +45,11 @@ expect 0 '^accepted: signed by' "$velmora" validate elsewhere.zip
 mkdir -p nested/sub
 echo x >nested/a
 fails nested "${package[@]}" --payload nested -o x.zip
-mkdir foreign
-echo x >$'foreign/\xc3\xa4'
-fails foreign "${package[@]}" --payload foreign -o x.zip
 touch 'back\slash'
 fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.zip
 touch void
 fails 'void: is empty' "${package[@]}" --payload void -o x.zip
+TMPDIR=/none fails 'TMPDIR: is not a directory' inspect sig
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
     -o x.zip
@@ -203,7 +201,6 @@ done
     --key "$keys/payload-signer.pem" --alg PS256 --timestamp 1000000000 -o zip
 expect 0 '^kind: signed payload' "$pack" inspect zip
 expect 1 'is not a binary OpenPGP signature' "$pack" inspect --as signature p.zip
-expect 0 '^kind: detached OpenPGP signature' "$pack" inspect sig
 expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload content \
     --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
     --timestamp 1000000000 -o warned
@@ -305,7 +302,6 @@ remarks() {
     expect 1 "^velmora-pack: $1: has remarks" "$pack" inspect --strict "$1"
 }
 expect 0 '^remarks: none$' "$pack" inspect --strict p.zip
-expect 0 '^    createdDate: 20..-' "$pack" inspect sig
 unzip -q utf8.zip -d utf8
 expect 0 "^payloadDigest: $("$velmora" digest utf8/payload)\$" "$pack" inspect utf8.zip
 remarks utf8.zip "digest is not the one"

@@ -203,7 +203,10 @@ truncate -s 1G large
 ulimit -c 0
 expect 0 'digest|[0-9a-f]{64}' sh -c \
     'trap "" HUP; "$0" digest large & sleep 0.1; kill -HUP $!; wait $!' "$velmora"
-expect 143 . sh -c '"$0" digest large & sleep 0.1; kill $!; wait $!' "$velmora"
+for signal in INT:130 TERM:143; do
+    expect "${signal#*:}" '' sh -c 'env --default-signal "$0" digest large &
+        sleep 0.1; kill -s "$1" $!; wait $!' "$velmora" "${signal%:*}"
+done
 mkdir tmp
 truncate -s 512M unpacked/payload/large
 (cd unpacked && zip -qr0 ../large.zip .)

@@ -36,10 +36,21 @@ void openDirectories(const fs::path& top)
     }
 }
 
+fs::path placeForTemporaryFiles()
+{
+    std::error_code error;
+    fs::path place = fs::temp_directory_path(error);
+    if (error)
+    {
+        throw Error("TMPDIR", "is not a directory: " + error.message());
+    }
+    return place;
+}
+
 } // namespace
 
 TemporaryDirectory::TemporaryDirectory() :
-    TemporaryDirectory((fs::temp_directory_path() / "velmora-XXXXXX").string())
+    TemporaryDirectory((placeForTemporaryFiles() / "velmora-XXXXXX").string())
 {
 }
 

@@ -135,6 +135,7 @@ void renderInto(std::string& text, const Json& fields, std::size_t indent)
 std::vector<std::string> kindNames()
 {
     std::vector<std::string> names;
+    names.reserve(KINDS.size());
     for (const Kind& kind : KINDS)
     {
         names.emplace_back(kind.name);

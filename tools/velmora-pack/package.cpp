@@ -411,13 +411,12 @@ void writePackage(const PackageOptions& options, Bytes descriptor,
  *
  *  @throws Error when a key that is at hand says that it did not */
 void reportSigners(const PackageOptions& options, const Json& fields,
-                   const Contents& contents)
+                   Bytes descriptor, Bytes signatures)
 {
     const std::string model = fields["descriptor"]["componentID"];
     const std::string version = fields["descriptor"]["vendorVersion"];
-    for (const tools::SignatureInfo& info :
-         tools::signaturesOf(options.gpgHome, textOf(*contents.descriptor),
-                             textOf(*contents.signature)))
+    for (const tools::SignatureInfo& info : tools::signaturesOf(
+             options.gpgHome, textOf(descriptor), textOf(signatures)))
     {
         if (info.status == GPG_ERR_BAD_SIGNATURE)
         {
@@ -448,6 +447,7 @@ void makePackage(const PackageOptions& options)
         writeDescriptor({options.model, options.version, compositeOf(digests),
                          options.systemIds});
     std::vector<tools::NewMember> members;
+    members.reserve(files.size());
     for (const fs::path& file : files)
     {
         members.push_back(
@@ -465,11 +465,12 @@ void resignPackage(const PackageOptions& options, bool isAdded)
     const Contents before = readContents(file);
     Remarks remarks;
     const Json fields = fieldsOf(before, remarks);
-    if (!remarks.empty())
+    // Without one of both there is a remark.
+    if (!remarks.empty() || !before.descriptor || !before.signature)
     {
-        throw Error(file.name(), "is not signed again: " + remarks.front());
+        throw Error(file.name(), "is not signed again: " + remarks.at(0));
     }
-    reportSigners(options, fields, before);
+    reportSigners(options, fields, *before.descriptor, *before.signature);
     const tools::Archive archive = archiveOf(file);
     std::vector<tools::NewMember> members;
     for (std::size_t i = 0; i < archive.members().size(); ++i)
