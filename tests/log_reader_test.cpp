@@ -90,7 +90,7 @@ std::string inForm(const std::string& before, const std::string& between,
     constexpr std::array<std::pair<const char*, const char*>, 7> ENTRIES{{
         {"412", "Line: 1067 [SUCCESS]"},
         {"413", "Line: 5054 [INFO e.what(): org.Gone]"},
-        {"9", "something else: Line 1"},
+        {"9", "it says Line: 4107 [FAILURE]"},
         {"412", "Line: 4107 [FAILURE]"},
         {"413", "Line: 5055 [FAILURE]"},
         {"413", "Line: 1036 [FAILURE]"},

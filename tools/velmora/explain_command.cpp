@@ -21,6 +21,8 @@ namespace
 
 /** The column of the places in the source. */
 constexpr int TEXT_WIDTH = 60;
+/** In bytes; it says more than the log. */
+constexpr std::size_t MAX_ANSWER = std::size_t{256} << 20;
 
 void writeLine(std::ostream& out, const std::string& text, const Site& site)
 {
@@ -85,7 +87,8 @@ class Answer
     {
     }
 
-    void add(const Operation& operation) { file_ << next(operation); }
+    /** @throws tools::Error when there is too much already */
+    void add(const Operation& operation);
     /** To be called when none follows.
      *
      *  @param objection what speaks against all of it, or empty */
@@ -107,6 +110,16 @@ class Answer
     /** The build under which what follows is to be read. */
     std::string heading_;
 };
+
+void Answer::add(const Operation& operation)
+{
+    if (size_ > MAX_ANSWER)
+    {
+        throw tools::Error("the answer",
+                           "it has more than 256 MiB: cut the log");
+    }
+    file_ << next(operation);
+}
 
 /** Written behind what there is already. */
 std::string Answer::next(const Operation& operation)

@@ -33,6 +33,9 @@ constexpr std::array FIELDS{"MESSAGE", "_PID", "SYSLOG_IDENTIFIER",
 
 using GzipFile = tools::Handle<gzFile_s, gzclose>;
 
+/** A log that was copied from memory has NULs. */
+constexpr std::string_view BLANKS(" \t\r\n\0", 5);
+
 /** Without the blanks behind it and what sets a terminal's colours. */
 std::string cleaned(std::string_view text)
 {
@@ -45,7 +48,7 @@ std::string cleaned(std::string_view text)
         const auto end = text.find_first_not_of("0123456789;:", 2);
         text.remove_prefix(end < text.size() ? end + 1 : text.size());
     }
-    plain.erase(plain.find_last_not_of(" \t\r\n") + 1);
+    plain.erase(plain.find_last_not_of(BLANKS) + 1);
     return plain;
 }
 
@@ -120,11 +123,15 @@ void Splitter::take(std::string_view rawLine)
 {
     const std::string line = cleaned(rawLine);
     const bool isIndented = line.starts_with('\t') || line.starts_with(' ');
-    const std::string object = std::exchange(object_, {});
-    if (line == "{" ||
-        (isIndented && !object.empty() && object.size() < MAX_LINE))
+    std::string object = std::exchange(object_, {});
+    if (line == "{")
     {
-        object_ = object + line;
+        object_ = line;
+    }
+    else if (isIndented && !object.empty() && object.size() < MAX_LINE)
+    {
+        object_ = std::move(object);
+        object_ += line;
     }
     else if (line.starts_with('{') || (line == "}" && !object.empty()))
     {
@@ -148,9 +155,12 @@ void Splitter::takePlain(std::string_view line) const
 {
     const auto start = startOf(line);
     const auto prefix = line.substr(0, start);
-    sink_({processIn(prefix),
-           prefix.substr(0, prefix.find_last_not_of(" :") + 1),
-           line.substr(start)});
+    const auto process = processIn(prefix);
+    // A process writes our lines whole: one behind other words is quoted.
+    const bool isQuoted =
+        !process.empty() && !prefix.substr(0, start - 2).ends_with(process);
+    sink_({process, prefix.substr(0, prefix.find_last_not_of(" :") + 1),
+           isQuoted ? std::string_view() : line.substr(start)});
 }
 
 void Splitter::takeObject(const std::string& text)

@@ -461,7 +461,7 @@ void LogReader::takeFailure(Process& process, const Line& line,
                             const Site& site)
 {
     auto& refusal = process.refusal;
-    if (site.kind == Kind::PASSED_ON && refusal)
+    if (site.kind == Kind::PASSED_ON && isUnderWay(refusal, site.source))
     {
         addBounded(refusal->echoes, site);
         line.addValuesTo(*refusal);
