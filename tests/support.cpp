@@ -95,8 +95,10 @@ std::size_t openFileDescriptors()
 
 std::string readFile(const fs::path& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    // What a process has below /proc may go meanwhile, and must not throw.
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 void writeFile(const fs::path& path, const std::string& content)
