@@ -41,8 +41,9 @@ cross_target() {
 # release to the next.
 library_packages=(libssl-dev libgpgme-dev libxml2-dev libsystemd-dev
     libelf-dev libseccomp-dev libzip-dev zlib1g-dev)
+# libc-bin has the locale C.UTF-8: the host's may have another byte order.
 target_packages=("${library_packages[@]}" libcli11-dev nlohmann-json3-dev
-    libgtest-dev libgmock-dev)
+    libgtest-dev libgmock-dev libc-bin)
 
 # apt with a state of its own below DIR: the host's sources and keys, but no
 # package installed and none of the host's hooks.

@@ -1,5 +1,6 @@
 #include "support.hpp"
 
+#include <endian.h>
 #include <sys/stat.h>
 
 #include <ctime>
@@ -57,9 +58,9 @@ TEST_F(Manifest, FirstOneInTheFileIsCopied)
     const std::string one = manifestOf(record(3, 0, "data"), 1);
     EXPECT_TRUE(extract("prefix $KT" + one + manifestOf("", 0) + "tail"));
     EXPECT_EQ(std::string(manifest.begin(), manifest.end()), one);
-    EXPECT_EQ(header.recordOffset, 16U);
-    EXPECT_EQ(header.recordCount, 1U);
-    EXPECT_EQ(header.length, one.size());
+    EXPECT_EQ(le32toh(header.recordOffset), 16U);
+    EXPECT_EQ(le32toh(header.recordCount), 1U);
+    EXPECT_EQ(le32toh(header.length), one.size());
     EXPECT_TRUE(extract(manifestOf("", 0)));
     EXPECT_EQ(manifest.size(), 16U);
     EXPECT_THAT(log, ElementsAre());
