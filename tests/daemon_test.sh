@@ -47,13 +47,10 @@ variant("nested.zip", {"payload/locked/": (0o40000, b"")})
 variant("more.zip", {"install.sh": (0o100755, b"x")})
 variant("bomb.zip", {"payload/" + name: (0o100644, bytes(140 << 20)) for name in "cd"},
         zipfile.ZIP_DEFLATED)
-# Its sizes are listed in front of the member and at the end.
+# Its sizes are listed in front of the member and at the end, and are changed below.
 variant("lying.zip", {"payload/c": (0o100644, bytes(0x01020304))}, zipfile.ZIP_DEFLATED)
-with open("lying.zip", "r+b") as lying:
-    changed = lying.read().replace(b"\4\3\2\1", b"\4\0\0\0")
-    lying.seek(0)
-    lying.write(changed)
 PY
+LC_ALL=C sed -i 's/\x04\x03\x02\x01/\x04\x00\x00\x00/g' lying.zip
 truncate -s 257M large.zip
 # As a run that was killed leaves it.
 mkdir -p state/unpacked/payload

@@ -29,16 +29,13 @@ shows() {
 
 "$pack" "${package[@]}" --payload files -o p.zip
 "$velmora" unpack p.zip unpacked >/dev/null
-mkdir changed
-cp -r unpacked/* changed
+cp -r unpacked changed
 echo '<!-- -->' >>changed/package.xml
 "$velmora" -v validate changed >/dev/null 2>log || true
 expect 0 "^refused: the descriptor's signature is not valid: Bad signature +descriptor_signature.cpp:[0-9]+\$" \
     "$velmora" explain log
 expect 0 '^build [0-9a-f]{40} wrote this:' "$velmora" explain log
-expect 0 '^if build [0-9a-f]{40} wrote this:' "$velmora" explain <(sed 1d log)
 expect 0 '"number": [0-9]+' sh -c '"$0" --json explain log | python3 -m json.tool' "$velmora"
-expect 3 'nothing is known of line 1$' "$velmora" explain <(cat log; echo 'Line: 1 [FAILURE]')
 expect 3 '^velmora: .*: not all of it is of .*build-id' "$velmora" explain \
     <(sed -E 's/build-id [0-9a-f]{40}/build-id 00/' log)
 expect 3 'log: holds no causes' "$velmora" explain --library log log
@@ -46,13 +43,12 @@ expect 3 '^velmora: files/a: holds no line of libvelmora' "$velmora" explain fil
 
 # The page: a missing signature, an archive without payload, another build.
 rm unpacked/package.xml.sign
-"$velmora" -v validate unpacked 2>&1 >/dev/null | sed 1d >missing || true
-sed -i 's/^/Nov 25 04:10:31 bmc updated[412]: /' missing
+"$velmora" -v validate unpacked 2>&1 >/dev/null |
+    sed '1d; s/^/Nov 25 04:10:31 bmc updated[412]: /' >missing || true
 shows 4 grep -v INFO missing
 shows 5 "$velmora" explain missing
 (cd changed && zip -q ../payloadless.zip package.xml package.xml.sign)
-mkdir other
-"$velmora" -v unpack payloadless.zip other 2>&1 >/dev/null | sed 1d >payloadless || true
+"$velmora" -v unpack payloadless.zip changed 2>&1 >/dev/null | sed 1d >payloadless || true
 shows 6 cat payloadless
 shows 7 "$velmora" explain payloadless
 library=$("$velmora" --version | sed 's/.*with \(.*\), build-id.*/\1/')

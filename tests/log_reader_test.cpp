@@ -13,7 +13,6 @@ namespace
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 const CauseTable& table()
 {
@@ -124,8 +123,6 @@ TEST(LogReader, EveryFormGivesTheSameAnswer)
     {
         EXPECT_THAT(explained(log), answer) << log;
     }
-    EXPECT_THAT(explained("Line: 4107 [FAILURE]\nLine: 1041 [FAILURE]\n"),
-                ElementsAre("refused: no signature, so not signed"));
     EXPECT_THAT(explained("T stderr F Line: 5054 [INFO e.what(): org.Gone]\n"
                           "another program\nLine: 5055 [FAILURE]\n"),
                 ElementsAre("failed: no identifier: org.Gone"));
@@ -172,9 +169,8 @@ TEST(LogReader, AnotherBuildIsDoubted)
 
 TEST(LogReader, EachEndingHasItsWord)
 {
-    EXPECT_THAT(explained("Line: 3091 [SUCCESS]\nLine: 3043 [FAILURE]\n"),
-                ElementsAre("failed: no such value"));
-    EXPECT_THAT(explained("Line: 3043 [FAILURE]\nLine: 1049 [FAILURE]\n"),
+    EXPECT_THAT(explained("Line: 3091 [SUCCESS]\nLine: 3043 [FAILURE]\n"
+                          "Line: 1049 [FAILURE]\n"),
                 ElementsAre("refused: no hash: no such value, so no hash"));
     EXPECT_THAT(explained("FAILURE: block.8100: no timestamp\n"
                           "FAILURE: chain.10185: Continuing.\n"
@@ -190,7 +186,6 @@ TEST(LogReader, EachEndingHasItsWord)
     EXPECT_THAT(explained(comparing + "Line: 3043 [FAILURE]"),
                 ElementsAre(HasSubstr("no verdict: a systemID"),
                             "failed: no such value"));
-    EXPECT_THAT(explained("no line of ours\n"), IsEmpty());
 }
 
 TEST(LogReader, HostileLogsCostLittle)
@@ -203,15 +198,9 @@ TEST(LogReader, HostileLogsCostLittle)
     EXPECT_THAT(explained(processes), testing::SizeIs(10000));
     explained(std::string(1 << 20, '{'));
     explained("{\"a\":" + std::string(1 << 20, '['));
-    std::string bomb;
-    const std::string member =
-        compressed(std::string(std::size_t{1} << 26, '0'));
-    for (int i = 0; i < 5; ++i)
-    {
-        bomb += member;
-    }
-    EXPECT_THROW(explained(bomb), tools::Error);
-    EXPECT_THROW(explained(member.substr(0, 1000)), tools::Error);
+    const std::string half = compressed(std::string(std::size_t{1} << 27, '0'));
+    EXPECT_THROW(explained(half + half + half), tools::Error);
+    EXPECT_THROW(explained(half.substr(0, 1000)), tools::Error);
 }
 
 } // namespace
