@@ -34,6 +34,7 @@ constexpr std::size_t ENTRY_START = 6;
 // Their offsets behind that.
 constexpr std::size_t FLAGS = 2;
 constexpr std::size_t METHOD = 4;
+constexpr std::size_t CHECKSUM = 10;
 constexpr std::size_t PACKED_SIZE = 14;
 constexpr std::size_t UNPACKED_SIZE = 18;
 constexpr std::size_t NAME_LENGTH = 22;
@@ -258,6 +259,7 @@ struct Archive::Header
 {
     std::uint64_t flags = 0;
     std::uint64_t method = 0;
+    std::uint64_t checksum = 0;
     std::uint64_t size = 0;
     std::uint64_t packedSize = 0;
     std::string name;
@@ -282,6 +284,7 @@ struct Archive::Header
         Header header;
         header.flags = load(fields, FLAGS, 2);
         header.method = load(fields, METHOD, 2);
+        header.checksum = load(fields, CHECKSUM, 4);
         header.name = input.readAt(place + size, load(fields, NAME_LENGTH, 2));
         header.end = place + size + header.name.size();
         const std::string extra =
@@ -298,19 +301,30 @@ struct Archive::Header
         return header;
     }
 
-    /** @return what an extractor would make otherwise of the member, whose
-     *          entry this is, than the directory lists; or empty */
+    /** Of checksum and sizes, or zeros where they follow the content.
+     *
+     *  @param header the member's own header, where this is its entry */
+    bool hasNumbersOf(const Header& header) const
+    {
+        const bool isLater = (header.flags & SIZES_FOLLOW) != 0;
+        const auto agrees = [isLater](std::uint64_t here, std::uint64_t there)
+        { return there == here || (isLater && there == 0); };
+        return agrees(checksum, header.checksum) && agrees(size, header.size) &&
+               agrees(packedSize, header.packedSize);
+    }
+
+    /** @return why the member, whose entry this is, cannot be extracted as
+     *          the directory lists it; or empty */
     std::string objectionTo(const std::optional<Header>& header) const
     {
-        const bool isStored = method == ZIP_CM_STORE;
         const bool isEncrypted = (flags & IS_ENCRYPTED) != 0;
         const bool agrees =
             header && header->name == name && header->method == method &&
             (header->flags & IS_ENCRYPTED) == (flags & IS_ENCRYPTED) &&
-            ((header->flags & SIZES_FOLLOW) != 0 ||
-             (header->size == size && header->packedSize == packedSize));
+            hasNumbersOf(*header);
         return !agrees ? "its own header says otherwise than the directory"
-               : isStored && !isEncrypted && size != packedSize
+               : isEncrypted ? "it is encrypted"
+               : method == ZIP_CM_STORE && size != packedSize
                    ? "its content is not as long as the directory says"
                    : "";
     }
@@ -428,7 +442,7 @@ void Archive::listMembers(std::uint64_t directory)
         if (name == nullptr || zip_stat_index(zip_.get(), i, 0, &status) != 0 ||
             zip_file_get_external_attributes(zip_.get(), i, 0, nullptr,
                                              &attributes) != 0 ||
-            !entry || entry->name != name)
+            !entry)
         {
             throw Error(name_, "cannot be read as a ZIP: its directory is "
                                "damaged");
@@ -437,7 +451,9 @@ void Archive::listMembers(std::uint64_t directory)
             {name, typeOf(name, attributes), status.size,
              compressionName(status.comp_method),
              status.encryption_method != ZIP_EM_NONE,
-             entry->objectionTo(Header::at(*input_, entry->own, false))});
+             entry->name != name
+                 ? "it has two names"
+                 : entry->objectionTo(Header::at(*input_, entry->own, false))});
         first = std::min(first, entry->own);
         place = entry->end;
     }
