@@ -18,11 +18,16 @@ namespace
 
 bool comesTrue(const std::function<bool()>& condition)
 {
-    for (int i = 0; i < 2000 && !condition(); ++i)
+    for (int i = 0; i < 2000; ++i)
     {
+        // Once: a process that has been seen may be gone the next time.
+        if (condition())
+        {
+            return true;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return condition();
+    return false;
 }
 
 /** Directory below /proc of the extractor that a process has started. */
