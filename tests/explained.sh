@@ -17,5 +17,7 @@ readelf -p .velmora.causes "$3" | sed 's/^ *\[ *[0-9a-f]*\] *//' | awk '
           exit bad || count < 80 }'
 export VELMORA_TEST_LOG=$log
 "$2"
+# Some that are picked by name log nothing that could be explained.
+[ -z "${GTEST_FILTER:-}" ] || exit 0
 sed -i "1i $("$1" --version)" "$log"
 "$1" explain "$log" | grep -E '^(unknown|refused|failed): ' | sort | uniq -c
