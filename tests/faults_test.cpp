@@ -283,8 +283,6 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
         faulted("open64", 1, ValidateQOR::getSHAStrFromImage, scratch / "d"),
         "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("final sha: ")));
-    EXPECT_EQ(faulted("EVP_DigestUpdate", 2, calculateFileSHA, scratch / "f"),
-              ZEROS);
     for (const char* function : {"EVP_MD_CTX_new", "EVP_DigestInit_ex",
                                  "EVP_DigestUpdate", "EVP_DigestFinal_ex"})
     {

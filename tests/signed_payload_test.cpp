@@ -1,10 +1,7 @@
 #include "faults.hpp"
-#include "quorlin.h"
 #include "support.hpp"
 
 #include <sys/stat.h>
-
-#include <ctime>
 
 namespace velmora::test
 {
@@ -186,26 +183,6 @@ TEST_F(Payload, TheChainMustHoldAtTheTimeOfSigning)
     EXPECT_FALSE(validAnew(withMetadata(block + R"(, "sts": "-5"})")));
     EXPECT_EQ(chainQuestion.time, -5);
     EXPECT_EQ(chainQuestion.length, fs::file_size(keys() / "chain.pem"));
-}
-
-TEST(ChainVerifier, ReadsNoMoreThanTheLength)
-{
-    const std::string chain = readFile(keys() / "chain.pem");
-    const std::string root = readFile(keys() / "root-ca.pem");
-    const auto now = std::time(nullptr);
-    const auto verify = [&](const std::string& text, std::int64_t time)
-    {
-        const std::vector<char> exact(text.begin(), text.end());
-        return verify_chain_OBMC(exact.data(), root.c_str(), exact.size(),
-                                 time);
-    };
-    EXPECT_EQ(verify(chain, now), 0);
-    EXPECT_LT(verify("", now), 0);
-    EXPECT_EQ(verify(chain, 0), 9);
-    // Without its intermediate the leaf leads nowhere.
-    EXPECT_EQ(verify(chain.substr(0, chain.find("-----END") + 26), now), 20);
-    EXPECT_LT(verify(chain.substr(0, chain.size() - 40), now), 0);
-    EXPECT_LT(verify_chain_OBMC(chain.c_str(), "", chain.size(), now), 0);
 }
 
 } // namespace

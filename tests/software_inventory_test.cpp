@@ -161,16 +161,5 @@ TEST_F(Inventory, FailedCallsAreLogged)
     EXPECT_THAT(log, busFailure("com.example.Refused: errno 17"));
 }
 
-TEST_F(Inventory, NoBusAtAll)
-{
-    const std::string address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    EXPECT_THAT([&] { registerBmc(BMC_PATH); },
-                testing::ThrowsMessage<SdBusError>(
-                    "sd_bus_message_new_method_call: System.Error.ENOTCONN: "
-                    "Transport endpoint is not connected"));
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-}
-
 } // namespace
 } // namespace velmora::test
