@@ -130,7 +130,7 @@ bool ValidateQOR::validatePkgXMLSignature(const std::string& descriptorPath,
     }
     if (verified->signatures == nullptr)
     {
-        LOG_FAILURE("the signature file holds no signature");
+        LOG_FAILURE("the signature file holds no signature, or GnuPG gave up");
         return false;
     }
     int signCount = 0;
