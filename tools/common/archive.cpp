@@ -532,8 +532,14 @@ zip_source_t* sourceOf(zip_t* zip, const NewMember& member)
 {
     if (member.archive != nullptr)
     {
+// It has had another name since then.
+#if LIBZIP_VERSION_MAJOR == 1 && LIBZIP_VERSION_MINOR < 10
         return zip_source_zip(zip, member.archive->zip(), member.index, 0, 0,
                               -1);
+#else
+        return zip_source_zip_file(zip, member.archive->zip(), member.index, 0,
+                                   0, -1, nullptr);
+#endif
     }
     return member.file.empty()
                ? zip_source_buffer(zip, member.content.data(),
