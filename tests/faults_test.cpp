@@ -270,13 +270,9 @@ TEST_F(Faults, DigestFailuresAreLoggedAndGiveZeros)
     writeFile(scratch / "f", std::string(10'485'761, 'x'));
     fs::create_directory(scratch / "d");
     writeFile(scratch / "d/f", "x");
-    for (const int nth : {1, 2})
-    {
-        // Of the full piece, and of the one byte behind it.
-        EXPECT_EQ(faulted("pread64", nth, calculateFileSHA, scratch / "f"),
-                  ZEROS);
-        EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
-    }
+    // Of the one byte behind the full piece.
+    EXPECT_EQ(faulted("pread64", 2, calculateFileSHA, scratch / "f"), ZEROS);
+    EXPECT_THAT(log, ElementsAre("FAILURE", HasSubstr("Hash for file ")));
     EXPECT_EQ(faulted("statx", 1, calculateFileSHA, scratch / "d/f"), ZEROS);
     // A file that cannot be opened is left out.
     EXPECT_EQ(

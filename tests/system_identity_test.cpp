@@ -81,12 +81,8 @@ TEST_F(Identity, NoModelElementsPass)
 TEST_F(Identity, ConversionExceptionsLeaveWithEverythingFreed)
 {
     const Service service(PLATFORM, systemIdBytes({0x1B, 0x0A}));
-    for (int i = 0; i < 3; ++i)
-    {
-        EXPECT_THROW(valid(model("XYZ") + model("0A1B")),
-                     std::invalid_argument);
-        EXPECT_THROW(valid(model("80000000")), std::out_of_range);
-    }
+    EXPECT_THROW(valid(model("XYZ") + model("0A1B")), std::invalid_argument);
+    EXPECT_THROW(valid(model("80000000")), std::out_of_range);
 }
 
 TEST_F(Identity, BusFailuresComeBeforeTheDescriptor)
