@@ -235,6 +235,12 @@ std::string toBytes(std::string& size)
            "MiB or GiB";
 }
 
+/** A variable of a script that is not set must not accept everything. */
+std::string expectVersion(const std::string& version)
+{
+    return version.empty() ? "no version: it is empty" : "";
+}
+
 CLI::Option* addMaxSize(CLI::App& command, Request& request)
 {
     return command
@@ -269,8 +275,11 @@ void addPackageCommands(CLI::App& app, Invocation& chosen)
         addMaxSize(*app.get_subcommand(name), chosen.request);
     }
     CLI::App* validate = app.get_subcommand("validate");
-    validate->add_option("--min-version", chosen.request.minVersion,
-                         "Refuse a lower version");
+    validate
+        ->add_option("--min-version", chosen.request.minVersion,
+                     "Refuse a lower version")
+        ->check(expectVersion)
+        ->type_name("VERSION");
     addStrict(*validate, chosen.request);
     for (const char* name : {"verify-image", "verify-payload"})
     {
