@@ -17,6 +17,8 @@ fi
 # Made beside it, so that a release that stops leaves nothing in the way.
 work=$(mktemp -d "$target.XXXXXX")
 end() {
+    # Timeouts send their signal twice, the second one while this runs.
+    trap '' HUP INT TERM
     if [ -d "$work/keys" ]; then
         gpgconf --homedir "$work/keys/gnupg" --kill all
     fi
