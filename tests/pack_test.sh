@@ -34,21 +34,16 @@ expect 0 . env -C other SOURCE_DATE_EPOCH=1700000000 TZ=Asia/Tokyo \
 expect 0 '^$' cmp 1.zip other/1.zip
 expect 0 '^$' diff <("$pack" inspect --json 1.zip) \
     <("$pack" inspect --json "$PWD/other/1.zip")
-"$pack" package --model 113440 --version 1.2 --payload files \
-    --to-be-signed descriptor
-gpg --homedir "$keys/gnupg" --batch --quiet --detach-sign -o sig descriptor
+unzip -p p.zip package.xml.sign >sig
 expect 0 '^remarks: none$' "$pack" inspect sig
-expect 0 . "$pack" package --model 113440 --version 1.2 --payload files \
-    --gpg-home "$keys/gnupg" --signature sig -o elsewhere.zip
-expect 0 '^accepted: signed by' "$velmora" validate elsewhere.zip
 
 mkdir -p nested/sub
 echo x >nested/a
 fails nested "${package[@]}" --payload nested -o x.zip
 touch 'back\slash'
 fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.zip
-touch void
-fails 'void: is empty' "${package[@]}" --payload void -o x.zip
+touch empty
+fails 'empty: is empty' "${package[@]}" --payload empty -o x.zip
 TMPDIR=/none fails 'TMPDIR: is not a directory' inspect sig
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
@@ -84,9 +79,8 @@ expect 1 "not .* fully valid: Owner, TEST, ${owned[0]}, subkey ${owned[1]}\$" \
 # One lasts, so that the machine accepts the package for as long.
 "$pack" "${owner[@]}" --key "${owned[1]}" --key "${owned[0]}!" --keyring owner.pub \
     -o both.zip
-unzip -p both.zip package.xml.sign >both.sig
-expect 0 "fpr v4 ${owned[0]}" gpg --homedir owner --list-packets both.sig
-expect 0 "fpr v4 ${owned[1]}" gpg --homedir owner --list-packets both.sig
+expect 0 "fingerprint: ${owned[0]}" "$pack" inspect both.zip
+expect 0 "fingerprint: ${owned[1]}" "$pack" inspect both.zip
 
 # Signed again: all but the signature stays as it is.
 again=(--gpg-home owner --key "${owned[0]}" -o x.zip)
@@ -143,22 +137,15 @@ expect 1 'cannot sign .* GPG_TTY=.* gpg-preset-passphrase' setsid "$pack" \
     package --payload files --model 1 --version 1 --gpg-home locked \
     --key "$(fingerprints locked)" -o x.zip
 
-mkdir secret
-cp "$keys/image-signer.pem" secret/a
-fails secret/a "${package[@]}" --payload secret -o x.zip
+fails 'holds a private key' "${package[@]}" --payload "$keys/image-signer.pem" -o x.zip
 
 # Images.
 head -c 100000 /dev/urandom >content
-touch empty
 "$pack" manifest --release 1 -o manifest
 fails 'manifest: exists and is not an empty directory' manifest -o manifest
 expect 0 '^    release: 1$' "$pack" inspect manifest/image-ktb
 expect 0 '^kind: manifest signature$' "$pack" inspect --strict manifest/image-ktb.sig
 "$pack" image content --key "$keys/image-signer.pem" -o image
-expect 0 '^accepted$' "$velmora" verify-image image manifest
-openssl dgst -sha512 -sign "$keys/image-signer.pem" -out der content
-"$pack" image content --signature der \
-    --public-key "$keys/image-signer.pub.pem" -o image2
 openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-384 -out next.pem 2>/dev/null
 openssl pkey -in next.pem -pubout -out next.pub
 again=(resign image --key next.pem --old-public-key)
@@ -179,12 +166,9 @@ fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.p
 expect 1 '^velmora-pack: x.zip: .*File too large' bash -c 'ulimit -f 8; exec "$@"' - \
     "$pack" "${package[@]}" --payload content -o x.zip
 fails payload-signer "image" content --key "$keys/payload-signer.pem" -o x
-cp "$keys/image-signer.pem" own-key
-fails own-key "image" content --key own-key -o own-key
 echo x >pin
-fails 'pin: is also an input' image content --key own-key \
-    --passphrase-file pin --force -o pin
-fails own-key "image" own-key --key "$keys/image-signer.pem" -o x
+fails 'pin: is also an input' image content --key x --passphrase-file pin --force -o pin
+fails 'holds a private key' image next.pem --key next.pem -o x
 fails content "image" content --signature content \
     --public-key "$keys/image-signer.pub.pem" -o x
 
@@ -197,23 +181,16 @@ for algorithm in PS256 PS384 PS512; do
     expect 0 '^accepted: signed by CN=.* payload signer' "$velmora" verify-payload signed
     expect 0 "$algorithm" "$pack" inspect signed
 done
-"$pack" payload p.zip --chain "$keys/chain.pem" \
-    --key "$keys/payload-signer.pem" --alg PS256 --timestamp 1000000000 -o zip
+expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload p.zip \
+    --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
+    --timestamp 1000000000 -o zip
 expect 0 '^kind: signed payload' "$pack" inspect zip
 expect 1 'is not a binary OpenPGP signature' "$pack" inspect --as signature p.zip
-expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload content \
-    --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
-    --timestamp 1000000000 -o warned
 expect 0 'payload with PS512 signature and timestamp 1600000000' "$pack" resign signed \
     --key "$keys/payload-signer.pem" --timestamp 1600000000 -o signed-again
 cp "$keys/root-ca.pem" "$root_ca"
 expect 0 '^accepted: signed by' "$velmora" verify-payload signed-again
 expect 0 '^$' cmp -n 100000 signed signed-again
-"$pack" resign signed --timestamp 1700000000 --to-be-signed range2
-openssl dgst -sha512 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1 \
-    -sign "$keys/payload-signer.pem" -out pss range2
-expect 0 'timestamp 1700000000, signed' "$pack" resign signed --timestamp 1700000000 \
-    --signature pss -o signed-again --force
 cp signed odd
 echo changed | dd of=odd bs=1 conv=notrunc status=none
 fails 'odd: the signature does not fit' resign odd --key "$keys/payload-signer.pem" -o x
@@ -221,8 +198,6 @@ checked=(payload content --key "$keys/payload-signer.pem" --alg PS256 -o x)
 fails 'empty: holds no certificate' "${checked[@]}" --chain empty
 fails 'foreign-root.pem: does not vouch .* unable to get local issuer' \
     "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/foreign-root.pem"
-fails 'root-ca.pem: does not vouch .* has expired' \
-    "${checked[@]}" --chain "$keys/expired-chain.pem" --root-ca "$keys/root-ca.pem"
 fails 'does not vouch for the chain at the timestamp 5: .* not yet valid' \
     "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/root-ca.pem" \
     --timestamp 5
@@ -243,29 +218,11 @@ for query in "pin-source=file:$PWD/carriage" "a=b&pin-source=$PWD/lines" pin-val
     fails 'carriage return|more than the one|shows the PIN' image content \
         --key "pkcs11:object=x?$query" -o x
 done
-cp p.zip twice.zip
-python3 - twice.zip <<'PY'
-import sys, warnings, zipfile
-warnings.simplefilter("ignore")
-with zipfile.ZipFile(sys.argv[1], "a") as package:
-    package.writestr("package.xml", "<Package/>")
-    package.writestr("payload\\x", "")
-    package.writestr("payload/e\u0301", "")
-PY
-expect 0 'payload.*x has a backslash' "$pack" inspect twice.zip
-expect 0 'payload/e.u0301"' "$pack" inspect --json twice.zip
-"$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 --to-be-signed range
-openssl dgst -sha512 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1 \
-    -sign "$keys/payload-signer.pem" -out pss range
-expect 0 . "$pack" "${payload[@]}" --alg PS512 --timestamp 1800000000 \
-    --signature pss -o signed2
-for file in /dev/null "$keys" none; do
-    expect '1' '^velmora-pack: ' "$pack" inspect "$file"
-done
 
 # Inspect.
 printf '$KTBx' >short
 expect 0 '^  - the header is not complete$' "$pack" inspect short
+expect 1 'null: is not a regular file' "$pack" inspect /dev/null
 expect 1 'standard output: No space' sh -c '"$0" inspect short >/dev/full' "$pack"
 python3 - <<'PY'
 import zipfile
@@ -276,6 +233,7 @@ def make(name, changes):
         for member, content in (good | changes).items():
             package.writestr(member, content)
 make("utf8.zip", {"payload/\u00e4": b"x", "payload/Z": b"y"})
+make("odd.zip", {"payload\\x": b"", "payload/e\u0301": b"", "PACKAGE.XML": b"<Package/>"})
 make("unsigned.zip", {"package.xml.sign": b"", "payload/a;1": b"x"})
 make("empty.zip", {"payload/a": b"", "payload/b": b""})
 def change(source, target, *changes):
@@ -284,6 +242,7 @@ def change(source, target, *changes):
         assert old in content, old
         content = content.replace(old, new)
     open(target, "wb").write(content)
+change("odd.zip", "odd.zip", (b"PACKAGE.XML", b"package.xml"))
 change("p.zip", "crc.zip", (b"one\n", b"0ne\n"))
 change("p.zip", "deflate64.zip", (b"PK\3\4\x0a\0\0\0\0", b"PK\3\4\x0a\0\0\0\x09"),
        (b"PK\1\2\x3f\3\x0a\0\0\0\0", b"PK\1\2\x3f\3\x0a\0\0\0\x09"))
@@ -320,7 +279,9 @@ remarks unsigned.zip 'OpenPGP signature: cannot be checked: No data'
 remarks unsigned.zip 'a;1 is extracted under another name'
 remarks empty.zip 'the payload is empty'
 remarks crc.zip 'payload/a cannot be read: CRC error'
-remarks twice.zip 'package.xml is there more than once'
+remarks odd.zip 'package.xml is there more than once'
+remarks odd.zip 'payload.*x has a backslash'
+expect 0 'payload/e.u0301"' "$pack" inspect --json odd.zip
 remarks upper.xml 'systemID "zz" is no number, and'
 remarks upper.xml 'systemID "12345" is not a 16-bit number'
 remarks upper.xml 'hash is not 64 lower-case'
@@ -331,7 +292,6 @@ remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
-expect 1 '^crc.zip: package, remarks: 1$' "$pack" inspect --strict p.zip crc.zip
 expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
 files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))
 print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'
@@ -341,10 +301,6 @@ truncate -s 256M large
 expect 0 ' 50 %' script -qec "'$pack' inspect --as image large" /dev/null
 expect 1 '^$' sh -c 'script -qec "$0 inspect --quiet --as image large" /dev/null |
     grep %' "$pack"
-mkdir many
-truncate -s 60M many/{a,b}
-expect 0 ' 50 %' script -qec "'$pack' package --payload many --model 1 --version 1 \
-    --to-be-signed unsigned" /dev/null
 image=("$pack" image large --key "$keys/image-signer.pem" -o signed-large)
 begin_large() {
     env --default-signal "${image[@]}" 2>interrupted &
@@ -357,14 +313,11 @@ expect 0 '^velmora-pack: signed-large: File exists' cat interrupted
 expect 0 '^mine$' cat signed-large
 rm signed-large
 ulimit -S -c hard
-for signal in HUP INT QUIT; do
-    begin_large
-    kill -s "$signal" $!
-    status=0
-    wait $! || status=$?
-    expect 0 '^1(29|30|31)$' echo "$status"
-    expect 1 '^$' compgen -G '.velmora-pack-*'
-done
+begin_large
+kill -s QUIT $!
+wait $! || status=$?
+expect 0 '^131$' echo "$status"
+expect 1 '^$' compgen -G '.velmora-pack-*'
 
 # No child gets a PIN, no core dump or log holds it, and nobody sees it in the
 # environment or the arguments of the process.
