@@ -33,7 +33,7 @@ done
 # The reasons that it shows are the library's.
 while IFS= read -r reason; do
     grep -qF "$reason" "$build/src/libvelmora.so.1" || fail "README.md shows: $reason"
-done < <(sed -n 's/.*refused: //p' "$readme")
+done < <(sed -n 's/ *[a-z_]*\.cpp:[0-9]*$//; s/.*refused: //p' "$readme")
 rm -rf "$prefix"
 export HOME=$PWD
 ln -s "$prefix" velmora
