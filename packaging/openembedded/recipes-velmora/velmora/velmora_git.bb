@@ -6,7 +6,7 @@ PV = "1.0+git"
 # Where the sources are is for the platform's layer to say, in a bbappend.
 VELMORA_SRC_URI ??= ""
 SRC_URI = "${VELMORA_SRC_URI}"
-SRCREV ??= "45593537d306c1a73314be1be4ec58eb56606fbb"
+SRCREV ??= "025a22d3a95b2356bed6ea9a5e5304b06f75347e"
 
 python () {
     if not (d.getVar("VELMORA_SRC_URI") or d.getVar("EXTERNALSRC")):
