@@ -291,7 +291,7 @@ remarks unnamed 'names no known algorithm'
 remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
-expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip
+expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip files
 expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
 files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))
 print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'

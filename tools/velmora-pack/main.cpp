@@ -15,6 +15,7 @@
 #include <limits>
 #include <map>
 #include <new>
+#include <system_error>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -361,6 +362,12 @@ int inspect(const InspectOptions& options)
     int status = EXIT_SUCCESS;
     for (const fs::path& file : options.files)
     {
+        std::error_code unknown;
+        if (several && fs::is_directory(file, unknown))
+        {
+            // The shell's "*" names it as well.
+            continue;
+        }
         // Of two releases in two directories, JSON shows what differs.
         const std::string name =
             options.json ? file.filename().string() : file.string();
