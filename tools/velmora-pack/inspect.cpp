@@ -30,7 +30,11 @@ bool isDescriptor(const Source& file)
 {
     const std::string start = startOf(file);
     const std::size_t first = start.find_first_not_of("\xef\xbb\xbf \t\r\n");
-    return first != std::string::npos && start[first] == '<';
+    // Bytes of an image can begin like XML, which has no other control codes.
+    const bool isText = std::ranges::all_of(
+        start, [](unsigned char c)
+        { return c >= ' ' || c == '\t' || c == '\r' || c == '\n'; });
+    return isText && first != std::string::npos && start[first] == '<';
 }
 
 /** Only its name and its size tell anything. */

@@ -6,6 +6,8 @@ namespace pack
 namespace
 {
 
+constexpr std::uint64_t LARGEST_SIGNATURE_FILE = 64U << 10U;
+
 /** Whether its first packet is a signature: RFC 4880, 4.2. */
 bool isBinarySignature(Bytes file)
 {
@@ -56,7 +58,15 @@ Json describeSignature(const Source& file, Remarks& remarks)
 
 bool isSignature(const Source& file)
 {
-    return file.size() > 0 && isBinarySignature(file.read(0, 1));
+    if (file.size() > LARGEST_SIGNATURE_FILE)
+    {
+        return false;
+    }
+    // An image begins like one, too, at times.
+    Remarks ignored;
+    const Buffer content = file.readAll();
+    return isBinarySignature(content) &&
+           !describeSignatures(content, ignored).empty();
 }
 
 } // namespace pack
