@@ -144,6 +144,7 @@ Function* next(const char* name)
 // clang-format off
 FAULT(int, fork, (), (), failed(EAGAIN) - 1)
 FAULT(int, waitpid, (int p, int* s, int o), (p, s, o), failed(EINTR))
+FAULT(int, unlink, (const char* p), (p), failed(EPERM))
 FAULT(int, open64, (const char* p, int f, unsigned m), (p, f, m), failed(EACCES))
 FAULT(int, statx, (int d, const char* p, int f, unsigned m, struct statx* s), (d, p, f, m, s), failed(EIO))
 FAULT_AT(int, stat, STAT, (const char* p, struct stat* s), (p, s), failed(EOVERFLOW))

@@ -81,7 +81,7 @@ class Faults : public SignedPayload
              {}},
             {"validateCertChainForPayload",
              [this] { return ValidateQOR::validateCertChainForPayload(path); },
-             {},
+             {"unlink"},
              true},
             {"getImagePurpose",
              [this]
@@ -197,11 +197,14 @@ TEST_F(Faults, EveryFailedCallEndsInARefusal)
     EXPECT_THAT(lines, testing::IsSupersetOf(
                            {image + "Failed to create signature verifying "
                                     "context",
-                            image + "Failed in EVP_DigestVerifyUpdate()",
                             image + "Failed to allocate buffer for signature "
                                     "verification",
                             std::string("FAILURE extractManifest: Failed to "
                                         "allocate memory for maifest")}));
+    faulted("EVP_DigestVerifyUpdate", 1,
+            ValidateQOR::verifyManifestAndSignature, scratch / "image",
+            scratch / "manifest");
+    EXPECT_EQ(log.back(), image + "Failed in EVP_DigestVerifyUpdate()");
 }
 
 TEST_F(Faults, SlotStatusesOfSystemCalls)
@@ -338,9 +341,26 @@ TEST_F(Faults, ResultsWithoutContentAreRefused)
     EXPECT_FALSE(valid());
     EXPECT_THAT(
         log, ElementsAre("INFO err: gpgme_op_verify_result failed", "FAILURE"));
-    EXPECT_FALSE(
-        faulted("read", 1, ValidateQOR::validateSytemIdFromPkgXML, descriptor));
-    EXPECT_THAT(log, testing::Not(Contains(HasSubstr(": limit : "))));
+    // Neither a read that fails nor an open for which no number is free is to
+    // pass for an empty document.
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    for (const bool full : {false, true})
+    {
+        if (full)
+        {
+            meanwhile = [none = rlimit{0, before.rlim_max}]
+            { setrlimit(RLIMIT_NOFILE, &none); };
+        }
+        const auto identify = [&]
+        {
+            EXPECT_FALSE(ValidateQOR::validateSytemIdFromPkgXML(descriptor));
+            return setrlimit(RLIMIT_NOFILE, &before);
+        };
+        faulted(full ? "stat" : "read", 1, identify);
+        EXPECT_THAT(log, testing::Not(Contains(
+                             testing::ContainsRegex("xml: (limit|line)"))));
+    }
     _gpgme_op_verify_result noSignature{};
     insteadOfResult = &noSignature;
     EXPECT_FALSE(valid());
@@ -489,6 +509,24 @@ TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
     EXPECT_EQ(log.back(), "INFO operator(): Clear ctx before exiting...");
     EXPECT_THAT(released,
                 ElementsAre("munmap", "close", "X509_free", "EVP_PKEY_free"));
+}
+
+TEST_F(Faults, TheRootCaGoesBeforeTheRefusalIsLogged)
+{
+    for (const std::function<void()>& spoil :
+         {std::function<void()>([] { fs::remove(ROOT_CA); }),
+          {[] { writeFile(ROOT_CA, ""); }},
+          {[] { writeFile(ROOT_CA, "another"); }},
+          {[this] { writeFile(path, "x" + good()); }}})
+    {
+        useRootCa();
+        spoil();
+        meanwhile = [] { std::cerr << "goes" << std::endl; };
+        faulted("unlink", 1, ValidateQOR::validateCertChainForPayload, path);
+        ASSERT_GE(log.size(), 2U);
+        EXPECT_THAT(Lines(log.end() - 2, log.end()),
+                    ElementsAre("goes", "FAILURE"));
+    }
 }
 
 TEST_F(Faults, ReleasesComeInOrder)

@@ -249,7 +249,7 @@ TEST_F(Image, TheServiceDecides)
 {
     expectRefusal("vornFwManifestVerification() method returned an error", 1);
     const std::string good = key;
-    key += "behind";
+    key = le(257, 2) + good.substr(2) + std::string(257, ' ');
     EXPECT_EQ(verify(), 0);
     for (const std::string& reply :
          {std::string("x"), le(1, 2), le(good.size() - 1, 2) + good.substr(2),
