@@ -56,6 +56,8 @@ library=$("$velmora" --version | sed 's/.*with \(.*\), build-id.*/\1/')
 LC_ALL=C sed 's/signer_files.cpp 12000/s 99999999999999999999/' "$library" >odd.so
 expect 3 'odd.so: a record of its causes cannot be read: s 9999' "$velmora" explain \
     --library odd.so log
+truncate -s 3G odd.so
+expect 3 'odd.so: it is too large for a library' "$velmora" explain --library odd.so log
 sed -nE 's/^\| `([^`]+)` \|.*/\1/p' "$page" >causes
 [ "$(wc -l <causes)" -ge 20 ] || fail "the page lists too few refusals"
 while read -r cause; do

@@ -114,8 +114,9 @@ TEST(LogReader, EveryFormGivesTheSameAnswer)
          {shortForm, compressed(shortForm) + compressed("\n"),
           inForm("2026-11-25T04:10:31+00:00 bmc updated[", "]: ", " \r\n"),
           inForm("\x1b[0;1;39mNov 25 bmc updated[", "]: \x1b[31m", "\x1b[0m\n"),
-          inForm("-- Boot x --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
+          inForm("-- No entry --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
                  "\n    MESSAGE=", "\n    SYSLOG_IDENTIFIER=updated\n"),
+          "__CURSOR=0\n" + inForm("_PID=", "\nMESSAGE=", "\n\n__CURSOR=1\n"),
           "updated is started\n" +
               inForm(R"({"_PID":")", R"(","MESSAGE":")", "\"}\n"),
           inForm(R"({"log":"bmc updated[)", "]: ", "\\n\"}\n"),
@@ -140,6 +141,8 @@ TEST(LogReader, AnotherBuildIsDoubted)
           "FAILURE: extract.4107: no", "FAILURE: extract.8100: no version",
           "FAILURE: check.10152: Failed in EVP()",
           "Line: 5055 [FAILURE]\nLine: 1041 [FAILURE]",
+          "-- Boot 2 --\nu[1]: Line: 1041 [FAILURE]",
+          "u[1]: Line: 1041 [FAILURE]\nu[1]: Line: 1041 [FAILURE]",
           "velmora 1, with x, build-id b", "velmora[2]: velmora 1, build-id b"})
     {
         EXPECT_THAT(explained(refusal + line),
@@ -157,13 +160,19 @@ TEST(LogReader, AnotherBuildIsDoubted)
         EXPECT_THAT(explained(start + echo + "velmora 1, build-id b\n"),
                     ElementsAre("the log names the build-id b"));
     }
-    // The text of a package can be there.
+    // The text of a package can be there, and in what a parser says.
+    EXPECT_THAT(explained("x.xml: line 1: 'b Line: 4107 [FAILURE]\n"
+                          "Line: 5055 [FAILURE]\n"),
+                ElementsAre("refused: no identifier"));
+    EXPECT_THAT(explained("Line: 5084 [INFO e.what(): the clock]\n"
+                          "Line: 5080 [INFO x: 1]\nLine: 5085 [FAILURE]\n"),
+                ElementsAre("refused: no system is this one"));
     for (const char* process : {"", "u[1]: ", "velmora[3]: "})
     {
         const std::string before =
             process + std::string("Line: 3091 [SUCCESS]");
         EXPECT_THAT(explained(before + '\n' + process + version + echo),
-                    ElementsAre("line 1041 passes on what did not fail"));
+                    ElementsAre(HasSubstr("1041 passes on what did not fail")));
     }
 }
 
@@ -186,6 +195,13 @@ TEST(LogReader, EachEndingHasItsWord)
     EXPECT_THAT(explained(comparing + "Line: 3043 [FAILURE]"),
                 ElementsAre(HasSubstr("no verdict: a systemID"),
                             "failed: no such value"));
+    // Of a log that is cut.
+    for (const char* last :
+         {"Line: 4078 [INFO signCount: 1]\n", "Line: 4107 [F"})
+    {
+        EXPECT_THAT(explained(last),
+                    ElementsAre("no verdict: its result is not in the log"));
+    }
 }
 
 TEST(LogReader, HostileLogsCostLittle)
@@ -201,6 +217,8 @@ TEST(LogReader, HostileLogsCostLittle)
     const std::string half = compressed(std::string(std::size_t{1} << 27, '0'));
     EXPECT_THROW(explained(half + half + half), tools::Error);
     EXPECT_THROW(explained(half.substr(0, 1000)), tools::Error);
+    EXPECT_THROW(explained(compressed("x\n") + "Line: 4107 [FAILURE]\n"),
+                 tools::Error);
 }
 
 } // namespace

@@ -7,10 +7,12 @@
 #include <fcntl.h>
 #include <gelf.h>
 #include <link.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <set>
 #include <sstream>
@@ -29,8 +31,10 @@ constexpr std::string_view SECTION = ".velmora.causes";
 constexpr int BLOCK = 1000;
 /** The highest beginning of a block that is believed. */
 constexpr int MAX_BLOCK = 1'000'000;
-/** No library has more of it; in bytes. */
-constexpr std::size_t MAX_SECTION = 1 << 20;
+/** What no library is larger than; in bytes. */
+constexpr off_t MAX_LIBRARY = off_t{256} << 20;
+/** Of what is looked at, all together; in bytes. */
+constexpr std::uint64_t MAX_SECTIONS = 1 << 20;
 /** Of a record that cannot be read. */
 constexpr std::size_t MAX_SHOWN = 100;
 
@@ -93,10 +97,6 @@ bool readRecord(const std::string& record, Site& site)
 
 void readRecords(std::string_view content, CauseTable& table)
 {
-    if (content.size() > MAX_SECTION)
-    {
-        throw tools::Error(table.library, "its table of causes is too large");
-    }
     std::istringstream records{std::string(content)};
     std::set<std::string> judging;
     for (std::string record; std::getline(records, record, '\0');)
@@ -157,9 +157,15 @@ CauseTable readCauses(const std::string& library)
     {
         throw tools::systemError(library);
     }
+    struct stat status{};
+    if (fstat(file.get(), &status) != 0 || status.st_size > MAX_LIBRARY)
+    {
+        throw tools::Error(library, "it is too large for a library");
+    }
     elf_version(EV_CURRENT);
     const tools::Handle<Elf, elf_end> elf(
         elf_begin(file.get(), ELF_C_READ, nullptr));
+    std::uint64_t left = MAX_SECTIONS;
     std::size_t names = 0;
     Elf_Scn* section = nullptr;
     while (elf_getshdrstrndx(elf.get(), &names) == 0 &&
@@ -168,11 +174,21 @@ CauseTable readCauses(const std::string& library)
         GElf_Shdr header{};
         gelf_getshdr(section, &header);
         const char* name = elf_strptr(elf.get(), names, header.sh_name);
-        if (name != nullptr && name == SECTION)
+        const bool isTable = name != nullptr && name == SECTION;
+        if (!isTable && header.sh_type != SHT_NOTE)
+        {
+            continue;
+        }
+        if (header.sh_size > left)
+        {
+            throw tools::Error(library, "its table of causes is too large");
+        }
+        left -= header.sh_size;
+        if (isTable)
         {
             readRecords(contentOf(section), table);
         }
-        else if (header.sh_type == SHT_NOTE)
+        else
         {
             readBuildId(section, table.buildId);
         }

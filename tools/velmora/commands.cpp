@@ -99,14 +99,6 @@ std::string adviceOnBus(const std::string& lookAt)
 namespace
 {
 
-/** A value that the log has, or empty. */
-std::string detailOf(const Operation& operation, std::string_view name)
-{
-    const auto found =
-        std::ranges::find(operation.details, name, &Detail::name);
-    return found != operation.details.end() ? found->text : "";
-}
-
 /** What came of an operation, as the log tells it.
  *
  *  @param answered the verdict where a service answered with an error */
@@ -118,15 +110,16 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::UNCHECKED)
         return {};
     }
     Answer answer{Verdict::REFUSED, refusal.reason(), refusal};
-    if (!refusal.exception.empty())
+    const std::string lookAt = refusal.detail("lookAt");
+    const std::string exception = refusal.detail("exception");
+    if (!lookAt.empty() && !exception.empty())
     {
-        const bool has = hasAnswered(refusal.exception);
+        const bool has = hasAnswered(exception);
         answer.verdict = has ? answered : Verdict::UNCHECKED;
         answer.reason =
             refusal.site.text +
             (has ? ": it answered with an error: " : ": it did not answer: ") +
-            refusal.exception +
-            (has ? "" : "; " + adviceOnBus(detailOf(refusal, "lookAt")));
+            exception + (has ? "" : "; " + adviceOnBus(lookAt));
     }
     return answer;
 }
@@ -376,7 +369,7 @@ Answer validateDirectory(const Request& request, const fs::path& package,
     {
         answer.reason = "made for " + systemsIn(package) +
                         ", this machine is " +
-                        detailOf(answer.refusal, "thisSystem");
+                        answer.refusal.detail("thisSystem");
     }
     if (answer.isVerified || source.starts_with("descriptor_signature"))
     {
@@ -520,12 +513,12 @@ Answer verifyImage(const Request& request)
         answer.reason =
             isOlder ? std::string("NOT verified: ") + OLDER_FORMAT : "";
     }
-    else if (!detailOf(answer.refusal, "exceptionType").empty())
+    else if (!answer.refusal.detail("exceptionType").empty())
     {
         // Only the call throws; the log does not tell why.
         answer.verdict = Verdict::UNCHECKED;
         answer.reason += ": it answered with an error, or not at all; " +
-                         adviceOnBus(detailOf(answer.refusal, "lookAt"));
+                         adviceOnBus(answer.refusal.detail("lookAt"));
     }
     return answer;
 }

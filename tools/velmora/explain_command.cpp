@@ -1,17 +1,14 @@
 #include "explain_command.hpp"
 
 #include "common/error.hpp"
-#include "common/files.hpp"
 #include "common/handles.hpp"
 #include "json.hpp"
 #include "log_reader.hpp"
 
 #include <fcntl.h>
 
-#include <fstream>
-#include <iomanip>
+#include <cstddef>
 #include <iostream>
-#include <sstream>
 
 namespace velmora::front
 {
@@ -19,41 +16,35 @@ namespace velmora::front
 namespace
 {
 
-/** The column of the places in the source. */
-constexpr int TEXT_WIDTH = 60;
 /** In bytes; it says more than the log. */
-constexpr std::size_t MAX_ANSWER = std::size_t{256} << 20;
+constexpr std::size_t MAX_ANSWER = std::size_t{64} << 20;
 
-void writeLine(std::ostream& out, const std::string& text, const Site& site)
+/** One line, with the place in the source behind it. */
+std::string lineOf(const std::string& text, const Site& site)
 {
-    out << std::left << std::setw(site.file.empty() ? 0 : TEXT_WIDTH)
-        << tools::printable(text);
-    if (!site.file.empty())
-    {
-        out << ' ' << tools::printable(site.file) << ':' << site.line;
-    }
-    out << '\n';
+    const std::string place =
+        site.file.empty() ? ""
+                          : "  " + site.file + ':' + std::to_string(site.line);
+    return tools::printable(text + place) + '\n';
 }
 
 std::string inText(const Operation& operation)
 {
-    std::ostringstream out;
-    writeLine(out, operation.word() + (": " + operation.reason()),
-              operation.site);
+    std::string text =
+        lineOf(operation.word() + (": " + operation.reason()), operation.site);
     for (const Site& note : operation.notes)
     {
-        writeLine(out, "    note: " + note.text, note);
+        text += lineOf("    note: " + note.text, note);
     }
     for (const Detail& detail : operation.details)
     {
-        out << "    " << inWords(detail.name) << ": "
-            << tools::printable(detail.text) << '\n';
+        text += lineOf("    " + inWords(detail.name) + ": " + detail.text, {});
     }
     for (const Site& echo : operation.echoes)
     {
-        writeLine(out, "    so: " + echo.text, echo);
+        text += lineOf("    so: " + echo.text, echo);
     }
-    return out.str();
+    return text;
 }
 
 std::string inJson(const Operation& operation, const std::string& buildId)
@@ -63,22 +54,15 @@ std::string inJson(const Operation& operation, const std::string& buildId)
     object["buildIsKnown"] = operation.isBuildKnown;
     object["verdict"] = operation.word();
     object["reason"] = operation.reason();
-    object["cause"] = asJson(operation.site);
-    for (const auto& [name, sites] : {std::pair("echoes", &operation.echoes),
-                                      std::pair("notes", &operation.notes)})
-    {
-        object[name] = nlohmann::ordered_json::array();
-        for (const Site& site : *sites)
-        {
-            object[name].push_back(asJson(site));
-        }
-    }
+    object["cause"] = operation.site;
+    object["echoes"] = operation.echoes;
+    object["notes"] = operation.notes;
     object["details"] = detailsAsJson(operation);
     return asText(object);
 }
 
-/** Keeps the answer in a file until the whole log is read: every line may show
- *  that another build wrote it. */
+/** Keeps the answer until the whole log is read: every line may show that
+ *  another build wrote it. */
 class Answer
 {
   public:
@@ -94,80 +78,57 @@ class Answer
      *  @param objection what speaks against all of it, or empty */
     void print(const std::string& objection);
 
-    bool isEmpty() const { return size_ == 0; }
+    bool isEmpty() const { return text_.empty(); }
     bool hasUnknown() const { return hasUnknown_; }
 
   private:
-    std::string next(const Operation& operation);
-
     const std::string& buildId_;
     bool json_;
-    tools::TemporaryDirectory directory_;
-    std::fstream file_{directory_.path() / "answer",
-                       std::ios::in | std::ios::out | std::ios::trunc};
-    std::size_t size_ = 0;
+    std::string text_;
     bool hasUnknown_ = false;
-    /** The build under which what follows is to be read. */
-    std::string heading_;
+    bool isBuildKnown_ = true;
 };
 
 void Answer::add(const Operation& operation)
 {
-    if (size_ > MAX_ANSWER)
+    if (text_.size() > MAX_ANSWER)
     {
         throw tools::Error("the answer",
-                           "it has more than 256 MiB: cut the log");
+                           "it has more than 64 MiB: cut the log");
     }
-    file_ << next(operation);
-}
-
-/** Written behind what there is already. */
-std::string Answer::next(const Operation& operation)
-{
     hasUnknown_ |= operation.ending == Operation::Ending::UNKNOWN;
-    std::string text;
-    if (json_)
-    {
-        text = (isEmpty() ? "[" : ",\n") + inJson(operation, buildId_);
-    }
-    else
-    {
-        const std::string heading =
-            (operation.isBuildKnown ? "build " : "if build ") + buildId_ +
-            " wrote this:\n";
-        text = (heading == heading_ ? "" : heading) + inText(operation);
-        heading_ = heading;
-    }
-    size_ += text.size();
-    return text;
+    isBuildKnown_ &= operation.isBuildKnown;
+    text_ += !json_      ? inText(operation)
+             : isEmpty() ? inJson(operation, buildId_)
+                         : ",\n" + inJson(operation, buildId_);
 }
 
 void Answer::print(const std::string& objection)
 {
-    if (!file_.seekg(0))
-    {
-        throw tools::Error(directory_.path().string(),
-                           "the answer cannot be kept here; is there room?");
-    }
     if (!objection.empty())
     {
+        text_.clear();
         Operation unknown;
         unknown.ending = Operation::Ending::UNKNOWN;
         unknown.site.text = "another build wrote this: " + objection;
-        size_ = 0;
-        heading_.clear();
-        std::cout << next(unknown);
+        add(unknown);
+    }
+    if (json_)
+    {
+        std::cout << '[' << text_ << "]\n";
     }
     else if (!isEmpty())
     {
-        std::cout << file_.rdbuf();
+        std::cout << (isBuildKnown_ ? "build " : "if build ") << buildId_
+                  << " wrote this:\n"
+                  << text_;
     }
-    std::cout << (!json_ ? "" : isEmpty() ? "[]\n" : "]\n") << std::flush;
+    std::cout.flush();
 }
 
 } // namespace
 
-bool explain(const std::string& log, const std::string& library, bool json)
+void explain(const std::string& log, const std::string& library, bool json)
 {
     const CauseTable& table =
         library.empty() ? linkedCauses() : readCauses(library);
@@ -215,7 +176,6 @@ bool explain(const std::string& log, const std::string& library, bool json)
     {
         std::cout << "nothing was refused\n";
     }
-    return true;
 }
 
 } // namespace velmora::front

@@ -25,9 +25,9 @@ inline std::string inWords(const std::string& name)
     return words;
 }
 
-inline nlohmann::ordered_json asJson(const Site& site)
+inline void to_json(nlohmann::ordered_json& json, const Site& site)
 {
-    return {{"file", site.file},
+    json = {{"file", site.file},
             {"line", site.line},
             {"number", site.number},
             {"text", site.text}};

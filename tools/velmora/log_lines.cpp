@@ -2,18 +2,21 @@
 
 #include "common/error.hpp"
 
-#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <ctime>
 #include <map>
+#include <optional>
+#include <span>
 #include <utility>
+#include <vector>
 
 namespace velmora::front
 {
@@ -24,14 +27,16 @@ namespace
 /** What a longer line or entry has behind it is cut off; in bytes. */
 constexpr std::size_t MAX_LINE = 65536;
 /** Of a log when it is unpacked; in bytes. */
-constexpr z_off_t MAX_LOG = z_off_t{256} << 20;
+constexpr std::size_t MAX_LOG = std::size_t{256} << 20;
+constexpr std::string_view GZIP_MAGIC = "\x1f\x8b";
+/** inflateInit2() takes gzip's data then. */
+constexpr int GZIP_WINDOW = MAX_WBITS + 16;
 constexpr std::size_t DIGITS_OF_MICROSECONDS = 6;
 
 /** The fields of an entry that are looked at. */
-constexpr std::array FIELDS{"MESSAGE", "_PID", "SYSLOG_IDENTIFIER",
-                            "__REALTIME_TIMESTAMP", "log"};
-
-using GzipFile = tools::Handle<gzFile_s, gzclose>;
+constexpr std::array FIELDS{
+    "MESSAGE", "_PID", "_BOOT_ID", "SYSLOG_IDENTIFIER", "__REALTIME_TIMESTAMP",
+    "log"};
 
 /** A log that was copied from memory has NULs. */
 constexpr std::string_view BLANKS(" \t\r\n\0", 5);
@@ -102,26 +107,60 @@ class Splitter
     {
     }
 
-    void take(std::string_view rawLine);
-    /** Hands on an entry that has come to its end. */
-    void takeEntry();
+    /** Takes what follows, whole lines or not. */
+    void take(std::string_view text);
+    void finish();
+    /** Of all so far, in bytes. */
+    std::size_t size() const { return size_; }
 
   private:
+    void takeLine(std::string_view rawLine);
+    /** Hands on an entry that has come to its end. */
+    void takeEntry();
     void takePlain(std::string_view line) const;
     void takeObject(const std::string& text);
     void takeField(std::string_view name, std::string_view value);
 
     const std::function<void(const LogLine&)>& sink_;
+    std::size_t size_ = 0;
+    std::string line_;
     /** The lines of an object of "-o json-pretty" that has begun. */
     std::string object_;
-    /** Whether an entry of "-o verbose" has begun. */
+    /** Whether an entry of "-o verbose" or "-o export" has begun. */
     bool isInEntry_ = false;
+    /** What its lines begin with; nothing in a log that is all "-o export". */
+    std::string_view margin_ = "    ";
+    bool isFirst_ = true;
     std::map<std::string, std::string, std::less<>> fields_;
 };
 
-void Splitter::take(std::string_view rawLine)
+void Splitter::take(std::string_view text)
+{
+    size_ += text.size();
+    while (!text.empty())
+    {
+        const auto end = std::min(text.find('\n'), text.size());
+        line_ += text.substr(0, std::min(end, MAX_LINE - line_.size()));
+        text.remove_prefix(end);
+        if (!text.empty())
+        {
+            text.remove_prefix(1);
+            takeLine(line_);
+            line_.clear();
+        }
+    }
+}
+
+void Splitter::finish()
+{
+    takeLine(line_);
+    takeEntry();
+}
+
+void Splitter::takeLine(std::string_view rawLine)
 {
     const std::string line = cleaned(rawLine);
+    const bool isFirst = std::exchange(isFirst_, false);
     const bool isIndented = line.starts_with('\t') || line.starts_with(' ');
     std::string object = std::exchange(object_, {});
     if (line == "{")
@@ -137,16 +176,18 @@ void Splitter::take(std::string_view rawLine)
     {
         takeObject(object + line);
     }
-    else if (isInEntry_ && line.starts_with("    "))
+    else if (isInEntry_ && !line.empty() && line.starts_with(margin_))
     {
-        const auto end = std::min(line.find('='), line.size() - 1);
-        takeField(std::string_view(line).substr(4, end - 4),
-                  std::string_view(line).substr(end + 1));
+        const auto field = std::string_view(line).substr(margin_.size());
+        const auto end = std::min(field.find('='), field.size() - 1);
+        takeField(field.substr(0, end), field.substr(end + 1));
     }
     else
     {
         takeEntry();
-        isInEntry_ = line.ends_with(']') && line.find(" [s=") < line.size();
+        margin_ = isFirst && line.starts_with("__CURSOR=") ? "" : margin_;
+        isInEntry_ = margin_.empty() ||
+                     (line.ends_with(']') && line.find(" [s=") < line.size());
         takePlain(line);
     }
 }
@@ -156,9 +197,11 @@ void Splitter::takePlain(std::string_view line) const
     const auto start = startOf(line);
     const auto prefix = line.substr(0, start);
     const auto process = processIn(prefix);
-    // A process writes our lines whole: one behind other words is quoted.
+    // A process writes our lines whole: one behind other words is quoted, as
+    // by the parser, which does so within apostrophes.
     const bool isQuoted =
-        !process.empty() && !prefix.substr(0, start - 2).ends_with(process);
+        prefix.find('\'') < prefix.size() ||
+        (!process.empty() && !prefix.substr(0, start - 2).ends_with(process));
     sink_({process, prefix.substr(0, prefix.find_last_not_of(" :") + 1),
            isQuoted ? std::string_view() : line.substr(start)});
 }
@@ -200,6 +243,8 @@ void Splitter::takeEntry()
     std::string& time = fields["__REALTIME_TIMESTAMP"];
     time.erase(time.size() - std::min(time.size(), DIGITS_OF_MICROSECONDS));
     const std::string origin = date(time) + (time.empty() ? "" : " ") + process;
+    // Another boot gives the same number to another process.
+    const std::string key = process + fields["_BOOT_ID"];
     const std::string text = fields["MESSAGE"] + fields["log"];
     std::string_view rest = text;
     while (!rest.empty())
@@ -212,9 +257,48 @@ void Splitter::takeEntry()
         }
         else
         {
-            sink_({process, origin, line});
+            sink_({key, origin, line});
         }
     }
+}
+
+/** Unpacks what gzip has packed, in one go or in several. */
+class Unpacker
+{
+  public:
+    Unpacker() { inflateInit2(&stream_, GZIP_WINDOW); }
+    Unpacker(const Unpacker&) = delete;
+    Unpacker& operator=(const Unpacker&) = delete;
+    ~Unpacker() { inflateEnd(&stream_); }
+
+    /** @return whether it can be what gzip makes */
+    bool take(std::span<char> packed, Splitter& splitter);
+    /** Whether nothing is missing. */
+    bool isAtEnd() const { return status_ == Z_STREAM_END; }
+
+  private:
+    z_stream stream_{};
+    int status_ = Z_OK;
+    std::array<char, MAX_LINE> text_{};
+};
+
+bool Unpacker::take(std::span<char> packed, Splitter& splitter)
+{
+    stream_.next_in = reinterpret_cast<Bytef*>(packed.data());
+    stream_.avail_in = static_cast<uInt>(packed.size());
+    do
+    {
+        if (isAtEnd())
+        {
+            inflateReset(&stream_);
+        }
+        stream_.next_out = reinterpret_cast<Bytef*>(text_.data());
+        stream_.avail_out = static_cast<uInt>(text_.size());
+        status_ = inflate(&stream_, Z_NO_FLUSH);
+        splitter.take({text_.data(), text_.size() - stream_.avail_out});
+    } while (status_ == Z_OK || (isAtEnd() && stream_.avail_in > 0));
+    // It cannot go on without more.
+    return isAtEnd() || status_ == Z_BUF_ERROR;
 }
 
 } // namespace
@@ -222,47 +306,44 @@ void Splitter::takeEntry()
 void readLog(const tools::FileDescriptor& file, const std::string& name,
              const std::function<void(const LogLine&)>& sink)
 {
-    // What is not compressed is read as it is.
-    const int copy = fcntl(file.get(), F_DUPFD_CLOEXEC, 0);
-    const GzipFile input(gzdopen(copy, "rb"));
-    if (input == nullptr)
-    {
-        close(copy);
-        throw tools::systemError(name);
-    }
-    gzbuffer(input.get(), MAX_LINE);
-    std::array<char, MAX_LINE> buffer{};
     Splitter splitter(sink);
-    z_off_t total = 0;
-    bool isBegin = true;
-    while (total <= MAX_LOG &&
-           gzgets(input.get(), buffer.data(), buffer.size()) != nullptr)
+    Unpacker unpacker;
+    std::optional<bool> isPacked;
+    bool isSound = true;
+    std::vector<char> piece(MAX_LINE);
+    ssize_t count = 0;
+    while (isSound && splitter.size() <= MAX_LOG &&
+           (count = read(file.get(), piece.data(), piece.size())) > 0)
     {
-        // It tells the length even where a line has a NUL.
-        const z_off_t end = gztell(input.get());
-        const std::string_view piece(buffer.data(),
-                                     static_cast<std::size_t>(end - total));
-        total = end;
-        if (isBegin)
+        const std::string_view text(piece.data(),
+                                    static_cast<std::size_t>(count));
+        isPacked = isPacked.value_or(text.starts_with(GZIP_MAGIC));
+        if (*isPacked)
         {
-            splitter.take(piece);
+            isSound =
+                unpacker.take(std::span(piece).first(text.size()), splitter);
         }
-        isBegin = piece.ends_with('\n');
+        else
+        {
+            splitter.take(text);
+        }
     }
-    splitter.takeEntry();
-    int error = Z_OK;
-    gzerror(input.get(), &error);
-    if (error == Z_ERRNO)
+    const int error = errno;
+    splitter.finish();
+    if (count < 0)
     {
+        errno = error;
         throw tools::systemError(name);
     }
-    if (error != Z_OK || total > MAX_LOG)
+    if (splitter.size() > MAX_LOG)
     {
-        throw tools::Error(
-            name, error != Z_OK
-                      ? "its gzip data is damaged, or ends early"
-                      : "it has more than 256 MiB: cut it, such as with "
-                        "journalctl --since");
+        throw tools::Error(name, "it has more than 256 MiB: cut it, such as "
+                                 "with journalctl --since");
+    }
+    if (isPacked.value_or(false) && !unpacker.isAtEnd())
+    {
+        throw tools::Error(name, "its gzip data is damaged, ends early, or has "
+                                 "something else behind it");
     }
 }
 

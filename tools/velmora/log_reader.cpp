@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <exception>
+#include <ranges>
 #include <system_error>
 
 namespace velmora::front
@@ -14,8 +15,6 @@ namespace velmora::front
 namespace
 {
 
-/** Of each kind in one operation; of more, the last are kept. */
-constexpr std::size_t MAX_ITEMS = 32;
 /** Of more, the one that has been silent for longest is at its end. */
 constexpr std::size_t MAX_PROCESSES = 64;
 /** A longer text is cut; in bytes. */
@@ -44,6 +43,7 @@ constexpr std::array EXTRACTOR_CODES{
     Meaning{9, "not a ZIP file, or not there"},
     Meaning{11, "no member matched"},
     Meaning{50, "the disk is full, or a file cannot be made"},
+    Meaning{51, "a damaged archive: cut short"},
     Meaning{82, "encrypted member"},
     Meaning{127, "the extractor cannot be started"},
 };
@@ -101,13 +101,12 @@ constexpr std::array VALUES{
     Value{"timestamp =", "signingTime", date},
 };
 
-void addBounded(std::vector<Site>& sites, const Site& site)
+void addOnce(std::vector<Site>& sites, const Site& site)
 {
-    if (sites.size() == MAX_ITEMS)
+    if (std::ranges::find(sites, site) == sites.end())
     {
-        sites.erase(sites.begin());
+        sites.push_back(site);
     }
-    sites.push_back(site);
 }
 
 /** Takes @p start off the text, if it is there. */
@@ -126,13 +125,6 @@ bool isMadeWith(const std::string& format, std::string_view text)
                                         : text == format;
 }
 
-const Detail* findDetail(const Operation& operation, std::string_view name)
-{
-    const auto found =
-        std::ranges::find(operation.details, name, &Detail::name);
-    return found != operation.details.end() ? &*found : nullptr;
-}
-
 /** A new value takes the place of the one before: a document that a parser
  *  quotes may imitate lines of ours, but the last are ours. */
 void addDetail(Operation& operation, Detail detail)
@@ -146,36 +138,34 @@ void addDetail(Operation& operation, Detail detail)
     }
 }
 
-/** What says more about the failure than its cause alone, or null. */
-const Detail* findTelling(const Operation& operation)
+/** What says more about the failure than its cause alone, or empty. */
+std::string tellingOf(const Operation& operation)
 {
-    const Detail* nearest = nullptr;
-    for (const Detail& detail : operation.details)
+    const auto isNear = [&operation](const Detail& detail)
     {
         const int distance = operation.site.number - detail.number;
-        if (distance >= 0 && distance < detail.reach &&
-            (nearest == nullptr || detail.number > nearest->number))
-        {
-            nearest = &detail;
-        }
-    }
-    return nearest;
+        return distance >= 0 && distance < detail.reach;
+    };
+    const auto newest = std::views::reverse(operation.details);
+    const auto found = std::ranges::find_if(newest, isNear);
+    return found != newest.end() ? found->text : "";
 }
 
 /** Whether the systems that a descriptor lists were being compared. */
 bool isComparing(const Operation& operation)
 {
-    const Detail* listed = findDetail(operation, "systemsListed");
-    return listed != nullptr && listed->text != "0";
+    const std::string listed = operation.detail("systemsListed");
+    return !listed.empty() && listed != "0";
 }
 
-/** Whether a failure of @p source is under way. */
-bool isUnderWay(const std::optional<Operation>& refusal,
-                const std::string& source)
+/** Whether a failure of the source of @p echo is under way, and has not been
+ *  passed on by it. */
+bool isUnderWay(const std::optional<Operation>& refusal, const Site& echo)
 {
-    const auto isOf = [&source](const Site& site)
-    { return site.file == source + ".cpp"; };
+    const auto isOf = [&echo](const Site& site)
+    { return site.file == echo.source + ".cpp"; };
     return refusal &&
+           std::ranges::find(refusal->echoes, echo) == refusal->echoes.end() &&
            (isOf(refusal->site) || std::ranges::any_of(refusal->echoes, isOf));
 }
 
@@ -188,26 +178,32 @@ const char* Operation::word() const
     return WORDS.at(static_cast<std::size_t>(ending));
 }
 
+std::string Operation::detail(std::string_view name) const
+{
+    const auto found = std::ranges::find(details, name, &Detail::name);
+    return found != details.end() ? found->text : "";
+}
+
 std::string Operation::reason() const
 {
     if (ending == Ending::PASSED)
     {
         return site.text;
     }
-    const Detail* detail = findTelling(*this);
-    std::string telling = detail != nullptr ? ": " + detail->text : "";
-    if (const Detail* own = findDetail(*this, "thisSystem");
-        own != nullptr && isComparing(*this) && site.file == IDENTITY_CHECK)
+    std::string telling = tellingOf(*this);
+    const std::string own = detail("thisSystem");
+    if (!own.empty() && isComparing(*this) && site.file == IDENTITY_CHECK)
     {
-        telling = ": this machine is " + own->text;
+        telling = "this machine is " + own;
     }
     // A good signature is refused only for its key.
-    telling = telling == ": Success" ? ": its key is not trusted" : telling;
+    telling = telling == "Success" ? "its key is not trusted" : telling;
     // A query does not know what its value is for. The operation that asked
     // does.
     const bool isQuery =
         !site.judges && !echoes.empty() && echoes.front().judges;
-    return (isQuery ? echoes.front().text + ": " : "") + site.text + telling;
+    return (isQuery ? echoes.front().text + ": " : "") + site.text +
+           (telling.empty() ? "" : ": ") + telling;
 }
 
 /** A line of the library. */
@@ -276,10 +272,11 @@ std::optional<LogReader::Line> LogReader::parse(std::string_view text)
     }
     else
     {
-        line.level = text == " [FAILURE]"    ? FAILURE
-                     : text == " [SUCCESS]"  ? SUCCESS
-                     : skip(text, " [INFO ") ? INFO
-                                             : NONE;
+        line.level = text == " [FAILURE]"   ? FAILURE
+                     : text == " [SUCCESS]" ? SUCCESS
+                     // Also one that is cut: it is not to go unheard.
+                     : skip(text, " [INFO ") || skip(text, " [") ? INFO
+                                                                 : NONE;
         text.remove_suffix(text.ends_with(']') ? 1 : 0);
         text = line.level == INFO ? text : std::string_view();
     }
@@ -335,7 +332,12 @@ LogReader::Process& LogReader::processOf(std::string_view name)
 
 void LogReader::take(const LogLine& logLine)
 {
-    // journalctl itself says something behind two dashes.
+    // Behind two dashes, journalctl itself says something.
+    if (logLine.text.starts_with("-- Boot ") ||
+        logLine.text.starts_with("-- Reboot "))
+    {
+        finishAll();
+    }
     if (logLine.text.empty() || logLine.text.starts_with("-- "))
     {
         return;
@@ -383,7 +385,13 @@ void LogReader::takeLine(Process& process, const Line& line)
     using enum Line::Level;
     if (line.level == INFO)
     {
+        // It would stand right before its failure.
+        std::erase_if(process.now.details, [](const Detail& detail)
+                      { return detail.reach == NEXT_LINE; });
         line.addValuesTo(process.now);
+        const auto next = table_.sites.lower_bound(line.number);
+        process.now.isBegun |=
+            next != table_.sites.end() && next->second.judges;
         return;
     }
     if (const std::string objection = objectionTo(process, line);
@@ -436,9 +444,10 @@ std::string LogReader::objectionTo(const Process& process,
     // The operation that it echoes may be the daemon's own.
     const bool passesOn =
         site.kind == Kind::PASSED_ON || site.kind == Kind::PARDON;
-    return passesOn && !isBuildKnown_ &&
-                   !isUnderWay(process.refusal, site.source)
-               ? "line " + number + " passes on what did not fail"
+    return passesOn && !isBuildKnown_ && !isUnderWay(process.refusal, site)
+               ? "line " + number +
+                     " passes on what did not fail, or the log does not "
+                     "begin early enough"
                : "";
 }
 
@@ -461,23 +470,22 @@ void LogReader::takeFailure(Process& process, const Line& line,
                             const Site& site)
 {
     auto& refusal = process.refusal;
-    if (site.kind == Kind::PASSED_ON && isUnderWay(refusal, site.source))
+    if (site.kind == Kind::PASSED_ON && isUnderWay(refusal, site))
     {
-        addBounded(refusal->echoes, site);
+        addOnce(refusal->echoes, site);
         line.addValuesTo(*refusal);
     }
-    else if (refusal && site.kind == Kind::PARDON &&
-             isUnderWay(refusal, site.source))
+    else if (refusal && site.kind == Kind::PARDON && isUnderWay(refusal, site))
     {
         // What it has read so far belongs to what goes on.
         process.now = std::move(*refusal);
         refusal.reset();
-        addBounded(process.now.notes, std::exchange(process.now.site, {}));
-        addBounded(process.now.notes, site);
+        addOnce(process.now.notes, std::exchange(process.now.site, {}));
+        addOnce(process.now.notes, site);
     }
     else if (site.kind == Kind::NOTE || site.kind == Kind::PARDON)
     {
-        addBounded(process.now.notes, site);
+        addOnce(process.now.notes, site);
     }
     else
     {
@@ -495,10 +503,8 @@ void LogReader::takeRefusal(Process& process, const Line& line,
     line.addValuesTo(refusal);
     const auto* service = std::ranges::find(
         SERVICES, site.file, &std::pair<std::string_view, const char*>::first);
-    const Detail* thrown = findTelling(refusal);
-    if (service != SERVICES.end() && thrown != nullptr)
+    if (service != SERVICES.end() && !tellingOf(refusal).empty())
     {
-        refusal.exception = thrown->name == "exception" ? thrown->text : "";
         addDetail(refusal, {"lookAt", service->second});
     }
     addDetail(refusal, {"message", std::string(line.text)});
@@ -519,7 +525,7 @@ void LogReader::finishRefusal(Process& process)
     }
     Operation refusal = std::move(*process.refusal);
     process.refusal.reset();
-    const bool isUnanswered = findDetail(refusal, "lookAt") != nullptr;
+    const bool isUnanswered = !refusal.detail("lookAt").empty();
     const bool judges = refusal.site.judges ||
                         std::ranges::any_of(refusal.echoes, &Site::judges);
     refusal.ending = judges && !isUnanswered ? Operation::Ending::REFUSED
@@ -537,6 +543,11 @@ void LogReader::finish(Process& process)
         // An exception leaves no line of its own.
         last.site.text = "a systemID of the descriptor is no number of 16 "
                          "bits, or the log ends early";
+        add(std::move(last));
+    }
+    else if (last.isBegun)
+    {
+        last.site.text = "its result is not in the log";
         add(std::move(last));
     }
     else if (!last.notes.empty())

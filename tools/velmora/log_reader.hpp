@@ -56,22 +56,24 @@ struct Operation
     }
     /** The ending in a word. */
     const char* word() const;
+    /** What a detail says, or empty. */
+    std::string detail(std::string_view name) const;
     /** The cause with the detail that tells most. */
     std::string reason() const;
 
     Ending ending = Ending::OPEN;
+    /** Whether a judgement is under way, of which a result is logged. */
+    bool isBegun = false;
     /** Whether the log names the build whose table is used. */
     bool isBuildKnown = false;
     /** The statement that refused, or the last one where all passed. */
     Site site;
     /** Statements that passed the refusal on. */
     std::vector<Site> echoes;
-    /** Harmless failures on the way. */
+    /** Harmless failures on the way, each once. */
     std::vector<Site> notes;
     /** One of each name. */
     std::vector<Detail> details;
-    /** Text of the exception that made it fail, where one did. */
-    std::string exception;
 };
 
 /** Reads a log, with lines of others between ours. Each process has its own

@@ -161,7 +161,7 @@ nlohmann::ordered_json asJson(const Command& command,
     object.update(answer.fields);
     if (answer.refusal.hasFailed())
     {
-        object["cause"] = asJson(answer.refusal.site);
+        object["cause"] = answer.refusal.site;
         object["details"] = detailsAsJson(answer.refusal);
     }
     return object;
@@ -417,11 +417,15 @@ try
     {
         return tools::endParse(app, e);
     }
-    const int status =
-        invocation.command != nullptr ? answerAll(invocation)
-        : explain(invocation.log, invocation.library, invocation.json)
-            ? 0
-            : static_cast<int>(Verdict::UNCHECKED);
+    int status = 0;
+    if (invocation.command != nullptr)
+    {
+        status = answerAll(invocation);
+    }
+    else
+    {
+        explain(invocation.log, invocation.library, invocation.json);
+    }
     if (!std::cout.flush())
     {
         throw std::runtime_error("the answer cannot be written to stdout");
