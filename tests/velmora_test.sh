@@ -12,9 +12,7 @@ root_ca=/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem
 # Packages.
 "$pack" "${package[@]}" --payload files --system-id 1 --system-id 0a1b -o p.zip
 expect 0 "^accepted: signed by TEST.* $(cat "$keys/fingerprint")\$" "$velmora" validate p.zip
-expect 0 'Line: [0-9]+ \[SUCCESS\]' "$velmora" validate --verbose p.zip
 expect 0 '^done$' "$velmora" unpack p.zip unpacked
-expect 0 '^accepted: signed by' "$velmora" validate unpacked
 expect 0 '^systems: 0001 0A1B$' "$velmora" info unpacked
 expect 0 '^BMC$' "$velmora" purpose unpacked
 expected=$("$velmora" info --json unpacked | grep -o '[0-9a-f]\{64\}')
@@ -31,7 +29,6 @@ expect 1 'refused: made for 0001, this machine is 0A1B' "$velmora" validate othe
 head -c 100 p.zip >cut.zip
 expect 1 'refused: the package: is no ZIP, or is cut short' "$velmora" validate cut.zip
 expect 3 '"verdict": "unchecked"' "$velmora" --json validate none.zip
-expect 2 '^velmora: PACKAGE is required' "$velmora" validate
 sed -i 's/systemID="[^"]*"/systemID="zz"/' unpacked/package.xml
 expect 1 'a systemID of the descriptor is no number, or too large: zz' "$velmora" validate unpacked
 expect 3 'platform service gave no identifier: .*; there is no system bus' env \
@@ -104,6 +101,7 @@ made=made.zip
 for name in install.sh PACKAGE.XML /tmp/x ../payload/x payload/sub/x; do
     strict "1 entry is not covered: $name$" add "$name"
 done
+strict 'it has more than 1000 directories' add "payload/$(printf 'd/%.0s' {1..1001})x"
 strict '.*: package.xml .a second time' add package.xml
 strict 'payload/a differs from another name in case only' add payload/A
 strict 'something stands behind its end record' eval 'echo x >>made.zip'
@@ -188,9 +186,7 @@ expect 0 '^done$' "$velmora" "${add[@]}"
 expect 1 'refused: .* it answered with an error: ' "$velmora" "${add[@]}"
 expect 0 '^M$' "$velmora" inventory model "$path"
 expect 0 '^done$' "$velmora" inventory remove "$path"
-expect 1 'refused: .* it answered with' "$velmora" inventory remove "$path"
-expect 2 'no inventory path' "$velmora" inventory model short
-expect 2 'None not in' "$velmora" inventory add "$path" --purpose None
+expect 2 'no inventory path' "$velmora" inventory model "$path/"
 sed -i 's/componentID="[^"]*"/componentID="7"/' unpacked/package.xml
 expect 0 '^TPM$' "$velmora" purpose unpacked
 

@@ -8,7 +8,6 @@
 #include "signer.hpp"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <set>
 #include <span>
 #include <stdexcept>
 #include <string_view>
@@ -55,8 +55,10 @@ constexpr std::streamoff METADATA_FROM_END = 76800 - 24576;
 constexpr std::size_t METADATA_SIZE = 512;
 /** What a file's end may waste, in bytes. */
 constexpr std::uint64_t BLOCK_SIZE = 4096;
-/** The extractor may always write so much into a file, in bytes. */
-constexpr std::uint64_t MIN_FILE_LIMIT = 1 << 20;
+/** A good package has one. */
+constexpr std::ptrdiff_t MAX_DIRECTORIES = 1000;
+/** Of a text from a descriptor, in bytes. */
+constexpr std::size_t MAX_SHOWN = 512;
 
 /** @throws std::runtime_error when a path cannot be read at all */
 void expectReadable(const Request& request, const fs::path& path)
@@ -149,31 +151,23 @@ Answer askForValue(const Request& request, const char* name,
     return answer;
 }
 
-/** Bounds what the extractor may write into one file, while it lives. The log
- *  is such a file too. */
-class FileLimit
-{
-  public:
-    explicit FileLimit(std::uint64_t size)
-    {
-        getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit limit = before_;
-        limit.rlim_cur =
-            std::min(before_.rlim_cur,
-                     static_cast<rlim_t>(std::max(size, MIN_FILE_LIMIT)));
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileLimit(const FileLimit&) = delete;
-    FileLimit& operator=(const FileLimit&) = delete;
-    ~FileLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
-
-  private:
-    rlimit before_{};
-};
-
 std::string tooLarge(const Request& request)
 {
     return "it has more than " + std::to_string(request.maxSize) + " bytes";
+}
+
+/** At most so many: they take room too, which no size tells. */
+std::ptrdiff_t directoriesIn(const tools::Archive& archive)
+{
+    std::set<std::string> seen;
+    std::ptrdiff_t count = 0;
+    for (const tools::ArchiveMember& member : archive.members())
+    {
+        const std::string path = fs::path(member.name).parent_path();
+        count +=
+            seen.insert(path).second ? std::ranges::count(path, '/') + 1 : 0;
+    }
+    return count;
 }
 
 /** What is wrong with an archive before anything of it is unpacked, or empty.
@@ -183,6 +177,10 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
     if (archive.totalSize() > request.maxSize)
     {
         return tooLarge(request);
+    }
+    if (directoriesIn(archive) > MAX_DIRECTORIES)
+    {
+        return "it has more than 1000 directories";
     }
     const tools::Progress progress(archive.totalSize());
     std::string objection;
@@ -205,18 +203,10 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
     return objection;
 }
 
-std::uint64_t sizeOfFilesIn(const fs::path& directory)
+std::uintmax_t roomIn(const fs::path& directory)
 {
-    std::uint64_t sum = 0;
-    std::error_code error;
-    for (fs::recursive_directory_iterator entry(directory, error), end;
-         !error && entry != end; entry.increment(error))
-    {
-        std::error_code noFile;
-        const std::uintmax_t size = entry->file_size(noFile);
-        sum += noFile ? 0 : size;
-    }
-    return sum;
+    std::error_code ignored;
+    return fs::space(directory, ignored).available;
 }
 
 /** By this program, in bytes. */
@@ -250,14 +240,8 @@ Answer extract(const Request& request, const fs::path& destination,
     {
         return {Verdict::REFUSED, objection};
     }
-    std::uint64_t largest = 0;
-    std::uint64_t needed = 0;
-    for (const tools::ArchiveMember& member : archive->members())
-    {
-        largest = std::max(largest, member.size);
-        needed += member.size + BLOCK_SIZE;
-    }
-    if (fs::space(destination).available < needed)
+    const std::uintmax_t room = roomIn(destination);
+    if (room < archive->totalSize() + archive->members().size() * BLOCK_SIZE)
     {
         throw std::runtime_error("no room is left in " + destination.string());
     }
@@ -266,9 +250,8 @@ Answer extract(const Request& request, const fs::path& destination,
     const fs::path link = work.path() / "package.zip";
     fs::create_symlink(fs::absolute(request.subject), link);
     const tools::WatchedProgress progress(
-        archive->totalSize(),
-        [&destination] { return sizeOfFilesIn(destination); });
-    const FileLimit limit(largest);
+        archive->totalSize(), [&destination, room]
+        { return room - std::min(room, roomIn(destination)); });
     return ask(request, [&] { return ValidateQOR::unZip(link, destination); });
 }
 
@@ -280,7 +263,7 @@ std::string systemsIn(const fs::path& package)
     {
         text += (text.empty() ? "" : " ") + system;
     }
-    return text;
+    return text.substr(0, MAX_SHOWN);
 }
 
 /** Says who has signed, or what is wrong with the signature. */
@@ -383,16 +366,6 @@ Answer validateDirectory(const Request& request, const fs::path& package,
     return answer;
 }
 
-/** What a strict check finds wrong with a file, or empty. */
-std::string fileObjection(const fs::path& path, const Request& request)
-{
-    return !request.strict ? ""
-           : !fs::is_regular_file(path)
-               ? path.filename().string() + " is no regular file"
-           : fs::file_size(path) > request.maxSize ? tooLarge(request)
-                                                   : "";
-}
-
 /** Also where there is none: the library says what is wrong with the file. */
 bool isMetadataGood(const std::string& payload)
 {
@@ -491,15 +464,9 @@ Answer verifyImage(const Request& request)
     }
     const bool isOlder = fs::is_regular_file(signature) &&
                          fs::file_size(signature) > SIGNATURE_FILE_MAX_SIZE;
-    for (const std::string& objection :
-         {std::string(isOlder && request.strict ? OLDER_FORMAT : ""),
-          fileObjection(request.subject, request),
-          fileObjection(manifest, request)})
+    if (isOlder && request.strict)
     {
-        if (!objection.empty())
-        {
-            return {Verdict::REFUSED, objection};
-        }
+        return {Verdict::REFUSED, OLDER_FORMAT};
     }
     const auto verify = [&]
     {
@@ -527,11 +494,6 @@ Answer verifyPayload(const Request& request)
 {
     expectReadable(request, request.subject);
     expectReadable(request, ROOT_CA_FILE);
-    const std::string objection = fileObjection(request.subject, request);
-    if (!objection.empty())
-    {
-        return {Verdict::REFUSED, objection};
-    }
     const auto verify = [&]
     {
         return (!request.strict || isMetadataGood(request.subject)) &&

@@ -8,6 +8,7 @@
 #include "json.hpp"
 
 #include <nlohmann/json.hpp>
+#include <systemd/sd-bus.h>
 
 #include <array>
 #include <csignal>
@@ -98,7 +99,8 @@ struct Invocation
 /** Why the path would make the library throw, or empty. */
 std::string inventoryPathError(const std::string& path)
 {
-    return path.starts_with(INVENTORY_PREFIX) && path != INVENTORY_PREFIX
+    return path.starts_with(INVENTORY_PREFIX) &&
+                   sd_bus_object_path_is_valid(path.c_str()) > 0
                ? ""
                : "no inventory path below " + std::string(INVENTORY_PREFIX) +
                      ": " + path;
@@ -241,22 +243,6 @@ std::string expectVersion(const std::string& version)
     return version.empty() ? "no version: it is empty" : "";
 }
 
-CLI::Option* addMaxSize(CLI::App& command, Request& request)
-{
-    return command
-        .add_option("--max-size", request.maxSize,
-                    "Bytes, or such as 64MiB (default 1GiB)")
-        ->transform(CLI::Validator(toBytes, "SIZE"));
-}
-
-/** Options of the commands that judge. */
-CLI::Option* addStrict(CLI::App& command, Request& request)
-{
-    return command.add_flag(
-        "--strict", request.strict,
-        "Refuse also what a careful daemon should not take");
-}
-
 void addPackageCommands(CLI::App& app, Invocation& chosen)
 {
     for (const Command& command : COMMANDS)
@@ -272,21 +258,22 @@ void addPackageCommands(CLI::App& app, Invocation& chosen)
         ->required();
     for (const char* name : {"unpack", "validate"})
     {
-        addMaxSize(*app.get_subcommand(name), chosen.request);
+        app.get_subcommand(name)
+            ->add_option("--max-size", chosen.request.maxSize,
+                         "Bytes, or such as 64MiB (default 1GiB)")
+            ->transform(CLI::Validator(toBytes, "SIZE"));
     }
-    CLI::App* validate = app.get_subcommand("validate");
-    validate
+    for (const char* name : {"validate", "verify-image", "verify-payload"})
+    {
+        app.get_subcommand(name)->add_flag(
+            "--strict", chosen.request.strict,
+            "Refuse also what a careful daemon should not take");
+    }
+    app.get_subcommand("validate")
         ->add_option("--min-version", chosen.request.minVersion,
                      "Refuse a lower version")
         ->check(expectVersion)
         ->type_name("VERSION");
-    addStrict(*validate, chosen.request);
-    for (const char* name : {"verify-image", "verify-payload"})
-    {
-        CLI::Option* strict =
-            addStrict(*app.get_subcommand(name), chosen.request);
-        addMaxSize(*app.get_subcommand(name), chosen.request)->needs(strict);
-    }
 }
 
 void addInventoryCommands(CLI::App& app, Invocation& chosen)

@@ -1,10 +1,9 @@
 #include "package_contents.hpp"
 
 #include <libxml/xmlreader.h>
+#include <strings.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <set>
 #include <string_view>
 #include <system_error>
@@ -117,14 +116,13 @@ std::string PackageContents::remark() const
 
 std::string PackageContents::objection() const
 {
-    std::set<std::string> seen;
+    const auto isBefore = [](const std::string& one, const std::string& other)
+    { return strcasecmp(one.c_str(), other.c_str()) < 0; };
+    std::set<std::string, decltype(isBefore)> seen;
     bool hasPayload = false;
     for (const auto& [name, size] : files)
     {
-        std::string folded = name;
-        std::ranges::transform(folded, folded.begin(), [](unsigned char c)
-                               { return static_cast<char>(std::tolower(c)); });
-        if (!seen.insert(folded).second)
+        if (!seen.insert(name).second)
         {
             return name + " differs from another name in case only";
         }
