@@ -23,7 +23,10 @@ fails() {
     fi
 }
 
-# Packages.
+# Packages. A user's own options for gpg change nothing.
+export TMPDIR=$PWD/temporary
+mkdir temporary case
+echo armor >"$keys/gnupg/gpg.conf"
 "$pack" "${package[@]}" --payload files --system-id 1 --system-id 0a1b -o p.zip
 # The same in another folder, zone and locale, and to a second look.
 mkdir other
@@ -43,7 +46,16 @@ fails nested "${package[@]}" --payload nested -o x.zip
 touch 'back\slash'
 fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.zip
 touch empty
+mkfifo pipe
 fails 'empty: is empty' "${package[@]}" --payload empty -o x.zip
+fails 'pipe: is not a regular file' "${package[@]}" --payload pipe -o x.zip
+echo x | tee case/{a,A} >/dev/null
+fails 'x.zip: is not made: member payload/a is there more' "${package[@]}" --payload case -o x.zip
+fails 'not made: package.xml: is larger than 262144' package "${package[@]:5}" --payload files \
+    --model 1 --version "$(printf '&%.0s' {1..60000})" -o x.zip
+expect 1 '^velmora-pack: gpg: cannot be run' env PATH=/none "$pack" "${package[@]}" \
+    --payload files -o x.zip
+expect 2 'keyring: must not be empty' "$pack" "${package[@]}" --payload files --keyring '' -o x.zip
 TMPDIR=/none fails 'TMPDIR: is not a directory' inspect sig
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
@@ -51,6 +63,7 @@ fails 0000 package --model 1 --version 1 --payload files \
 
 # What would surprise, or the machine would refuse.
 fails '1.zip: exists; --force' "${package[@]}" --payload files -o 1.zip
+fails 'none/: names a directory' "${package[@]}" --payload files -o none/
 fails "files/x: lies in the payload's" "${package[@]}" --payload files -o files/x
 expect 2 'not a number of 1 to 4 hexadecimal digits: 12345' "$pack" "${package[@]}" --payload files \
     -o none.zip --system-id 12345
@@ -213,7 +226,7 @@ expect 1 'locked.pem: needs a passphrase or PIN, and there is no terminal' \
 printf 'a-secret\r\n' >carriage
 printf 'a-secret\ndef\n' >lines
 for file in wrong:'no private key .* with that passphrase' empty:'no passphrase' \
-    nothere:'No such file' carriage:'has a carriage return' lines:'more than the one line'; do
+    nothere:'No such file' /dev/zero:'more than the one line' carriage:'has a carriage return' lines:'more than the one line'; do
     fails "${file#*:}" image content --key locked.pem --passphrase-file "${file%:*}" -o x
 done
 for query in "pin-source=file:$PWD/carriage" "a=b&pin-source=$PWD/lines" pin-value=1; do
@@ -339,4 +352,5 @@ expect 1 '^0$' grep -cE 'VELMORA_PACK_PIN|a-secret' child
 ) >aborted 2>&1 || true
 expect 1 '^0$' grep -acE 'a-secret|core dumped' aborted
 
+expect 0 '^$' ls -A temporary
 finish

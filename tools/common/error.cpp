@@ -18,14 +18,6 @@ constexpr std::wstring_view BIDIRECTIONAL_CONTROLS =
     L"\u061C\u200E\u200F\u202A\u202B\u202C\u202D\u202E"
     L"\u2066\u2067\u2068\u2069";
 
-/** Has texts taken as UTF-8, whatever the user's locale; as ASCII where the
- *  system has no such locale. */
-void useUtf8()
-{
-    [[maybe_unused]] static const locale_t before =
-        uselocale(newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{}));
-}
-
 /** The length of the printable character at the start of @p text, or 0. */
 std::size_t printableLength(std::string_view text)
 {
@@ -42,6 +34,12 @@ std::size_t printableLength(std::string_view text)
 
 } // namespace
 
+void useOwnLocale()
+{
+    [[maybe_unused]] static const locale_t before =
+        uselocale(newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{}));
+}
+
 std::string hexadecimal(std::string_view bytes)
 {
     constexpr std::string_view DIGITS = "0123456789abcdef";
@@ -56,7 +54,7 @@ std::string hexadecimal(std::string_view bytes)
 
 std::string printable(std::string_view text)
 {
-    useUtf8();
+    useOwnLocale();
     std::string result;
     while (!text.empty())
     {
@@ -73,7 +71,9 @@ std::string printable(std::string_view text)
 
 Error systemError(std::string_view subject)
 {
-    return {subject, std::generic_category().message(errno)};
+    const int number = errno;
+    useOwnLocale();
+    return {subject, std::generic_category().message(number)};
 }
 
 } // namespace tools

@@ -7,6 +7,10 @@
 namespace tools
 {
 
+/** Whatever the user's locale, and whoever has set it: the system's reasons are
+ *  in English, and texts are UTF-8, or ASCII where there is no such locale. */
+void useOwnLocale();
+
 /** The text without what would move a terminal's cursor, forge a second line
  *  or turn the reading direction: names and values come from outside. Control
  *  characters of both kinds (U+0000 and U+0080 onwards), line separators,

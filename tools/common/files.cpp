@@ -63,14 +63,20 @@ TemporaryDirectory::TemporaryDirectory(std::string pattern)
                           fs::path(pattern).parent_path().string());
     }
     path_ = pattern;
+    // A umask may have left its owner out.
+    fs::permissions(path_, fs::perms::owner_all);
     removeOnSignal(path_.c_str());
 }
 
 TemporaryDirectory::~TemporaryDirectory()
 {
-    openDirectories(path_);
+    const SignalDelay delay;
+    // gpg ends later than it answers: under another name, it adds nothing.
+    const fs::path left = path_.string() + '~';
     std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    fs::rename(path_, left, ignored);
+    openDirectories(left);
+    fs::remove_all(left, ignored);
     keepOnSignal(path_.c_str());
 }
 

@@ -109,20 +109,19 @@ std::string SignatureInfo::name() const
 
 GpgContext gpgContext(const fs::path& home)
 {
+    useOwnLocale();
     gpgme_check_version(nullptr);
     gpgme_ctx_t made = nullptr;
     check(gpgme_new(&made), "gpg", "cannot be used");
     GpgContext context(made);
-    if (!home.empty())
+    if (!home.empty() && !fs::is_directory(home))
     {
-        if (!fs::is_directory(home))
-        {
-            throw Error(home.string(), "is not a directory");
-        }
-        check(gpgme_ctx_set_engine_info(made, GPGME_PROTOCOL_OpenPGP, nullptr,
-                                        fs::absolute(home).c_str()),
-              home.string(), "cannot be used");
+        throw Error(home.string(), "is not a directory");
     }
+    check(gpgme_ctx_set_engine_info(made, GPGME_PROTOCOL_OpenPGP, nullptr,
+                                    home.empty() ? nullptr
+                                                 : fs::absolute(home).c_str()),
+          "gpg", "cannot be run (is GnuPG installed?)");
     return context;
 }
 

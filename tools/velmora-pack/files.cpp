@@ -189,6 +189,10 @@ void refuseOverwrite(const fs::path& output,
             throw Error(output.string(), "is also an input");
         }
     }
+    if (!output.has_filename())
+    {
+        throw Error(output.string(), "names a directory, not a file");
+    }
     const fs::file_status status = fs::symlink_status(output, missing);
     const bool isReplaceable =
         fs::is_regular_file(status) || fs::is_symlink(status);

@@ -28,6 +28,8 @@ namespace
 
 constexpr std::string_view TOKEN_SCHEME = "pkcs11:";
 constexpr auto TOKEN_DRIVER = "pkcs11";
+/** Of a file, in bytes: OpenSSL takes no longer one. */
+constexpr std::size_t MOST_OF_SECRET = 1024;
 constexpr auto PIN_VARIABLE = "VELMORA_PACK_PIN";
 /** Names the PKCS#11 module to the engine and, here, to the provider too. */
 constexpr auto MODULE_VARIABLE = "PKCS11_MODULE_PATH";
@@ -107,12 +109,15 @@ std::string secretIn(const fs::path& file)
     {
         throw systemError(file.string());
     }
-    std::string line;
-    if (!std::getline(stream, line) || line.empty())
+    std::string text(MOST_OF_SECRET, '\0');
+    stream.read(text.data(), MOST_OF_SECRET);
+    text.resize(static_cast<std::size_t>(stream.gcount()));
+    const std::string line = text.substr(0, text.find('\n'));
+    if (line.empty())
     {
         throw Error(file.string(), "no passphrase can be read from it");
     }
-    if (stream.peek() != std::ifstream::traits_type::eof())
+    if (text.size() > line.size() + 1 || text.size() == MOST_OF_SECRET)
     {
         throw Error(file.string(), "holds more than the one line that a "
                                    "passphrase or PIN is");

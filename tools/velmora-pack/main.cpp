@@ -60,7 +60,11 @@ template <typename Value>
 CLI::Option* add(CLI::App& command, const std::string& name, Value& value,
                  const std::string& type, const std::string& help)
 {
-    return command.add_option(name, value, help)->type_name(type);
+    return command.add_option(name, value, help)
+        ->type_name(type)
+        // As a script's variable is that was not set: nothing would be checked.
+        ->check([](const std::string& text)
+                { return text.empty() ? "must not be empty" : ""; }, "");
 }
 
 /** One of the three ways to a signature must be chosen, and an output given
@@ -462,6 +466,8 @@ int main(int argc, char** argv)
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     tools::cleanUpOnSignals();
+    // What gpg says is read here, and passed on.
+    setenv("LC_ALL", "C.UTF-8", 1);
     pack::hideSecrets();
 
     pack::PackageOptions package;

@@ -49,7 +49,9 @@ Buffer runGpg(const fs::path& home, std::vector<std::string> arguments,
     {
         arguments.insert(arguments.begin(), {"--homedir", fs::absolute(home)});
     }
-    arguments.insert(arguments.begin(), {"gpg", "--batch", "--no-tty"});
+    // A user's own options may ask for armour.
+    arguments.insert(arguments.begin(),
+                     {"gpg", "--batch", "--no-tty", "--no-armor"});
     const ProgramOutput said =
         runProgram(gpgme_get_dirinfo("gpg-name"), arguments, input);
     if (said.output.empty())

@@ -123,7 +123,7 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
     std::uint64_t size = 0;
     for (const fs::path& file : files)
     {
-        size += fs::file_size(file);
+        size += Source(file).size();
     }
     const tools::Progress progress(size);
     for (const fs::path& file : files)
@@ -144,6 +144,7 @@ struct Contents
 {
     /** Name, size, compression and digest of each. */
     Json members = Json::array();
+    /** Without regard to capitals. */
     std::set<std::string> names;
     std::optional<Buffer> descriptor;
     std::optional<Buffer> signature;
@@ -179,9 +180,12 @@ void remarkOn(Contents& contents, const tools::ArchiveMember& member)
     {
         remark("has a backslash, which extractors take for different things");
     }
-    if (!contents.names.insert(name).second)
+    std::string folded = name;
+    std::ranges::transform(folded, folded.begin(), [](unsigned char c)
+                           { return static_cast<char>(std::tolower(c)); });
+    if (!contents.names.insert(folded).second)
     {
-        remark("is there more than once");
+        remark("is there more than once (capitals do not count)");
     }
     if (member.compression != "stored" && member.compression != "deflated")
     {
@@ -361,13 +365,12 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
  *  nothing is to be signed.
  *
  *  @param older signatures that stand in front of the new one
- *  @param members what the package holds beside descriptor and signature
- *  @param digests theirs
+ *  @param payload what the package holds beside descriptor and signature
  *  @param what for the report */
 void writePackage(const PackageOptions& options, Bytes descriptor,
                   const Buffer& older,
                   const std::vector<tools::NewMember>& payload,
-                  const FileDigests& digests, const std::string& what)
+                  const std::string& what)
 {
     const Signing& signing = options.signing;
     if (!signing.toBeSigned.empty())
@@ -387,13 +390,16 @@ void writePackage(const PackageOptions& options, Bytes descriptor,
     tools::writeArchive(output.path(), signing.output,
                         sourceDateEpoch().value_or(0), members);
     const Contents made = readContents(output.readBack());
-    if (!made.remarks.empty() || made.payload != digests || !made.descriptor ||
-        !std::ranges::equal(*made.descriptor, descriptor) ||
-        made.signature != signature)
+    Remarks remarks;
+    static_cast<void>(fieldsOf(made, remarks));
+    if (!remarks.empty())
     {
-        throw Error(signing.output.string(),
-                    "does not hold what was packed; did the payload change "
-                    "meanwhile?");
+        throw Error(signing.output.string(), "is not made: " + remarks.front());
+    }
+    if (!made.descriptor || made.signature != signature ||
+        !std::ranges::equal(*made.descriptor, descriptor))
+    {
+        throw Error(signing.output.string(), "does not hold what was packed");
     }
     if (!older.empty())
     {
@@ -453,7 +459,7 @@ void makePackage(const PackageOptions& options)
         members.push_back(
             {std::string(PAYLOAD_PREFIX) + file.filename().string(), {}, file});
     }
-    writePackage(options, descriptor, {}, members, digests,
+    writePackage(options, descriptor, {}, members,
                  " with " + std::to_string(files.size()) + " payload file" +
                      (files.size() == 1 ? "" : "s"));
 }
@@ -482,7 +488,7 @@ void resignPackage(const PackageOptions& options, bool isAdded)
     }
     writePackage(options, *before.descriptor,
                  isAdded ? *before.signature : Buffer(), members,
-                 before.payload, isAdded ? " with a further signature" : "");
+                 isAdded ? " with a further signature" : "");
 }
 
 Json describePackage(const Source& file, Remarks& remarks)
