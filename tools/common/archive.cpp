@@ -40,6 +40,7 @@ constexpr std::size_t UNPACKED_SIZE = 18;
 constexpr std::size_t NAME_LENGTH = 22;
 constexpr std::size_t EXTRA_LENGTH = 24;
 constexpr std::size_t COMMENT_LENGTH = 26;
+constexpr std::size_t ATTRIBUTES = 32;
 constexpr std::size_t OWN_HEADER = 36;
 constexpr std::uint64_t IS_ENCRYPTED = 1;
 constexpr std::uint64_t SIZES_FOLLOW = 8;
@@ -83,7 +84,7 @@ std::uint64_t load(std::string_view bytes, std::size_t offset, std::size_t size)
     return value;
 }
 
-fs::file_type typeOf(const std::string& name, std::uint32_t attributes)
+fs::file_type typeOf(const std::string& name, std::uint64_t attributes)
 {
     const auto mode = static_cast<mode_t>(attributes >> 16 & S_IFMT);
     if (S_ISLNK(mode))
@@ -263,7 +264,9 @@ struct Archive::Header
     std::uint64_t size = 0;
     std::uint64_t packedSize = 0;
     std::string name;
-    /** Of an entry: where the member's own header stands. */
+    // Of an entry.
+    std::uint64_t attributes = 0;
+    /** Where the member's own header stands. */
     std::uint64_t own = 0;
     /** Where what follows begins. */
     std::uint64_t end = 0;
@@ -295,6 +298,7 @@ struct Archive::Header
         header.packedSize = takeNumber(fields, PACKED_SIZE, zip64);
         if (isEntry)
         {
+            header.attributes = load(fields, ATTRIBUTES, 4);
             header.own = takeNumber(fields, OWN_HEADER, zip64);
             header.end += load(fields, COMMENT_LENGTH, 2);
         }
@@ -436,21 +440,16 @@ void Archive::listMembers(std::uint64_t directory)
     for (zip_uint64_t i = 0; std::cmp_less(i, count); ++i)
     {
         const char* const name = zip_get_name(zip_.get(), i, ZIP_FL_ENC_RAW);
-        zip_stat_t status{};
-        zip_uint32_t attributes = 0;
         const auto entry = Header::at(*input_, place, true);
-        if (name == nullptr || zip_stat_index(zip_.get(), i, 0, &status) != 0 ||
-            zip_file_get_external_attributes(zip_.get(), i, 0, nullptr,
-                                             &attributes) != 0 ||
-            !entry)
+        if (name == nullptr || !entry)
         {
             throw Error(name_, "cannot be read as a ZIP: its directory is "
                                "damaged");
         }
         members_.push_back(
-            {name, typeOf(name, attributes), status.size,
-             compressionName(status.comp_method),
-             status.encryption_method != ZIP_EM_NONE,
+            {name, typeOf(name, entry->attributes), entry->size,
+             compressionName(static_cast<std::uint16_t>(entry->method)),
+             (entry->flags & IS_ENCRYPTED) != 0,
              entry->name != name
                  ? "it has two names"
                  : entry->objectionTo(Header::at(*input_, entry->own, false))});

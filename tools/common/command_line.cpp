@@ -6,7 +6,6 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdlib>
-#include <regex>
 
 namespace tools
 {
@@ -48,7 +47,8 @@ int endParse(const CLI::App& app, const CLI::ParseError& error)
 
 std::string normaliseSystemId(std::string& text)
 {
-    if (!std::regex_match(text, std::regex("[0-9A-Fa-f]{1,4}")))
+    if (text.empty() || text.size() > SYSTEM_ID_DIGITS ||
+        text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
     {
         return "not a number of 1 to 4 hexadecimal digits: " + text;
     }
