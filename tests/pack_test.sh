@@ -11,15 +11,13 @@ root_ca=/var/run/obmcupdate/OpenBMCSecureBootRootCA.pem
 
 # One clear line on stderr that names the file, and nothing left behind.
 fails() {
-    local named=$1 before
+    local named=$1 before said status=0
     shift
     before=$(ls -A)
-    expect 1 "^velmora-pack: .*$named" "$pack" "$@"
-    if [ "$("$pack" "$@" 2>&1 >/dev/null | wc -l)" -ne 1 ]; then
-        fail "more than one line from: $*"
-    fi
-    if [ "$(ls -A)" != "$before" ]; then
-        fail "something left behind by: $*"
+    said=$("$pack" "$@" 2>&1 >/dev/null </dev/null) || status=$?
+    if [[ $status -ne 1 || ! $said =~ ^velmora-pack:\ .*$named ||
+        $said == *$'\n'* || $(ls -A) != "$before" ]]; then
+        fail "$* gives status $status, leaves $(ls -A), and says: $said"
     fi
 }
 
@@ -40,15 +38,12 @@ expect 0 '^$' diff <("$pack" inspect --json 1.zip) \
 unzip -p p.zip package.xml.sign >sig
 expect 0 '^remarks: none$' "$pack" inspect sig
 
-mkdir -p nested/sub
-echo x >nested/a
-fails nested "${package[@]}" --payload nested -o x.zip
-touch 'back\slash'
+mkdir nested
+touch empty 'back\slash'
+mkfifo nested/pipe
 fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.zip
-touch empty
-mkfifo pipe
 fails 'empty: is empty' "${package[@]}" --payload empty -o x.zip
-fails 'pipe: is not a regular file' "${package[@]}" --payload pipe -o x.zip
+fails 'nested/pipe: is not a regular file' "${package[@]}" --payload nested -o x.zip
 echo x | tee case/{a,A} >/dev/null
 fails 'x.zip: is not made: member payload/a is there more' "${package[@]}" --payload case -o x.zip
 fails 'not made: package.xml: is larger than 262144' package "${package[@]:5}" --payload files \
@@ -168,12 +163,9 @@ expect 0 'signed before by .*image-signer' "$pack" "${again[@]}" \
     "$keys/image-signer.pub.pem" -o next
 expect 0 '^$' cmp -n 50003 image next
 fails 'does not fit the content and the key' "${again[@]}" next.pub -o x
-elsewhere=(resign image --old-public-key "$keys/image-signer.pub.pem")
-"$pack" "${elsewhere[@]}" --to-be-signed content2
+"$pack" resign image --old-public-key "$keys/image-signer.pub.pem" --to-be-signed content2
 expect 0 '^$' cmp content2 content
-openssl dgst -sha512 -sign next.pem -out der content2
-expect 0 'signed and checked' "$pack" "${elsewhere[@]}" --signature der --public-key next.pub -o next2
-fails 'needs --public-key with --signature' "${elsewhere[@]}" --signature der -o x
+fails 'needs --public-key with --signature' image content --signature content -o x
 fails 'an image needs --old-public-key' resign image --key x -o x
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
 fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.pem" -o nodir/x
@@ -183,7 +175,6 @@ expect 1 '^velmora-pack: x.zip: .*File too large' bash -c 'ulimit -f 8; exec "$@
 fails payload-signer "image" content --key "$keys/payload-signer.pem" -o x
 echo x >pin
 fails 'pin: is also an input' image content --key x --passphrase-file pin --force -o pin
-fails 'holds a private key' image next.pem --key next.pem -o x
 fails content "image" content --signature content \
     --public-key "$keys/image-signer.pub.pem" -o x
 
@@ -237,7 +228,6 @@ done
 # Inspect.
 printf '$KTBx' >short
 expect 0 '^  - the header is not complete$' "$pack" inspect short
-expect 1 'null: is not a regular file' "$pack" inspect /dev/null
 expect 1 'standard output: No space' sh -c '"$0" inspect short >/dev/full' "$pack"
 python3 - <<'PY'
 import zipfile
@@ -250,6 +240,7 @@ def make(name, changes):
 make("utf8.zip", {"payload/\u00e4": b"x", "payload/Z": b"y"})
 make("odd.zip", {"payload\\x": b"", "payload/e\u0301": b"", "PACKAGE.XML": b"<Package/>"})
 make("unsigned.zip", {"package.xml.sign": b"", "payload/a;1": b"x"})
+make("sigs.zip", {"package.xml.sign": good["package.xml.sign"] * 600})
 make("empty.zip", {"payload/a": b"", "payload/b": b""})
 def change(source, target, *changes):
     content = open(source, "rb").read()
@@ -261,14 +252,14 @@ change("odd.zip", "odd.zip", (b"PACKAGE.XML", b"package.xml"))
 change("p.zip", "crc.zip", (b"one\n", b"0ne\n"))
 change("p.zip", "deflate64.zip", (b"PK\3\4\x0a\0\0\0\0", b"PK\3\4\x0a\0\0\0\x09"),
        (b"PK\1\2\x3f\3\x0a\0\0\0\0", b"PK\1\2\x3f\3\x0a\0\0\0\x09"))
-with open("limits.xml", "w") as file:
-    attributes = (f'a{i}=""' for i in range(1001))
-    file.write(f'<a {" ".join(attributes)}><Model systemID="{1:01025}"/></a>')
 with open("typed.xml", "w") as file:
     file.write("<!DOCTYPE a><a/>")
 with open("upper.xml", "wb") as file:
+    attributes = "".join(f'a{i}="" ' for i in range(1001)).encode()
     file.write(good["package.xml"].replace(b"0001", b"zz").replace(
-        b"0A1B", b"12345").replace(b'hash="', b'hash="A').replace(b"113440", b""))
+        b"0A1B", b"12345").replace(b'hash="', b'hash="A').replace(
+        b'componentID="113440"', attributes).replace(
+        b"</Package>", b'<Model systemID="%01025d"/></Package>' % 1))
 change("signed", "unnamed", (b'"PS512"', b'"RS512"'), (b'"sts"', b'"stz"'))
 PY
 remarks() {
@@ -280,22 +271,18 @@ unzip -q utf8.zip -d utf8
 expect 0 "^payloadDigest: $("$velmora" digest utf8/payload)\$" "$pack" inspect utf8.zip
 remarks utf8.zip "digest is not the one"
 remarks deflate64.zip 'package.xml is compressed with Deflate64'
-{ printf 'PK\3\4x'; cat p.zip; } >front.zip
-zip -qA front.zip
-remarks front.zip 'something stands in front of its first'
-(cd utf8 && rm payload/* && cp ../files/* payload && zip -qr -fz ../zip64.zip .)
-expect 0 '^remarks: none$' "$pack" inspect zip64.zip
 cat p.zip sig >behind.zip
 remarks behind.zip 'something stands behind its end record'
-remarks limits.xml 'an element has more than 1000 attributes'
-remarks limits.xml 'systemID .* is longer than 1024 bytes'
+remarks upper.xml 'an element has more than 1000 attributes'
+remarks upper.xml 'systemID .* is longer than 1024 bytes'
 remarks typed.xml 'takes at most 8192 bytes, and this has 16;'
 remarks unsigned.zip 'OpenPGP signature: cannot be checked: No data'
-remarks unsigned.zip 'a;1 is extracted under another name'
+remarks unsigned.zip 'a;1 has a name that ends with a semicolon'
+remarks sigs.zip 'OpenPGP signature: is larger than 65536 bytes'
 remarks empty.zip 'the payload is empty'
 remarks crc.zip 'payload/a cannot be read: CRC error'
 remarks odd.zip 'package.xml is there more than once'
-remarks odd.zip 'payload.*x has a backslash'
+remarks odd.zip 'payload.*x has a name with a backslash'
 expect 0 'payload/e.u0301"' "$pack" inspect --json odd.zip
 remarks upper.xml 'systemID "zz" is no number, and'
 remarks upper.xml 'systemID "12345" is not a 16-bit number'
@@ -307,9 +294,7 @@ remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip files
-expect 0 '^p.zip 0 none: No such' python3 -c 'import json, os
-files = json.load(os.popen("'"$pack"' inspect --json p.zip sig none 2>&-"))
-print(files[0]["file"], len(files[1]["remarks"]), files[2]["error"])'
+expect 1 '"error": "none: No such file' "$pack" inspect --json p.zip sig none
 
 # While something large is under way: a bar, another file, signals.
 truncate -s 256M large

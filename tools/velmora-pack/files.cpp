@@ -182,11 +182,16 @@ void refuseOverwrite(const fs::path& output,
                      const std::vector<fs::path>& inputs, bool force)
 {
     std::error_code missing;
+    const fs::path directory = fs::absolute(output).parent_path();
     for (const fs::path& input : inputs)
     {
         if (fs::equivalent(output, input, missing))
         {
             throw Error(output.string(), "is also an input");
+        }
+        if (fs::equivalent(directory, input, missing))
+        {
+            throw Error(output.string(), "lies in the payload's directory");
         }
     }
     if (!output.has_filename())

@@ -87,12 +87,13 @@ void writeFile(
 /** The time that SOURCE_DATE_EPOCH gives, in seconds. */
 std::optional<std::int32_t> sourceDateEpoch();
 
-/** An output must not take the place of what it is made from, nor of
- *  anything else that is not to be replaced.
+/** An output must not take the place of what it is made from, nor of anything
+ *  else that is not to be replaced; in a payload's directory, it would be
+ *  packed the next time.
  *
- *  @param output may be empty
- *  @throws Error when it is one of @p inputs, of which some may be empty, or
- *          exists without @p force */
+ *  @param inputs some may be empty
+ *  @throws Error when it is one of them or in one, or exists without
+ *          @p force */
 void refuseOverwrite(const std::filesystem::path& output,
                      const std::vector<std::filesystem::path>& inputs,
                      bool force);

@@ -98,13 +98,18 @@ Key readImageKey(const fs::path& file)
     return key;
 }
 
-void checkImage(const Source& image, EVP_PKEY* publicKey)
+std::uint64_t contentSize(const Source& image)
 {
     if (image.size() < SIGNATURE_SIZE)
     {
         throw Error(image.name(), "is too short for a signed image");
     }
-    const std::uint64_t content = image.size() - SIGNATURE_SIZE;
+    return image.size() - SIGNATURE_SIZE;
+}
+
+void checkImage(const Source& image, EVP_PKEY* publicKey)
+{
+    const std::uint64_t content = contentSize(image);
     if (!verifies(image, content,
                   derFromRaw(image.read(content, SIGNATURE_SIZE)), publicKey,
                   scheme()))
@@ -116,14 +121,12 @@ void checkImage(const Source& image, EVP_PKEY* publicKey)
 
 } // namespace
 
-void makeImage(const ImageOptions& options)
+void makeImage(const Options& options)
 {
     Source content(options.input);
     expectNoPrivateKey(content);
-    const Signing& signing = options.signing;
-    signing.expectNewOutput(
-        {options.input, options.publicKey, options.oldPublicKey});
-    if (options.publicKey.empty() != signing.signature.empty())
+    options.checkOutput();
+    if (options.publicKey.empty() != options.signature.empty())
     {
         throw Error("an image", "needs --public-key with --signature, and not "
                                 "without");
@@ -131,9 +134,9 @@ void makeImage(const ImageOptions& options)
     if (!options.oldPublicKey.empty())
     {
         checkImage(content, readImageKey(options.oldPublicKey).get());
-        report(signing.made(), "the image was signed before by " +
+        report(options.made(), "the image was signed before by " +
                                    options.oldPublicKey.string());
-        content.shorten(content.size() - SIGNATURE_SIZE);
+        content.shorten(contentSize(content));
     }
     if (content.size() == 0)
     {
@@ -145,37 +148,38 @@ void makeImage(const ImageOptions& options)
                     "is too large: with its signature an image must stay "
                     "below 4 GiB");
     }
-    if (!signing.toBeSigned.empty())
+    if (!options.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, signing.force, content);
-        report(signing.toBeSigned, "image content to be signed");
+        writeFile(options.toBeSigned, options.force, content);
+        report(options.toBeSigned, "image content to be signed");
         return;
     }
-    const bool signsHere = signing.signature.empty();
-    const std::string keyFile =
-        signsHere ? keyName(signing.keys.front()) : options.publicKey.string();
-    const Key key =
-        signsHere ? readPrivateKey(signing.keys.front(), signing.passphraseFile)
-                  : readPublicKey(keyFile);
-    expectCurve(key.get(), keyFile);
-    const Key publicKey = publicPart(key.get());
-    writeFile(signing.output, signing.force, content,
-              signsHere
-                  ? rawFromDer(sign(content, {}, key.get(), scheme()), keyFile)
-                  : readSignature(signing.signature),
+    Key publicKey;
+    Buffer signature;
+    if (options.keys.empty())
+    {
+        publicKey = readImageKey(options.publicKey);
+        signature = readSignature(options.signature);
+    }
+    else
+    {
+        const std::string name = keyName(options.keys.front());
+        const Key key =
+            readPrivateKey(options.keys.front(), options.passphraseFile);
+        expectCurve(key.get(), name);
+        publicKey = publicPart(key.get());
+        signature = rawFromDer(sign(content, {}, key.get(), scheme()), name);
+    }
+    writeFile(options.output, options.force, content, signature,
               [&](const Source& made) { checkImage(made, publicKey.get()); });
-    report(signing.output, "image of " +
+    report(options.output, "image of " +
                                std::to_string(content.size() + SIGNATURE_SIZE) +
                                " bytes, signed and checked");
 }
 
 Json describeImage(const Source& file, Remarks& remarks)
 {
-    if (file.size() < SIGNATURE_SIZE)
-    {
-        throw Error(file.name(), "is too short for a signed image");
-    }
-    const std::uint64_t content = file.size() - SIGNATURE_SIZE;
+    const std::uint64_t content = contentSize(file);
     const Buffer signature = file.read(content, SIGNATURE_SIZE);
     const Bytes numbers(signature);
     if (content == 0)

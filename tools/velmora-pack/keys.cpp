@@ -13,11 +13,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <optional>
-#include <regex>
 
 namespace fs = std::filesystem;
 
@@ -142,21 +142,24 @@ fs::path takePinSource(std::string& uri)
                     "pin-value shows the PIN to all users: use pin-source, "
                     "--passphrase-file or VELMORA_PACK_PIN");
     }
-    const std::regex source("([?&])pin-source=(file:)?([^&]*)&?");
-    std::smatch match;
-    if (!std::regex_search(uri, match, source))
+    constexpr std::string_view SOURCE = "pin-source=";
+    constexpr std::string_view SCHEME = "file:";
+    const std::size_t start = uri.find(SOURCE, uri.find('?'));
+    if (start == std::string::npos)
     {
         return {};
     }
-    const std::string file = match.str(3);
+    const std::size_t end = std::min(uri.find('&', start), uri.size());
+    const std::string file =
+        uri.substr(start, end - start).substr(SOURCE.size());
+    uri.erase(start, end - start + 1);
+    uri.erase(uri.find_last_not_of("?&") + 1);
     if (file.find('%') != std::string::npos)
     {
         throw Error(file, "pin-source is not read with percent signs: use "
                           "--passphrase-file");
     }
-    uri = std::regex_replace(uri, source, "$1");
-    uri.erase(uri.find_last_not_of("?&") + 1);
-    return file;
+    return file.starts_with(SCHEME) ? file.substr(SCHEME.size()) : file;
 }
 
 Key firstKey(OSSL_STORE_CTX* store)
@@ -228,7 +231,10 @@ Key keyOfEngine([[maybe_unused]] const std::string& uri,
 Key keyOfToken(const std::string& uri, UI_METHOD* prompter, Secret& secret)
 {
     // Otherwise any key in the token would do (RFC 7512, 2.3).
-    if (!std::regex_search(secret.key, std::regex("[:;](object|id)=")))
+    if (std::ranges::none_of(
+            std::array{":object=", ";object=", ":id=", ";id="},
+            [&](const char* name)
+            { return secret.key.find(name) != std::string::npos; }))
     {
         throw Error(secret.key, "names no key: add object= or id=");
     }

@@ -13,13 +13,13 @@
 #include <functional>
 #include <iostream>
 #include <limits>
-#include <map>
 #include <new>
 #include <system_error>
 #include <vector>
 
 namespace fs = std::filesystem;
 using pack::Json;
+using pack::Options;
 
 namespace
 {
@@ -42,17 +42,6 @@ struct InspectOptions
     bool strict = false;
 };
 
-struct ResignOptions
-{
-    bool isAdded = false;
-    /** With all that is for the others too. */
-    pack::PackageOptions package;
-    pack::ImageOptions image;
-    pack::PayloadOptions payload;
-    /** The options of each kind, by its name. */
-    std::map<std::string, CLI::App*> groups;
-};
-
 /** An option or, without dashes, an argument.
  *
  *  @param type stands for its value in the help */
@@ -68,56 +57,58 @@ CLI::Option* add(CLI::App& command, const std::string& name, Value& value,
 }
 
 /** One of the three ways to a signature must be chosen, and an output given
- *  unless nothing is signed. */
-void addSigning(CLI::App& command, pack::Signing& signing, bool several,
-                const std::string& keyHelp, const std::string& signatureHelp,
-                const std::string& signedHelp)
+ *  unless nothing is signed.
+ *
+ *  @return the option for a key */
+CLI::Option* addSigning(CLI::App& command, Options& options,
+                        const std::string& keyHelp,
+                        const std::string& signatureHelp,
+                        const std::string& signedHelp)
 {
     CLI::Option* const output =
-        add(command, "-o,--output", signing.output, "FILE", "The file to make");
-    command.add_flag("--force", signing.force, "Replace an output that exists");
+        add(command, "-o,--output", options.output, "FILE", "The file to make");
+    command.add_flag("--force", options.force, "Replace an output that exists");
     CLI::Option_group* const ways =
         command.add_option_group("Signature", "one of these");
-    CLI::Option* const key = add(*ways, "--key", signing.keys, "KEY", keyHelp)
+    CLI::Option* const key = add(*ways, "--key", options.keys, "KEY", keyHelp)
                                  ->allow_extra_args(false);
-    if (!several)
-    {
-        key->expected(1);
-    }
-    add(*ways, "--signature", signing.signature, "FILE", signatureHelp);
-    add(*ways, "--to-be-signed", signing.toBeSigned, "FILE",
+    add(*ways, "--signature", options.signature, "FILE", signatureHelp);
+    add(*ways, "--to-be-signed", options.toBeSigned, "FILE",
         "Sign nothing: write the bytes to be signed, " + signedHelp)
         ->excludes(output);
     ways->require_option(1);
     command.parse_complete_callback(
-        [&signing]
+        [&options]
         {
-            if (signing.made().empty())
+            if (options.made().empty())
             {
                 throw CLI::RequiredError("--output");
             }
         });
+    return key;
 }
 
 /** For a key in a file or a token. */
-void addPassphrase(CLI::App& command, pack::Signing& signing)
+void addPassphrase(CLI::App& command, Options& options, CLI::Option* key)
 {
-    add(command, "--passphrase-file", signing.passphraseFile, "FILE",
+    add(command, "--passphrase-file", options.passphraseFile, "FILE",
         "Its only line is the key's passphrase or PIN; /dev/fd/N is a file "
         "descriptor")
-        ->needs(command.get_option("--key"));
+        ->needs(key);
 }
 
-void addMinDays(CLI::App& command, int& days)
+void addMinDays(CLI::App& command, Options& options)
 {
-    add(command, "--min-days", days, "DAYS",
+    add(command, "--min-days", options.trust.days, "DAYS",
         "Days for which key and certificates must still be valid: fewer is a "
         "refusal with --keyring or --root-ca, and a warning without; default "
         "30")
         ->check(CLI::Range(0, MOST_DAYS));
 }
 
-void addKeyring(CLI::App& command, pack::PackageOptions& options)
+// What a file can have that is made, or signed again.
+
+void addPackageParts(CLI::App& command, Options& options)
 {
     add(command, "--gpg-home", options.gpgHome, "DIR",
         "The GnuPG home with the key, instead of gpg's own");
@@ -125,15 +116,13 @@ void addKeyring(CLI::App& command, pack::PackageOptions& options)
         "The machine's exported public keys: refuse what it would refuse");
 }
 
-void addPublicKey(CLI::App& command, pack::ImageOptions& options)
+void addImageParts(CLI::App& command, Options& options)
 {
     add(command, "--public-key", options.publicKey, "FILE",
         "With --signature: the signer's public key, PEM");
 }
 
-/** @return the options that a new payload needs */
-std::vector<CLI::Option*> addPayloadParts(CLI::App& command,
-                                          pack::PayloadOptions& options)
+void addPayloadParts(CLI::App& command, Options& options)
 {
     add(command, "--timestamp", options.timestamp, "SECONDS",
         "The signing time in seconds since 1970, 1 to 2147483647; default "
@@ -142,20 +131,27 @@ std::vector<CLI::Option*> addPayloadParts(CLI::App& command,
                            std::numeric_limits<std::int32_t>::max()));
     add(command, "--root-ca", options.trust.anchor, "FILE",
         "The machine's root CA, PEM: refuse what it would refuse");
-    return {add(command, "--chain", options.chain, "FILE",
-                "The signer's certificate and its chain, PEM, shorter than "
-                "24576 bytes"),
-            add(command, "--alg", options.algorithm, "NAME",
-                "PS256, PS384 or PS512")
-                ->check(CLI::IsMember({"PS256", "PS384", "PS512"}))};
+    add(command, "--chain", options.chain, "FILE",
+        "The signer's certificate and its chain, PEM, shorter than 24576 "
+        "bytes");
+    add(command, "--alg", options.algorithm, "NAME", "PS256, PS384 or PS512")
+        ->check(CLI::IsMember({"PS256", "PS384", "PS512"}));
 }
 
-void addPackage(CLI::App& app, pack::PackageOptions& options)
+void expectOneKey(const Options& options)
+{
+    if (options.keys.size() > 1)
+    {
+        throw CLI::ValidationError("--key", "is for one key here");
+    }
+}
+
+void addPackage(CLI::App& app, Options& options)
 {
     CLI::App& command = *app.add_subcommand(
         "package", "Make a package: descriptor, its OpenPGP signature and the "
                    "payload in a ZIP");
-    add(command, "--payload", options.payload, "PATH",
+    add(command, "--payload", options.input, "PATH",
         "A file, or a directory of files without subdirectories")
         ->required();
     add(command, "--model", options.model, "ID", "The component identifier")
@@ -165,9 +161,9 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
     add(command, "--system-id", options.systemIds, "HEX",
         "A supported system, 1 to 4 hexadecimal digits; without any, all are")
         ->transform(CLI::Validator(tools::normaliseSystemId, ""));
-    addKeyring(command, options);
-    addMinDays(command, options.trust.days);
-    addSigning(command, options.signing, true,
+    addPackageParts(command, options);
+    addMinDays(command, options);
+    addSigning(command, options,
                "The full fingerprint of an OpenPGP key or subkey to sign with; "
                "more than one make as many signatures",
                "A detached binary OpenPGP signature that was made elsewhere; "
@@ -176,24 +172,29 @@ void addPackage(CLI::App& app, pack::PackageOptions& options)
     command.final_callback([&options] { pack::makePackage(options); });
 }
 
-void addImage(CLI::App& app, pack::ImageOptions& options)
+void addImage(CLI::App& app, Options& options)
 {
     CLI::App& command = *app.add_subcommand(
         "image",
         "Sign an image with ECDSA, P-384 and SHA-512: 96 bytes are appended");
     add(command, "input", options.input, "FILE", "The image's content")
         ->required();
-    addPublicKey(command, options);
-    addSigning(command, options.signing, false,
-               "The EC private key: a PEM file or a pkcs11: URI",
-               "A signature that was made elsewhere, DER or 96 bytes; needs "
-               "--public-key",
-               "the content, to this file");
-    addPassphrase(command, options.signing);
-    command.final_callback([&options] { pack::makeImage(options); });
+    addImageParts(command, options);
+    CLI::Option* const key = addSigning(
+        command, options, "The EC private key: a PEM file or a pkcs11: URI",
+        "A signature that was made elsewhere, DER or 96 bytes; needs "
+        "--public-key",
+        "the content, to this file");
+    addPassphrase(command, options, key);
+    command.final_callback(
+        [&options]
+        {
+            expectOneKey(options);
+            pack::makeImage(options);
+        });
 }
 
-void addManifest(CLI::App& app, pack::ManifestOptions& options)
+void addManifest(CLI::App& app, Options& options)
 {
     CLI::App& command = *app.add_subcommand(
         "manifest", "Make a manifest: image-ktb and a small image-ktb.sig");
@@ -206,107 +207,100 @@ void addManifest(CLI::App& app, pack::ManifestOptions& options)
     command.final_callback([&options] { pack::makeManifest(options); });
 }
 
-void addPayload(CLI::App& app, pack::PayloadOptions& options)
+void addPayload(CLI::App& app, Options& options)
 {
     CLI::App& command = *app.add_subcommand(
         "payload",
         "Sign a payload with RSA-PSS: the trailer of 76800 bytes is appended");
     add(command, "input", options.input, "FILE", "The payload's body")
         ->required();
-    for (CLI::Option* const option : addPayloadParts(command, options))
-    {
-        option->required();
-    }
-    addMinDays(command, options.trust.days);
-    addSigning(command, options.signing, false,
-               "The RSA private key of 4096 bits: a PEM file or a pkcs11: URI",
-               "A signature of 512 bytes that was made elsewhere, for the "
-               "same --timestamp",
-               "body, chain and metadata, to this file");
-    addPassphrase(command, options.signing);
-    command.final_callback([&options] { pack::makePayload(options); });
+    addPayloadParts(command, options);
+    command.get_option("--chain")->required();
+    command.get_option("--alg")->required();
+    addMinDays(command, options);
+    CLI::Option* const key = addSigning(
+        command, options,
+        "The RSA private key of 4096 bits: a PEM file or a pkcs11: URI",
+        "A signature of 512 bytes that was made elsewhere, for the same "
+        "--timestamp",
+        "body, chain and metadata, to this file");
+    addPassphrase(command, options, key);
+    command.final_callback(
+        [&options]
+        {
+            expectOneKey(options);
+            pack::makePayload(options);
+        });
 }
 
 /** Signs again what the file is: an image if the key of its old signature is
- *  given, and else what its content tells. */
-void resign(const CLI::App& command, ResignOptions& options)
+ *  given, and else what its content tells.
+ *
+ *  @param groups options that are not for all kinds; their names tell whose */
+void resign(const std::vector<CLI::App*>& groups, Options& options)
 {
-    auto& [isAdded, package, image, payload, groups] = options;
-    const fs::path& input = package.payload;
-    const std::string kind = image.oldPublicKey.empty()
-                                 ? pack::kindOf(pack::Source(input))
-                                 : "image";
-    if (!groups.contains(kind) ||
-        (kind == "image" && image.oldPublicKey.empty()))
+    const bool isImage = !options.oldPublicKey.empty();
+    const std::string kind =
+        isImage ? "image" : pack::kindOf(pack::Source(options.input));
+    if (!isImage && kind != "package" && kind != "payload")
     {
-        throw pack::Error(input.string(),
+        throw pack::Error(options.input.string(),
                           "is no package and no signed payload; "
                           "an image needs --old-public-key");
     }
-    for (const auto& [other, group] : groups)
+    for (const CLI::App* const group : groups)
     {
-        if (other != kind && group->count_all() > 0)
+        if (group->count_all() > 0 &&
+            group->get_group().find(kind) == std::string::npos)
         {
-            throw CLI::ValidationError(
-                "an option for a" + std::string(other == "image" ? "n " : " ") +
-                    other,
-                "means nothing for this " + kind);
+            throw CLI::ValidationError("an option for " + group->get_group(),
+                                       "means nothing for this " + kind);
         }
     }
     if (kind == "package")
     {
-        if (command.count("--passphrase-file") > 0)
-        {
-            throw CLI::ValidationError("--passphrase-file",
-                                       "means nothing for a package");
-        }
-        pack::resignPackage(package, isAdded);
+        pack::resignPackage(options);
         return;
     }
-    if (package.signing.keys.size() > 1)
+    expectOneKey(options);
+    options.isSigned = true;
+    if (isImage)
     {
-        throw CLI::ValidationError("--key", "is for one key here");
+        pack::makeImage(options);
     }
-    if (kind == "image")
+    else
     {
-        image.input = input;
-        image.signing = package.signing;
-        pack::makeImage(image);
-        return;
+        pack::makePayload(options);
     }
-    payload.input = input;
-    payload.isSigned = true;
-    payload.trust.days = package.trust.days;
-    payload.signing = package.signing;
-    pack::makePayload(payload);
 }
 
-void addResign(CLI::App& app, ResignOptions& options)
+void addResign(CLI::App& app, Options& options)
 {
     CLI::App& command = *app.add_subcommand(
         "resign", "Sign a package, a payload or an image again, from it alone");
-    auto& [isAdded, package, image, payload, groups] = options;
-    add(command, "input", package.payload, "FILE", "What was signed before")
+    add(command, "input", options.input, "FILE", "What was signed before")
         ->required();
-    addSigning(command, package.signing, true,
-               "The key, as for package, payload or image",
-               "A signature that was made elsewhere", "to this file");
-    addPassphrase(command, package.signing);
-    addMinDays(command, package.trust.days);
-    for (const char* kind : {"package", "image", "payload"})
-    {
-        groups[kind] = command.add_option_group(kind);
-    }
-    groups["package"]
-        ->add_flag("--add", isAdded,
+    CLI::Option* const key = addSigning(
+        command, options, "The key, as for package, payload or image",
+        "A signature that was made elsewhere", "to this file");
+    addMinDays(command, options);
+    CLI::App* const package = command.add_option_group("a package");
+    package
+        ->add_flag("--add", options.isAdded,
                    "Put the signature behind those of the package")
         ->excludes(command.get_option("--to-be-signed"));
-    addKeyring(*groups["package"], package);
-    add(*groups["image"], "--old-public-key", image.oldPublicKey, "FILE",
+    addPackageParts(*package, options);
+    CLI::App* const image = command.add_option_group("an image");
+    add(*image, "--old-public-key", options.oldPublicKey, "FILE",
         "The key of the image's old signature, PEM");
-    addPublicKey(*groups["image"], image);
-    addPayloadParts(*groups["payload"], payload);
-    command.final_callback([&] { resign(command, options); });
+    addImageParts(*image, options);
+    CLI::App* const payload = command.add_option_group("a payload");
+    addPayloadParts(*payload, options);
+    CLI::App* const either = command.add_option_group("an image or a payload");
+    addPassphrase(*either, options, key);
+    command.final_callback(
+        [&options, groups = std::vector{package, image, payload, either}]
+        { resign(groups, options); });
 }
 
 int fail(std::string_view message)
@@ -322,10 +316,6 @@ std::string failureOf(const std::function<void()>& work)
     {
         work();
         return {};
-    }
-    catch (const pack::Error& error)
-    {
-        return error.what();
     }
     catch (const fs::filesystem_error& error)
     {
@@ -430,14 +420,14 @@ void addInspect(CLI::App& app, InspectOptions& options, int& status)
     command.final_callback([&] { status = inspect(options); });
 }
 
-void addTestKeys(CLI::App& app, fs::path& directory)
+void addTestKeys(CLI::App& app, Options& options)
 {
     CLI::App& command = *app.add_subcommand(
         "test-keys", "Make keys and certificates for trying things out");
-    add(command, "directory", directory, "DIR",
+    add(command, "directory", options.output, "DIR",
         "The directory to make; it must be absent or empty")
         ->required();
-    command.final_callback([&directory] { pack::makeTestKeys(directory); });
+    command.final_callback([&options] { pack::makeTestKeys(options); });
 }
 
 /** Does what the arguments say. */
@@ -470,13 +460,8 @@ int main(int argc, char** argv)
     setenv("LC_ALL", "C.UTF-8", 1);
     pack::hideSecrets();
 
-    pack::PackageOptions package;
-    pack::ImageOptions image;
-    pack::ManifestOptions manifest;
-    pack::PayloadOptions payload;
-    ResignOptions resigned;
+    Options options;
     InspectOptions inspected;
-    fs::path testKeys;
     CLI::App app("Makes and inspects what libvelmora checks: firmware "
                  "packages, signed images, manifests and signed payloads.",
                  "velmora-pack");
@@ -490,13 +475,13 @@ int main(int argc, char** argv)
                           "Show no bar while more than 100 MiB are read");
     app.fallthrough();
     int status = EXIT_SUCCESS;
-    addPackage(app, package);
-    addImage(app, image);
-    addManifest(app, manifest);
-    addPayload(app, payload);
-    addResign(app, resigned);
+    addPackage(app, options);
+    addImage(app, options);
+    addManifest(app, options);
+    addPayload(app, options);
+    addResign(app, options);
     addInspect(app, inspected, status);
-    addTestKeys(app, testKeys);
+    addTestKeys(app, options);
     const std::string failure =
         failureOf([&] { run(app, argc, argv, status); });
     if (!failure.empty())

@@ -11,36 +11,6 @@
 namespace pack
 {
 
-/** Where a signature comes from, of which exactly one is given, and where what
- *  is made goes. */
-struct Signing
-{
-    /** Fingerprints, or one PEM file or pkcs11: URI, as the command says. */
-    std::vector<std::string> keys;
-    std::filesystem::path passphraseFile;
-    /** A signature that was made elsewhere. */
-    std::filesystem::path signature;
-    /** Nothing is signed. The bytes to be signed are written here. */
-    std::filesystem::path toBeSigned;
-    std::filesystem::path output;
-    /** The output may replace a file. */
-    bool force = false;
-
-    const std::filesystem::path& made() const
-    {
-        return toBeSigned.empty() ? output : toBeSigned;
-    }
-
-    /** @param inputs what else the output is made from
-     *  @throws Error when it must not take the place of what is there */
-    void expectNewOutput(std::vector<std::filesystem::path> inputs) const
-    {
-        inputs.insert(inputs.end(), {passphraseFile, signature});
-        inputs.insert(inputs.end(), keys.begin(), keys.end());
-        refuseOverwrite(made(), inputs, force);
-    }
-};
-
 /** How keys and certificates are checked: as the machine does, when its keyring
  *  or root CA is given. */
 struct Trust
@@ -61,39 +31,41 @@ struct Trust
     }
 };
 
-struct PackageOptions
+/** What the arguments say. No command has all of it; what is not given is
+ *  empty. */
+struct Options
 {
-    /** A file, or a directory of files. */
-    std::filesystem::path payload;
+    /** What is packed or signed, or signed again. */
+    std::filesystem::path input;
+    std::filesystem::path output;
+    /** The output may replace a file. */
+    bool force = false;
+
+    // Where the signature comes from: one of three.
+    /** Fingerprints, or one PEM file or pkcs11: URI, as the command says. */
+    std::vector<std::string> keys;
+    /** A signature that was made elsewhere. */
+    std::filesystem::path signature;
+    /** Nothing is signed. The bytes to be signed are written here. */
+    std::filesystem::path toBeSigned;
+    std::filesystem::path passphraseFile;
+    Trust trust;
+
+    // Of a package.
     std::string model;
     std::string version;
     std::vector<std::string> systemIds;
-    /** Empty: gpg's own. */
     std::filesystem::path gpgHome;
-    Trust trust;
-    Signing signing;
-};
+    /** Signed again, its signatures stay, in front of the new ones. */
+    bool isAdded = false;
 
-struct ImageOptions
-{
-    std::filesystem::path input;
-    /** If given, the input is an image that this key, PEM, has signed. */
-    std::filesystem::path oldPublicKey;
+    // Of an image.
     /** Checks a signature that was made elsewhere. */
     std::filesystem::path publicKey;
-    Signing signing;
-};
+    /** If given, the input is an image that this key, PEM, has signed. */
+    std::filesystem::path oldPublicKey;
 
-struct ManifestOptions
-{
-    /** 1 or 2; 0 for a manifest without a release marker. */
-    unsigned release = 0;
-    std::filesystem::path output;
-};
-
-struct PayloadOptions
-{
-    std::filesystem::path input;
+    // Of a payload.
     /** The input is a signed payload. Its trailer is replaced, and tells what
      *  chain and algorithm are if they are not given. */
     bool isSigned = false;
@@ -101,20 +73,39 @@ struct PayloadOptions
     /** PS256, PS384 or PS512. */
     std::string algorithm;
     std::optional<std::int32_t> timestamp;
-    Trust trust;
-    Signing signing;
+
+    /** 1 or 2; 0 for a manifest without a release marker. */
+    unsigned release = 0;
+
+    const std::filesystem::path& made() const
+    {
+        return toBeSigned.empty() ? output : toBeSigned;
+    }
+
+    /** @throws Error when the output must not be made */
+    void checkOutput() const
+    {
+        std::vector<std::filesystem::path> inputs{
+            input,     signature,    passphraseFile, trust.anchor,
+            publicKey, oldPublicKey, chain};
+        inputs.insert(inputs.end(), keys.begin(), keys.end());
+        refuseOverwrite(made(), inputs, force);
+    }
 };
 
 // Each makes what its options say, or throws and leaves nothing behind.
-void makePackage(const PackageOptions& options);
-void makeImage(const ImageOptions& options);
-void makeManifest(const ManifestOptions& options);
-void makePayload(const PayloadOptions& options);
-/** Signs the package again that is the options' payload.
+void makePackage(const Options& options);
+void makeImage(const Options& options);
+void makeManifest(const Options& options);
+void makePayload(const Options& options);
+/** Signs a package again, from it alone. */
+void resignPackage(const Options& options);
+/** A descriptor.
  *
- *  @param isAdded its signatures stay, in front of the new ones */
-void resignPackage(const PackageOptions& options, bool isAdded);
+ *  @param digest the composite digest of the payload
+ *  @throws Error unless model and version are text that a parser keeps */
+Buffer writeDescriptor(const Options& options, const std::string& digest);
 /** A complete set of keys and certificates for trying things out. */
-void makeTestKeys(const std::filesystem::path& directory);
+void makeTestKeys(const Options& options);
 
 } // namespace pack

@@ -140,7 +140,7 @@ Json describeRecords(Bytes manifest, std::uint64_t offset, std::uint32_t count,
 
 } // namespace
 
-void makeManifest(const ManifestOptions& options)
+void makeManifest(const Options& options)
 {
     expectNewDirectory(options.output);
     const Output directory(options.output);

@@ -1,6 +1,7 @@
 #include "openpgp.hpp"
 
 #include "files.hpp"
+#include "inspect.hpp"
 
 #include <unistd.h>
 
@@ -9,7 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <regex>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -18,7 +19,10 @@ namespace pack
 namespace
 {
 
+/** gpg takes a millisecond for each of those in a file. */
+constexpr std::uint64_t LARGEST_SIGNATURE = 65536;
 constexpr std::size_t FINGERPRINT_LENGTH = 40;
+constexpr int REVOCATION_TIME_FIELD = 6;
 constexpr std::int64_t SECONDS_PER_DAY = 86400;
 constexpr auto NO_TERMINAL =
     "; to ask for a passphrase gpg needs a terminal, with GPG_TTY=$(tty) in "
@@ -71,13 +75,15 @@ struct KeyName
 {
     explicit KeyName(const std::string& text) : fingerprint(text)
     {
-        if (!std::regex_match(text, std::regex("[0-9A-Fa-f]{40}!?")))
+        isExact = fingerprint.ends_with('!');
+        fingerprint.resize(fingerprint.size() - (isExact ? 1 : 0));
+        if (fingerprint.size() != FINGERPRINT_LENGTH ||
+            fingerprint.find_first_not_of("0123456789abcdefABCDEF") !=
+                std::string::npos)
         {
             throw Error(text, "is not a full fingerprint of 40 hexadecimal "
                               "digits");
         }
-        isExact = fingerprint.ends_with('!');
-        fingerprint.resize(FINGERPRINT_LENGTH);
         std::ranges::transform(fingerprint, fingerprint.begin(),
                                [](unsigned char c)
                                { return static_cast<char>(std::toupper(c)); });
@@ -97,16 +103,21 @@ struct KeyName
 /** The day on which a key was revoked, which GPGME does not tell. */
 std::string revocationDay(const fs::path& home, const std::string& fingerprint)
 {
-    const Buffer listed =
-        runGpg(home, {"--with-colons", "--list-sigs", fingerprint}, {},
-               "cannot list keys");
-    const std::regex record(fingerprint + ":\\nrev:(?:[^:]*:){4}(\\d{1,18}):");
-    std::cmatch match;
-    const std::string_view text = textOf(listed);
-    return std::regex_search(text.data(), text.data() + text.size(), match,
-                             record)
-               ? " on " + tools::dayText(std::stoll(match.str(1)))
-               : "";
+    const std::string listed(
+        textOf(runGpg(home, {"--with-colons", "--list-sigs", fingerprint}, {},
+                      "cannot list keys")));
+    const std::size_t end = listed.find(fingerprint + ":\nrev:");
+    if (end == std::string::npos)
+    {
+        return {};
+    }
+    std::istringstream record(listed.substr(listed.find("rev:", end)));
+    std::string seconds;
+    for (int field = 1; field <= REVOCATION_TIME_FIELD; ++field)
+    {
+        std::getline(record, seconds, ':');
+    }
+    return " on " + tools::dayText(std::strtoll(seconds.c_str(), nullptr, 10));
 }
 
 /** Why a key cannot sign now, or at the time of SOURCE_DATE_EPOCH; empty when
@@ -269,6 +280,14 @@ void checkExpiry(const std::string& where, const Trust& trust,
     }
 }
 
+/** Whether its first packet is a signature: RFC 4880, 4.2. */
+bool isBinarySignature(Bytes file)
+{
+    const auto first =
+        file.empty() ? 0U : std::to_integer<unsigned>(file.front());
+    return first == 0xc2 || (first & 0xfcU) == 0x88;
+}
+
 } // namespace
 
 ProgramOutput runProgram(const char* program,
@@ -359,6 +378,61 @@ void checkSignatures(const fs::path& home, const Trust& trust,
                     goodSignatures(machine.path(), trust.anchor.string(), true,
                                    data, signatures));
     }
+}
+
+Json describeSignatures(Bytes file, Remarks& remarks)
+{
+    Json signatures = Json::array();
+    // Without any key gpg still tells who signed, when and how.
+    const tools::TemporaryDirectory noKeys;
+    try
+    {
+        if (file.size() > LARGEST_SIGNATURE)
+        {
+            throw Error("the OpenPGP signature", "is larger than 65536 bytes");
+        }
+        for (const tools::SignatureInfo& info :
+             tools::signaturesOf(noKeys.path(), {}, textOf(file)))
+        {
+            signatures.push_back({{"fingerprint", info.fingerprint},
+                                  {"algorithm", info.keyAlgorithm},
+                                  {"digestAlgorithm", info.digestAlgorithm},
+                                  {"created", info.created},
+                                  {"createdDate", dateText(info.created)}});
+        }
+    }
+    catch (const Error& error)
+    {
+        remarks.emplace_back(error.what());
+    }
+    return signatures;
+}
+
+Json describeSignature(const Source& file, Remarks& remarks)
+{
+    const Buffer content = file.readAll();
+    const Json signatures = isBinarySignature(content)
+                                ? describeSignatures(content, remarks)
+                                : Json::array();
+    if (signatures.empty())
+    {
+        throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
+                                 "--dearmor makes one of an armoured one)");
+    }
+    return {{"signatures", signatures}};
+}
+
+bool isSignature(const Source& file)
+{
+    if (file.size() > LARGEST_SIGNATURE)
+    {
+        return false;
+    }
+    // An image begins like one, too, at times.
+    Remarks ignored;
+    const Buffer content = file.readAll();
+    return isBinarySignature(content) &&
+           !describeSignatures(content, ignored).empty();
 }
 
 } // namespace pack

@@ -4,6 +4,8 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include <utility>
+
 namespace fs = std::filesystem;
 
 namespace pack
@@ -240,11 +242,11 @@ std::string timeText(const ASN1_TIME* time)
                    { ASN1_TIME_print_ex(bio, time, ASN1_DTFLGS_ISO8601); });
 }
 
-void verifyChain(const std::vector<Certificate>& chain, const fs::path& root,
-                 std::time_t seconds)
+Certificate verifyChain(const std::vector<Certificate>& chain,
+                        const fs::path& root, std::time_t seconds)
 {
     const Source source(root);
-    const std::vector<Certificate> roots = readCertificates(source.readAll());
+    std::vector<Certificate> roots = readCertificates(source.readAll());
     if (roots.empty())
     {
         throw Error(source.name(), "holds no certificate");
@@ -278,6 +280,7 @@ void verifyChain(const std::vector<Certificate>& chain, const fs::path& root,
                     X509_STORE_CTX_get_error(context.get())) +
                 (at == nullptr ? "" : ", " + certificateText(at)));
     }
+    return std::move(roots.front());
 }
 
 } // namespace pack

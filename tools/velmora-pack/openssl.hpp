@@ -82,8 +82,9 @@ std::string timeText(const ASN1_TIME* time);
  *
  *  @param root a PEM file, whose first certificate is the root
  *  @param seconds the time to check at, since 1970
+ *  @return the root
  *  @throws Error when it does not */
-void verifyChain(const std::vector<Certificate>& chain,
-                 const std::filesystem::path& root, std::time_t seconds);
+Certificate verifyChain(const std::vector<Certificate>& chain,
+                        const std::filesystem::path& root, std::time_t seconds);
 
 } // namespace pack

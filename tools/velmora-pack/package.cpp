@@ -1,6 +1,5 @@
 #include "common/archive.hpp"
 #include "common/progress.hpp"
-#include "descriptor.hpp"
 #include "inspect.hpp"
 #include "making.hpp"
 #include "openpgp.hpp"
@@ -21,6 +20,8 @@ namespace pack
 namespace
 {
 
+constexpr std::string_view DESCRIPTOR_NAME = "package.xml";
+constexpr std::string_view DESCRIPTOR_SIGNATURE_NAME = "package.xml.sign";
 constexpr std::string_view PAYLOAD_PREFIX = "payload/";
 constexpr std::size_t LONGEST_FILE_NAME = 255;
 constexpr std::size_t MOST_MEMBERS = 10000;
@@ -40,70 +41,35 @@ std::string compositeOf(const FileDigests& files)
     return hex(composite.finish());
 }
 
-/** The extractor drops a version number such as ";1" from a name. */
-bool hasVersionNumber(std::string_view name)
-{
-    const std::size_t last = name.find_last_not_of("0123456789");
-    return last != std::string_view::npos && name[last] == ';';
-}
-
 /** The order of the names is part of the digest, so a name must be the same
- *  after extraction, whatever the locale of the machine. */
-void expectPortable(const fs::path& file)
+ *  after extraction, whatever the locale of the machine.
+ *
+ *  @return why it may not be, or empty */
+std::string objectionTo(std::string_view name)
 {
-    const std::string name = file.filename().string();
-    const bool isPlain =
-        std::ranges::all_of(name, [](char c) { return c >= ' ' && c <= '~'; });
-    if (!isPlain)
-    {
-        throw Error(file.string(),
-                    "has a name with characters other than printable ASCII");
-    }
-    if (name.find('\\') != std::string::npos)
-    {
-        throw Error(file.string(), "has a name with a backslash, which "
-                                   "extractors take for different things");
-    }
-    if (name.size() > LONGEST_FILE_NAME)
-    {
-        throw Error(file.string(), "has a name longer than 255 bytes");
-    }
-    if (hasVersionNumber(name))
-    {
-        throw Error(file.string(),
-                    "has a name that ends with a semicolon and a number, "
-                    "which extraction removes");
-    }
+    // The extractor drops a version number such as ";1".
+    const std::size_t last = name.find_last_not_of("0123456789");
+    return !std::ranges::all_of(name,
+                                [](char c) { return c >= ' ' && c <= '~'; })
+               ? "has a name with characters other than printable ASCII"
+           : name.find('\\') != std::string_view::npos
+               ? "has a name with a backslash, which extractors take for "
+                 "different things"
+           : name.size() > LONGEST_FILE_NAME
+               ? "has a name longer than 255 bytes"
+           : last != std::string_view::npos && name[last] == ';'
+               ? "has a name that ends with a semicolon and a number, which "
+                 "extraction removes"
+               : "";
 }
 
-/** An output there would be part of the payload the next time. */
-void expectOutside(const fs::path& made, const fs::path& payload)
-{
-    std::error_code missing;
-    if (fs::equivalent(fs::absolute(made).parent_path(), payload, missing))
-    {
-        throw Error(made.string(), "lies in the payload's directory");
-    }
-}
-
+/** @return in the order of their names */
 std::vector<fs::path> payloadFiles(const fs::path& payload)
 {
-    if (!fs::is_directory(payload))
+    std::vector<fs::path> files{payload};
+    if (fs::is_directory(payload))
     {
-        expectPortable(payload);
-        return {payload};
-    }
-    std::vector<fs::path> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator(payload))
-    {
-        if (!fs::is_regular_file(entry.path()))
-        {
-            throw Error(entry.path().string(),
-                        "is not a regular file, and the payload's digest "
-                        "would not cover it");
-        }
-        expectPortable(entry.path());
-        files.push_back(entry.path());
+        files.assign(fs::directory_iterator(payload), {});
     }
     if (files.empty())
     {
@@ -114,6 +80,14 @@ std::vector<fs::path> payloadFiles(const fs::path& payload)
         throw Error(payload.string(), "holds too many files");
     }
     std::ranges::sort(files, {}, &fs::path::native);
+    for (const fs::path& file : files)
+    {
+        const std::string objection = objectionTo(file.filename().string());
+        if (!objection.empty())
+        {
+            throw Error(file.string(), objection);
+        }
+    }
     return files;
 }
 
@@ -142,8 +116,7 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
 
 struct Contents
 {
-    /** Name, size, compression and digest of each. */
-    Json members = Json::array();
+    Json fields{{"members", Json::array()}};
     /** Without regard to capitals. */
     std::set<std::string> names;
     std::optional<Buffer> descriptor;
@@ -152,7 +125,6 @@ struct Contents
     std::uint64_t payloadSize = 0;
     /** Whether all of the payload could be read. */
     bool isWhole = true;
-    Remarks remarks;
 };
 
 /** Whether the payload's digest covers it. */
@@ -165,20 +137,17 @@ bool isPayloadFile(const tools::ArchiveMember& member)
 
 /** What the extractor would take otherwise than it stands there, or not at
  *  all; that the digest of the payload does not cover; or that is odd. */
-void remarkOn(Contents& contents, const tools::ArchiveMember& member)
+void remarkOn(Contents& contents, Remarks& remarks,
+              const tools::ArchiveMember& member)
 {
     const std::string& name = member.name;
     const auto remark = [&](const std::string& what)
-    { contents.remarks.push_back("member " + name + " " + what); };
-    if (hasVersionNumber(name) ||
-        std::ranges::any_of(name, [](unsigned char c)
-                            { return std::iscntrl(c) != 0; }))
+    { remarks.push_back("member " + name + " " + what); };
+    const std::string objection =
+        objectionTo(fs::path(name).filename().string());
+    if (!objection.empty())
     {
-        remark("is extracted under another name");
-    }
-    if (name.find('\\') != std::string::npos)
-    {
-        remark("has a backslash, which extractors take for different things");
+        remark(objection);
     }
     std::string folded = name;
     std::ranges::transform(folded, folded.begin(), [](unsigned char c)
@@ -207,8 +176,8 @@ void remarkOn(Contents& contents, const tools::ArchiveMember& member)
     }
 }
 
-void readMember(Contents& contents, const tools::Archive& archive,
-                std::size_t index)
+void readMember(Contents& contents, Remarks& remarks,
+                const tools::Archive& archive, std::size_t index)
 {
     const tools::ArchiveMember& member = archive.members()[index];
     std::optional<Buffer>* const kept =
@@ -226,15 +195,15 @@ void readMember(Contents& contents, const tools::Archive& archive,
                                                      append(content, piece);
                                                  }
                                              });
-    Json& fields = contents.members.emplace_back(
+    Json& fields = contents.fields["members"].emplace_back(
         Json{{"name", member.name},
              {"size", member.size},
              {"compression", member.compression}});
     const bool isPayload = isPayloadFile(member);
     if (!problem.empty())
     {
-        contents.remarks.push_back("member " + member.name +
-                                   " cannot be read: " + problem);
+        remarks.push_back("member " + member.name +
+                          " cannot be read: " + problem);
         contents.isWhole = contents.isWhole && !isPayload;
         return;
     }
@@ -250,43 +219,6 @@ void readMember(Contents& contents, const tools::Archive& archive,
             member.name.substr(PAYLOAD_PREFIX.size()), text);
         contents.payloadSize += member.size;
     }
-}
-
-tools::Archive archiveOf(const Source& source)
-{
-    return tools::Archive(
-        FileDescriptor(fcntl(source.fileDescriptor(), F_DUPFD_CLOEXEC, 0)),
-        source.name());
-}
-
-/** @throws Error when the archive would cost too much to look through */
-Contents readContents(const Source& source)
-{
-    const tools::Archive archive = archiveOf(source);
-    if (archive.members().size() > MOST_MEMBERS)
-    {
-        throw Error(source.name(), "has more than 10000 members");
-    }
-    if (archive.totalSize() > MOST_UNPACKED)
-    {
-        throw Error(source.name(), "unpacks to more than 8 GiB");
-    }
-    Contents contents;
-    contents.remarks = archive.oddities();
-    const tools::Progress progress(archive.totalSize());
-    for (std::size_t i = 0; i < archive.members().size(); ++i)
-    {
-        const tools::ArchiveMember& member = archive.members()[i];
-        remarkOn(contents, member);
-        if ((member.name == DESCRIPTOR_NAME ||
-             member.name == DESCRIPTOR_SIGNATURE_NAME) &&
-            member.size > LARGEST_FILE_IN_MEMORY)
-        {
-            throw Error(source.name(), "holds too large a " + member.name);
-        }
-        readMember(contents, archive, i);
-    }
-    return contents;
 }
 
 /** With the answer to whether it states the payload's digest. */
@@ -316,18 +248,17 @@ void describePackedDescriptor(Json& fields, Bytes descriptor, Remarks& remarks)
     }
 }
 
-Json fieldsOf(const Contents& contents, Remarks& remarks)
+/** Says what only all members together tell. */
+void describeWhole(Contents& contents, Remarks& remarks)
 {
-    Json fields{{"members", contents.members}};
-    remarks.insert(remarks.end(), contents.remarks.begin(),
-                   contents.remarks.end());
+    Json& fields = contents.fields;
     if (contents.isWhole)
     {
         fields["payloadDigest"] = compositeOf(contents.payload);
-    }
-    if (contents.isWhole && contents.payloadSize == 0)
-    {
-        remarks.emplace_back("the payload is empty");
+        if (contents.payloadSize == 0)
+        {
+            remarks.emplace_back("the payload is empty");
+        }
     }
     for (const std::string_view name :
          {DESCRIPTOR_NAME, DESCRIPTOR_SIGNATURE_NAME})
@@ -345,17 +276,55 @@ Json fieldsOf(const Contents& contents, Remarks& remarks)
     {
         fields["signatures"] = describeSignatures(*contents.signature, remarks);
     }
-    return fields;
+}
+
+tools::Archive archiveOf(const Source& source)
+{
+    return tools::Archive(
+        FileDescriptor(fcntl(source.fileDescriptor(), F_DUPFD_CLOEXEC, 0)),
+        source.name());
+}
+
+/** @throws Error when the archive would cost too much to look through */
+Contents readContents(const Source& source, Remarks& remarks)
+{
+    const tools::Archive archive = archiveOf(source);
+    if (archive.members().size() > MOST_MEMBERS)
+    {
+        throw Error(source.name(), "has more than 10000 members");
+    }
+    if (archive.totalSize() > MOST_UNPACKED)
+    {
+        throw Error(source.name(), "unpacks to more than 8 GiB");
+    }
+    Contents contents;
+    remarks.insert(remarks.end(), archive.oddities().begin(),
+                   archive.oddities().end());
+    const tools::Progress progress(archive.totalSize());
+    for (std::size_t i = 0; i < archive.members().size(); ++i)
+    {
+        const tools::ArchiveMember& member = archive.members()[i];
+        remarkOn(contents, remarks, member);
+        if ((member.name == DESCRIPTOR_NAME ||
+             member.name == DESCRIPTOR_SIGNATURE_NAME) &&
+            member.size > LARGEST_FILE_IN_MEMORY)
+        {
+            throw Error(source.name(), "holds too large a " + member.name);
+        }
+        readMember(contents, remarks, archive, i);
+    }
+    describeWhole(contents, remarks);
+    return contents;
 }
 
 /** What is to be the descriptor's signature. */
-Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
+Buffer signatureFor(const Options& options, Bytes descriptor)
 {
-    if (options.signing.signature.empty())
+    if (options.signature.empty())
     {
-        return signDetached(options.gpgHome, options.signing.keys, descriptor);
+        return signDetached(options.gpgHome, options.keys, descriptor);
     }
-    const Source source(options.signing.signature);
+    const Source source(options.signature);
     Remarks ignored;
     static_cast<void>(describeSignature(source, ignored));
     return source.readAll();
@@ -367,16 +336,14 @@ Buffer signatureFor(const PackageOptions& options, Bytes descriptor)
  *  @param older signatures that stand in front of the new one
  *  @param payload what the package holds beside descriptor and signature
  *  @param what for the report */
-void writePackage(const PackageOptions& options, Bytes descriptor,
-                  const Buffer& older,
+void writePackage(const Options& options, Bytes descriptor, const Buffer& older,
                   const std::vector<tools::NewMember>& payload,
                   const std::string& what)
 {
-    const Signing& signing = options.signing;
-    if (!signing.toBeSigned.empty())
+    if (!options.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, signing.force, Source(descriptor));
-        report(signing.toBeSigned, "descriptor to be signed");
+        writeFile(options.toBeSigned, options.force, Source(descriptor));
+        report(options.toBeSigned, "descriptor to be signed");
         return;
     }
     const Buffer added = signatureFor(options, descriptor);
@@ -386,53 +353,52 @@ void writePackage(const PackageOptions& options, Bytes descriptor,
         {std::string(DESCRIPTOR_NAME), textOf(descriptor)},
         {std::string(DESCRIPTOR_SIGNATURE_NAME), textOf(signature)}};
     members.insert(members.end(), payload.begin(), payload.end());
-    const Output output(signing.output, signing.force);
-    tools::writeArchive(output.path(), signing.output,
+    const Output output(options.output, options.force);
+    tools::writeArchive(output.path(), options.output,
                         sourceDateEpoch().value_or(0), members);
-    const Contents made = readContents(output.readBack());
     Remarks remarks;
-    static_cast<void>(fieldsOf(made, remarks));
+    const Contents made = readContents(output.readBack(), remarks);
     if (!remarks.empty())
     {
-        throw Error(signing.output.string(), "is not made: " + remarks.front());
+        throw Error(options.output.string(), "is not made: " + remarks.front());
     }
     if (!made.descriptor || made.signature != signature ||
         !std::ranges::equal(*made.descriptor, descriptor))
     {
-        throw Error(signing.output.string(), "does not hold what was packed");
+        throw Error(options.output.string(), "does not hold what was packed");
     }
     if (!older.empty())
     {
         // The signatures that are there must not vouch for it.
         checkSignatures(options.gpgHome, {.anchor = {}, .days = 0},
-                        signing.keys, descriptor, added);
+                        options.keys, descriptor, added);
     }
-    checkSignatures(options.gpgHome, options.trust, signing.keys, descriptor,
+    checkSignatures(options.gpgHome, options.trust, options.keys, descriptor,
                     signature);
     output.commit();
-    report(signing.output, "package" + what + ", signed and checked");
+    report(options.output, "package" + what + ", signed and checked");
 }
 
 /** Says what is signed again, and who signed before.
  *
  *  @throws Error when a key that is at hand says that it did not */
-void reportSigners(const PackageOptions& options, const Json& fields,
-                   Bytes descriptor, Bytes signatures)
+void reportSigners(const Options& options, const Contents& before)
 {
-    const std::string model = fields["descriptor"]["componentID"];
-    const std::string version = fields["descriptor"]["vendorVersion"];
-    for (const tools::SignatureInfo& info : tools::signaturesOf(
-             options.gpgHome, textOf(descriptor), textOf(signatures)))
+    const Json& descriptor = before.fields["descriptor"];
+    for (const tools::SignatureInfo& info :
+         tools::signaturesOf(options.gpgHome, textOf(*before.descriptor),
+                             textOf(*before.signature)))
     {
         if (info.status == GPG_ERR_BAD_SIGNATURE)
         {
-            throw Error(options.payload.string(),
+            throw Error(options.input.string(),
                         "is not signed again: " + info.problem + ", key " +
                             info.name());
         }
         const bool isGood = info.status == GPG_ERR_NO_ERROR;
-        report(options.signing.made(),
-               "model " + model + ", version " + version +
+        report(options.made(),
+               "model " + std::string(descriptor["componentID"]) +
+                   ", version " + std::string(descriptor["vendorVersion"]) +
                    ", was signed before by " + info.name() + " on " +
                    tools::dayText(info.created) +
                    (isGood ? "" : ", not checked: " + info.problem));
@@ -441,17 +407,12 @@ void reportSigners(const PackageOptions& options, const Json& fields,
 
 } // namespace
 
-void makePackage(const PackageOptions& options)
+void makePackage(const Options& options)
 {
-    const std::vector<fs::path> files = payloadFiles(options.payload);
-    expectOutside(options.signing.made(), options.payload);
-    std::vector<fs::path> inputs(files);
-    inputs.push_back(options.trust.anchor);
-    options.signing.expectNewOutput(std::move(inputs));
-    const FileDigests digests = digestFiles(files);
+    const std::vector<fs::path> files = payloadFiles(options.input);
+    options.checkOutput();
     const Buffer descriptor =
-        writeDescriptor({options.model, options.version, compositeOf(digests),
-                         options.systemIds});
+        writeDescriptor(options, compositeOf(digestFiles(files)));
     std::vector<tools::NewMember> members;
     members.reserve(files.size());
     for (const fs::path& file : files)
@@ -464,19 +425,18 @@ void makePackage(const PackageOptions& options)
                      (files.size() == 1 ? "" : "s"));
 }
 
-void resignPackage(const PackageOptions& options, bool isAdded)
+void resignPackage(const Options& options)
 {
-    const Source file(options.payload);
-    options.signing.expectNewOutput({options.payload, options.trust.anchor});
-    const Contents before = readContents(file);
+    const Source file(options.input);
+    options.checkOutput();
     Remarks remarks;
-    const Json fields = fieldsOf(before, remarks);
+    const Contents before = readContents(file, remarks);
     // Without one of both there is a remark.
     if (!remarks.empty() || !before.descriptor || !before.signature)
     {
         throw Error(file.name(), "is not signed again: " + remarks.at(0));
     }
-    reportSigners(options, fields, *before.descriptor, *before.signature);
+    reportSigners(options, before);
     const tools::Archive archive = archiveOf(file);
     std::vector<tools::NewMember> members;
     for (std::size_t i = 0; i < archive.members().size(); ++i)
@@ -487,13 +447,13 @@ void resignPackage(const PackageOptions& options, bool isAdded)
         }
     }
     writePackage(options, *before.descriptor,
-                 isAdded ? *before.signature : Buffer(), members,
-                 isAdded ? " with a further signature" : "");
+                 options.isAdded ? *before.signature : Buffer(), members,
+                 options.isAdded ? " with a further signature" : "");
 }
 
 Json describePackage(const Source& file, Remarks& remarks)
 {
-    return fieldsOf(readContents(file), remarks);
+    return readContents(file, remarks).fields;
 }
 
 } // namespace pack

@@ -94,15 +94,19 @@ bool isSlotKey(const EVP_PKEY* key)
 
 struct Chain
 {
+    /** For messages. */
+    std::string name;
+    std::vector<Certificate> certificates;
     /** The certificates and nothing else: a private key beside them would be
      *  published with them. */
     std::string text;
-    std::vector<Certificate> certificates;
+
+    const X509* signer() const { return certificates.front().get(); }
 };
 
 Chain chainOf(Bytes pem, const std::string& name)
 {
-    Chain chain{{}, readCertificates(pem, name)};
+    Chain chain{name, readCertificates(pem, name), {}};
     if (chain.certificates.empty())
     {
         throw Error(name, "holds no certificate in PEM");
@@ -118,31 +122,30 @@ Chain chainOf(Bytes pem, const std::string& name)
 
 /** The private key, if it is to sign here. In any case the first certificate's
  *  key must be one that can have made the signature. */
-Key readSigner(const PayloadOptions& options, const Chain& chain)
+Key readSigner(const Options& options, const Chain& chain)
 {
-    const EVP_PKEY* const certified =
-        X509_get0_pubkey(chain.certificates.front().get());
+    const EVP_PKEY* const certified = X509_get0_pubkey(chain.signer());
     if (!isSlotKey(certified))
     {
-        throw Error(options.chain.string(), "its first certificate's key is "
-                                            "not an RSA key of 4096 bits");
+        throw Error(chain.name, "its first certificate's key is not an RSA key "
+                                "of 4096 bits");
     }
-    if (options.signing.keys.empty())
+    if (options.keys.empty())
     {
         return nullptr;
     }
-    const std::string& name = options.signing.keys.front();
-    Key key = readPrivateKey(name, options.signing.passphraseFile);
+    const std::string& name = options.keys.front();
+    Key key = readPrivateKey(name, options.passphraseFile);
     if (EVP_PKEY_eq(certified, key.get()) != 1)
     {
-        throw Error(options.chain.string(),
+        throw Error(chain.name,
                     "its first certificate is not that of the key " +
                         keyName(name));
     }
     return key;
 }
 
-std::int32_t timestampOf(const PayloadOptions& options)
+std::int32_t timestampOf(const Options& options)
 {
     if (options.timestamp)
     {
@@ -176,33 +179,31 @@ std::string invalidityAt(std::int64_t seconds, const X509* certificate)
 }
 
 /** Objects to what a machine is likely to refuse, now or soon. */
-void checkChain(const PayloadOptions& options,
-                const std::vector<Certificate>& chain, std::int32_t timestamp)
+void checkChain(const Trust& trust, const Chain& chain, std::int32_t timestamp)
 {
-    const Trust& trust = options.trust;
     const std::int64_t soon =
         std::int64_t{std::time(nullptr)} + trust.days * SECONDS_PER_DAY;
-    const auto check = [&](const fs::path& file, const X509* certificate,
+    const auto check = [&](const std::string& file, const X509* certificate,
                            std::int64_t seconds, const std::string& when)
     {
         const std::string invalidity = invalidityAt(seconds, certificate);
         if (!invalidity.empty())
         {
-            trust.refuseOrWarn(file.string(), invalidity + when);
+            trust.refuseOrWarn(file, invalidity + when);
         }
     };
     const std::string then = "at the timestamp " + std::to_string(timestamp);
     const std::string later = "in " + std::to_string(trust.days) + " days";
     if (!trust.anchor.empty())
     {
-        verifyChain(chain, trust.anchor, timestamp);
-        const auto roots = readCertificates(Source(trust.anchor).readAll());
-        check(trust.anchor, roots.front().get(), soon, later);
+        const Certificate root =
+            verifyChain(chain.certificates, trust.anchor, timestamp);
+        check(trust.anchor.string(), root.get(), soon, later);
     }
-    for (const Certificate& certificate : chain)
+    for (const Certificate& certificate : chain.certificates)
     {
-        check(options.chain, certificate.get(), timestamp, then);
-        check(options.chain, certificate.get(), soon, later);
+        check(chain.name, certificate.get(), timestamp, then);
+        check(chain.name, certificate.get(), soon, later);
     }
 }
 
@@ -234,8 +235,8 @@ struct Slot
         trailer = payload.read(bodySize, TRAILER_SIZE);
         chainText = textUpToNul(field(0, CHAIN_SIZE));
         chain = readCertificates(bytesOf(chainText));
-        metadataText = textUpToNul(field(METADATA_OFFSET, METADATA_SIZE));
-        metadata = readMetadata(metadataText);
+        metadata = readMetadata(
+            std::string(textUpToNul(field(METADATA_OFFSET, METADATA_SIZE))));
     }
 
     Bytes field(std::size_t offset, std::size_t size) const
@@ -269,7 +270,6 @@ struct Slot
     Buffer trailer;
     std::string chainText;
     std::vector<Certificate> chain;
-    std::string metadataText;
     Metadata metadata;
 };
 
@@ -283,31 +283,6 @@ void checkPayload(const Source& made)
                     "algorithm and the timestamp " +
                         slot.metadata.timestamp + "; nothing was made");
     }
-}
-
-/** Shortens a signed payload to its body, and names its signer.
- *
- *  @param options get the algorithm that was used, if they have none
- *  @return the chain's text
- *  @throws Error when the signature does not fit */
-std::string takeOldTrailer(Source& payload, PayloadOptions& options)
-{
-    checkPayload(payload);
-    const Slot old(payload);
-    if (options.algorithm.empty())
-    {
-        options.algorithm = old.metadata.algorithm;
-        if (!isKnownAlgorithm(options.algorithm))
-        {
-            throw Error(payload.name(), "names no known algorithm: give --alg");
-        }
-    }
-    report(options.signing.made(),
-           "the payload was signed before by " +
-               certificateText(old.chain.front().get()) + ", timestamp " +
-               old.metadata.timestamp);
-    payload.shorten(old.bodySize);
-    return old.chainText;
 }
 
 Buffer readSignature(const fs::path& file)
@@ -393,18 +368,27 @@ bool verifiesSlot(const Source& file, const Slot& slot, Remarks& remarks)
 
 } // namespace
 
-void makePayload(const PayloadOptions& given)
+void makePayload(const Options& options)
 {
-    PayloadOptions options(given);
     Source body(options.input);
     expectNoPrivateKey(body);
-    const Signing& signing = options.signing;
-    signing.expectNewOutput(
-        {options.input, options.chain, options.trust.anchor});
-    std::string oldChain;
+    options.checkOutput();
+    std::string algorithm = options.algorithm;
+    Buffer pem;
     if (options.isSigned)
     {
-        oldChain = takeOldTrailer(body, options);
+        checkPayload(body);
+        const Slot old(body);
+        report(options.made(), "the payload was signed before by " +
+                                   certificateText(old.chain.front().get()) +
+                                   ", timestamp " + old.metadata.timestamp);
+        algorithm = algorithm.empty() ? old.metadata.algorithm : algorithm;
+        append(pem, bytesOf(old.chainText));
+        body.shorten(old.bodySize);
+    }
+    if (!isKnownAlgorithm(algorithm))
+    {
+        throw Error(body.name(), "names no known algorithm: give --alg");
     }
     if (body.size() == 0)
     {
@@ -412,28 +396,26 @@ void makePayload(const PayloadOptions& given)
     }
     const Chain chain =
         options.chain.empty()
-            ? chainOf(bytesOf(oldChain), body.name())
+            ? chainOf(pem, body.name())
             : chainOf(Source(options.chain).readAll(), options.chain);
-    options.chain = options.chain.empty() ? options.input : options.chain;
     const Key key = readSigner(options, chain);
     const std::int32_t timestamp = timestampOf(options);
-    checkChain(options, chain.certificates, timestamp);
-    const Buffer fields = signedFields(chain, options.algorithm, timestamp);
-    if (!signing.toBeSigned.empty())
+    checkChain(options.trust, chain, timestamp);
+    const Buffer fields = signedFields(chain, algorithm, timestamp);
+    if (!options.toBeSigned.empty())
     {
-        writeFile(signing.toBeSigned, signing.force, body, fields);
-        report(signing.toBeSigned, "signed range of a payload, timestamp " +
+        writeFile(options.toBeSigned, options.force, body, fields);
+        report(options.toBeSigned, "signed range of a payload, timestamp " +
                                        std::to_string(timestamp));
         return;
     }
     Buffer trailer(fields);
-    append(trailer,
-           key ? sign(body, fields, key.get(), schemeOf(options.algorithm))
-               : readSignature(signing.signature));
+    append(trailer, key ? sign(body, fields, key.get(), schemeOf(algorithm))
+                        : readSignature(options.signature));
     trailer.resize(TRAILER_SIZE);
-    writeFile(signing.output, signing.force, body, trailer, checkPayload);
-    report(signing.output,
-           "payload with " + options.algorithm + " signature and timestamp " +
+    writeFile(options.output, options.force, body, trailer, checkPayload);
+    report(options.output,
+           "payload with " + algorithm + " signature and timestamp " +
                std::to_string(timestamp) + ", signed and checked");
 }
 

@@ -17,8 +17,9 @@ constexpr auto LAST_FILE = "fingerprint";
 
 } // namespace
 
-void makeTestKeys(const fs::path& target)
+void makeTestKeys(const Options& options)
 {
+    const fs::path& target = options.output;
     expectNewDirectory(target);
     const Output directory(target);
     const ProgramOutput said =
