@@ -39,7 +39,18 @@ using Handle = std::unique_ptr<T, Releaser<Release>>;
 inline void freeDocument(xmlDoc* document)
 {
     xmlFreeDoc(document);
+#if LIBXML_VERSION < 21400
     xmlCleanupParser();
+#else
+    // It forgets the error functions of the process.
+    const xmlStructuredErrorFunc structured = xmlStructuredError;
+    void* const structuredContext = xmlStructuredErrorContext;
+    const xmlGenericErrorFunc generic = xmlGenericError;
+    void* const genericContext = xmlGenericErrorContext;
+    xmlCleanupParser();
+    xmlSetStructuredErrorFunc(structuredContext, structured);
+    xmlSetGenericErrorFunc(genericContext, generic);
+#endif
 }
 
 inline void freeXmlText(xmlChar* text) { xmlFree(text); }

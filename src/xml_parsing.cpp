@@ -102,6 +102,13 @@ void begin(void* context, xmlSAXLocator* /*locator*/)
                       XML_PARSE_RECOVER | XML_PARSE_NONET);
 }
 
+/** Else newer releases would deliver what they could recover. */
+void end(void* context)
+{
+    xmlSAX2EndDocument(context);
+    xmlCtxtUseOptions(static_cast<xmlParserCtxt*>(context), XML_PARSE_NONET);
+}
+
 xmlParserInput* makeInput()
 {
 #if LIBXML_VERSION >= 21400
@@ -142,6 +149,7 @@ xmlParserInput* load(const char* /*url*/, const char* /*id*/,
     handler.getParameterEntity = [](void* user, const xmlChar* name)
     { return counted(xmlSAX2GetParameterEntity(user, name)); };
     handler.startElementNs = startElement;
+    handler.endDocument = end;
     return makeInput();
 }
 
@@ -222,7 +230,7 @@ XmlDocument parseDescriptor(const std::string& path,
     }
     Parse parse{.content = *content};
     XmlDocument document = parseWithinLimits(path, parse);
-    // Newer releases of the parser give what they could recover.
+    // A parser that was stopped may deliver what it has.
     if (document != nullptr &&
         (parse.level == XML_ERR_FATAL || allocations.failed() ||
          (document->properties & XML_DOC_WELLFORMED) == 0))
