@@ -57,7 +57,6 @@ class Output
     /** @param force it may replace a file */
     explicit Output(const std::filesystem::path& target, bool force = false);
 
-    const std::filesystem::path& target() const { return target_; }
     /** Where it is made. */
     const std::filesystem::path& path() const { return path_; }
     /** The file that was made. */

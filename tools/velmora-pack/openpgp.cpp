@@ -36,18 +36,27 @@ std::string nameOf(const fs::path& home)
     return home.empty() ? "gpg" : home.string();
 }
 
-Buffer contentOf(tools::GpgData data)
+std::string contentOf(tools::GpgData data)
 {
     std::size_t size = 0;
     const Handle<char, gpgme_free> memory(
         gpgme_data_release_and_get_mem(data.release(), &size));
-    const Bytes bytes = bytesOf({memory.get(), size});
-    return {bytes.begin(), bytes.end()};
+    return std::string(memory.get(), size);
+}
+
+/** The last line of what a program said, behind a colon. */
+std::string lastLine(std::string_view text)
+{
+    text = text.substr(0, text.find_last_not_of('\n') + 1);
+    text.remove_prefix(text.rfind('\n') + 1);
+    constexpr std::string_view NAME = "gpg: ";
+    text.remove_prefix(text.starts_with(NAME) ? NAME.size() : 0);
+    return (text.empty() ? "" : ": ") + std::string(text);
 }
 
 /** What gpg writes to its standard output when it is given that input. */
-Buffer runGpg(const fs::path& home, std::vector<std::string> arguments,
-              Bytes input, const std::string& doing)
+std::string runGpg(const fs::path& home, std::vector<std::string> arguments,
+                   Bytes input, const std::string& doing)
 {
     if (!home.empty())
     {
@@ -56,17 +65,16 @@ Buffer runGpg(const fs::path& home, std::vector<std::string> arguments,
     // A user's own options may ask for armour.
     arguments.insert(arguments.begin(),
                      {"gpg", "--batch", "--no-tty", "--no-armor"});
-    const ProgramOutput said =
+    const auto [output, reason] =
         runProgram(gpgme_get_dirinfo("gpg-name"), arguments, input);
-    if (said.output.empty())
+    if (output.empty())
     {
-        const std::string reason = lastErrorLine(said);
         const bool isPassphrase = reason.find("ioctl") != std::string::npos ||
                                   reason.find("pinentry") != std::string::npos;
         throw Error(nameOf(home),
                     doing + reason + (isPassphrase ? NO_TERMINAL : ""));
     }
-    return said.output;
+    return output;
 }
 
 /** The fingerprint in capitals, and perhaps the "!" that asks for no other key
@@ -103,9 +111,9 @@ struct KeyName
 /** The day on which a key was revoked, which GPGME does not tell. */
 std::string revocationDay(const fs::path& home, const std::string& fingerprint)
 {
-    const std::string listed(
-        textOf(runGpg(home, {"--with-colons", "--list-sigs", fingerprint}, {},
-                      "cannot list keys")));
+    const std::string listed =
+        runGpg(home, {"--with-colons", "--list-sigs", fingerprint}, {},
+               "cannot list keys");
     const std::size_t end = listed.find(fingerprint + ":\nrev:");
     if (end == std::string::npos)
     {
@@ -309,17 +317,8 @@ ProgramOutput runProgram(const char* program,
     {
         throw Error(arguments.front(), "cannot be run");
     }
-    return {contentOf(std::move(output)), contentOf(std::move(errors))};
-}
-
-std::string lastErrorLine(const ProgramOutput& said)
-{
-    std::string_view text = textOf(said.errors);
-    text = text.substr(0, text.find_last_not_of('\n') + 1);
-    text.remove_prefix(text.rfind('\n') + 1);
-    constexpr std::string_view NAME = "gpg: ";
-    text.remove_prefix(text.starts_with(NAME) ? NAME.size() : 0);
-    return (text.empty() ? "" : ": ") + std::string(text);
+    return {contentOf(std::move(output)),
+            lastLine(contentOf(std::move(errors)))};
 }
 
 Buffer signDetached(const fs::path& home, const std::vector<std::string>& keys,
@@ -344,7 +343,9 @@ Buffer signDetached(const fs::path& home, const std::vector<std::string>& keys,
     {
         setenv("GPG_TTY", terminal, 0);
     }
-    return runGpg(home, arguments, data, doing);
+    const std::string signatures = runGpg(home, arguments, data, doing);
+    const Bytes bytes = bytesOf(signatures);
+    return {bytes.begin(), bytes.end()};
 }
 
 void checkSignatures(const fs::path& home, const Trust& trust,

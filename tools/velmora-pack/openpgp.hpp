@@ -13,8 +13,9 @@ namespace pack
 
 struct ProgramOutput
 {
-    Buffer output;
-    Buffer errors;
+    std::string output;
+    /** Its last line on standard error, for the end of a message. */
+    std::string reason;
 };
 
 /** Runs a program to its end. Its exit status is not known, so look at its
@@ -24,9 +25,6 @@ struct ProgramOutput
 ProgramOutput runProgram(const char* program,
                          const std::vector<std::string>& arguments,
                          Bytes input = {});
-
-/** The last thing that a program said, for the end of a message. */
-std::string lastErrorLine(const ProgramOutput& said);
 
 /** Detached and binary signatures behind one another, made at the time of
  *  SOURCE_DATE_EPOCH if that is set.

@@ -381,13 +381,13 @@ void writePackage(const Options& options, Bytes descriptor, const Buffer& older,
 
 /** Says what is signed again, and who signed before.
  *
+ *  @param fields the descriptor's
  *  @throws Error when a key that is at hand says that it did not */
-void reportSigners(const Options& options, const Contents& before)
+void reportSigners(const Options& options, const Json& fields, Bytes descriptor,
+                   Bytes signatures)
 {
-    const Json& descriptor = before.fields["descriptor"];
-    for (const tools::SignatureInfo& info :
-         tools::signaturesOf(options.gpgHome, textOf(*before.descriptor),
-                             textOf(*before.signature)))
+    for (const tools::SignatureInfo& info : tools::signaturesOf(
+             options.gpgHome, textOf(descriptor), textOf(signatures)))
     {
         if (info.status == GPG_ERR_BAD_SIGNATURE)
         {
@@ -397,8 +397,8 @@ void reportSigners(const Options& options, const Contents& before)
         }
         const bool isGood = info.status == GPG_ERR_NO_ERROR;
         report(options.made(),
-               "model " + std::string(descriptor["componentID"]) +
-                   ", version " + std::string(descriptor["vendorVersion"]) +
+               "model " + std::string(fields["componentID"]) + ", version " +
+                   std::string(fields["vendorVersion"]) +
                    ", was signed before by " + info.name() + " on " +
                    tools::dayText(info.created) +
                    (isGood ? "" : ", not checked: " + info.problem));
@@ -436,7 +436,8 @@ void resignPackage(const Options& options)
     {
         throw Error(file.name(), "is not signed again: " + remarks.at(0));
     }
-    reportSigners(options, before);
+    reportSigners(options, before.fields["descriptor"], *before.descriptor,
+                  *before.signature);
     const tools::Archive archive = archiveOf(file);
     std::vector<tools::NewMember> members;
     for (std::size_t i = 0; i < archive.members().size(); ++i)

@@ -28,8 +28,7 @@ void makeTestKeys(const Options& options)
     std::error_code missing;
     if (fs::is_empty(directory.path() / LAST_FILE, missing) || missing)
     {
-        throw Error(target.string(),
-                    "keys cannot be made" + lastErrorLine(said));
+        throw Error(target.string(), "keys cannot be made" + said.reason);
     }
     directory.commit();
     report(target, "test keys and certificates, not to be trusted");
