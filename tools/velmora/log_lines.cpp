@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <ctime>
@@ -328,13 +327,11 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
             splitter.take(text);
         }
     }
-    const int error = errno;
-    splitter.finish();
     if (count < 0)
     {
-        errno = error;
         throw tools::systemError(name);
     }
+    splitter.finish();
     if (splitter.size() > MAX_LOG)
     {
         throw tools::Error(name, "it has more than 256 MiB: cut it, such as "

@@ -470,9 +470,9 @@ void LogReader::takeFailure(Process& process, const Line& line,
                             const Site& site)
 {
     auto& refusal = process.refusal;
-    if (site.kind == Kind::PASSED_ON && isUnderWay(refusal, site))
+    if (refusal && site.kind == Kind::PASSED_ON && isUnderWay(refusal, site))
     {
-        addOnce(refusal->echoes, site);
+        refusal->echoes.push_back(site);
         line.addValuesTo(*refusal);
     }
     else if (refusal && site.kind == Kind::PARDON && isUnderWay(refusal, site))

@@ -228,7 +228,7 @@ std::string toBytes(std::string& size)
             return {};
         }
     }
-    catch (const CLI::Error&)
+    catch (const CLI::Error&) // NOLINT(bugprone-empty-catch)
     {
         // What it says is less than what is said below.
     }
