@@ -513,17 +513,13 @@ TEST_F(Faults, AnExceptionReleasesInTheSameOrder)
 
 TEST_F(Faults, TheRootCaGoesBeforeTheRefusalIsLogged)
 {
-    for (const std::function<void()>& spoil :
-         {std::function<void()>([] { fs::remove(ROOT_CA); }),
-          {[] { writeFile(ROOT_CA, ""); }},
-          {[] { writeFile(ROOT_CA, "another"); }},
-          {[this] { writeFile(path, "x" + good()); }}})
+    writeFile(path, "x" + good());
+    for (const char* rootCa : {"image-signer.pem", "root-ca.pem", "none"})
     {
-        useRootCa();
-        spoil();
+        fs::remove(ROOT_CA);
+        run("cp " + (keys() / rootCa).string() + " " + ROOT_CA);
         meanwhile = [] { std::cerr << "goes" << std::endl; };
         faulted("unlink", 1, ValidateQOR::validateCertChainForPayload, path);
-        ASSERT_GE(log.size(), 2U);
         EXPECT_THAT(Lines(log.end() - 2, log.end()),
                     ElementsAre("goes", "FAILURE"));
     }

@@ -95,21 +95,12 @@ TEST_F(Digest, CompositeOfKnownContents)
     EXPECT_EQ(directory(scratch.path), EMPTY_AND_ABC);
     EXPECT_EQ(directory(scratch.path.string() + "/"), EMPTY_AND_ABC);
     EXPECT_EQ(log.front(), shaLine(scratch / "a", EMPTY_DIGEST));
-    writeFile(scratch / "a", "abc");
-    writeFile(scratch / "b", "");
-    EXPECT_EQ(
-        directory(scratch.path),
-        "17076dc047c0c18dc1ba5e0310336762a1db0b7daa275b1004887c2cca2c25b0");
 }
 
 TEST_F(Digest, CompositeFollowsTheByteOrderOfNames)
 {
-    Lines sorted{".h", "B", "a", "a.bin", "a_b", "file10", "file2"};
-    for (int i = 100; i < 150; ++i)
-    {
-        sorted.push_back("n" + std::to_string(i));
-    }
-    sorted.emplace_back("\x80\xff");
+    const Lines sorted{".h",  "B",      "a",     "a.bin",
+                       "a_b", "file10", "file2", "\x80\xff"};
     // Some file systems list the newest first, or the oldest.
     Lines mixed = sorted;
     std::shuffle(mixed.begin(), mixed.end(), std::mt19937(1));
