@@ -1,7 +1,6 @@
 #include "support.hpp"
 
 #include <pty.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -125,21 +124,6 @@ TEST_F(Unzip, NobodyIsAskedForAPassword)
     const int status = extractOnTerminal("encrypted.zip", [](pid_t, int) {});
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1);
-}
-
-TEST_F(Unzip, NobodyIsAskedWhatToDoWithAFullDisk)
-{
-    // A file that may not grow is written to as a full disk is.
-    auto* const before = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit unlimited{};
-    getrlimit(RLIMIT_FSIZE, &unlimited);
-    const rlimit limit{100'000, unlimited.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    const bool done = extract("good.zip");
-    setrlimit(RLIMIT_FSIZE, &unlimited);
-    std::signal(SIGXFSZ, before);
-    EXPECT_FALSE(done);
-    EXPECT_THAT(log, Contains(HasSubstr("disk full?")));
 }
 
 TEST_F(Unzip, TheExtractorGetsOutputAndNothingElse)
