@@ -195,7 +195,8 @@ TEST(LogReader, EachEndingHasItsWord)
     EXPECT_THAT(explained(comparing + "Line: 3043 [FAILURE]"),
                 ElementsAre(HasSubstr("no verdict: a systemID"),
                             "failed: no such value"));
-    // Of a log that is cut.
+    // Of a log that is cut, where it judges.
+    EXPECT_THAT(explained("Line: 8200 [INFO x: 1]\n"), ElementsAre());
     for (const char* last :
          {"Line: 4078 [INFO signCount: 1]\n", "Line: 4107 [F"})
     {

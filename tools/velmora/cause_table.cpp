@@ -147,6 +147,14 @@ std::string linkedLibrary()
 
 } // namespace
 
+bool CauseTable::judges(int number) const
+{
+    const int block = number / BLOCK;
+    const auto first = sites.lower_bound(block * BLOCK);
+    return first != sites.end() && first->first / BLOCK == block &&
+           first->second.judges;
+}
+
 CauseTable readCauses(const std::string& library)
 {
     CauseTable table;

@@ -46,6 +46,9 @@ struct CauseTable
     std::string buildId = "unknown";
     /** By their number. */
     std::map<int, Site> sites;
+
+    /** Whether the source of a number judges. */
+    bool judges(int number) const;
 };
 
 /** None where the file has no table.

@@ -389,9 +389,7 @@ void LogReader::takeLine(Process& process, const Line& line)
         std::erase_if(process.now.details, [](const Detail& detail)
                       { return detail.reach == NEXT_LINE; });
         line.addValuesTo(process.now);
-        const auto next = table_.sites.lower_bound(line.number);
-        process.now.isBegun |=
-            next != table_.sites.end() && next->second.judges;
+        process.now.isBegun |= table_.judges(line.number);
         return;
     }
     if (const std::string objection = objectionTo(process, line);
