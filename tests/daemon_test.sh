@@ -45,6 +45,7 @@ variant("hostile.zip", {"package.xml": (0o100644, descriptor.replace(b"0A1B", b"
 variant("linked.zip", {"payload/c": (0o120777, "/etc/passwd")})
 variant("nested.zip", {"payload/locked/": (0o40000, b"")})
 variant("more.zip", {"install.sh": (0o100755, b"x")})
+variant("flood.zip", {"package.xml.sign": (0o100644, bytes(65537))})
 variant("bomb.zip", {"payload/" + name: (0o100644, bytes(140 << 20)) for name in "cd"},
         zipfile.ZIP_DEFLATED)
 # Its sizes are listed in front of the member and at the end, and are changed below.
@@ -66,6 +67,7 @@ expect 0 'this machine is 0A1B' result reason
 refuses linked.zip 'holds something besides'
 refuses nested.zip 'holds something besides'
 refuses more.zip 'holds something besides'
+refuses flood.zip 'signature file is larger than 64 KiB'
 refuses bomb.zip 'unpacked it is larger than 256 MiB'
 refuses lying.zip 'unpack'
 refuses large.zip 'larger than 256 MiB'

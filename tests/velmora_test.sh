@@ -110,6 +110,8 @@ strict 'something stands in front' eval '(printf "PK\3\4x"; cat p.zip) >made.zip
 strict 'it has a comment' eval 'echo x | zip -qz made.zip >/dev/null'
 strict '.*: package.xml .a link' eval 'cd made; ln -sf /etc/passwd package.xml
     zip -qy ../made.zip package.xml; cd ..'
+strict 'package.xml.sign has more than 64 KiB' eval 'cd made
+    truncate -s 65537 package.xml.sign; zip -q ../made.zip package.xml.sign; cd ..'
 strict '.*: payload/c .encrypted' eval 'cd made; cp payload/a payload/c
     zip -qP x ../made.zip payload/c; cd ..'
 # own OFFSET BYTE...: changes the own header of payload/a.

@@ -22,6 +22,8 @@ namespace update_daemon
  *  can grow beyond it. In bytes. */
 constexpr std::uintmax_t MAX_SIZE = std::uintmax_t{256} * 1024 * 1024;
 constexpr zip_int64_t MAX_MEMBERS = 1000;
+/** Of a signature file, in bytes: GnuPG takes its time for many signatures. */
+constexpr std::uintmax_t MAX_SIGNATURE = 65536;
 
 /** The package is refused, for a reason that this daemon has itself. */
 class Refusal : public std::runtime_error
@@ -132,6 +134,11 @@ inline Members membersOf(const fs::path& package)
         if (status.size > left)
         {
             throw Refusal("unpacked it is larger than 256 MiB");
+        }
+        if (status.name == std::string_view("package.xml.sign") &&
+            status.size > MAX_SIGNATURE)
+        {
+            throw Refusal("its signature file is larger than 64 KiB");
         }
         left -= status.size;
     }

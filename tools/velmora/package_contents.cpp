@@ -17,6 +17,8 @@ namespace
 {
 
 constexpr std::string_view PAYLOAD = "payload/";
+/** In bytes. gpg takes a minute for some megabytes of signatures. */
+constexpr std::uint64_t MAX_SIGNATURE = 64U << 10U;
 
 void freeText(xmlChar* text) { xmlFree(text); }
 
@@ -125,6 +127,10 @@ std::string PackageContents::objection() const
         if (!seen.insert(name).second)
         {
             return name + " differs from another name in case only";
+        }
+        if (name == "package.xml.sign" && size > MAX_SIGNATURE)
+        {
+            return name + " has more than 64 KiB";
         }
         hasPayload = hasPayload || name.starts_with(PAYLOAD);
     }
