@@ -69,10 +69,8 @@ completes() {
 if [ ${#emulator[@]} -eq 0 ]; then
     # shellcheck source=tools/completion.bash
     . velmora/share/bash-completion/completions/velmora-pack
-    completes --json velmora --j
     completes verify-image velmora ver
     completes --system-id velmora-pack package --payload f --sys
-    completes --keyring bmc-sim --key
     completes '' bmc-sim -- ''
 fi
 
