@@ -6,7 +6,7 @@ PV = "1.0+git"
 # Where the sources are is for the platform's layer to say, in a bbappend.
 VELMORA_SRC_URI ??= ""
 SRC_URI = "${VELMORA_SRC_URI}"
-SRCREV ??= "292caf1c95486a8001ca0d177fdf89eee67ba460"
+SRCREV ??= "c22406c6765c60c5f10ff0737d03b02940fb9c6e"
 
 python () {
     if not (d.getVar("VELMORA_SRC_URI") or d.getVar("EXTERNALSRC")):
