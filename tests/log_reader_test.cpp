@@ -162,6 +162,8 @@ TEST(LogReader, AnotherBuildIsDoubted)
     }
     // The text of a package can be there, and in what a parser says.
     EXPECT_THAT(explained("x.xml: line 1: 'b Line: 4107 [FAILURE]\n"
+                          "x.xml: line 2: bad URI: Line: 4107 [FAILURE]\n"
+                          "error:  cannot create x Line: 4107 [FAILURE]\n"
                           "Line: 5055 [FAILURE]\n"),
                 ElementsAre("refused: no identifier"));
     EXPECT_THAT(explained("Line: 5084 [INFO e.what(): the clock]\n"

@@ -196,11 +196,13 @@ void Splitter::takePlain(std::string_view line) const
     const auto start = startOf(line);
     const auto prefix = line.substr(0, start);
     const auto process = processIn(prefix);
-    // A process writes our lines whole: one behind other words is quoted, as
-    // by the parser, which does so within apostrophes.
+    // A process writes our lines whole. One behind other words is quoted, as
+    // by the parser ("PATH: line 2: …") or the extractor ("error:  …").
+    const auto before = prefix.substr(0, prefix.find_last_not_of(' ') + 1);
     const bool isQuoted =
         prefix.find('\'') < prefix.size() ||
-        (!process.empty() && !prefix.substr(0, start - 2).ends_with(process));
+        (process.empty() ? before.find(": ") < before.size()
+                         : !prefix.substr(0, start - 2).ends_with(process));
     sink_({process, prefix.substr(0, prefix.find_last_not_of(" :") + 1),
            isQuoted ? std::string_view() : line.substr(start)});
 }
