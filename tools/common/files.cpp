@@ -72,9 +72,10 @@ TemporaryDirectory::~TemporaryDirectory()
 {
     const SignalDelay delay;
     // gpg ends later than it answers: under another name, it adds nothing.
-    const fs::path left = path_.string() + '~';
+    fs::path left = path_.string() + '~';
     std::error_code ignored;
     fs::rename(path_, left, ignored);
+    left = ignored ? path_ : left;
     openDirectories(left);
     fs::remove_all(left, ignored);
     keepOnSignal(path_.c_str());

@@ -24,9 +24,10 @@ constexpr std::size_t MAX_DIRECTORIES = 8;
 /** Under its new name, nothing is added to the directory meanwhile. A package
  *  may hold directories that do not let their owner in. A signal to the whole
  *  group has two processes do this, if a child was just being started. */
-constexpr const char* REMOVE = "exec 2>/dev/null; mv -- \"$1\" \"$1~\" && set "
-                               "-- \"$1~\"; chmod -R u+rwX -- \"$1\"; "
-                               "exec rm -rf -- \"$1\"";
+constexpr const char* REMOVE =
+    "exec 2>/dev/null; mv -T -- \"$1\" \"$1~\" && set "
+    "-- \"$1~\"; chmod -R u+rwX -- \"$1\"; "
+    "exec rm -rf -- \"$1\"";
 
 std::array<std::atomic<const char*>, MAX_DIRECTORIES> directories{};
 pid_t thisProgram = 0;
