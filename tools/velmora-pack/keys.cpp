@@ -119,8 +119,8 @@ std::string secretIn(const fs::path& file)
     }
     if (text.size() > line.size() + 1 || text.size() == MOST_OF_SECRET)
     {
-        throw Error(file.string(), "holds more than the one line that a "
-                                   "passphrase or PIN is");
+        throw Error(file.string(), "holds more than the one line, of at most "
+                                   "1023 bytes, that a passphrase or PIN is");
     }
     if (line.back() == '\r')
     {

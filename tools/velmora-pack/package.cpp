@@ -154,7 +154,7 @@ void remarkOn(Contents& contents, Remarks& remarks,
                            { return static_cast<char>(std::tolower(c)); });
     if (!contents.names.insert(folded).second)
     {
-        remark("is there more than once (capitals do not count)");
+        remark("is there twice, but for capitals");
     }
     if (member.compression != "stored" && member.compression != "deflated")
     {
