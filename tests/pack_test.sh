@@ -45,7 +45,7 @@ fails 'has a name with a backslash' "${package[@]}" --payload 'back\slash' -o x.
 fails 'empty: is empty' "${package[@]}" --payload empty -o x.zip
 fails 'nested/pipe: is not a regular file' "${package[@]}" --payload nested -o x.zip
 echo x | tee case/{a,A} >/dev/null
-fails 'x.zip: is not made: member payload/a is there more' "${package[@]}" --payload case -o x.zip
+fails 'x.zip: is not made: member payload/a is there twice' "${package[@]}" --payload case -o x.zip
 fails 'not made: package.xml: is larger than 262144' package "${package[@]:5}" --payload files \
     --model 1 --version "$(printf '&%.0s' {1..60000})" -o x.zip
 expect 1 '^velmora-pack: gpg: cannot be run' env PATH=/none "$pack" "${package[@]}" \
@@ -191,7 +191,7 @@ expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload p.zip \
     --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
     --timestamp 1000000000 -o zip
 expect 0 '^kind: signed payload' "$pack" inspect zip
-expect 1 'is not a binary OpenPGP signature' "$pack" inspect --as signature p.zip
+expect 1 'is not a binary one' "$pack" inspect --as signature p.zip
 expect 0 'payload with PS512 signature and timestamp 1600000000' "$pack" resign signed \
     --key "$keys/payload-signer.pem" --timestamp 1600000000 -o signed-again
 cp "$keys/root-ca.pem" "$root_ca"
@@ -276,12 +276,12 @@ remarks behind.zip 'something stands behind its end record'
 remarks upper.xml 'an element has more than 1000 attributes'
 remarks upper.xml 'systemID .* is longer than 1024 bytes'
 remarks typed.xml 'takes at most 8192 bytes, and this has 16;'
-remarks unsigned.zip 'OpenPGP signature: cannot be checked: No data'
+remarks unsigned.zip 'OpenPGP signature: is not a binary one'
 remarks unsigned.zip 'a;1 has a name that ends with a semicolon'
 remarks sigs.zip 'OpenPGP signature: is larger than 65536 bytes'
 remarks empty.zip 'the payload is empty'
 remarks crc.zip 'payload/a cannot be read: CRC error'
-remarks odd.zip 'package.xml is there more than once'
+remarks odd.zip 'package.xml is there twice'
 remarks odd.zip 'payload.*x has a name with a backslash'
 expect 0 'payload/e.u0301"' "$pack" inspect --json odd.zip
 remarks upper.xml 'systemID "zz" is no number, and'

@@ -100,7 +100,7 @@ made=made.zip
 for name in install.sh PACKAGE.XML /tmp/x ../payload/x payload/sub/x; do
     strict "1 entry is not covered: $name$" add "$name"
 done
-strict 'it has more than 1000 directories' add "payload/$(printf 'd/%.0s' {1..1001})x"
+strict 'it has more than 1000 directories' add "payload/$(printf 'd\\%.0s' {1..1001})x"
 strict '.*: package.xml .a second time' add package.xml
 strict 'payload/a differs from another name in case only' add payload/A
 strict 'something stands behind its end record' eval 'echo x >>made.zip'
@@ -111,6 +111,9 @@ strict '.*: package.xml .a link' eval 'cd made; ln -sf /etc/passwd package.xml
     zip -qy ../made.zip package.xml; cd ..'
 strict 'package.xml.sign has more than 64 KiB' eval 'cd made
     truncate -s 65537 package.xml.sign; zip -q ../made.zip package.xml.sign; cd ..'
+strict 'package.xml.sign is not just binary' eval 'made=made
+    gpg --enarmor <p.zip >made/package.xml.sign 2>/dev/null'
+made=made.zip
 strict '.*: payload/c .encrypted' eval 'cd made; cp payload/a payload/c
     zip -qP x ../made.zip payload/c; cd ..'
 # own OFFSET BYTE...: changes the own header of payload/a.

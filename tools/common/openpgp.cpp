@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <map>
 
 namespace fs = std::filesystem;
 
@@ -66,7 +67,11 @@ std::string problemOf(const SignatureInfo& info, gpgme_signature_t made)
     }
 }
 
-SignatureInfo infoOf(const GpgContext& context, gpgme_signature_t made)
+/** Keys by fingerprint. gpg is started for each that is looked up. */
+using Keys = std::map<std::string, GpgKey>;
+
+SignatureInfo infoOf(const GpgContext& context, gpgme_signature_t made,
+                     Keys& keys)
 {
     SignatureInfo info;
     info.fingerprint = textOr(made->fpr, "unknown");
@@ -77,11 +82,16 @@ SignatureInfo infoOf(const GpgContext& context, gpgme_signature_t made)
     info.created = static_cast<std::int64_t>(made->timestamp);
     info.status = gpgme_err_code(made->status);
     info.isValid = (made->summary & GPGME_SIGSUM_VALID) != 0;
+    const auto [known, isNew] = keys.try_emplace(info.fingerprint);
+    const GpgKey& key = known->second;
     gpgme_key_t found = nullptr;
-    if (info.status != GPG_ERR_NO_PUBKEY && made->fpr != nullptr &&
+    if (isNew && info.status != GPG_ERR_NO_PUBKEY && made->fpr != nullptr &&
         gpgme_get_key(context.get(), made->fpr, &found, 0) == GPG_ERR_NO_ERROR)
     {
-        const GpgKey key(found);
+        known->second.reset(found);
+    }
+    if (key != nullptr)
+    {
         info.primary = textOr(key->fpr, "");
         for (gpgme_subkey_t part = key->subkeys; part != nullptr;
              part = part->next)
@@ -147,6 +157,51 @@ std::string dayText(std::int64_t seconds)
     return {text.data(), static_cast<std::size_t>(std::max(size, 0))};
 }
 
+bool holdsOnlySignatures(std::string_view file)
+{
+    constexpr unsigned NEW_FORMAT_SIGNATURE = 0xc2;
+    constexpr unsigned OLD_FORMAT_SIGNATURE = 0x88;
+    constexpr std::array<std::size_t, 3> SIZES_OF_LENGTH{1, 2, 4};
+    const bool isEmpty = file.empty();
+    while (!file.empty())
+    {
+        const auto octet = [file](std::size_t at)
+        {
+            return at < file.size() ? static_cast<unsigned char>(file[at]) : 0U;
+        };
+        // Where the length of the packet stands, and how long that is.
+        std::size_t start = 1;
+        std::size_t size = 0;
+        if (octet(0) == NEW_FORMAT_SIGNATURE)
+        {
+            const unsigned first = octet(1);
+            size = first < 192 ? 1 : first < 224 ? 2 : first == 255 ? 4 : 0;
+            start = first == 255 ? 2 : 1;
+        }
+        else if (octet(0) >= OLD_FORMAT_SIGNATURE &&
+                 octet(0) < OLD_FORMAT_SIGNATURE + SIZES_OF_LENGTH.size())
+        {
+            size = SIZES_OF_LENGTH.at(octet(0) - OLD_FORMAT_SIGNATURE);
+        }
+        std::uint64_t length = 0;
+        for (std::size_t i = 0; i < size; ++i)
+        {
+            length = length << 8U | octet(start + i);
+        }
+        if (octet(0) == NEW_FORMAT_SIGNATURE && size == 2)
+        {
+            length -= (192U << 8U) - 192U;
+        }
+        if (size == 0 || start + size > file.size() ||
+            length > file.size() - start - size)
+        {
+            return false;
+        }
+        file.remove_prefix(start + size + static_cast<std::size_t>(length));
+    }
+    return !isEmpty;
+}
+
 std::vector<SignatureInfo> signaturesOf(const fs::path& home,
                                         std::string_view data,
                                         std::string_view signatures)
@@ -156,11 +211,12 @@ std::vector<SignatureInfo> signaturesOf(const fs::path& home,
                           gpgData(data).get(), nullptr),
           "the OpenPGP signature", "cannot be checked");
     std::vector<SignatureInfo> infos;
+    Keys keys;
     for (gpgme_signature_t made =
              gpgme_op_verify_result(context.get())->signatures;
          made != nullptr; made = made->next)
     {
-        infos.push_back(infoOf(context, made));
+        infos.push_back(infoOf(context, made, keys));
     }
     return infos;
 }

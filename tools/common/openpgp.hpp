@@ -55,6 +55,12 @@ struct SignatureInfo
     std::string name() const;
 };
 
+/** Whether it holds signature packets and nothing else: RFC 4880, 4.2.
+ *
+ *  gpg follows compressed packets, so that a kilobyte can hold thousands of
+ *  signatures, each of which takes it a millisecond. */
+bool holdsOnlySignatures(std::string_view file);
+
 /** Looks at each detached signature over @p data.
  *
  *  @throws Error when gpg cannot read them */

@@ -19,7 +19,7 @@ namespace pack
 namespace
 {
 
-/** gpg takes a millisecond for each of those in a file. */
+/** A file of more holds more signatures than somebody means. */
 constexpr std::uint64_t LARGEST_SIGNATURE = 65536;
 constexpr std::size_t FINGERPRINT_LENGTH = 40;
 constexpr int REVOCATION_TIME_FIELD = 6;
@@ -125,7 +125,8 @@ std::string revocationDay(const fs::path& home, const std::string& fingerprint)
     {
         std::getline(record, seconds, ':');
     }
-    return " on " + tools::dayText(std::strtoll(seconds.c_str(), nullptr, 10));
+    const std::int64_t time = std::strtoll(seconds.c_str(), nullptr, 10);
+    return time == 0 ? "" : " on " + tools::dayText(time);
 }
 
 /** Why a key cannot sign now, or at the time of SOURCE_DATE_EPOCH; empty when
@@ -288,14 +289,6 @@ void checkExpiry(const std::string& where, const Trust& trust,
     }
 }
 
-/** Whether its first packet is a signature: RFC 4880, 4.2. */
-bool isBinarySignature(Bytes file)
-{
-    const auto first =
-        file.empty() ? 0U : std::to_integer<unsigned>(file.front());
-    return first == 0xc2 || (first & 0xfcU) == 0x88;
-}
-
 } // namespace
 
 ProgramOutput runProgram(const char* program,
@@ -392,6 +385,12 @@ Json describeSignatures(Bytes file, Remarks& remarks)
         {
             throw Error("the OpenPGP signature", "is larger than 65536 bytes");
         }
+        if (!tools::holdsOnlySignatures(textOf(file)))
+        {
+            throw Error("the OpenPGP signature",
+                        "is not a binary one and nothing else (gpg --dearmor "
+                        "makes one of an armoured one)");
+        }
         for (const tools::SignatureInfo& info :
              tools::signaturesOf(noKeys.path(), {}, textOf(file)))
         {
@@ -411,14 +410,11 @@ Json describeSignatures(Bytes file, Remarks& remarks)
 
 Json describeSignature(const Source& file, Remarks& remarks)
 {
-    const Buffer content = file.readAll();
-    const Json signatures = isBinarySignature(content)
-                                ? describeSignatures(content, remarks)
-                                : Json::array();
+    const Json signatures = describeSignatures(file.readAll(), remarks);
     if (signatures.empty())
     {
-        throw Error(file.name(), "is not a binary OpenPGP signature (gpg "
-                                 "--dearmor makes one of an armoured one)");
+        throw Error(file.name(), remarks.empty() ? "holds no OpenPGP signature"
+                                                 : remarks.back());
     }
     return {{"signatures", signatures}};
 }
@@ -431,9 +427,7 @@ bool isSignature(const Source& file)
     }
     // An image begins like one, too, at times.
     Remarks ignored;
-    const Buffer content = file.readAll();
-    return isBinarySignature(content) &&
-           !describeSignatures(content, ignored).empty();
+    return !describeSignatures(file.readAll(), ignored).empty();
 }
 
 } // namespace pack

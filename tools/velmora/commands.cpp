@@ -56,7 +56,7 @@ constexpr std::size_t METADATA_SIZE = 512;
 /** What a file's end may waste, in bytes. */
 constexpr std::uint64_t BLOCK_SIZE = 4096;
 /** A good package has one. */
-constexpr std::ptrdiff_t MAX_DIRECTORIES = 1000;
+constexpr std::size_t MAX_DIRECTORIES = 1000;
 /** Of a text from a descriptor, in bytes. */
 constexpr std::size_t MAX_SHOWN = 512;
 
@@ -156,18 +156,24 @@ std::string tooLarge(const Request& request)
     return "it has more than " + std::to_string(request.maxSize) + " bytes";
 }
 
-/** At most so many: they take room too, which no size tells. */
-std::ptrdiff_t directoriesIn(const tools::Archive& archive)
+/** They take room, too, which no size tells. */
+bool hasManyDirectories(const tools::Archive& archive)
 {
     std::set<std::string> seen;
-    std::ptrdiff_t count = 0;
     for (const tools::ArchiveMember& member : archive.members())
     {
-        const std::string path = fs::path(member.name).parent_path();
-        count +=
-            seen.insert(path).second ? std::ranges::count(path, '/') + 1 : 0;
+        std::string path = member.name;
+        // The extractor takes it for a slash in archives that were made on
+        // some systems.
+        std::ranges::replace(path, '\\', '/');
+        for (auto end = path.find('/');
+             end < path.size() && seen.size() <= MAX_DIRECTORIES;
+             end = path.find('/', end + 1))
+        {
+            seen.insert(path.substr(0, end));
+        }
     }
-    return count;
+    return seen.size() > MAX_DIRECTORIES;
 }
 
 /** What is wrong with an archive before anything of it is unpacked, or empty.
@@ -178,7 +184,7 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
     {
         return tooLarge(request);
     }
-    if (directoriesIn(archive) > MAX_DIRECTORIES)
+    if (hasManyDirectories(archive))
     {
         return "it has more than 1000 directories";
     }
@@ -313,7 +319,12 @@ Answer validateDirectory(const Request& request, const fs::path& package,
     std::string objection = !request.strict ? "" : contents.objection();
     if (objection.empty() && request.strict)
     {
+        const fs::path signature = package / "package.xml.sign";
         objection = contents.size() > request.maxSize ? tooLarge(request)
+                    : fs::exists(signature) && !tools::holdsOnlySignatures(
+                                                   tools::readFile(signature))
+                        ? "package.xml.sign is not just binary OpenPGP "
+                          "signatures"
                     : listed != nullptr && listed->files != contents.files
                         ? "its archive lists something else than it unpacks to"
                         : "";

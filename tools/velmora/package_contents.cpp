@@ -17,7 +17,7 @@ namespace
 {
 
 constexpr std::string_view PAYLOAD = "payload/";
-/** In bytes. gpg takes a minute for some megabytes of signatures. */
+/** In bytes. gpg takes a millisecond for each of the signatures in a file. */
 constexpr std::uint64_t MAX_SIGNATURE = 64U << 10U;
 
 void freeText(xmlChar* text) { xmlFree(text); }
