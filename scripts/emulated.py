@@ -86,7 +86,9 @@ def summary(output):
 def main():
     build, native = (pathlib.Path(name).resolve() for name in sys.argv[1:3])
     only = sys.argv[3]
-    tree, scripts = write_scripts(build, native, sys.argv[4:])
+    # A test may have a PATH of its own.
+    emulator = [shutil.which(sys.argv[4]) or sys.argv[4], *sys.argv[5:]]
+    tree, scripts = write_scripts(build, native, emulator)
     logs = build / "emulated-logs"
     logs.mkdir(exist_ok=True)
     counts = {"passed": 0, "failed": 0, "not run": 0}
