@@ -40,7 +40,9 @@ fs::path extractorOf(pid_t process)
             std::string child =
                 readFile("/proc/" + number + "/task/" + number + "/children");
             found = "/proc/" + child.substr(0, child.find(' '));
-            return readFile(found / "comm") == "unzip\n";
+            // It has its name a moment before its arguments.
+            return readFile(found / "comm") == "unzip\n" &&
+                   !readFile(found / "cmdline").empty();
         }));
     return found;
 }
