@@ -6,7 +6,7 @@ PV = "1.0+git"
 # Where the sources are is for the platform's layer to say, in a bbappend.
 VELMORA_SRC_URI ??= ""
 SRC_URI = "${VELMORA_SRC_URI}"
-SRCREV ??= "2ce34d9a72d83cfb1e90d530074a65bbfbb27b81"
+SRCREV ??= "83d11fb792693fecefc3df77a5daaa749b36d97d"
 
 python () {
     if not (d.getVar("VELMORA_SRC_URI") or d.getVar("EXTERNALSRC")):
