@@ -116,7 +116,6 @@ TEST(LogReader, EveryFormGivesTheSameAnswer)
           inForm("\x1b[0;1;39mNov 25 bmc updated[", "]: \x1b[31m", "\x1b[0m\n"),
           inForm("-- No entry --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
                  "\n    MESSAGE=", "\n    SYSLOG_IDENTIFIER=updated\n"),
-          "__CURSOR=0\n" + inForm("_PID=", "\nMESSAGE=", "\n\n__CURSOR=1\n"),
           "updated is started\n" +
               inForm(R"({"_PID":")", R"(","MESSAGE":")", "\"}\n"),
           inForm(R"({"log":"bmc updated[)", "]: ", "\\n\"}\n"),
@@ -222,6 +221,11 @@ TEST(LogReader, HostileLogsCostLittle)
     EXPECT_THROW(explained(half.substr(0, 1000)), tools::Error);
     EXPECT_THROW(explained(compressed("x\n") + "Line: 4107 [FAILURE]\n"),
                  tools::Error);
+    // A last entry that is cut off, and another program's line.
+    EXPECT_THROW(explained("{\"log\":\"x\"}\n{\"log\":\"Li"), tools::Error);
+    EXPECT_THROW(explained("{\n\t\"log\" : 1\n}\n{\n\t\"log\" : "),
+                 tools::Error);
+    EXPECT_NO_THROW(explained("Line: 4107 [FAILURE]\n{x"));
 }
 
 } // namespace

@@ -122,7 +122,7 @@ fails 'changed.zip: is not signed again: the payload.s digest' resign changed.zi
     zip -qr ../forged.zip .)
 fails 'is not signed again: the descriptor is not what' resign forged.zip \
     "${package[@]:5}" -o x.zip
-expect 2 'an option for a payload: means nothing for this package' \
+expect 2 '--chain: means nothing for this package' \
     "$pack" resign p.zip --chain x "${again[@]}"
 expect 2 'excludes --add' "$pack" resign p.zip --add --to-be-signed x
 
@@ -204,9 +204,9 @@ checked=(payload content --key "$keys/payload-signer.pem" --alg PS256 -o x)
 fails 'empty: holds no certificate' "${checked[@]}" --chain empty
 fails 'foreign-root.pem: does not vouch .* unable to get local issuer' \
     "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/foreign-root.pem"
-fails 'does not vouch for the chain at the timestamp 5: .* not yet valid' \
+fails 'does not vouch for the chain at the timestamp 10: .* not yet valid' \
     "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/root-ca.pem" \
-    --timestamp 5
+    --timestamp 010
 fails 'certificate .* so not in 36500 days' "${checked[@]}" \
     --chain "$keys/chain.pem" --root-ca "$keys/root-ca.pem" --min-days 36500
 openssl pkey -in "$keys/image-signer.pem" -aes256 -passout pass:a-secret -out locked.pem

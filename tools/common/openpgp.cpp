@@ -2,6 +2,8 @@
 
 #include "error.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -124,9 +126,10 @@ GpgContext gpgContext(const fs::path& home)
     gpgme_ctx_t made = nullptr;
     check(gpgme_new(&made), "gpg", "cannot be used");
     GpgContext context(made);
-    if (!home.empty() && !fs::is_directory(home))
+    // With a separator behind it, only a directory is there.
+    if (!home.empty() && access((home / "").c_str(), R_OK | X_OK) != 0)
     {
-        throw Error(home.string(), "is not a directory");
+        throw systemError(home.string());
     }
     check(gpgme_ctx_set_engine_info(made, GPGME_PROTOCOL_OpenPGP, nullptr,
                                     home.empty() ? nullptr

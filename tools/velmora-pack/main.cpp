@@ -8,6 +8,7 @@
 #include "making.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -97,13 +98,31 @@ void addPassphrase(CLI::App& command, Options& options, CLI::Option* key)
         ->needs(key);
 }
 
+/** CLI11 takes a number with a leading zero for an octal one. */
+CLI::Validator decimal(std::int64_t least, std::int64_t most)
+{
+    const auto read = [least, most](std::string& text)
+    {
+        std::int64_t number = -1;
+        const char* const end = text.data() + text.size();
+        const auto result = std::from_chars(text.data(), end, number);
+        const bool isGood =
+            result.ptr == end && number >= least && number <= most;
+        text = isGood ? std::to_string(number) : text;
+        return isGood ? ""
+                      : "not a number from " + std::to_string(least) + " to " +
+                            std::to_string(most) + ": " + text;
+    };
+    return {read, ""};
+}
+
 void addMinDays(CLI::App& command, Options& options)
 {
     add(command, "--min-days", options.trust.days, "DAYS",
         "Days for which key and certificates must still be valid: fewer is a "
         "refusal with --keyring or --root-ca, and a warning without; default "
         "30")
-        ->check(CLI::Range(0, MOST_DAYS));
+        ->transform(decimal(0, MOST_DAYS));
 }
 
 // What a file can have that is made, or signed again.
@@ -127,8 +146,7 @@ void addPayloadParts(CLI::App& command, Options& options)
     add(command, "--timestamp", options.timestamp, "SECONDS",
         "The signing time in seconds since 1970, 1 to 2147483647; default "
         "SOURCE_DATE_EPOCH, or now")
-        ->check(CLI::Range(std::int32_t{1},
-                           std::numeric_limits<std::int32_t>::max()));
+        ->transform(decimal(1, std::numeric_limits<std::int32_t>::max()));
     add(command, "--root-ca", options.trust.anchor, "FILE",
         "The machine's root CA, PEM: refuse what it would refuse");
     add(command, "--chain", options.chain, "FILE",
@@ -250,11 +268,14 @@ void resign(const std::vector<CLI::App*>& groups, Options& options)
     }
     for (const CLI::App* const group : groups)
     {
-        if (group->count_all() > 0 &&
-            group->get_group().find(kind) == std::string::npos)
+        for (const CLI::Option* const option : group->get_options())
         {
-            throw CLI::ValidationError("an option for " + group->get_group(),
-                                       "means nothing for this " + kind);
+            if (option->count() > 0 &&
+                group->get_group().find(kind) == std::string::npos)
+            {
+                throw CLI::ValidationError(option->get_name(),
+                                           "means nothing for this " + kind);
+            }
         }
     }
     if (kind == "package")

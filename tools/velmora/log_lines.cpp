@@ -37,6 +37,8 @@ constexpr std::array FIELDS{
     "MESSAGE", "_PID", "_BOOT_ID", "SYSLOG_IDENTIFIER", "__REALTIME_TIMESTAMP",
     "log"};
 
+/** In front of the fields of "-o verbose". */
+constexpr std::string_view MARGIN = "    ";
 /** A log that was copied from memory has NULs. */
 constexpr std::string_view BLANKS(" \t\r\n\0", 5);
 
@@ -108,7 +110,8 @@ class Splitter
 
     /** Takes what follows, whole lines or not. */
     void take(std::string_view text);
-    void finish();
+    /** @return whether the last entry is whole */
+    bool finish();
     /** Of all so far, in bytes. */
     std::size_t size() const { return size_; }
 
@@ -125,11 +128,10 @@ class Splitter
     std::string line_;
     /** The lines of an object of "-o json-pretty" that has begun. */
     std::string object_;
-    /** Whether an entry of "-o verbose" or "-o export" has begun. */
+    bool hasObjects_ = false;
+    bool isLastBroken_ = false;
+    /** Whether an entry of "-o verbose" has begun. */
     bool isInEntry_ = false;
-    /** What its lines begin with; nothing in a log that is all "-o export". */
-    std::string_view margin_ = "    ";
-    bool isFirst_ = true;
     std::map<std::string, std::string, std::less<>> fields_;
 };
 
@@ -150,16 +152,18 @@ void Splitter::take(std::string_view text)
     }
 }
 
-void Splitter::finish()
+bool Splitter::finish()
 {
     takeLine(line_);
     takeEntry();
+    // Another program's line may begin like an object.
+    return !hasObjects_ || (object_.empty() && !isLastBroken_);
 }
 
 void Splitter::takeLine(std::string_view rawLine)
 {
     const std::string line = cleaned(rawLine);
-    const bool isFirst = std::exchange(isFirst_, false);
+    isLastBroken_ = isLastBroken_ && line.empty();
     const bool isIndented = line.starts_with('\t') || line.starts_with(' ');
     std::string object = std::exchange(object_, {});
     if (line == "{")
@@ -175,18 +179,16 @@ void Splitter::takeLine(std::string_view rawLine)
     {
         takeObject(object + line);
     }
-    else if (isInEntry_ && !line.empty() && line.starts_with(margin_))
+    else if (isInEntry_ && line.starts_with(MARGIN))
     {
-        const auto field = std::string_view(line).substr(margin_.size());
+        const auto field = std::string_view(line).substr(MARGIN.size());
         const auto end = std::min(field.find('='), field.size() - 1);
         takeField(field.substr(0, end), field.substr(end + 1));
     }
     else
     {
         takeEntry();
-        margin_ = isFirst && line.starts_with("__CURSOR=") ? "" : margin_;
-        isInEntry_ = margin_.empty() ||
-                     (line.ends_with(']') && line.find(" [s=") < line.size());
+        isInEntry_ = line.ends_with(']') && line.find(" [s=") < line.size();
         takePlain(line);
     }
 }
@@ -211,6 +213,8 @@ void Splitter::takeObject(const std::string& text)
 {
     takeEntry();
     const auto object = nlohmann::json::parse(text, nullptr, false);
+    isLastBroken_ = object.is_discarded();
+    hasObjects_ |= object.is_object();
     for (const char* name : FIELDS)
     {
         if (object.is_object() && object.contains(name))
@@ -333,7 +337,7 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
     {
         throw tools::systemError(name);
     }
-    splitter.finish();
+    const bool isWhole = splitter.finish();
     if (splitter.size() > MAX_LOG)
     {
         throw tools::Error(name, "it has more than 256 MiB: cut it, such as "
@@ -343,6 +347,10 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
     {
         throw tools::Error(name, "its gzip data is damaged, ends early, or has "
                                  "something else behind it");
+    }
+    if (!isWhole)
+    {
+        throw tools::Error(name, "it ends in the middle of an entry");
     }
 }
 

@@ -237,6 +237,14 @@ std::string toBytes(std::string& size)
            "MiB or GiB";
 }
 
+/** The bus takes no other text. */
+std::string expectText(const std::string& text)
+{
+    return printable(text) == text
+               ? ""
+               : "no UTF-8 text without control characters: " + text;
+}
+
 /** A variable of a script that is not set must not accept everything. */
 std::string expectVersion(const std::string& version)
 {
@@ -296,9 +304,11 @@ void addInventoryCommands(CLI::App& app, Invocation& chosen)
     static const auto PURPOSES = purposesByName();
     CLI::App* sub = inventory->get_subcommand("add");
     sub->add_option("--detail1", chosen.request.detail1,
-                    "First detail, handed on to the inventory manager");
+                    "First detail, handed on to the inventory manager")
+        ->check(expectText);
     sub->add_option("--detail2", chosen.request.detail2,
-                    "Second detail, handed on to the inventory manager");
+                    "Second detail, handed on to the inventory manager")
+        ->check(expectText);
     addChoice(sub, "--purpose", chosen.request.purpose, PURPOSES,
               "Such as BMC or BIOS")
         ->required();
