@@ -1,4 +1,4 @@
-#include "purposes.hpp"
+#include "common/purposes.hpp"
 #include "services.hpp"
 
 namespace bmc_services
@@ -74,7 +74,8 @@ int InventoryService::add(sd_bus_message* call, void* data,
     }
     if (!std::string_view(path).starts_with(SOFTWARE_PREFIX) ||
         sd_bus_object_path_is_valid(path) == 0 ||
-        !VERSION_PURPOSES.holds(purpose) || !RELEASE_TYPES.holds(releaseType))
+        !tools::VERSION_PURPOSES.holds(purpose) ||
+        !tools::RELEASE_TYPES.holds(releaseType))
     {
         return sd_bus_error_setf(
             error, INVALID_ARGUMENT,

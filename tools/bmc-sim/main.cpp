@@ -1,8 +1,8 @@
 #include "common/command_line.hpp"
 #include "common/error.hpp"
 #include "common/files.hpp"
+#include "common/purposes.hpp"
 #include "library_version.hpp"
-#include "purposes.hpp"
 #include "services.hpp"
 #include "terminal_filter.hpp"
 
@@ -50,7 +50,7 @@ void addPurpose(Options& options, const std::string& text)
     const auto purpose =
         equals == std::string::npos
             ? std::nullopt
-            : VERSION_PURPOSES.complete(text.substr(equals + 1));
+            : tools::VERSION_PURPOSES.complete(text.substr(equals + 1));
     if (!purpose)
     {
         throw CLI::ValidationError(

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace bmc_services
+namespace tools
 {
 
 /** An enumeration as its D-Bus strings tell it: a prefix and names. */
@@ -46,4 +46,4 @@ constexpr BusEnumeration<3> RELEASE_TYPES{
     "xyz.openbmc_project.Software.Version.ReleaseType.",
     {"Other", "Production", "Prototype"}};
 
-} // namespace bmc_services
+} // namespace tools
