@@ -164,7 +164,9 @@ namespace details
 {
 
 /** Every purpose with its D-Bus string, in the order of the values. A program
- *  may have another table of this name, which the library does not look at. */
+ *  that converts purposes itself has another table of this name, which takes
+ *  the place of this one and may be shorter: it must not be read there. The
+ *  library does not look at it. */
 extern VELMORA_EXPORT const
     std::array<std::pair<Version::VersionPurpose, std::string_view>, 15>
         mappingVersionVersionPurpose;

@@ -37,6 +37,8 @@ struct BusEnumeration
     }
 };
 
+/** In the order of the values. The library's exported table may be another
+ *  one's in its place. */
 constexpr BusEnumeration<15> VERSION_PURPOSES{
     "xyz.openbmc_project.Software.Version.VersionPurpose.",
     {"Unknown", "Other", "System", "BMC", "Host", "PSU", "SEPBP", "BIOS",

@@ -3,6 +3,7 @@
 #include "common/error.hpp"
 #include "common/files.hpp"
 #include "common/progress.hpp"
+#include "common/purposes.hpp"
 #include "package_contents.hpp"
 #include "run.hpp"
 #include "signer.hpp"
@@ -523,15 +524,12 @@ Answer verifyPayload(const Request& request)
 
 Answer purpose(const Request& request)
 {
-    using sdbusplus::common::xyz::openbmc_project::software::details::
-        mappingVersionVersionPurpose;
     expectReadable(request, fs::path(request.subject) / "package.xml");
     const auto read = [&]
     {
         const auto value = ValidateQOR::getImagePurpose(request.subject);
-        return shortName(
-            mappingVersionVersionPurpose.at(static_cast<std::size_t>(value))
-                .second);
+        return std::string(tools::VERSION_PURPOSES.names.at(
+            static_cast<std::size_t>(value)));
     };
     return askForValue(request, "purpose", read, "Unknown");
 }

@@ -73,10 +73,4 @@ Answer addToInventory(const Request& request);
 Answer removeFromInventory(const Request& request);
 Answer inventoryModel(const Request& request);
 
-/** A purpose's own name, behind the last dot of its D-Bus string. */
-inline std::string shortName(std::string_view text)
-{
-    return std::string(text.substr(text.rfind('.') + 1));
-}
-
 } // namespace velmora::front

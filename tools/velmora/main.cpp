@@ -3,6 +3,7 @@
 #include "common/command_line.hpp"
 #include "common/error.hpp"
 #include "common/progress.hpp"
+#include "common/purposes.hpp"
 #include "common/signals.hpp"
 #include "explain_command.hpp"
 #include "json.hpp"
@@ -109,10 +110,10 @@ std::string inventoryPathError(const std::string& path)
 std::map<std::string, ValidateQOR::VersionPurpose> purposesByName()
 {
     std::map<std::string, ValidateQOR::VersionPurpose> purposes;
-    for (const auto& [value, text] : sdbusplus::common::xyz::openbmc_project::
-             software::details::mappingVersionVersionPurpose)
+    for (const std::string_view name : tools::VERSION_PURPOSES.names)
     {
-        purposes.emplace(shortName(text), value);
+        purposes.emplace(name, static_cast<ValidateQOR::VersionPurpose>(
+                                   purposes.size()));
     }
     return purposes;
 }
