@@ -528,8 +528,8 @@ Answer purpose(const Request& request)
     const auto read = [&]
     {
         const auto value = ValidateQOR::getImagePurpose(request.subject);
-        return std::string(tools::VERSION_PURPOSES.names.at(
-            static_cast<std::size_t>(value)));
+        return std::string(
+            tools::VERSION_PURPOSES.names.at(static_cast<std::size_t>(value)));
     };
     return askForValue(request, "purpose", read, "Unknown");
 }

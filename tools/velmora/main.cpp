@@ -112,8 +112,8 @@ std::map<std::string, ValidateQOR::VersionPurpose> purposesByName()
     std::map<std::string, ValidateQOR::VersionPurpose> purposes;
     for (const std::string_view name : tools::VERSION_PURPOSES.names)
     {
-        purposes.emplace(name, static_cast<ValidateQOR::VersionPurpose>(
-                                   purposes.size()));
+        purposes.emplace(
+            name, static_cast<ValidateQOR::VersionPurpose>(purposes.size()));
     }
     return purposes;
 }
