@@ -12,6 +12,8 @@ token_driver=pkcs11-provider
     token_driver=libengine-pkcs11-openssl
 test_packages=(libgtest-dev libgmock-dev systemd abigail-tools valgrind man-db
     softhsm2 opensc "$token_driver")
+# For sanitizers and fuzzers. The last turns addresses into lines.
+clang_packages=(clang-19 libclang-rt-19-dev llvm-19)
 # Without these something is left out, but the rest works: a release that is
 # in the making may not have them all at the moment.
 optional_packages=" scdoc abigail-tools valgrind man-db softhsm2 opensc \
