@@ -121,6 +121,7 @@ Function* next(const char* name)
 #if defined(_TIME_BITS) && _TIME_BITS == 64 && __TIMESIZE == 32
 #define FSTAT64 "__fstat64_time64"
 #define STAT "__stat64_time64"
+#define OTHER_STAT "stat64"
 #elif __TIMESIZE == 32
 #define FSTAT64 "fstat64"
 #define STAT "stat64"
@@ -140,6 +141,18 @@ Function* next(const char* name)
         }                                                                      \
         return real arguments;                                                 \
     }
+
+#ifdef OTHER_STAT
+// The standard library may still count it in 32.
+extern "C" int fault_other_stat(const char* path,
+                                void* status) __asm__(OTHER_STAT);
+extern "C" int fault_other_stat(const char* path, void* status)
+{
+    static auto* real = next<int(const char*, void*)>(OTHER_STAT);
+    return failNow("stat", __builtin_return_address(0)) ? failed(EOVERFLOW)
+                                                        : real(path, status);
+}
+#endif
 
 // clang-format off
 FAULT(int, fork, (), (), failed(EAGAIN) - 1)
