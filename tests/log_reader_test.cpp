@@ -221,11 +221,16 @@ TEST(LogReader, HostileLogsCostLittle)
     EXPECT_THROW(explained(half.substr(0, 1000)), tools::Error);
     EXPECT_THROW(explained(compressed("x\n") + "Line: 4107 [FAILURE]\n"),
                  tools::Error);
-    // A last entry that is cut off, and another program's line.
-    EXPECT_THROW(explained("{\"log\":\"x\"}\n{\"log\":\"Li"), tools::Error);
-    EXPECT_THROW(explained("{\n\t\"log\" : 1\n}\n{\n\t\"log\" : "),
-                 tools::Error);
-    EXPECT_NO_THROW(explained("Line: 4107 [FAILURE]\n{x"));
+    // Entries that are cut off, and another program's lines.
+    for (const char* cut :
+         {"{\"log\":\"Li", "{\"log\":\"Li\nx\n", "{\n\t\"log\" : \"\"\n",
+          "{\n\t\"log\" : \"\"\n{\n\t\"log\" : \"\"\n}\n"})
+    {
+        EXPECT_THROW(explained("{\"log\":\"x\"}\n" + std::string(cut)),
+                     tools::Error)
+            << cut;
+    }
+    EXPECT_NO_THROW(explained("{\"level\":1}\nLine: 4107 [FAILURE]\n{'a'"));
 }
 
 } // namespace

@@ -110,7 +110,7 @@ class Splitter
 
     /** Takes what follows, whole lines or not. */
     void take(std::string_view text);
-    /** @return whether the last entry is whole */
+    /** @return whether every entry was whole */
     bool finish();
     /** Of all so far, in bytes. */
     std::size_t size() const { return size_; }
@@ -128,8 +128,9 @@ class Splitter
     std::string line_;
     /** The lines of an object of "-o json-pretty" that has begun. */
     std::string object_;
-    bool hasObjects_ = false;
-    bool isLastBroken_ = false;
+    bool hasEntries_ = false;
+    /** Whether an entry was cut off. */
+    bool isBroken_ = false;
     /** Whether an entry of "-o verbose" has begun. */
     bool isInEntry_ = false;
     std::map<std::string, std::string, std::less<>> fields_;
@@ -155,19 +156,20 @@ void Splitter::take(std::string_view text)
 bool Splitter::finish()
 {
     takeLine(line_);
+    isBroken_ |= !object_.empty();
     takeEntry();
-    // Another program's line may begin like an object.
-    return !hasObjects_ || (object_.empty() && !isLastBroken_);
+    // In a log without entries, another program's line may look like one.
+    return !hasEntries_ || !isBroken_;
 }
 
 void Splitter::takeLine(std::string_view rawLine)
 {
     const std::string line = cleaned(rawLine);
-    isLastBroken_ = isLastBroken_ && line.empty();
     const bool isIndented = line.starts_with('\t') || line.starts_with(' ');
     std::string object = std::exchange(object_, {});
     if (line == "{")
     {
+        isBroken_ |= !object.empty();
         object_ = line;
     }
     else if (isIndented && !object.empty() && object.size() < MAX_LINE)
@@ -187,6 +189,7 @@ void Splitter::takeLine(std::string_view rawLine)
     }
     else
     {
+        isBroken_ |= !object.empty();
         takeEntry();
         isInEntry_ = line.ends_with(']') && line.find(" [s=") < line.size();
         takePlain(line);
@@ -213,8 +216,7 @@ void Splitter::takeObject(const std::string& text)
 {
     takeEntry();
     const auto object = nlohmann::json::parse(text, nullptr, false);
-    isLastBroken_ = object.is_discarded();
-    hasObjects_ |= object.is_object();
+    isBroken_ |= object.is_discarded();
     for (const char* name : FIELDS)
     {
         if (object.is_object() && object.contains(name))
@@ -229,6 +231,7 @@ void Splitter::takeField(std::string_view name, std::string_view value)
 {
     if (std::ranges::find(FIELDS, name) != FIELDS.end())
     {
+        hasEntries_ = true;
         fields_[std::string(name)] = value;
     }
 }
@@ -350,7 +353,8 @@ void readLog(const tools::FileDescriptor& file, const std::string& name,
     }
     if (!isWhole)
     {
-        throw tools::Error(name, "it ends in the middle of an entry");
+        throw tools::Error(name, "an entry of it is cut off, or has more than "
+                                 "64 KiB: take the log anew");
     }
 }
 
