@@ -127,7 +127,7 @@ GpgContext gpgContext(const fs::path& home)
     check(gpgme_new(&made), "gpg", "cannot be used");
     GpgContext context(made);
     // With a separator behind it, only a directory is there.
-    if (!home.empty() && access((home / "").c_str(), R_OK | X_OK) != 0)
+    if (!home.empty() && access((home / "").c_str(), X_OK) != 0)
     {
         throw systemError(home.string());
     }

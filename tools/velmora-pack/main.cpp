@@ -7,7 +7,6 @@
 #include "library_version.hpp"
 #include "making.hpp"
 
-#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
@@ -109,9 +108,10 @@ CLI::Validator decimal(std::int64_t least, std::int64_t most)
         const bool isGood =
             result.ptr == end && number >= least && number <= most;
         text = isGood ? std::to_string(number) : text;
-        return isGood ? ""
-                      : "not a number from " + std::to_string(least) + " to " +
-                            std::to_string(most) + ": " + text;
+        return isGood         ? ""
+               : text.empty() ? "must not be empty"
+                              : "not a number from " + std::to_string(least) +
+                                    " to " + std::to_string(most) + ": " + text;
     };
     return {read, ""};
 }

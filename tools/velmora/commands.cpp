@@ -23,7 +23,6 @@
 #include <span>
 #include <stdexcept>
 #include <string_view>
-#include <vector>
 
 namespace fs = std::filesystem;
 

@@ -222,7 +222,8 @@ std::string toBytes(std::string& size)
     std::uint64_t bytes = 0;
     try
     {
-        if (CLI::AsSizeValue(false)(size).empty() &&
+        // CLI11 takes a number with a leading zero for an octal one.
+        if (!size.starts_with('0') && CLI::AsSizeValue(false)(size).empty() &&
             CLI::detail::lexical_cast(size, bytes) && bytes > 0 &&
             bytes <= MAX_SIZE)
         {
@@ -239,11 +240,17 @@ std::string toBytes(std::string& size)
 }
 
 /** The bus takes no other text. */
-std::string expectText(const std::string& text)
+std::string expectUtf8(const std::string& text)
 {
-    return printable(text) == text
-               ? ""
-               : "no UTF-8 text without control characters: " + text;
+    try
+    {
+        static_cast<void>(nlohmann::json(text).dump());
+        return {};
+    }
+    catch (const nlohmann::json::exception&)
+    {
+        return "not UTF-8: " + text;
+    }
 }
 
 /** A variable of a script that is not set must not accept everything. */
@@ -306,10 +313,10 @@ void addInventoryCommands(CLI::App& app, Invocation& chosen)
     CLI::App* sub = inventory->get_subcommand("add");
     sub->add_option("--detail1", chosen.request.detail1,
                     "First detail, handed on to the inventory manager")
-        ->check(expectText);
+        ->check(expectUtf8);
     sub->add_option("--detail2", chosen.request.detail2,
                     "Second detail, handed on to the inventory manager")
-        ->check(expectText);
+        ->check(expectUtf8);
     addChoice(sub, "--purpose", chosen.request.purpose, PURPOSES,
               "Such as BMC or BIOS")
         ->required();
