@@ -143,7 +143,7 @@ Function* next(const char* name)
     }
 
 #ifdef OTHER_STAT
-// The standard library may still count it in 32.
+// The standard library may still count times in 32 bits.
 extern "C" int fault_other_stat(const char* path,
                                 void* status) __asm__(OTHER_STAT);
 extern "C" int fault_other_stat(const char* path, void* status)

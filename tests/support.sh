@@ -2,7 +2,9 @@
 # What the tests that are scripts share.
 failures=0
 # What a version manager puts in front of python3 takes half a second a call.
-PATH=/usr/bin:$PATH
+python3() {
+    /usr/bin/python3 "$@"
+}
 
 fail() {
     echo "FAIL: $*"
