@@ -74,6 +74,7 @@ std::string softwarePath(const std::string& inventoryPath)
     return SOFTWARE_PREFIX + inventoryPath.substr(INVENTORY_PREFIX_SIZE);
 }
 
+/** @throws std::invalid_argument (the value in decimal) when it has none */
 template <typename Table, typename Value>
 std::string valueToString(const Table& table, Value value)
 {
@@ -85,18 +86,6 @@ std::string valueToString(const Table& table, Value value)
         throw std::invalid_argument(std::to_string(static_cast<int>(value)));
     }
     return std::string(found->second);
-}
-
-/** @throws std::invalid_argument (the value in decimal) when it has none */
-std::string purposeToString(VersionPurpose purpose)
-{
-    return valueToString(PURPOSES, purpose);
-}
-
-/** @copydoc purposeToString */
-std::string releaseTypeToString(ReleaseType releaseType)
-{
-    return valueToString(RELEASE_TYPES, releaseType);
 }
 
 /** @param text whole D-Bus string
@@ -184,8 +173,9 @@ int ValidateQOR::registerSWInv(const std::string& inventoryPath,
                                const VersionPurpose& purpose,
                                const ReleaseType& releaseType)
 {
-    const std::string purposeText = purposeToString(purpose);
-    const std::string releaseTypeText = releaseTypeToString(releaseType);
+    const std::string purposeText = valueToString(PURPOSES, purpose);
+    const std::string releaseTypeText =
+        valueToString(RELEASE_TYPES, releaseType);
     return callInventoryManager("addSWInventory",
                                 {softwarePath(inventoryPath), swDetail1,
                                  swDetail2, purposeText, releaseTypeText});

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <exception>
@@ -107,29 +108,21 @@ std::string inventoryPathError(const std::string& path)
                      ": " + path;
 }
 
-std::map<std::string, ValidateQOR::VersionPurpose> purposesByName()
-{
-    std::map<std::string, ValidateQOR::VersionPurpose> purposes;
-    for (const std::string_view name : tools::VERSION_PURPOSES.names)
-    {
-        purposes.emplace(
-            name, static_cast<ValidateQOR::VersionPurpose>(purposes.size()));
-    }
-    return purposes;
-}
-
-/** An option that takes one of several names.
- *
- *  @param choices what each name stands for; kept */
-template <typename Value>
+/** An option that takes one of several names. */
+template <typename Value, std::size_t Count>
 CLI::Option* addChoice(CLI::App* sub, const std::string& name, Value& value,
-                       const std::map<std::string, Value>& choices,
+                       const tools::BusEnumeration<Count>& choices,
                        const std::string& help)
 {
     const auto choose = [&value, &choices](const std::string& text)
-    { value = choices.at(text); };
+    {
+        const auto* const chosen = std::ranges::find(choices.names, text);
+        value = static_cast<Value>(chosen - choices.names.begin());
+    };
+    const std::vector<std::string> names(choices.names.begin(),
+                                         choices.names.end());
     return sub->add_option_function<std::string>(name, choose, help)
-        ->check(CLI::IsMember(choices).description("NAME"));
+        ->check(CLI::IsMember(names).description("NAME"));
 }
 
 std::string fieldText(const nlohmann::ordered_json& field)
@@ -306,10 +299,6 @@ void addInventoryCommands(CLI::App& app, Invocation& chosen)
     {
         sub->get_option("PATH")->check(inventoryPathError);
     }
-    using enum ValidateQOR::ReleaseType;
-    static const std::map<std::string, ValidateQOR::ReleaseType> RELEASE_TYPES{
-        {"Other", Other}, {"Production", Production}, {"Prototype", Prototype}};
-    static const auto PURPOSES = purposesByName();
     CLI::App* sub = inventory->get_subcommand("add");
     sub->add_option("--detail1", chosen.request.detail1,
                     "First detail, handed on to the inventory manager")
@@ -317,11 +306,11 @@ void addInventoryCommands(CLI::App& app, Invocation& chosen)
     sub->add_option("--detail2", chosen.request.detail2,
                     "Second detail, handed on to the inventory manager")
         ->check(expectUtf8);
-    addChoice(sub, "--purpose", chosen.request.purpose, PURPOSES,
+    addChoice(sub, "--purpose", chosen.request.purpose, tools::VERSION_PURPOSES,
               "Such as BMC or BIOS")
         ->required();
-    addChoice(sub, "--release-type", chosen.request.releaseType, RELEASE_TYPES,
-              "Other (default), Production or Prototype");
+    addChoice(sub, "--release-type", chosen.request.releaseType,
+              tools::RELEASE_TYPES, "Other (default), Production or Prototype");
 }
 
 void addExplain(CLI::App& app, Invocation& chosen)
