@@ -144,9 +144,8 @@ Function* next(const char* name)
 
 #ifdef OTHER_STAT
 // The standard library may still count times in 32 bits.
-extern "C" int fault_other_stat(const char* path,
-                                void* status) __asm__(OTHER_STAT);
-extern "C" int fault_other_stat(const char* path, void* status)
+extern "C" int other_stat(const char* path, void* status) __asm__(OTHER_STAT);
+extern "C" int other_stat(const char* path, void* status)
 {
     static auto* real = next<int(const char*, void*)>(OTHER_STAT);
     return failNow("stat", __builtin_return_address(0)) ? failed(EOVERFLOW)

@@ -2,9 +2,7 @@
 # What the tests that are scripts share.
 failures=0
 # What a version manager puts in front of python3 takes half a second a call.
-python3() {
-    /usr/bin/python3 "$@"
-}
+python3() { /usr/bin/python3 "$@"; }
 
 fail() {
     echo "FAIL: $*"
