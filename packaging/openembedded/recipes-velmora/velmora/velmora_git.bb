@@ -6,7 +6,7 @@ PV = "1.0+git"
 # Where the sources are is for the platform's layer to say, in a bbappend.
 VELMORA_SRC_URI ??= ""
 SRC_URI = "${VELMORA_SRC_URI}"
-SRCREV ??= "64cbddfb70d19fe7467f6d31d2965fdd5b5fe5ab"
+SRCREV ??= "e3e8140dcd9d5ad56c529245f96d8dd7e8f5fadd"
 
 python () {
     if not (d.getVar("VELMORA_SRC_URI") or d.getVar("EXTERNALSRC")):
