@@ -6,7 +6,7 @@ PV = "1.0+git"
 # Where the sources are is for the platform's layer to say, in a bbappend.
 VELMORA_SRC_URI ??= ""
 SRC_URI = "${VELMORA_SRC_URI}"
-SRCREV ??= "a651074e65ec599c8807e6123df236d288f1ddc8"
+SRCREV ??= "84cc87f140e550424c3cf8b678dde4efa29ef435"
 
 python () {
     if not (d.getVar("VELMORA_SRC_URI") or d.getVar("EXTERNALSRC")):
