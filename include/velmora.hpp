@@ -229,7 +229,8 @@ class VELMORA_EXPORT ValidateQOR
      *
      *  Existing files of the same names are overwritten; a failure leaves what
      *  was extracted until then. The process must be in a state in which it
-     *  may fork, and must not ignore SIGCHLD: an extractor whose end cannot be
+     *  may fork, must not ignore SIGCHLD or reap the children elsewhere, and
+     *  its signal handlers have SA_RESTART: an extractor whose end cannot be
      *  waited for, or that a signal ended, counts as successful. The children
      *  have no input (/dev/null is needed), no terminal, no file descriptor of
      *  the process's but 1 and 2, and none of the variables UNZIP, UNZIPOPT,
@@ -369,7 +370,8 @@ class VELMORA_EXPORT ValidateQOR
      *  of the first certificate of its chain, which must be trusted already.
      *
      *  Writes "certchain", "publickey" and "hashfunc" in
-     *  /var/run/velmora/Zarnholt/, whether the signature verifies or not.
+     *  /var/run/velmora/Zarnholt/, whether the signature verifies or not. A
+     * payload that is truncated meanwhile raises SIGBUS.
      *
      *  @param chain the 24,576 bytes of the chain area; a shorter one counts
      *               as padded with NUL bytes, a longer one is refused
