@@ -224,7 +224,8 @@ TEST(LogReader, HostileLogsCostLittle)
     // Entries that are cut off, and another program's lines.
     for (const char* cut :
          {"{\"log\":\"Li", "{\"log\":\"Li\nx\n", "{\n\t\"log\" : \"\"\n",
-          "{\n\t\"log\" : \"\"\n{\n\t\"log\" : \"\"\n}\n"})
+          "{\n\t\"log\" : \"\"\n{\n\t\"log\" : \"\"\n}\n",
+          "Wed [s=1;i=2]\n    _PID=1\n"})
     {
         EXPECT_THROW(explained("{\"log\":\"x\"}\n" + std::string(cut)),
                      tools::Error)

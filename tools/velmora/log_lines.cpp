@@ -155,8 +155,13 @@ void Splitter::take(std::string_view text)
 
 bool Splitter::finish()
 {
-    takeLine(line_);
-    isBroken_ |= !object_.empty();
+    if (!line_.empty())
+    {
+        takeLine(line_);
+    }
+    const bool lacksMessage =
+        isInEntry_ && !fields_.empty() && !fields_.contains("MESSAGE");
+    isBroken_ |= !object_.empty() || lacksMessage;
     takeEntry();
     // In a log without entries, another program's line may look like one.
     return !hasEntries_ || !isBroken_;
