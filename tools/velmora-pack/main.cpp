@@ -304,7 +304,9 @@ void addResign(CLI::App& app, Options& options)
     CLI::Option* const key = addSigning(
         command, options, "The key, as for package, payload or image",
         "A signature that was made elsewhere", "to this file");
-    addMinDays(command, options);
+    CLI::App* const lasting =
+        command.add_option_group("a package or a payload");
+    addMinDays(*lasting, options);
     CLI::App* const package = command.add_option_group("a package");
     package
         ->add_flag("--add", options.isAdded,
@@ -320,8 +322,8 @@ void addResign(CLI::App& app, Options& options)
     CLI::App* const either = command.add_option_group("an image or a payload");
     addPassphrase(*either, options, key);
     command.final_callback(
-        [&options, groups = std::vector{package, image, payload, either}]
-        { resign(groups, options); });
+        [&options, groups = std::vector{lasting, package, image, payload,
+                                        either}] { resign(groups, options); });
 }
 
 int fail(std::string_view message)
