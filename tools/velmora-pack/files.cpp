@@ -121,7 +121,7 @@ Output::Output(const fs::path& target, bool force) :
 {
 }
 
-void Output::commit() const
+void Output::renameToTarget() const
 {
     const char* const from = path_.c_str();
     const char* const to = target_.c_str();
@@ -156,7 +156,7 @@ void writeFile(const fs::path& target, bool force, const Source& source,
     source.stream(source.size(), write);
     write(tail);
     check(output.readBack());
-    output.commit();
+    output.renameToTarget();
 }
 
 std::optional<std::int32_t> sourceDateEpoch()

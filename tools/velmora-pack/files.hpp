@@ -65,7 +65,7 @@ class Output
      *
      *  @throws Error when there is something of that name; a file may be
      *          replaced by force, and a directory that is empty */
-    void commit() const;
+    void renameToTarget() const;
 
   private:
     std::filesystem::path target_;

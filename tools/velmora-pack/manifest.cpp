@@ -149,7 +149,7 @@ void makeManifest(const Options& options)
               Source(buildManifest(options.release)));
     writeFile(directory.path() / "image-ktb.sig", false,
               Source(bytesOf(SIGNATURE_FILE)));
-    directory.commit();
+    directory.renameToTarget();
     report(options.output,
            "image-ktb and image-ktb.sig" +
                (options.release == 0

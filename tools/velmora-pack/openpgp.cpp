@@ -45,7 +45,7 @@ std::string contentOf(tools::GpgData data)
 }
 
 /** The last line of what a program said, behind a colon. */
-std::string lastLine(std::string_view text)
+std::string lastErrorLine(std::string_view text)
 {
     text = text.substr(0, text.find_last_not_of('\n') + 1);
     text.remove_prefix(text.rfind('\n') + 1);
@@ -311,7 +311,7 @@ ProgramOutput runProgram(const char* program,
         throw Error(arguments.front(), "cannot be run");
     }
     return {contentOf(std::move(output)),
-            lastLine(contentOf(std::move(errors)))};
+            lastErrorLine(contentOf(std::move(errors)))};
 }
 
 Buffer signDetached(const fs::path& home, const std::vector<std::string>& keys,

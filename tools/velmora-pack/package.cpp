@@ -375,7 +375,7 @@ void writePackage(const Options& options, Bytes descriptor, const Buffer& older,
     }
     checkSignatures(options.gpgHome, options.trust, options.keys, descriptor,
                     signature);
-    output.commit();
+    output.renameToTarget();
     report(options.output, "package" + what + ", signed and checked");
 }
 

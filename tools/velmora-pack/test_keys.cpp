@@ -30,7 +30,7 @@ void makeTestKeys(const Options& options)
     {
         throw Error(target.string(), "keys cannot be made" + said.reason);
     }
-    directory.commit();
+    directory.renameToTarget();
     report(target, "test keys and certificates, not to be trusted");
 }
 
