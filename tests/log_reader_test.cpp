@@ -113,6 +113,7 @@ TEST(LogReader, EveryFormGivesTheSameAnswer)
     for (const std::string& log :
          {shortForm, compressed(shortForm) + compressed("\n"),
           inForm("2026-11-25T04:10:31+00:00 bmc updated[", "]: ", " \r\n"),
+          inForm("Nov 25 04:10:31 bmc", " updated[7]: ", "\n"),
           inForm("\x1b[0;1;39mNov 25 bmc updated[", "]: \x1b[31m", "\x1b[0m\n"),
           inForm("-- No entry --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
                  "\n    MESSAGE=", "\n    SYSLOG_IDENTIFIER=updated\n"),
@@ -154,7 +155,7 @@ TEST(LogReader, AnotherBuildIsDoubted)
     const std::string echo = "u[1]: Line: 1041 [FAILURE]\n";
     for (const std::string& start : {version, "velmora[2]: " + version})
     {
-        EXPECT_THAT(explained(start + "Line: 361 [FAILURE]\n" + echo),
+        EXPECT_THAT(explained(start + "u[1]: Line: 361 [FAILURE]\n" + echo),
                     ElementsAre(HasSubstr("imitates"), "refused: not signed"));
         EXPECT_THAT(explained(start + echo + "velmora 1, build-id b\n"),
                     ElementsAre("the log names the build-id b"));
@@ -168,6 +169,13 @@ TEST(LogReader, AnotherBuildIsDoubted)
     EXPECT_THAT(explained("Line: 5084 [INFO e.what(): the clock]\n"
                           "Line: 5080 [INFO x: 1]\nLine: 5085 [FAILURE]\n"),
                 ElementsAre("refused: no system is this one"));
+    const std::string bare = "Line: 5080 [INFO x: 1]\n";
+    for (const std::string& log :
+         {bare + "velmora[2]: " + version, "velmora[2]: " + version + bare})
+    {
+        EXPECT_THAT(explained(log + "Line: 361 [FAILURE]\n"),
+                    ElementsAre("nothing is known of line 361"));
+    }
     for (const char* process : {"", "u[1]: ", "velmora[3]: "})
     {
         const std::string before =

@@ -51,7 +51,7 @@ fails 'not made: package.xml: is larger than 262144' package "${package[@]:5}" -
 expect 1 '^velmora-pack: gpg: cannot be run' env PATH=/none "$pack" "${package[@]}" \
     --payload files -o x.zip
 expect 2 'keyring: must not be empty' "$pack" "${package[@]}" --payload files --keyring '' -o x.zip
-TMPDIR=/none fails 'TMPDIR: is not a directory' inspect sig
+TMPDIR=/none fails '/none: is no directory, but TMPDIR' inspect sig
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
     -o x.zip

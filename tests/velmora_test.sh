@@ -38,6 +38,11 @@ expect 3 '^3 packages: 1 accepted, 1 refused, 1 could not be checked$' \
     "$velmora" validate p.zip cut.zip none.zip
 expect 1 '^\[' "$velmora" --json validate p.zip cut.zip
 expect 2 'there is no command valdate ' "$velmora" valdate x
+expect 3 'standard output: No space' sh -c '"$0" --version >/dev/full' "$velmora"
+# Whoever started it may not care for children, which are waited for here.
+mkdir crc
+sed 's/payload.aone/payload\/a0ne/' p.zip >crc.zip
+expect 1 'exit code 2' env --ignore-signal=CHLD "$velmora" unpack crc.zip crc
 
 # What a key in the keyring has against it.
 mkdir -m 700 old
@@ -71,6 +76,7 @@ if "${full[@]}" true; then
     expect 3 'could not be checked: no room is left' "${full[@]}" \
         env TMPDIR="$PWD/small" "$velmora" validate big.zip
 fi
+expect 3 'exit code 50' bash -c 'ulimit -f 8; exec "$@"' - "$velmora" validate big.zip
 
 expect 0 '^accepted' "$velmora" validate --min-version 1.2 p.zip
 for lowest in 1.10 1.2.0 1.2-rc1; do
@@ -97,9 +103,10 @@ strict() {
     expect 1 "refused: $1" "$velmora" validate --strict "$made"
 }
 made=made.zip
-for name in install.sh PACKAGE.XML /tmp/x ../payload/x payload/sub/x; do
+for name in PACKAGE.XML /tmp/x ../payload/x payload/sub/x install.sh; do
     strict "1 entry is not covered: $name$" add "$name"
 done
+expect 0 '; 1 entry is not covered: install.sh$' "$velmora" validate made.zip
 strict 'it has more than 1000 directories' add "payload/$(printf 'd\\%.0s' {1..1001})x"
 strict '.*: package.xml .a second time' add package.xml
 strict 'payload/a differs from another name in case only' add payload/A
@@ -109,6 +116,7 @@ strict 'something stands in front' eval '(printf "PK\3\4x"; cat p.zip) >made.zip
 strict 'it has a comment' eval 'echo x | zip -qz made.zip >/dev/null'
 strict '.*: package.xml .a link' eval 'cd made; ln -sf /etc/passwd package.xml
     zip -qy ../made.zip package.xml; cd ..'
+expect 1 'refused: package.xml: it is a link' "$velmora" validate made.zip
 strict 'package.xml.sign has more than 64 KiB' eval 'cd made
     truncate -s 65537 package.xml.sign; zip -q ../made.zip package.xml.sign; cd ..'
 # A compressed packet behind the signature, which could hold thousands more.
@@ -124,6 +132,16 @@ with open("made.zip", "r+b") as made:
     for place, byte in zip(sys.argv[1::2], sys.argv[2::2]):
         made.seek(start + int(place))
         made.write(bytes([int(byte)]))' "$@"; }
+# with_extra FIELD: a member that has an extra field.
+with_extra() { python3 -c 'import sys, zipfile
+info = zipfile.ZipInfo("payload/x")
+info.extra = bytes.fromhex(sys.argv[1])
+zipfile.ZipFile("made.zip", "a").writestr(info, "x")' "$1"; }
+# Another name behind the same, and the type of a link.
+strict 'payload/x: it has two names' with_extra \
+    75700e0001000000007061796c6f61642f7875700600010000000079
+strict 'payload/x: an extra field gives it another type' with_extra \
+    6e750e0000000000ffa10000000000000000
 # Its checksum, its name, and a size although it says that that follows.
 for change in '14 1' '30 80' '6 8 22 9'; do
     # shellcheck disable=SC2086 # Several words.
@@ -152,6 +170,10 @@ strict '1 entry is not covered: package.xml.old' touch made/package.xml.old
 strict '1 entry is not covered: payload/pipe' mkfifo made/payload/pipe
 strict '1 entry is not covered: payload/a .a link' ln -sf ../../good/payload/a made/payload/a
 expect 0 '^accepted: .*; 1 entry is not covered' "$velmora" validate made
+rm made/package.xml.sign
+mkfifo made/package.xml.sign
+expect 1 'signature file is missing or no regular file' "$velmora" validate made
+env --default-signal "$velmora" -v validate p.zip 2>&1 | head -n 1 >/dev/null || true
 if compgen -G '/tmp/velmora-*' >/dev/null; then
     fail "velmora leaves its temporary directory"
 fi
@@ -217,6 +239,14 @@ until compgen -G 'tmp/*/payload/large' >/dev/null; do sleep 0.01; done
 kill -HUP $!
 wait $! || status=$?
 expect 0 '^129$' echo "$status"
+# Somebody ends the extractor, such as the kernel when memory is out.
+"$velmora" unpack large.zip tmp >ended 2>&1 &
+until compgen -G 'tmp/payload/large' >/dev/null; do sleep 0.01; done
+kill -KILL "$(cat /proc/$!/task/$!/children)"
+wait $! || status=$?
+expect 0 '^3$' echo "$status"
+expect 0 'payload/.*: is not there as it is listed' cat ended
+rm -r tmp/*
 expect 1 '^$' compgen -G 'tmp/*'
 
 finish

@@ -46,6 +46,11 @@ constexpr std::uint64_t IS_ENCRYPTED = 1;
 constexpr std::uint64_t SIZES_FOLLOW = 8;
 constexpr std::size_t EXTRA_HEADER_SIZE = 4;
 constexpr std::uint64_t ZIP64_EXTRA = 1;
+// From the Info-ZIP project's proginfo/extrafld.txt: another name, behind a
+// version and a checksum; and a type for a member that lists none.
+constexpr std::uint64_t UNICODE_PATH_EXTRA = 0x7075;
+constexpr std::size_t UNICODE_PATH_START = 5;
+constexpr std::uint64_t ASI_UNIX_EXTRA = 0x756e;
 constexpr std::string_view END_MAGIC = "PK\5\6";
 constexpr std::size_t END_SIZE = 22;
 constexpr std::size_t END_COUNT = 10;
@@ -224,20 +229,36 @@ Archive::~Archive() = default;
 namespace
 {
 
-/** The numbers that do not fit into 32 bits, behind one another. */
-std::string_view zip64In(std::string_view extra)
+/** What the extra fields of a header say besides it. */
+struct Extras
 {
-    while (extra.size() >= EXTRA_HEADER_SIZE)
+    explicit Extras(std::string_view extra, std::string_view name)
     {
-        const auto size = static_cast<std::size_t>(load(extra, 2, 2));
-        if (load(extra, 0, 2) == ZIP64_EXTRA)
+        while (extra.size() >= EXTRA_HEADER_SIZE)
         {
-            return extra.substr(EXTRA_HEADER_SIZE, size);
+            const std::uint64_t kind = load(extra, 0, 2);
+            const auto size = static_cast<std::size_t>(load(extra, 2, 2));
+            const std::string_view field =
+                extra.substr(EXTRA_HEADER_SIZE, size);
+            if (kind == ZIP64_EXTRA && zip64.empty())
+            {
+                zip64 = field;
+            }
+            hasOtherName |= kind == UNICODE_PATH_EXTRA &&
+                            (field.size() < UNICODE_PATH_START ||
+                             field.substr(UNICODE_PATH_START) != name);
+            hasOtherType |= kind == ASI_UNIX_EXTRA;
+            extra.remove_prefix(
+                std::min(extra.size(), EXTRA_HEADER_SIZE + size));
         }
-        extra.remove_prefix(std::min(extra.size(), EXTRA_HEADER_SIZE + size));
     }
-    return {};
-}
+
+    /** The numbers that do not fit into 32 bits, behind one another. */
+    std::string_view zip64;
+    /** Extractors differ in which of several they take. */
+    bool hasOtherName = false;
+    bool hasOtherType = false;
+};
 
 std::uint64_t takeNumber(std::string_view fields, std::size_t offset,
                          std::string_view& zip64)
@@ -264,6 +285,8 @@ struct Archive::Header
     std::uint64_t size = 0;
     std::uint64_t packedSize = 0;
     std::string name;
+    /** What makes something else of the member, or empty. */
+    const char* oddity = "";
     // Of an entry.
     std::uint64_t attributes = 0;
     /** Where the member's own header stands. */
@@ -293,13 +316,17 @@ struct Archive::Header
         const std::string extra =
             input.readAt(header.end, load(fields, EXTRA_LENGTH, 2));
         header.end += extra.size();
-        std::string_view zip64 = zip64In(extra);
-        header.size = takeNumber(fields, UNPACKED_SIZE, zip64);
-        header.packedSize = takeNumber(fields, PACKED_SIZE, zip64);
+        Extras extras(extra, header.name);
+        header.oddity = extras.hasOtherName ? "it has two names"
+                        : extras.hasOtherType
+                            ? "an extra field gives it another type"
+                            : "";
+        header.size = takeNumber(fields, UNPACKED_SIZE, extras.zip64);
+        header.packedSize = takeNumber(fields, PACKED_SIZE, extras.zip64);
         if (isEntry)
         {
             header.attributes = load(fields, ATTRIBUTES, 4);
-            header.own = takeNumber(fields, OWN_HEADER, zip64);
+            header.own = takeNumber(fields, OWN_HEADER, extras.zip64);
             header.end += load(fields, COMMENT_LENGTH, 2);
         }
         return header;
@@ -327,7 +354,9 @@ struct Archive::Header
             (header->flags & IS_ENCRYPTED) == (flags & IS_ENCRYPTED) &&
             hasNumbersOf(*header);
         return !agrees ? "its own header says otherwise than the directory"
-               : isEncrypted ? "it is encrypted"
+               : *oddity != '\0'         ? oddity
+               : *header->oddity != '\0' ? header->oddity
+               : isEncrypted             ? "it is encrypted"
                : method == ZIP_CM_STORE && size != packedSize
                    ? "its content is not as long as the directory says"
                    : "";

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdlib>
+#include <iostream>
 
 namespace tools
 {
@@ -37,7 +38,12 @@ int endParse(const CLI::App& app, const CLI::ParseError& error)
     if (error.get_exit_code() == 0 || rest.empty() || commands.empty() ||
         !parent.get_subcommands().empty())
     {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
+        const int status = app.exit(error) == 0 ? EXIT_SUCCESS : WRONG_USAGE;
+        if (!std::cout.flush())
+        {
+            throw systemError("standard output");
+        }
+        return status;
     }
     // CLI11 says only that a command is missing.
     const char* const kind = rest[0].starts_with('-') ? "option " : "command ";

@@ -14,7 +14,8 @@ void setUpComplaints(CLI::App& app);
 /** Prints what a parse has ended with: a help text, the version, or what is
  *  wrong.
  *
- *  @return exit status */
+ *  @return exit status
+ *  @throws Error when it cannot be printed */
 int endParse(const CLI::App& app, const CLI::ParseError& error);
 
 /** Brings a system's identifier into the form that systems show: four

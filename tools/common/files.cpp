@@ -38,13 +38,15 @@ void openDirectories(const fs::path& top)
 
 fs::path placeForTemporaryFiles()
 {
-    std::error_code error;
-    fs::path place = fs::temp_directory_path(error);
-    if (error)
+    const char* const named = std::getenv("TMPDIR");
+    const fs::path place = named == nullptr || *named == '\0' ? "/tmp" : named;
+    std::error_code unknown;
+    if (!fs::is_directory(place, unknown))
     {
-        throw Error("TMPDIR", "is not a directory: " + error.message());
+        throw Error(place.string(), "is no directory, but TMPDIR names it");
     }
-    return place;
+    // It may look like an option of a program.
+    return fs::absolute(place);
 }
 
 } // namespace

@@ -55,6 +55,10 @@ struct SignatureInfo
     std::string name() const;
 };
 
+/** Of a file of signatures, in bytes. A larger one holds more than somebody
+ *  means, and gpg takes a millisecond for each. */
+inline constexpr std::uint64_t LARGEST_SIGNATURE = 65536;
+
 /** Whether it holds signature packets and nothing else: RFC 4880, 4.2.
  *
  *  gpg follows compressed packets, so that a kilobyte can hold thousands of

@@ -18,8 +18,9 @@ namespace tools
 namespace
 {
 
-/** The signals that ask a program to end. */
-constexpr std::array END_SIGNALS{SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+/** The signals that end a program. */
+constexpr std::array END_SIGNALS{SIGHUP,  SIGINT,  SIGQUIT,
+                                 SIGTERM, SIGPIPE, SIGXCPU};
 constexpr std::size_t MAX_DIRECTORIES = 8;
 /** Under its new name, nothing is added to the directory meanwhile. A package
  *  may hold directories that do not let their owner in. A signal to the whole
@@ -78,6 +79,8 @@ sigset_t endSignals()
 void cleanUpOnSignals()
 {
     thisProgram = getpid();
+    // Where it was ignored, nobody would learn how a child has ended.
+    std::signal(SIGCHLD, SIG_DFL);
     pthread_atfork(nullptr, nullptr, dieWithProgram);
     struct sigaction action{};
     action.sa_handler = endBySignal;

@@ -19,8 +19,6 @@ namespace pack
 namespace
 {
 
-/** A file of more holds more signatures than somebody means. */
-constexpr std::uint64_t LARGEST_SIGNATURE = 65536;
 constexpr std::size_t FINGERPRINT_LENGTH = 40;
 constexpr int REVOCATION_TIME_FIELD = 6;
 constexpr std::int64_t SECONDS_PER_DAY = 86400;
@@ -381,7 +379,7 @@ Json describeSignatures(Bytes file, Remarks& remarks)
     const tools::TemporaryDirectory noKeys;
     try
     {
-        if (file.size() > LARGEST_SIGNATURE)
+        if (file.size() > tools::LARGEST_SIGNATURE)
         {
             throw Error("the OpenPGP signature", "is larger than 65536 bytes");
         }
@@ -421,7 +419,7 @@ Json describeSignature(const Source& file, Remarks& remarks)
 
 bool isSignature(const Source& file)
 {
-    if (file.size() > LARGEST_SIGNATURE)
+    if (file.size() > tools::LARGEST_SIGNATURE)
     {
         return false;
     }

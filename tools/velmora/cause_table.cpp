@@ -147,12 +147,13 @@ std::string linkedLibrary()
 
 } // namespace
 
-bool CauseTable::judges(int number) const
+const Site* CauseTable::inBlockOf(int number) const
 {
     const int block = number / BLOCK;
     const auto first = sites.lower_bound(block * BLOCK);
-    return first != sites.end() && first->first / BLOCK == block &&
-           first->second.judges;
+    return first != sites.end() && first->first / BLOCK == block
+               ? &first->second
+               : nullptr;
 }
 
 CauseTable readCauses(const std::string& library)
@@ -175,11 +176,18 @@ CauseTable readCauses(const std::string& library)
         elf_begin(file.get(), ELF_C_READ, nullptr));
     std::uint64_t left = MAX_SECTIONS;
     std::size_t names = 0;
-    Elf_Scn* section = nullptr;
-    while (elf_getshdrstrndx(elf.get(), &names) == 0 &&
-           (section = elf_nextscn(elf.get(), section)) != nullptr)
+    GElf_Shdr header{};
+    const bool isNamed =
+        elf_getshdrstrndx(elf.get(), &names) == 0 &&
+        gelf_getshdr(elf_getscn(elf.get(), names), &header) != nullptr;
+    if (header.sh_size > MAX_SECTIONS)
     {
-        GElf_Shdr header{};
+        // A name is looked for in all of it, section by section.
+        throw tools::Error(library, "its names of sections are too large");
+    }
+    Elf_Scn* section = nullptr;
+    while (isNamed && (section = elf_nextscn(elf.get(), section)) != nullptr)
+    {
         gelf_getshdr(section, &header);
         const char* name = elf_strptr(elf.get(), names, header.sh_name);
         const bool isTable = name != nullptr && name == SECTION;

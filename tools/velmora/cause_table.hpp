@@ -47,8 +47,9 @@ struct CauseTable
     /** By their number. */
     std::map<int, Site> sites;
 
-    /** Whether the source of a number judges. */
-    bool judges(int number) const;
+    /** A statement of the source that has the number's block; null where none
+     *  has it. */
+    const Site* inBlockOf(int number) const;
 };
 
 /** None where the file has no table.

@@ -201,7 +201,9 @@ std::string objectionTo(const tools::Archive& archive, const Request& request)
         // Stored content does not grow.
         const tools::ArchiveMember& member = archive.members()[i];
         const std::string problem =
-            member.compression == "stored"
+            // What is unpacked later could be written through it.
+            member.type == fs::file_type::symlink ? "it is a link"
+            : member.compression == "stored"
                 ? member.problem
                 : archive.read(i, [](std::span<const std::byte>) {});
         objection = problem.empty() ? "" : member.name + ": " + problem;
@@ -213,6 +215,21 @@ std::uintmax_t roomIn(const fs::path& directory)
 {
     std::error_code ignored;
     return fs::space(directory, ignored).available;
+}
+
+/** What was listed, and is not there as it was; or empty. A signal that ends
+ *  the extractor goes unnoticed by the library. */
+std::string missingIn(const fs::path& directory, const PackageContents& listed)
+{
+    for (const auto& [name, size] : listed.files)
+    {
+        std::error_code missing;
+        if (fs::file_size(directory / name, missing) != size)
+        {
+            return name;
+        }
+    }
+    return {};
 }
 
 /** By this program, in bytes. */
@@ -254,11 +271,29 @@ Answer extract(const Request& request, const fs::path& destination,
     listed = contentsOf(*archive);
     const tools::TemporaryDirectory work;
     const fs::path link = work.path() / "package.zip";
-    fs::create_symlink(fs::absolute(request.subject), link);
+    // Of the extractor, another file is the standard input.
+    fs::create_symlink(fs::canonical(request.subject), link);
     const tools::WatchedProgress progress(
         archive->totalSize(), [&destination, room]
         { return room - std::min(room, roomIn(destination)); });
-    return ask(request, [&] { return ValidateQOR::unZip(link, destination); });
+    const auto unzip = [&] { return ValidateQOR::unZip(link, destination); };
+    Answer answer = ask(request, unzip);
+    const std::string missing = answer.verdict == Verdict::ACCEPTED
+                                    ? missingIn(destination, listed)
+                                    : "";
+    if (!missing.empty())
+    {
+        return {Verdict::UNCHECKED,
+                missing + ": is not there as it is listed: the extractor was "
+                          "ended early, or changes the name"};
+    }
+    // The machine's fault, not the package's.
+    const std::string code = answer.refusal.detail("extractor");
+    if (code.starts_with("exit code 50") || code.starts_with("exit code 127"))
+    {
+        answer.verdict = Verdict::UNCHECKED;
+    }
+    return answer;
 }
 
 /** The systems that an unpacked package lists, in one line. */
@@ -369,10 +404,13 @@ Answer validateDirectory(const Request& request, const fs::path& package,
     {
         addSigner(answer, package);
     }
-    if (answer.isVerified && !contents.uncovered.empty())
+    // What lies in the archive only, the extractor has passed over.
+    const PackageContents& all =
+        listed != nullptr && !listed->uncovered.empty() ? *listed : contents;
+    if (answer.isVerified && !all.uncovered.empty())
     {
-        answer.reason += "; " + contents.remark();
-        answer.fields["notCovered"] = contents.uncovered;
+        answer.reason += "; " + all.remark();
+        answer.fields["notCovered"] = all.uncovered;
     }
     return answer;
 }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cstddef>
 #include <ctime>
@@ -72,7 +73,8 @@ std::size_t startOf(std::string_view line)
                                                                       : 0;
 }
 
-/** "daemon[412]" of "Nov 25 04:10:31 bmc daemon[412]: ", or empty. */
+/** "bmc daemon[412]" of "Nov 25 04:10:31 bmc daemon[412]: ", or empty. Without
+ *  the machine's name, it is a time that stands there. */
 std::string_view processIn(std::string_view prefix)
 {
     const auto end = prefix.find("]: ");
@@ -83,7 +85,11 @@ std::string_view processIn(std::string_view prefix)
         return {};
     }
     prefix = prefix.substr(0, end + 1);
-    return prefix.substr(prefix.rfind(' ') + 1);
+    const auto name = prefix.rfind(' ') + 1;
+    const auto host = name < 2 ? 0 : prefix.rfind(' ', name - 2) + 1;
+    const bool isNamed =
+        std::isalpha(static_cast<unsigned char>(prefix[host])) != 0;
+    return prefix.substr(isNamed ? host : name);
 }
 
 /** journalctl writes bytes where a text is no UTF-8 or has colours. */

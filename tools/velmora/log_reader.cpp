@@ -40,10 +40,12 @@ constexpr std::array EXTRACTOR_CODES{
                "compression, or data that is not what was packed"},
     Meaning{2, "a damaged archive: cut short, changed on its way, or with "
                "something in front"},
+    Meaning{3, "a damaged archive"},
     Meaning{9, "not a ZIP file, or not there"},
     Meaning{11, "no member matched"},
     Meaning{50, "the disk is full, or a file cannot be made"},
     Meaning{51, "a damaged archive: cut short"},
+    Meaning{81, "a compression that the extractor cannot read"},
     Meaning{82, "encrypted member"},
     Meaning{127, "the extractor cannot be started"},
 };
@@ -343,9 +345,14 @@ void LogReader::take(const LogLine& logLine)
         return;
     }
     const bool isFirst = std::exchange(isEmpty_, false);
-    if (auto line = parse(logLine.text))
+    auto line = parse(logLine.text);
+    // Others write lines that look like these.
+    if (line && (line->level != Line::Level::INFO ||
+                 table_.inBlockOf(line->number) != nullptr))
     {
         ++lines_;
+        hasBareLines_ |= logLine.process.empty();
+        isBuildKnown_ &= isNamedFirst_ || !hasBareLines_;
         line->origin = logLine.origin;
         takeLine(processOf(logLine.process), *line);
     }
@@ -356,7 +363,8 @@ void LogReader::take(const LogLine& logLine)
 }
 
 /** Takes the line that "velmora --version" prints. The text of a package may
- *  imitate it: it is believed where no such text can be. */
+ *  imitate it: it is believed where no such text can be, which is in front of
+ *  all, or where every line tells its process. */
 void LogReader::takeVersion(const LogLine& line, bool isFirst)
 {
     const auto start = line.text.find(VERSION_ID);
@@ -367,10 +375,12 @@ void LogReader::takeVersion(const LogLine& line, bool isFirst)
     const auto id = line.text.substr(start + VERSION_ID.size());
     const bool isNew = std::ranges::find(processes_, line.process,
                                          &Process::name) == processes_.end();
-    const bool isByTool = line.process.starts_with("velmora[");
+    const bool isByTool = line.process.substr(line.process.rfind(' ') + 1)
+                              .starts_with("velmora[");
     if (id == table_.buildId)
     {
-        isBuildKnown_ |= line.process.empty() ? isFirst : isByTool && isNew;
+        isNamedFirst_ |= line.process.empty() && isFirst;
+        isBuildKnown_ |= isNamedFirst_ || (isByTool && isNew && !hasBareLines_);
     }
     else if (!isBuildKnown_ || line.process.empty() || isByTool)
     {
@@ -389,7 +399,8 @@ void LogReader::takeLine(Process& process, const Line& line)
         std::erase_if(process.now.details, [](const Detail& detail)
                       { return detail.reach == NEXT_LINE; });
         line.addValuesTo(process.now);
-        process.now.isBegun |= table_.judges(line.number);
+        const Site* const source = table_.inBlockOf(line.number);
+        process.now.isBegun |= source != nullptr && source->judges;
         return;
     }
     if (const std::string objection = objectionTo(process, line);

@@ -131,6 +131,10 @@ class LogReader
     const CauseTable& table_;
     Sink sink_;
     bool isBuildKnown_ = false;
+    /** Whether the first line names the build. */
+    bool isNamedFirst_ = false;
+    /** Whether there were lines of the library that tell no process. */
+    bool hasBareLines_ = false;
     std::string objection_;
     /** The one that wrote last stands first. */
     std::list<Process> processes_;

@@ -1,5 +1,7 @@
 #include "package_contents.hpp"
 
+#include "common/openpgp.hpp"
+
 #include <libxml/xmlreader.h>
 #include <strings.h>
 #include <unistd.h>
@@ -17,8 +19,6 @@ namespace
 {
 
 constexpr std::string_view PAYLOAD = "payload/";
-/** In bytes. gpg takes a millisecond for each of the signatures in a file. */
-constexpr std::uint64_t MAX_SIGNATURE = 64U << 10U;
 
 void freeText(xmlChar* text) { xmlFree(text); }
 
@@ -90,7 +90,9 @@ PackageContents contentsOf(const tools::Archive& archive)
         {
             contents.uncovered.push_back(member.name + problem);
         }
-        else if (!contents.files.emplace(member.name, member.size).second)
+        // The last one is what stays.
+        else if (!contents.files.insert_or_assign(member.name, member.size)
+                      .second)
         {
             contents.uncovered.push_back(member.name + " (a second time)");
         }
@@ -128,7 +130,7 @@ std::string PackageContents::objection() const
         {
             return name + " differs from another name in case only";
         }
-        if (name == "package.xml.sign" && size > MAX_SIGNATURE)
+        if (name == "package.xml.sign" && size > tools::LARGEST_SIGNATURE)
         {
             return name + " has more than 64 KiB";
         }

@@ -7,6 +7,8 @@
 #include <openssl/pem.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 namespace velmora::front
 {
@@ -26,6 +28,14 @@ using Certificate = tools::Handle<X509, X509_free>;
 std::optional<tools::SignatureInfo> findSigner(const std::string& descriptor,
                                                const std::string& signature)
 {
+    std::error_code unknown;
+    if (!std::filesystem::is_regular_file(descriptor, unknown) ||
+        !std::filesystem::is_regular_file(signature, unknown) ||
+        std::filesystem::file_size(signature, unknown) >
+            tools::LARGEST_SIGNATURE)
+    {
+        return std::nullopt;
+    }
     try
     {
         const auto made =
