@@ -59,7 +59,16 @@ fails 0000 package --model 1 --version 1 --payload files \
 # What would surprise, or the machine would refuse.
 fails '1.zip: exists; --force' "${package[@]}" --payload files -o 1.zip
 fails 'none/: names a directory' "${package[@]}" --payload files -o none/
-fails "files/x: lies in the payload's" "${package[@]}" --payload files -o files/x
+fails 'files/x: lies in files, which is' "${package[@]}" --payload files -o files/x
+fails 'kbx: lies in .*gnupg, which is' "${package[@]}" --payload files --force -o "$keys/gnupg/pubring.kbx"
+ln -s ../1.zip nested/soft
+rm nested/pipe
+fails '1.zip: is also an input' "${package[@]}" --payload nested --force -o 1.zip
+expect 0 'signed and checked' sh -c 'exec "$@" 0<&-' - "$pack" "${package[@]}" \
+    --payload files --keyring "$keys/keyring.asc" -o closed.zip
+truncate -s 9G huge
+fails 'huge: has more than 8 GiB' "${package[@]}" --payload huge -o x.zip
+rm huge
 expect 2 'not a number of 1 to 4 hexadecimal digits: 12345' "$pack" "${package[@]}" --payload files \
     -o none.zip --system-id 12345
 # Keys of packages: a primary key with two subkeys, and one of 2024.
@@ -89,6 +98,13 @@ expect 1 "not .* fully valid: Owner, TEST, ${owned[0]}, subkey ${owned[1]}\$" \
     -o both.zip
 expect 0 "fingerprint: ${owned[0]}" "$pack" inspect both.zip
 expect 0 "fingerprint: ${owned[1]}" "$pack" inspect both.zip
+
+echo default-sig-expire 3d >owner/gpg.conf
+fails "owner.pub: the signature of key ${owned[0]} expires within 30 days" \
+    "${owner[@]}" --key "${owned[0]}!" --keyring owner.pub -o x.zip
+rm owner/gpg.conf
+SOURCE_DATE_EPOCH=2000000000 fails "expires on 20.*, before the time of SOURCE_DATE_EPOCH" \
+    "${owner[@]}" --key "${owned[1]}" -o x.zip
 
 # Signed again: all but the signature stays as it is.
 again=(--gpg-home owner --key "${owned[0]}" -o x.zip)
@@ -168,6 +184,11 @@ expect 2 '--min-days: means nothing for this image' "$pack" "${again[@]}" next.p
 expect 0 '^$' cmp content2 content
 fails 'needs --public-key with --signature' image content --signature content -o x
 fails 'an image needs --old-public-key' resign image --key x -o x
+ln -s /dev/null link
+fails 'link: exists and is not a regular' image content --key "$keys/image-signer.pem" \
+    --force -o link
+expect 2 'version is not for this command' "$pack" image content \
+    --key "$keys/image-signer.pem" -o x --version 1
 fails 'empty: is empty' image empty --key "$keys/image-signer.pem" -o x
 fails 'nodir/x: there is no directory' image content --key "$keys/image-signer.pem" -o nodir/x
 # As a full disk does.
@@ -191,7 +212,7 @@ expect 0 'warning.* not at the timestamp 1000000000' "$pack" payload p.zip \
     --chain "$keys/chain.pem" --key "$keys/payload-signer.pem" --alg PS256 \
     --timestamp 1000000000 -o zip
 expect 0 '^kind: signed payload' "$pack" inspect zip
-expect 1 'is not a binary one' "$pack" inspect --as signature p.zip
+expect 1 'is not at most 100 binary ones' "$pack" inspect --as signature p.zip
 expect 0 'payload with PS512 signature and timestamp 1600000000' "$pack" resign signed \
     --key "$keys/payload-signer.pem" --timestamp 1600000000 -o signed-again
 cp "$keys/root-ca.pem" "$root_ca"
@@ -202,6 +223,8 @@ echo changed | dd of=odd bs=1 conv=notrunc status=none
 fails 'odd: the signature does not fit' resign odd --key "$keys/payload-signer.pem" -o x
 checked=(payload content --key "$keys/payload-signer.pem" --alg PS256 -o x)
 fails 'empty: holds no certificate' "${checked[@]}" --chain empty
+openssl x509 -trustout -in "$keys/root-ca.pem" | cat "$keys/chain.pem" - >trusted
+fails 'trusted: holds a trusted certificate' "${checked[@]}" --chain trusted
 fails 'foreign-root.pem: does not vouch .* unable to get local issuer' \
     "${checked[@]}" --chain "$keys/chain.pem" --root-ca "$keys/foreign-root.pem"
 fails 'does not vouch for the chain at the timestamp 10: .* not yet valid' \
@@ -241,6 +264,10 @@ make("utf8.zip", {"payload/\u00e4": b"x", "payload/Z": b"y"})
 make("odd.zip", {"payload\\x": b"", "payload/e\u0301": b"", "PACKAGE.XML": b"<Package/>"})
 make("unsigned.zip", {"package.xml.sign": b"", "payload/a;1": b"x"})
 make("sigs.zip", {"package.xml.sign": good["package.xml.sign"] * 600})
+make("many.zip", {"package.xml.sign": b"\xc2\0" * 101})
+with zipfile.ZipFile("over.zip", "w") as package:
+    package.writestr("payload/a", b"x" * 1000)
+    package.filelist *= 2
 make("empty.zip", {"payload/a": b"", "payload/b": b""})
 def change(source, target, *changes):
     content = open(source, "rb").read()
@@ -253,7 +280,9 @@ change("p.zip", "crc.zip", (b"one\n", b"0ne\n"))
 change("p.zip", "deflate64.zip", (b"PK\3\4\x0a\0\0\0\0", b"PK\3\4\x0a\0\0\0\x09"),
        (b"PK\1\2\x3f\3\x0a\0\0\0\0", b"PK\1\2\x3f\3\x0a\0\0\0\x09"))
 with open("typed.xml", "w") as file:
-    file.write("<!DOCTYPE a><a/>")
+    file.write("<!DOCTYPE a [<!ENTITY % a0 ''>" + "".join(
+        f"<!ENTITY % a{i} '&#37;a{i - 1};&#37;a{i - 1};'>" for i in range(1, 30))
+        + "%a29;]><a/>")
 with open("upper.xml", "wb") as file:
     attributes = "".join(f'a{i}="" ' for i in range(1001)).encode()
     file.write(good["package.xml"].replace(b"0001", b"zz").replace(
@@ -275,9 +304,11 @@ cat p.zip sig >behind.zip
 remarks behind.zip 'something stands behind its end record'
 remarks upper.xml 'an element has more than 1000 attributes'
 remarks upper.xml 'systemID .* is longer than 1024 bytes'
-remarks typed.xml 'takes at most 8192 bytes, and this has 16;'
-remarks unsigned.zip 'OpenPGP signature: is not a binary one'
+remarks typed.xml 'takes at most 8192 bytes, and this has [0-9]+;'
+remarks unsigned.zip 'OpenPGP signature: is not at most 100'
 remarks unsigned.zip 'a;1 has a name that ends with a semicolon'
+remarks many.zip 'OpenPGP signature: is not at most 100'
+expect 1 'over.zip: .* its members lie over one another' "$pack" inspect over.zip
 remarks sigs.zip 'OpenPGP signature: is larger than 65536 bytes'
 remarks empty.zip 'the payload is empty'
 remarks crc.zip 'payload/a cannot be read: CRC error'
@@ -294,6 +325,8 @@ remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip files
+expect 1 'no file to inspect' "$pack" inspect files nested
+expect 2 'put ./ in front' "$pack" inspect '[p.zip,sig]'
 expect 1 '"error": "none: No such file' "$pack" inspect --json p.zip sig none
 
 # While something large is under way: a bar, another file, signals.
@@ -313,15 +346,19 @@ expect 0 '^velmora-pack: signed-large: File exists' cat interrupted
 expect 0 '^mine$' cat signed-large
 rm signed-large
 ulimit -S -c hard
-begin_large
+# Another signal comes while what is temporary is removed.
+mkdir shim
+printf '#!/bin/sh\nkill -s TERM $PPID\nexec /bin/mv "$@"\n' >shim/mv
+chmod +x shim/mv
+PATH=$PWD/shim:$PATH begin_large
 kill -s QUIT $!
 wait $! || status=$?
+rm shim/mv
 expect 0 '^131$' echo "$status"
 expect 1 '^$' compgen -G '.velmora-pack-*'
 
 # No child gets a PIN, no core dump or log holds it, and nobody sees it in the
 # environment or the arguments of the process.
-mkdir shim
 printf '#!/bin/sh\nenv >%s\necho "$@" >>%s\nexit 1\n' "$PWD/child"{,} >shim/openssl
 chmod +x shim/openssl
 VELMORA_PACK_PIN=a-secret PATH=$PWD/shim:$PATH expect 1 'keys cannot be made' \

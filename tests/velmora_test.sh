@@ -67,6 +67,7 @@ expect 1 'is not well-formed, or is beyond a limit' "$velmora" validate fake
 cp p.zip p1.zip
 cp other.zip 'p[1].zip'
 expect 1 'made for 0001' "$velmora" validate 'p[1].zip'
+expect 2 'put ./ in front' "$velmora" validate '[p.zip]'
 head -c 200000 /dev/urandom >files/big
 "$pack" "${package[@]}" --payload files -o big.zip
 rm files/big

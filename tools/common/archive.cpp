@@ -465,6 +465,7 @@ void Archive::listMembers(std::uint64_t directory)
 {
     std::uint64_t first = directory;
     std::uint64_t place = directory;
+    std::uint64_t left = directory;
     const zip_int64_t count = zip_get_num_entries(zip_.get(), 0);
     for (zip_uint64_t i = 0; std::cmp_less(i, count); ++i)
     {
@@ -475,6 +476,12 @@ void Archive::listMembers(std::uint64_t directory)
             throw Error(name_, "cannot be read as a ZIP: its directory is "
                                "damaged");
         }
+        if (entry->packedSize > left)
+        {
+            throw Error(name_, "cannot be read as a ZIP: its members lie over "
+                               "one another");
+        }
+        left -= entry->packedSize;
         members_.push_back(
             {name, typeOf(name, entry->attributes), entry->size,
              compressionName(static_cast<std::uint16_t>(entry->method)),

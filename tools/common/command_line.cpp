@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <iostream>
+#include <string_view>
 
 namespace tools
 {
@@ -26,6 +27,33 @@ std::string complaint(const CLI::App* app, const CLI::Error& error)
 } // namespace
 
 void setUpComplaints(CLI::App& app) { app.failure_message(complaint); }
+
+void parse(CLI::App& app, int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i)
+    {
+        const std::string_view argument = argv[i];
+        if (argument.starts_with('[') && argument.ends_with(']'))
+        {
+            // CLI11 would take "[a,b]" for a list: other files than are named.
+            throw CLI::ValidationError(std::string(argument) +
+                                       ": put ./ in front of such a name");
+        }
+    }
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::CallForVersion&)
+    {
+        if (!app.get_subcommands().empty())
+        {
+            // The command would not be done, and nobody would be told.
+            throw CLI::ValidationError("--version is not for this command");
+        }
+        throw;
+    }
+}
 
 int endParse(const CLI::App& app, const CLI::ParseError& error)
 {

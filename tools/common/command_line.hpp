@@ -11,6 +11,11 @@ namespace tools
  *  name of @p app. */
 void setUpComplaints(CLI::App& app);
 
+/** Parses the arguments.
+ *
+ *  @throws CLI::ParseError when they are wrong, or ask for a text */
+void parse(CLI::App& app, int argc, char** argv);
+
 /** Prints what a parse has ended with: a help text, the version, or what is
  *  wrong.
  *

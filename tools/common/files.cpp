@@ -83,6 +83,20 @@ TemporaryDirectory::~TemporaryDirectory()
     keepOnSignal(path_.c_str());
 }
 
+void openStandardStreams()
+{
+    int number = STDIN_FILENO;
+    while (number <= STDERR_FILENO)
+    {
+        number = open("/dev/null", O_RDONLY);
+        if (number < 0)
+        {
+            throw systemError("/dev/null");
+        }
+    }
+    close(number);
+}
+
 FileDescriptor memoryFile(std::string_view content)
 {
     FileDescriptor file(memfd_create("velmora", MFD_CLOEXEC));

@@ -30,6 +30,10 @@ class TemporaryDirectory
     std::filesystem::path path_;
 };
 
+/** Has no file that is opened later, nor a pipe, take the number of a standard
+ *  stream that was closed. Nothing can be written to what stands there. */
+void openStandardStreams();
+
 /** A file in memory that no path leads to.
  *
  *  @throws Error when it cannot be made */

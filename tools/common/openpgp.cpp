@@ -62,8 +62,7 @@ std::string problemOf(const SignatureInfo& info, gpgme_signature_t made)
         case GPG_ERR_KEY_EXPIRED:
             return "the key expired on " + dayText(info.keyExpires);
         case GPG_ERR_SIG_EXPIRED:
-            return "the signature expired on " +
-                   dayText(static_cast<std::int64_t>(made->exp_timestamp));
+            return "the signature expired on " + dayText(info.expires);
         default:
             return gpgme_strerror(made->status);
     }
@@ -82,6 +81,7 @@ SignatureInfo infoOf(const GpgContext& context, gpgme_signature_t made,
     info.digestAlgorithm =
         textOr(gpgme_hash_algo_name(made->hash_algo), "unknown");
     info.created = static_cast<std::int64_t>(made->timestamp);
+    info.expires = static_cast<std::int64_t>(made->exp_timestamp);
     info.status = gpgme_err_code(made->status);
     info.isValid = (made->summary & GPGME_SIGSUM_VALID) != 0;
     const auto [known, isNew] = keys.try_emplace(info.fingerprint);
@@ -162,11 +162,12 @@ std::string dayText(std::int64_t seconds)
 
 bool holdsOnlySignatures(std::string_view file)
 {
+    constexpr int MOST_SIGNATURES = 100;
     constexpr unsigned NEW_FORMAT_SIGNATURE = 0xc2;
     constexpr unsigned OLD_FORMAT_SIGNATURE = 0x88;
     constexpr std::array<std::size_t, 3> SIZES_OF_LENGTH{1, 2, 4};
-    const bool isEmpty = file.empty();
-    while (!file.empty())
+    int count = 0;
+    for (; !file.empty() && count <= MOST_SIGNATURES; ++count)
     {
         const auto octet = [file](std::size_t at)
         {
@@ -202,7 +203,7 @@ bool holdsOnlySignatures(std::string_view file)
         }
         file.remove_prefix(start + size + static_cast<std::size_t>(length));
     }
-    return !isEmpty;
+    return count > 0 && count <= MOST_SIGNATURES;
 }
 
 std::vector<SignatureInfo> signaturesOf(const fs::path& home,

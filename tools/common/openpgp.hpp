@@ -42,6 +42,8 @@ struct SignatureInfo
     std::string digestAlgorithm;
     /** Seconds since 1970. */
     std::int64_t created = 0;
+    /** When the signature itself expires; 0 for never. */
+    std::int64_t expires = 0;
     /** When the first of both keys expires; 0 for never. */
     std::int64_t keyExpires = 0;
     /** GPG_ERR_NO_ERROR for a good one; the key need not be trusted. */
@@ -59,7 +61,8 @@ struct SignatureInfo
  *  means, and gpg takes a millisecond for each. */
 inline constexpr std::uint64_t LARGEST_SIGNATURE = 65536;
 
-/** Whether it holds signature packets and nothing else: RFC 4880, 4.2.
+/** Whether it holds signature packets, at most 100, and nothing else: RFC
+ *  4880, 4.2.
  *
  *  gpg follows compressed packets, so that a kilobyte can hold thousands of
  *  signatures, each of which takes it a millisecond. */

@@ -22,13 +22,14 @@ namespace
 constexpr std::array END_SIGNALS{SIGHUP,  SIGINT,  SIGQUIT,
                                  SIGTERM, SIGPIPE, SIGXCPU};
 constexpr std::size_t MAX_DIRECTORIES = 8;
-/** Under its new name, nothing is added to the directory meanwhile. A package
- *  may hold directories that do not let their owner in. A signal to the whole
- *  group has two processes do this, if a child was just being started. */
+/** Under its new name, nothing new is put into the directory. A package may
+ *  hold directories that do not let their owner in. A signal to the whole group
+ *  has two processes do this, if a child was just being started. What the
+ *  program has started ends behind it, and may still write. */
 constexpr const char* REMOVE =
-    "exec 2>/dev/null; mv -T -- \"$1\" \"$1~\" && set "
-    "-- \"$1~\"; chmod -R u+rwX -- \"$1\"; "
-    "exec rm -rf -- \"$1\"";
+    "exec 2>/dev/null; mv -T -- \"$1\" \"$1~\" && set -- \"$1~\"; "
+    "chmod -R u+rwX -- \"$1\"; n=0; "
+    "until rm -rf -- \"$1\" || [ $((n += 1)) -gt 50 ]; do sleep 0.02; done";
 
 std::array<std::atomic<const char*>, MAX_DIRECTORIES> directories{};
 pid_t thisProgram = 0;
@@ -41,6 +42,12 @@ extern "C" void endBySignal(int signal)
         const pid_t child = directory != nullptr ? _Fork() : -1;
         if (child == 0)
         {
+            // A second signal is not to end it: a shell does not block what
+            // it is started with for its own children.
+            for (const int each : END_SIGNALS)
+            {
+                std::signal(each, SIG_IGN);
+            }
             execl("/bin/sh", "sh", "-c", REMOVE, "sh", directory,
                   static_cast<char*>(nullptr));
             _exit(EXIT_FAILURE);

@@ -191,7 +191,8 @@ void refuseOverwrite(const fs::path& output,
         }
         if (fs::equivalent(directory, input, missing))
         {
-            throw Error(output.string(), "lies in the payload's directory");
+            throw Error(output.string(),
+                        "lies in " + input.string() + ", which is an input");
         }
     }
     if (!output.has_filename())
@@ -199,8 +200,10 @@ void refuseOverwrite(const fs::path& output,
         throw Error(output.string(), "names a directory, not a file");
     }
     const fs::file_status status = fs::symlink_status(output, missing);
+    // A link to something else, such as /dev/stdout, is to stay.
+    const fs::file_status target = fs::status(output, missing);
     const bool isReplaceable =
-        fs::is_regular_file(status) || fs::is_symlink(status);
+        fs::is_regular_file(target) || !fs::exists(target);
     if (fs::exists(status) && !(force && isReplaceable))
     {
         throw Error(output.string(), isReplaceable

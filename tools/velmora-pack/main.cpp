@@ -421,6 +421,10 @@ int inspect(const InspectOptions& options)
                          .dump(2, ' ', true, Json::error_handler_t::replace)
                   << '\n';
     }
+    else if (list.empty())
+    {
+        status = fail("there is no file to inspect, but directories");
+    }
     else if (several)
     {
         std::cout << list.size() << " files: " << remarked << " with remarks, "
@@ -458,7 +462,7 @@ void run(CLI::App& app, int argc, char** argv, int& status)
 {
     try
     {
-        app.parse(argc, argv);
+        tools::parse(app, argc, argv);
     }
     catch (const CLI::ParseError& error)
     {
@@ -479,6 +483,7 @@ int main(int argc, char** argv)
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     tools::cleanUpOnSignals();
+    tools::openStandardStreams();
     // What gpg says is read here, and passed on.
     setenv("LC_ALL", "C.UTF-8", 1);
     pack::hideSecrets();

@@ -82,12 +82,13 @@ struct Options
         return toBeSigned.empty() ? output : toBeSigned;
     }
 
-    /** @throws Error when the output must not be made */
-    void checkOutput() const
+    /** @param inputs further ones
+     *  @throws Error when the output must not be made */
+    void checkOutput(std::vector<std::filesystem::path> inputs = {}) const
     {
-        std::vector<std::filesystem::path> inputs{
-            input,     signature,    passphraseFile, trust.anchor,
-            publicKey, oldPublicKey, chain};
+        inputs.insert(inputs.end(),
+                      {input, signature, passphraseFile, trust.anchor,
+                       publicKey, oldPublicKey, chain, gpgHome});
         inputs.insert(inputs.end(), keys.begin(), keys.end());
         refuseOverwrite(made(), inputs, force);
     }

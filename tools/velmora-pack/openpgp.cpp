@@ -155,6 +155,11 @@ std::string objectionTo(const fs::path& home, const _gpgme_key& key,
         return subject + " was made on " + tools::dayText(made) +
                ", after the time of SOURCE_DATE_EPOCH";
     }
+    if (epoch && expires > 0 && expires <= *epoch)
+    {
+        return subject + " expires on " + tools::dayText(expires) +
+               ", before the time of SOURCE_DATE_EPOCH";
+    }
     return {};
 }
 
@@ -169,7 +174,12 @@ std::string signingKey(const fs::path& home, const std::string& text)
     gpgme_get_key(context.get(), name.fingerprint.c_str(), &found, 1);
     if (found == nullptr)
     {
-        throw Error(text, nameOf(home) + " has no secret key of that name");
+        gpgme_get_key(context.get(), name.fingerprint.c_str(), &found, 0);
+        const tools::GpgKey known(found);
+        throw Error(text, nameOf(home) + " has no secret key of that name" +
+                              (known ? ", or its agent cannot be reached (gpg "
+                                       "-K tells)"
+                                     : ""));
     }
     const tools::GpgKey key(found);
     gpgme_subkey_t named = key->subkeys;
@@ -211,11 +221,12 @@ void importKeyring(const fs::path& home, const fs::path& file)
     const Buffer keys = Source(file).readAll();
     const tools::GpgData data = tools::gpgData(textOf(keys));
     std::string trusted;
-    if (gpgme_op_import(context.get(), data.get()) == GPG_ERR_NO_ERROR)
+    gpgme_op_import(context.get(), data.get());
+    const gpgme_import_result_t result = gpgme_op_import_result(context.get());
+    if (result != nullptr)
     {
-        for (gpgme_import_status_t key =
-                 gpgme_op_import_result(context.get())->imports;
-             key != nullptr; key = key->next)
+        for (gpgme_import_status_t key = result->imports; key != nullptr;
+             key = key->next)
         {
             trusted += key->result == GPG_ERR_NO_ERROR
                            ? std::string("trusted-key ") + key->fpr + '\n'
@@ -224,8 +235,13 @@ void importKeyring(const fs::path& home, const fs::path& file)
     }
     if (trusted.empty())
     {
+        const bool hasKeys = result != nullptr && result->considered > 0;
         throw Error(file.string(),
-                    "holds no OpenPGP public key as gpg --export writes it");
+                    hasKeys ? "cannot be read into a keyring in " +
+                                  home.parent_path().string() +
+                                  " (is the disk full?)"
+                            : "holds no OpenPGP public key as gpg --export "
+                              "writes it");
     }
     if (!(std::ofstream(home / "gpg.conf") << trusted << std::flush))
     {
@@ -268,7 +284,15 @@ Infos goodSignatures(const fs::path& home, const std::string& where,
     return good;
 }
 
-/** Objects when each key that signed expires too soon. */
+/** The day from which a signature no longer counts: its own, or its key's. */
+std::int64_t lastDayOf(const tools::SignatureInfo& info)
+{
+    return info.expires == 0 || info.keyExpires == 0
+               ? info.expires + info.keyExpires
+               : std::min(info.expires, info.keyExpires);
+}
+
+/** Objects when each signature expires too soon. */
 void checkExpiry(const std::string& where, const Trust& trust,
                  const Infos& signatures)
 {
@@ -276,14 +300,15 @@ void checkExpiry(const std::string& where, const Trust& trust,
         std::int64_t{std::time(nullptr)} + trust.days * SECONDS_PER_DAY;
     const bool oneLasts = std::ranges::any_of(
         signatures, [soon](const tools::SignatureInfo& info)
-        { return info.keyExpires == 0 || info.keyExpires >= soon; });
+        { return lastDayOf(info) == 0 || lastDayOf(info) >= soon; });
     if (!oneLasts)
     {
         const tools::SignatureInfo& first = signatures.front();
-        trust.refuseOrWarn(where, "key " + first.name() + " expires within " +
-                                      std::to_string(trust.days) +
-                                      " days, on " +
-                                      tools::dayText(first.keyExpires));
+        const bool isKey = lastDayOf(first) == first.keyExpires;
+        trust.refuseOrWarn(
+            where, (isKey ? "key " : "the signature of key ") + first.name() +
+                       " expires within " + std::to_string(trust.days) +
+                       " days, on " + tools::dayText(lastDayOf(first)));
     }
 }
 
@@ -386,8 +411,8 @@ Json describeSignatures(Bytes file, Remarks& remarks)
         if (!tools::holdsOnlySignatures(textOf(file)))
         {
             throw Error("the OpenPGP signature",
-                        "is not a binary one and nothing else (gpg --dearmor "
-                        "makes one of an armoured one)");
+                        "is not at most 100 binary ones and nothing else (gpg "
+                        "--dearmor makes them of armoured ones)");
         }
         for (const tools::SignatureInfo& info :
              tools::signaturesOf(noKeys.path(), {}, textOf(file)))

@@ -91,13 +91,18 @@ std::vector<fs::path> payloadFiles(const fs::path& payload)
     return files;
 }
 
-FileDigests digestFiles(const std::vector<fs::path>& files)
+FileDigests digestFiles(const fs::path& payload,
+                        const std::vector<fs::path>& files)
 {
     FileDigests digests;
     std::uint64_t size = 0;
     for (const fs::path& file : files)
     {
         size += Source(file).size();
+    }
+    if (size > MOST_UNPACKED)
+    {
+        throw Error(payload.string(), "has more than 8 GiB");
     }
     const tools::Progress progress(size);
     for (const fs::path& file : files)
@@ -109,7 +114,7 @@ FileDigests digestFiles(const std::vector<fs::path>& files)
     }
     if (size == 0)
     {
-        throw Error(files.front().string(), "is empty, and so is the payload");
+        throw Error(payload.string(), "is empty, but for names");
     }
     return digests;
 }
@@ -410,9 +415,9 @@ void reportSigners(const Options& options, const Json& fields, Bytes descriptor,
 void makePackage(const Options& options)
 {
     const std::vector<fs::path> files = payloadFiles(options.input);
-    options.checkOutput();
-    const Buffer descriptor =
-        writeDescriptor(options, compositeOf(digestFiles(files)));
+    options.checkOutput(files);
+    const Buffer descriptor = writeDescriptor(
+        options, compositeOf(digestFiles(options.input, files)));
     std::vector<tools::NewMember> members;
     members.reserve(files.size());
     for (const fs::path& file : files)

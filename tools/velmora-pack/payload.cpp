@@ -111,6 +111,11 @@ Chain chainOf(Bytes pem, const std::string& name)
     {
         throw Error(name, "holds no certificate in PEM");
     }
+    if (textOf(pem).find("BEGIN TRUSTED CERTIFICATE") != std::string::npos)
+    {
+        throw Error(name, "holds a trusted certificate, which a machine does "
+                          "not read: openssl x509 makes a plain one");
+    }
     chain.text = pemText(chain.certificates);
     if (chain.text.size() >= CHAIN_SIZE)
     {
@@ -155,7 +160,8 @@ std::int32_t timestampOf(const Options& options)
     const std::int64_t seconds = epoch ? *epoch : std::time(nullptr);
     if (seconds < 1 || seconds > std::numeric_limits<std::int32_t>::max())
     {
-        throw Error("timestamp", "is not from 1 to 2147483647");
+        throw Error(epoch ? "SOURCE_DATE_EPOCH" : "the clock",
+                    "is not from 1 to 2147483647, as a timestamp is");
     }
     return static_cast<std::int32_t>(seconds);
 }
@@ -276,7 +282,7 @@ struct Slot
 void checkPayload(const Source& made)
 {
     const Slot slot(made);
-    if (slot.key() == nullptr || !slot.verifies(made))
+    if (!isSlotKey(slot.key()) || !slot.verifies(made))
     {
         throw Error(made.name(),
                     "the signature does not fit the body, the chain, the "

@@ -2,6 +2,7 @@
 #include "commands.hpp"
 #include "common/command_line.hpp"
 #include "common/error.hpp"
+#include "common/files.hpp"
 #include "common/progress.hpp"
 #include "common/purposes.hpp"
 #include "common/signals.hpp"
@@ -398,6 +399,7 @@ int main(int argc, char** argv)
 try
 {
     tools::cleanUpOnSignals();
+    tools::openStandardStreams();
     // A file of the extractor that grows too large gives an error.
     std::signal(SIGXFSZ, SIG_IGN);
     Invocation invocation;
@@ -405,7 +407,7 @@ try
     addEverything(app, invocation);
     try
     {
-        app.parse(argc, argv);
+        tools::parse(app, argc, argv);
     }
     catch (const CLI::ParseError& e)
     {
