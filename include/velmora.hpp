@@ -371,7 +371,7 @@ class VELMORA_EXPORT ValidateQOR
      *
      *  Writes "certchain", "publickey" and "hashfunc" in
      *  /var/run/velmora/Zarnholt/, whether the signature verifies or not. A
-     * payload that is truncated meanwhile raises SIGBUS.
+     *  payload that is truncated meanwhile raises SIGBUS.
      *
      *  @param chain the 24,576 bytes of the chain area; a shorter one counts
      *               as padded with NUL bytes, a longer one is refused

@@ -113,7 +113,8 @@ TEST(LogReader, EveryFormGivesTheSameAnswer)
     for (const std::string& log :
          {shortForm, compressed(shortForm) + compressed("\n"),
           inForm("2026-11-25T04:10:31+00:00 bmc updated[", "]: ", " \r\n"),
-          inForm("Nov 25 04:10:31 bmc", " updated[7]: ", "\n"),
+          inForm("Nov 25 04:10:31 10.0.0.", " updated[7]: ", "\n"),
+          inForm("[12.5] updated[", "]: ", "\n"),
           inForm("\x1b[0;1;39mNov 25 bmc updated[", "]: \x1b[31m", "\x1b[0m\n"),
           inForm("-- No entry --\nWed 2026-11-25 UTC [s=1;i=2]\n    _PID=",
                  "\n    MESSAGE=", "\n    SYSLOG_IDENTIFIER=updated\n"),
@@ -232,8 +233,7 @@ TEST(LogReader, HostileLogsCostLittle)
     // Entries that are cut off, and another program's lines.
     for (const char* cut :
          {"{\"log\":\"Li", "{\"log\":\"Li\nx\n", "{\n\t\"log\" : \"\"\n",
-          "{\n\t\"log\" : \"\"\n{\n\t\"log\" : \"\"\n}\n",
-          "Wed [s=1;i=2]\n    _PID=1\n"})
+          "{\n\t\"log\" : \"\"\n{\n\t\"log\" : \"\"\n}\n", "Wed [s=1;i=2]\n"})
     {
         EXPECT_THROW(explained("{\"log\":\"x\"}\n" + std::string(cut)),
                      tools::Error)

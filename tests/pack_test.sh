@@ -51,7 +51,7 @@ fails 'not made: package.xml: is larger than 262144' package "${package[@]:5}" -
 expect 1 '^velmora-pack: gpg: cannot be run' env PATH=/none "$pack" "${package[@]}" \
     --payload files -o x.zip
 expect 2 'keyring: must not be empty' "$pack" "${package[@]}" --payload files --keyring '' -o x.zip
-TMPDIR=/none fails '/none: is no directory, but TMPDIR' inspect sig
+TMPDIR=/none fails '/none: is no directory for temporary' inspect sig
 fails 0000 package --model 1 --version 1 --payload files \
     --gpg-home "$keys/gnupg" --key 0000000000000000000000000000000000000000 \
     -o x.zip
@@ -325,7 +325,7 @@ remarks unnamed 'has no timestamp'
 remarks unnamed 'signature does not fit'
 remarks zip 'so not at the timestamp'
 expect 1 '^3 files: 1 with remarks, 1 could not' "$pack" inspect p.zip none crc.zip files
-expect 1 'no file to inspect' "$pack" inspect files nested
+expect 1 'only directories' "$pack" inspect --json files nested
 expect 2 'put ./ in front' "$pack" inspect '[p.zip,sig]'
 expect 1 '"error": "none: No such file' "$pack" inspect --json p.zip sig none
 

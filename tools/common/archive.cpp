@@ -319,7 +319,7 @@ struct Archive::Header
         Extras extras(extra, header.name);
         header.oddity = extras.hasOtherName ? "it has two names"
                         : extras.hasOtherType
-                            ? "an extra field gives it another type"
+                            ? "an extra field gives it a type of its own"
                             : "";
         header.size = takeNumber(fields, UNPACKED_SIZE, extras.zip64);
         header.packedSize = takeNumber(fields, PACKED_SIZE, extras.zip64);

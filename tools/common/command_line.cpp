@@ -36,8 +36,10 @@ void parse(CLI::App& app, int argc, char** argv)
         if (argument.starts_with('[') && argument.ends_with(']'))
         {
             // CLI11 would take "[a,b]" for a list: other files than are named.
-            throw CLI::ValidationError(std::string(argument) +
-                                       ": put ./ in front of such a name");
+            throw CLI::ValidationError(
+                std::string(argument) +
+                ": put ./ in front of a file's name, or = "
+                "between an option and its value");
         }
     }
     try

@@ -43,7 +43,8 @@ fs::path placeForTemporaryFiles()
     std::error_code unknown;
     if (!fs::is_directory(place, unknown))
     {
-        throw Error(place.string(), "is no directory, but TMPDIR names it");
+        throw Error(place.string(),
+                    "is no directory for temporary files (TMPDIR)");
     }
     // It may look like an option of a program.
     return fs::absolute(place);

@@ -19,8 +19,7 @@ namespace
 {
 
 /** The signals that end a program. */
-constexpr std::array END_SIGNALS{SIGHUP,  SIGINT,  SIGQUIT,
-                                 SIGTERM, SIGPIPE, SIGXCPU};
+constexpr std::array END_SIGNALS{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU};
 constexpr std::size_t MAX_DIRECTORIES = 8;
 /** Under its new name, nothing new is put into the directory. A package may
  *  hold directories that do not let their owner in. A signal to the whole group
@@ -88,6 +87,10 @@ void cleanUpOnSignals()
     thisProgram = getpid();
     // Where it was ignored, nobody would learn how a child has ended.
     std::signal(SIGCHLD, SIG_DFL);
+    // A file that grows too large, a reader or a child that goes away: an
+    // error like any other.
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
     pthread_atfork(nullptr, nullptr, dieWithProgram);
     struct sigaction action{};
     action.sa_handler = endBySignal;

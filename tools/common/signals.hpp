@@ -5,10 +5,11 @@
 namespace tools
 {
 
-/** Has SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE and SIGXCPU, but for ignored
- *  ones, end the program at once, whatever it is doing: with the signal as its
- *  status, without the directories that removeOnSignal() names, and without
- *  the programs that it has started. Children can be waited for. */
+/** Has SIGHUP, SIGINT, SIGQUIT, SIGTERM and SIGXCPU, but for ignored ones, end
+ *  the program at once, whatever it is doing: with the signal as its status,
+ *  without the directories that removeOnSignal() names, and without the
+ *  programs that it has started. Ignores SIGPIPE and SIGXFSZ, and SIGCHLD is
+ *  not ignored any more. */
 void cleanUpOnSignals();
 
 /** @param directory its path, kept until keepOnSignal() is called for it

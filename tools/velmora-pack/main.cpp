@@ -8,7 +8,6 @@
 #include "making.hpp"
 
 #include <charconv>
-#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -415,15 +414,15 @@ int inspect(const InspectOptions& options)
                                   : pack::renderText(fields));
         }
     }
-    if (options.json && (several || failed == 0))
+    if (list.empty())
+    {
+        status = fail("only directories are named, and no file");
+    }
+    else if (options.json && (several || failed == 0))
     {
         std::cout << (several ? list : list.front())
                          .dump(2, ' ', true, Json::error_handler_t::replace)
                   << '\n';
-    }
-    else if (list.empty())
-    {
-        status = fail("there is no file to inspect, but directories");
     }
     else if (several)
     {
@@ -478,10 +477,6 @@ void run(CLI::App& app, int argc, char** argv, int& status)
 
 int main(int argc, char** argv)
 {
-    // A file that grows too large, or a reader that goes away, is to give an
-    // error like any other, and leave nothing behind.
-    std::signal(SIGXFSZ, SIG_IGN);
-    std::signal(SIGPIPE, SIG_IGN);
     tools::cleanUpOnSignals();
     tools::openStandardStreams();
     // What gpg says is read here, and passed on.

@@ -237,11 +237,10 @@ void importKeyring(const fs::path& home, const fs::path& file)
     {
         const bool hasKeys = result != nullptr && result->considered > 0;
         throw Error(file.string(),
-                    hasKeys ? "cannot be read into a keyring in " +
-                                  home.parent_path().string() +
-                                  " (is the disk full?)"
-                            : "holds no OpenPGP public key as gpg --export "
-                              "writes it");
+                    hasKeys
+                        ? "gpg takes none of its keys (gpg --import tells why)"
+                        : "holds no OpenPGP public key as gpg --export "
+                          "writes it");
     }
     if (!(std::ofstream(home / "gpg.conf") << trusted << std::flush))
     {

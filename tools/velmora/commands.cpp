@@ -218,13 +218,16 @@ std::uintmax_t roomIn(const fs::path& directory)
 }
 
 /** What was listed, and is not there as it was; or empty. A signal that ends
- *  the extractor goes unnoticed by the library. */
+ *  the extractor goes unnoticed by the library. Names beyond ASCII may have got
+ *  another encoding. */
 std::string missingIn(const fs::path& directory, const PackageContents& listed)
 {
     for (const auto& [name, size] : listed.files)
     {
         std::error_code missing;
-        if (fs::file_size(directory / name, missing) != size)
+        const bool isAscii =
+            std::ranges::all_of(name, [](unsigned char c) { return c < 0x80; });
+        if (isAscii && fs::file_size(directory / name, missing) != size)
         {
             return name;
         }
@@ -271,8 +274,13 @@ Answer extract(const Request& request, const fs::path& destination,
     listed = contentsOf(*archive);
     const tools::TemporaryDirectory work;
     const fs::path link = work.path() / "package.zip";
-    // Of the extractor, another file is the standard input.
-    fs::create_symlink(fs::canonical(request.subject), link);
+    // To the extractor, another file is the standard input.
+    std::error_code nameless;
+    fs::create_symlink(fs::canonical(request.subject, nameless), link);
+    if (nameless)
+    {
+        throw std::runtime_error("it has no name in the file system: copy it");
+    }
     const tools::WatchedProgress progress(
         archive->totalSize(), [&destination, room]
         { return room - std::min(room, roomIn(destination)); });
@@ -287,7 +295,7 @@ Answer extract(const Request& request, const fs::path& destination,
                 missing + ": is not there as it is listed: the extractor was "
                           "ended early, or changes the name"};
     }
-    // The machine's fault, not the package's.
+    // Perhaps the machine's fault, not the package's.
     const std::string code = answer.refusal.detail("extractor");
     if (code.starts_with("exit code 50") || code.starts_with("exit code 127"))
     {
@@ -409,7 +417,7 @@ Answer validateDirectory(const Request& request, const fs::path& package,
         listed != nullptr && !listed->uncovered.empty() ? *listed : contents;
     if (answer.isVerified && !all.uncovered.empty())
     {
-        answer.reason += "; " + all.remark();
+        answer.reason += (answer.reason.empty() ? "" : "; ") + all.remark();
         answer.fields["notCovered"] = all.uncovered;
     }
     return answer;

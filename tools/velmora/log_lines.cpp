@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <charconv>
 #include <cstddef>
 #include <ctime>
@@ -73,8 +72,16 @@ std::size_t startOf(std::string_view line)
                                                                       : 0;
 }
 
-/** "bmc daemon[412]" of "Nov 25 04:10:31 bmc daemon[412]: ", or empty. Without
- *  the machine's name, it is a time that stands there. */
+/** Whether it can be the end of a time, such as "04:10:31" or "[12.345678]". */
+bool isLikeTime(std::string_view word)
+{
+    return word.ends_with(']') || word.find(':') < word.size() ||
+           (word.find_first_not_of("0123456789.") >= word.size() &&
+            std::ranges::count(word, '.') < 2);
+}
+
+/** "bmc daemon[412]" of "Nov 25 04:10:31 bmc daemon[412]: ", or empty. A log
+ *  can be without the machine's name. */
 std::string_view processIn(std::string_view prefix)
 {
     const auto end = prefix.find("]: ");
@@ -87,9 +94,8 @@ std::string_view processIn(std::string_view prefix)
     prefix = prefix.substr(0, end + 1);
     const auto name = prefix.rfind(' ') + 1;
     const auto host = name < 2 ? 0 : prefix.rfind(' ', name - 2) + 1;
-    const bool isNamed =
-        std::isalpha(static_cast<unsigned char>(prefix[host])) != 0;
-    return prefix.substr(isNamed ? host : name);
+    const auto word = prefix.substr(host, name - std::min(name, host + 1));
+    return prefix.substr(isLikeTime(word) ? name : host);
 }
 
 /** journalctl writes bytes where a text is no UTF-8 or has colours. */
@@ -165,9 +171,8 @@ bool Splitter::finish()
     {
         takeLine(line_);
     }
-    const bool lacksMessage =
-        isInEntry_ && !fields_.empty() && !fields_.contains("MESSAGE");
-    isBroken_ |= !object_.empty() || lacksMessage;
+    isBroken_ |=
+        !object_.empty() || (isInEntry_ && !fields_.contains("MESSAGE"));
     takeEntry();
     // In a log without entries, another program's line may look like one.
     return !hasEntries_ || !isBroken_;

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <exception>
 #include <iostream>
 #include <map>
@@ -400,8 +399,6 @@ try
 {
     tools::cleanUpOnSignals();
     tools::openStandardStreams();
-    // A file of the extractor that grows too large gives an error.
-    std::signal(SIGXFSZ, SIG_IGN);
     Invocation invocation;
     CLI::App app{"Checks firmware-update packages as the BMC does.", "velmora"};
     addEverything(app, invocation);
