@@ -43,6 +43,8 @@ expect 127 'none' "${sim[@]}" -- none
 expect 126 'denied' "${sim[@]}" -- /etc/passwd
 expect 2 '--system-id' "${sim[@]}" --system-id wrong -- true
 expect 2 'no such option: --none' "${sim[@]}" --none -- true
+expect 2 'without: no service' "${sim[@]}" --without '' -- true
+expect 125 'version cannot be written' sh -c '"$@" --version >/dev/full' - "${sim[@]}"
 expect 125 'passwd: no certificate' "${sim[@]}" --root-ca /etc/passwd -- true
 expect 125 'bmc-sim: .*nokey' "${sim[@]}" --signer-key nokey -- true
 expect 0 '^out$' "${sim[@]}" -- sh -c 'echo out > here; cat here'

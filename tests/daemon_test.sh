@@ -54,8 +54,8 @@ PY
 LC_ALL=C sed -i 's/\x04\x03\x02\x01/\x04\x00\x00\x00/g' lying.zip
 truncate -s 257M large.zip
 # As a run that was killed leaves it.
-mkdir -p state/unpacked/payload
-chmod 0 state/unpacked/payload
+mkdir -p state/unpacked/payload/q/r
+chmod 0 state/unpacked/payload/q state/unpacked/payload
 
 refuses() {
     expect 1 "^refused: .*$2" "$daemon" "$1"
@@ -78,6 +78,10 @@ expect 3 "^could not be checked: nobody could tell this machine's system" \
     env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none "$daemon" good.zip
 expect 0 'the platform service gave no identifier' result cause
 
+full=(bwrap --dev-bind / / --size 8192 --tmpfs "$PWD/state/unpacked")
+if "${full[@]}" true; then
+    expect 3 'could not be checked: no room is left' "${full[@]}" "$daemon" good.zip
+fi
 expect 0 '^accepted: model 113440, version 1.2$' "$daemon" good.zip
 expect 0 '^113440$' "${model[@]}" "$inventory/113440/1_2e2"
 expect 0 '^accepted' "$daemon" good.zip
@@ -93,9 +97,18 @@ expect 0 '^113440$' "${model[@]}" "$inventory/113440/1_2e10"
 "$velmora" inventory remove "$inventory/113440/1_2e11" >/dev/null
 expect 0 '^accepted: .*version 1.11' "$daemon" lost.zip
 expect 1 . "${model[@]}" "$inventory/113440/1_2e10"
-
+# A run was killed when it had just published.
+make last.zip 1.12 --system-id 0A1B
+"$velmora" inventory add "$inventory/113440/1_2e12" --detail1 x --purpose BMC >/dev/null
+sed -i "s|\"next\": \"|&$inventory/113440/1_2e12|" state/models/113440.json
+expect 0 '^accepted: .*version 1.12' "$daemon" last.zip
+expect 1 . "${model[@]}" "$inventory/113440/1_2e11"
+cp state/models/113440.json kept
+echo x >state/models/113440.json
+expect 3 '113440.json is damaged: restore it' "$daemon" last.zip
+mv kept state/models/113440.json
 mkdir state/models/113440.json.new
-expect 5 '^accepted and not remembered: .*113440.json.new' "$daemon" lost.zip
+expect 5 '^accepted and not remembered: .*113440.json.new' "$daemon" last.zip
 rmdir state/models/113440.json.new
 touch state/allow-older
 if [ "$(stat -c %u state/allow-older)" -eq 0 ]; then

@@ -33,6 +33,7 @@ sed -i 's/systemID="[^"]*"/systemID="zz"/' unpacked/package.xml
 expect 1 'a systemID of the descriptor is no number, or too large: zz' "$velmora" validate unpacked
 expect 3 'platform service gave no identifier: .*; there is no system bus' env \
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none "$velmora" validate p.zip
+expect 3 'could not be checked: Invalid crypto engine' env PATH=/none "$velmora" validate p.zip
 # Several at once: a line each, a list in JSON, the worst status.
 expect 3 '^3 packages: 1 accepted, 1 refused, 1 could not be checked$' \
     "$velmora" validate p.zip cut.zip none.zip

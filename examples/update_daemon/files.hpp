@@ -36,11 +36,12 @@ class FileDescriptor
 {
   public:
     /** @p number has just been acquired, from what @p name says. */
-    FileDescriptor(int number, const std::string& name) : number_(number)
+    FileDescriptor(int number, std::string name) :
+        number_(number), name_(std::move(name))
     {
         if (number_ < 0)
         {
-            failWithErrno(name);
+            failWithErrno(name_);
         }
     }
 
@@ -57,8 +58,11 @@ class FileDescriptor
 
     int get() const { return number_; }
 
+    const std::string& name() const { return name_; }
+
   private:
     int number_;
+    std::string name_;
 };
 
 /** Only one update at a time may use the fixed files and the bus objects. */
@@ -113,14 +117,19 @@ class PrivateDirectory
   private:
     void clear() const
     {
-        for (const fs::directory_entry& entry : fs::directory_iterator(path_))
+        // A package says which rights its directories have. The iterator goes
+        // into each after this.
+        for (const fs::directory_entry& entry :
+             fs::recursive_directory_iterator(path_))
         {
-            // A package says which rights its payload's directory has.
             if (fs::is_directory(entry.symlink_status()))
             {
                 fs::permissions(entry.path(), fs::perms::owner_all,
                                 fs::perm_options::add);
             }
+        }
+        for (const fs::directory_entry& entry : fs::directory_iterator(path_))
+        {
             fs::remove_all(entry.path());
         }
     }
@@ -128,14 +137,15 @@ class PrivateDirectory
     fs::path path_;
 };
 
-inline void writeAll(int file, const char* data, std::size_t size)
+inline void writeAll(const FileDescriptor& file, const char* data,
+                     std::size_t size)
 {
     while (size > 0)
     {
-        const ssize_t written = write(file, data, size);
+        const ssize_t written = write(file.get(), data, size);
         if (written < 0)
         {
-            failWithErrno("cannot write the private copy");
+            failWithErrno("cannot write " + file.name());
         }
         data += written;
         size -= static_cast<std::size_t>(written);
@@ -171,12 +181,18 @@ inline void replaceFile(const fs::path& path, const nlohmann::json& content)
     const std::string text =
         content.dump(4, ' ', true, nlohmann::json::error_handler_t::replace) +
         '\n';
+    try
     {
         const FileDescriptor file(fresh, O_WRONLY | O_CREAT | O_TRUNC);
-        writeAll(file.get(), text.data(), text.size());
+        writeAll(file, text.data(), text.size());
+        sync(fresh);
+        fs::rename(fresh, path);
     }
-    sync(fresh);
-    fs::rename(fresh, path);
+    catch (const std::exception&)
+    {
+        unlink(fresh.c_str());
+        throw;
+    }
     sync(path.parent_path());
 }
 

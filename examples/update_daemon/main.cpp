@@ -26,9 +26,13 @@
  *    incoming/     the package, in a copy that nobody else can change
  *    unpacked/     what is unpacked from it; both are empty between updates
  *    models/       the version that was last accepted, a file for each model
- *    result.json   how the last update ended, for other services to show
+ *    result.json   how the last update ended, for other services to show; not
+ *                  there while one is under way, or after one that was killed
  *    allow-older   where root has made it: one older version is taken, and the
  *                  file is removed
+ *
+ *  Where it is killed, its extractor goes on writing. The service manager must
+ *  end that too before the next run, as systemd does.
  *
  *  It is compiled with
  *
@@ -94,7 +98,13 @@ void expectModel(const fs::path& unpacked)
 void expectKnownSystem(const fs::path& directory)
 {
     const fs::path descriptor = directory / "any.xml";
-    std::ofstream(descriptor) << "<Package/>\n";
+    std::ofstream file(descriptor);
+    file << "<Package/>\n";
+    file.close();
+    if (!file)
+    {
+        throw std::runtime_error("cannot write " + descriptor.string());
+    }
     LibraryLog log;
     const bool known =
         ValidateQOR::validateSytemIdFromPkgXML(descriptor.string());
@@ -111,6 +121,7 @@ void validate(const fs::path& copy, const fs::path& unpacked)
 try
 {
     const Members members = membersOf(copy);
+    expectRoom(members, unpacked);
     if (!ValidateQOR::unZip(copy.string(), unpacked.string()))
     {
         throw LibraryRefusal("it cannot be unpacked");
@@ -168,20 +179,23 @@ Package describe(const std::string& directory)
     return package;
 }
 
-/** Publishes the new object first: the one before stays until then.
- *  @return its inventory path */
-std::string publish(const Package& package, const std::string& before)
+/** Inventory path of what is published of a package. */
+std::string objectOf(const Package& package)
 {
-    std::string path = "/xyz/openbmc_project/inventory/system/" +
-                       encoded(package.model) + '/' + encoded(package.version);
-    // The same version once more, and the manager still has it.
-    if (path == before && !ValidateQOR::getInventoryModel(path).empty())
-    {
-        return path;
-    }
-    if (ValidateQOR::registerSWInv(path, package.model, package.version,
-                                   package.purpose,
-                                   ValidateQOR::ReleaseType::Other) != 1)
+    return INVENTORY + encoded(package.model) + '/' + encoded(package.version);
+}
+
+/** Publishes the new object first: the one before stays until then.
+ *
+ *  @param isOwn whether what is there under the path is this daemon's */
+void publish(const Package& package, const std::string& path,
+             const std::string& before, bool isOwn)
+{
+    // The same version once more, and the manager may still have it.
+    const bool isThere = isOwn && !ValidateQOR::getInventoryModel(path).empty();
+    if (!isThere && ValidateQOR::registerSWInv(
+                        path, package.model, package.version, package.purpose,
+                        ValidateQOR::ReleaseType::Other) != 1)
     {
         throw std::runtime_error("the inventory manager does not take it");
     }
@@ -192,7 +206,6 @@ std::string publish(const Package& package, const std::string& before)
         std::cerr << "the object of the version before is not there: " << before
                   << '\n';
     }
-    return path;
 }
 
 void remember(const Models& models, const Package& package,
@@ -222,16 +235,23 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
     models.expectNotOlder(package.version, installed);
     // Here a real daemon applies the files of unpacked/payload, and waits until
     // they are complete in the flash memory.
+    const std::string path = objectOf(package);
+    const bool isOwn = path == installed.object || path == installed.next;
     installed.version = package.version;
+    installed.next = path;
     remember(models, package, installed);
+    installed.next.clear();
     try
     {
-        installed.object = publish(package, installed.object);
+        publish(package, path, installed.object, isOwn);
     }
     catch (const std::exception& e)
     {
+        // What is there may be somebody else's.
+        remember(models, package, installed);
         throw NotPublished(e.what());
     }
+    installed.object = path;
     remember(models, package, installed);
     return package;
 }
@@ -303,10 +323,19 @@ Result judge(const fs::path& package, const fs::path& stateDirectory)
     }
 }
 
+/** In ASCII, as one line: a package says what its version is. */
+std::string printable(const std::string& text)
+{
+    const std::string quoted = nlohmann::json(text).dump(
+        -1, ' ', true, nlohmann::json::error_handler_t::replace);
+    return quoted.substr(1, quoted.size() - 2);
+}
+
 /** For other services, result.json; for people, the daemon's last line. */
 int run(const fs::path& package, const fs::path& stateDirectory)
 {
     const OneAtATime lock(stateDirectory);
+    fs::remove(stateDirectory / "result.json");
     Result result = judge(package, stateDirectory);
     try
     {
@@ -321,7 +350,7 @@ int run(const fs::path& package, const fs::path& stateDirectory)
     {
         std::cerr << "the result is not kept: " << e.what() << '\n';
     }
-    std::cerr << result.verdict << ": " << result.reason << '\n';
+    std::cerr << result.verdict << ": " << printable(result.reason) << '\n';
     return result.status;
 }
 

@@ -8,7 +8,9 @@
 
 #include <cctype>
 #include <cstring>
+#include <exception>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -44,7 +46,11 @@ struct Installed
 {
     std::string version; ///< last accepted; empty before the first
     std::string object;  ///< inventory path of what is published of it
+    /** Of what was about to be published when a run was killed. */
+    std::string next = {};
 };
+
+constexpr const char* INVENTORY = "/xyz/openbmc_project/inventory/system/";
 
 class Models
 {
@@ -68,15 +74,32 @@ class Models
         {
             return {};
         }
-        const auto content = nlohmann::json::parse(std::ifstream(path));
-        return {content.at("version"), content.at("object")};
+        try
+        {
+            const auto content = nlohmann::json::parse(std::ifstream(path));
+            Installed installed{content.at("version"), content.at("object"),
+                                content.value("next", "")};
+            if (installed.object.empty() ||
+                installed.object.starts_with(INVENTORY))
+            {
+                return installed;
+            }
+        }
+        catch (const std::exception&) // NOLINT(bugprone-empty-catch)
+        {
+            // What it says is less than what is said below.
+        }
+        throw std::runtime_error(path.string() +
+                                 " is damaged: restore it, or remove it, and "
+                                 "any version will be taken");
     }
 
     void remember(const std::string& model, const Installed& installed) const
     {
         replaceFile(fileOf(model), {{"model", model},
                                     {"version", installed.version},
-                                    {"object", installed.object}});
+                                    {"object", installed.object},
+                                    {"next", installed.next}});
     }
 
     /** No signature says that a package is newer than what runs. */

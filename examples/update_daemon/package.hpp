@@ -58,7 +58,7 @@ inline void takeOver(const fs::path& package, const fs::path& copy)
         {
             throw Refusal("it is larger than 256 MiB");
         }
-        writeAll(to.get(), piece.data(), static_cast<std::size_t>(size));
+        writeAll(to, piece.data(), static_cast<std::size_t>(size));
     }
     if (size < 0)
     {
@@ -145,8 +145,25 @@ inline Members membersOf(const fs::path& package)
     return members;
 }
 
+/** When the disk is full, the extractor's answer is as if the package were to
+ *  blame. */
+inline void expectRoom(const Members& members, const fs::path& directory)
+{
+    constexpr std::uintmax_t BLOCK_SIZE = 4096;
+    std::uintmax_t needed = 0;
+    for (const auto& [name, size] : members)
+    {
+        needed += size + BLOCK_SIZE;
+    }
+    if (fs::space(directory).available < needed)
+    {
+        throw std::runtime_error("no room is left in " + directory.string());
+    }
+}
+
 /** Refuses what the list did not announce. A listed size may be untrue. */
 inline void expectJust(const Members& members, const fs::path& directory)
+try
 {
     std::size_t found = 0;
     for (const fs::directory_entry& entry :
@@ -172,6 +189,10 @@ inline void expectJust(const Members& members, const fs::path& directory)
     {
         throw Refusal("what was unpacked is not what it lists");
     }
+}
+catch (const fs::filesystem_error&)
+{
+    throw Refusal("what was unpacked cannot be read");
 }
 
 } // namespace update_daemon

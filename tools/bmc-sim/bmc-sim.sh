@@ -66,8 +66,11 @@ open_input() {
 }
 
 open_signer_key() {
-    exec {input}< <({ openssl pkey -pubin -in "$1" -outform DER ||
-        openssl pkey -in "$1" -passin pass: -pubout -outform DER; } 2>/dev/null)
+    local key
+    # Once: it may be a pipe.
+    { key=$(cat -- "$1"); } 2>/dev/null || fail "$1: no file that can be read"
+    exec {input}< <({ openssl pkey -pubin -outform DER <<<"$key" ||
+        openssl pkey -passin pass: -pubout -outform DER <<<"$key"; } 2>/dev/null)
     wait $! || fail "$1: no public or private key in PEM"
     names[input]=$1
     service_options+=(--signer-key "/dev/fd/$input")
@@ -95,7 +98,7 @@ take_option() {
         --root-ca) open_input "$2" && root_ca=$input ;;
         --signer-key) open_signer_key "$2" ;;
         --without)
-            [ -n "${services[$2]:-}" ] || wrong_usage "--without: no service $2"
+            [[ -n $2 && -n ${services[$2]:-} ]] || wrong_usage "--without: no service $2"
             unset "services[$2]"
             ;;
         --bind)
@@ -113,8 +116,15 @@ take_option() {
 parse() {
     while [ $# -gt 0 ] && [ "$1" != -- ]; do
         case $1 in
-            -h | --help) usage && exit ;;
-            --version) "$program" --version | sed 's/^[^ ]*/bmc-sim/' && exit ;;
+            -h | --help)
+                usage || fail "the help cannot be written"
+                exit
+                ;;
+            --version)
+                "$program" --version | sed 's/^[^ ]*/bmc-sim/' ||
+                    fail "the version cannot be written"
+                exit
+                ;;
             --*=*) set -- "${1%%=*}" "${1#*=}" "${@:2}" ;;
         esac
         [ $# -gt 1 ] || wrong_usage "$1: no such option, or its value is missing"

@@ -111,8 +111,9 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::UNCHECKED)
     {
         return {};
     }
-    Answer answer{Verdict::REFUSED, refusal.reason(), refusal};
     const std::string lookAt = refusal.detail("lookAt");
+    Answer answer{lookAt.empty() ? Verdict::REFUSED : Verdict::UNCHECKED,
+                  refusal.reason(), refusal};
     const std::string exception = refusal.detail("exception");
     if (!lookAt.empty() && !exception.empty())
     {

@@ -516,6 +516,10 @@ void LogReader::takeRefusal(Process& process, const Line& line,
     {
         addDetail(refusal, {"lookAt", service->second});
     }
+    if (refusal.detail("gpgmeError") == "Invalid crypto engine")
+    {
+        addDetail(refusal, {"lookAt", "gpg --version"});
+    }
     addDetail(refusal, {"message", std::string(line.text)});
     addDetail(refusal, {"logged", std::string(line.origin)});
 }
