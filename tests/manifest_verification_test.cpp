@@ -217,6 +217,8 @@ TEST_F(Image, FilesThatCannotBeReadAreNamed)
     EXPECT_EQ(logged(ValidateQOR::verifyManifestAndSignature, "x", ""), -1);
     EXPECT_THAT(log, ElementsAre(failure("Invalid path for image-ktb")));
     writeFile(manifest, "$KT");
+    // The largest image.
+    fs::resize_file(image, 0xffffffff);
     expectRefusal("Error in reading manifest information from the payload");
     for (const auto& [name, message] :
          {std::pair{"image-ktb", "Error opening KTB file"},
