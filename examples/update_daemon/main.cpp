@@ -27,12 +27,13 @@
  *    unpacked/     what is unpacked from it; both are empty between updates
  *    models/       the version that was last accepted, a file for each model
  *    result.json   how the last update ended, for other services to show; not
- *                  there while one is under way, or after one that was killed
+ *                  there while one is under way, after one that was killed, or
+ *                  where it could not be kept
  *    allow-older   where root has made it: one older version is taken, and the
  *                  file is removed
  *
- *  Where it is killed, its extractor goes on writing. The service manager must
- *  end that too before the next run, as systemd does.
+ *  If it is killed, its extractor goes on writing. The service manager must end
+ *  that too before the next run, as systemd does.
  *
  *  It is compiled with
  *
@@ -68,7 +69,7 @@ class NoAnswer : public std::runtime_error
     using std::runtime_error::runtime_error;
 };
 
-/** The package was accepted, and the next one is not compared with it. */
+/** The package was accepted, and not all of that is remembered. */
 class NotRemembered : public std::runtime_error
 {
   public:
@@ -187,7 +188,7 @@ std::string objectOf(const Package& package)
 
 /** Publishes the new object first: the one before stays until then.
  *
- *  @param isOwn whether what is there under the path is this daemon's */
+ *  @param isOwn whether what is there under the path may be this daemon's */
 void publish(const Package& package, const std::string& path,
              const std::string& before, bool isOwn)
 {
@@ -236,7 +237,8 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
     // Here a real daemon applies the files of unpacked/payload, and waits until
     // they are complete in the flash memory.
     const std::string path = objectOf(package);
-    const bool isOwn = path == installed.object || path == installed.next;
+    const std::string killed = installed.next;
+    const bool isOwn = path == installed.object || path == killed;
     installed.version = package.version;
     installed.next = path;
     remember(models, package, installed);
@@ -250,6 +252,11 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
         // What is there may be somebody else's.
         remember(models, package, installed);
         throw NotPublished(e.what());
+    }
+    if (!killed.empty() && path != killed && installed.object != killed)
+    {
+        // A run that was killed may have published it.
+        ValidateQOR::deRegisterSWInv(killed);
     }
     installed.object = path;
     remember(models, package, installed);
@@ -278,7 +285,7 @@ Result explained(Result result, LibraryLog& log)
     if (result.status == REFUSED &&
         result.failure.value("verdict", "") == "failed")
     {
-        // A service has gone in the middle: the package was not judged.
+        // A service has gone in the middle, say: the package was not judged.
         result.status = NOT_CHECKED;
         result.verdict = "could not be checked";
     }
@@ -323,7 +330,8 @@ Result judge(const fs::path& package, const fs::path& stateDirectory)
     }
 }
 
-/** In ASCII, as one line: a package says what its version is. */
+/** As a string of JSON without its quotes: ASCII, in one line. A package says
+ *  what its version is. */
 std::string printable(const std::string& text)
 {
     const std::string quoted = nlohmann::json(text).dump(

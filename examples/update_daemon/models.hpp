@@ -74,13 +74,19 @@ class Models
         {
             return {};
         }
+        std::ifstream file(path);
+        if (!file)
+        {
+            failWithErrno(path.string());
+        }
         try
         {
-            const auto content = nlohmann::json::parse(std::ifstream(path));
+            const auto content = nlohmann::json::parse(file);
             Installed installed{content.at("version"), content.at("object"),
                                 content.value("next", "")};
-            if (installed.object.empty() ||
-                installed.object.starts_with(INVENTORY))
+            if (!installed.version.empty() &&
+                (installed.object.empty() ||
+                 installed.object.starts_with(INVENTORY)))
             {
                 return installed;
             }
@@ -90,8 +96,8 @@ class Models
             // What it says is less than what is said below.
         }
         throw std::runtime_error(path.string() +
-                                 " is damaged: restore it, or remove it, and "
-                                 "any version will be taken");
+                                 " is damaged: restore it (without it, any "
+                                 "version is taken)");
     }
 
     void remember(const std::string& model, const Installed& installed) const

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 /** @file What arrives is bounded before anything of it is unpacked. */
 
@@ -145,8 +146,8 @@ inline Members membersOf(const fs::path& package)
     return members;
 }
 
-/** When the disk is full, the extractor's answer is as if the package were to
- *  blame. */
+/** When the disk is full, the extractor's answer reads as if the package were
+ *  to blame. */
 inline void expectRoom(const Members& members, const fs::path& directory)
 {
     constexpr std::uintmax_t BLOCK_SIZE = 4096;
@@ -190,9 +191,13 @@ try
         throw Refusal("what was unpacked is not what it lists");
     }
 }
-catch (const fs::filesystem_error&)
+catch (const fs::filesystem_error& e)
 {
-    throw Refusal("what was unpacked cannot be read");
+    if (e.code() == std::errc::permission_denied)
+    {
+        throw Refusal("what was unpacked cannot be read");
+    }
+    throw;
 }
 
 } // namespace update_daemon

@@ -115,6 +115,12 @@ Answer answerFrom(const Outcome& outcome, Verdict answered = Verdict::UNCHECKED)
     Answer answer{lookAt.empty() ? Verdict::REFUSED : Verdict::UNCHECKED,
                   refusal.reason(), refusal};
     const std::string exception = refusal.detail("exception");
+    const bool isOnBus =
+        !exception.empty() || !refusal.detail("exceptionType").empty();
+    if (!lookAt.empty() && !isOnBus)
+    {
+        answer.reason += "; look at: " + lookAt;
+    }
     if (!lookAt.empty() && !exception.empty())
     {
         const bool has = hasAnswered(exception);
@@ -286,7 +292,7 @@ Answer extract(const Request& request, const fs::path& destination,
         archive->totalSize(), [&destination, room]
         { return room - std::min(room, roomIn(destination)); });
     const auto unzip = [&] { return ValidateQOR::unZip(link, destination); };
-    Answer answer = ask(request, unzip);
+    const Answer answer = ask(request, unzip);
     const std::string missing = answer.verdict == Verdict::ACCEPTED
                                     ? missingIn(destination, listed)
                                     : "";
@@ -295,12 +301,6 @@ Answer extract(const Request& request, const fs::path& destination,
         return {Verdict::UNCHECKED,
                 missing + ": is not there as it is listed: the extractor was "
                           "ended early, or changes the name"};
-    }
-    // Perhaps the machine's fault, not the package's.
-    const std::string code = answer.refusal.detail("extractor");
-    if (code.starts_with("exit code 50") || code.starts_with("exit code 127"))
-    {
-        answer.verdict = Verdict::UNCHECKED;
     }
     return answer;
 }

@@ -33,6 +33,14 @@ constexpr std::array<std::pair<std::string_view, const char*>, 3> SERVICES{{
      "busctl status xyz.openbmc_project.Software.Installed.Inventory"},
 }};
 
+/** Of what tells most: how the machine's own faults begin, and what to look at.
+ *  They say nothing of a package. */
+constexpr std::array<std::pair<std::string_view, const char*>, 3> FAULTS{{
+    {"Invalid crypto engine", "gpg --version"},
+    {"exit code 50, ", "df, and who may write there"},
+    {"exit code 127, ", "/usr/bin/unzip"},
+}};
+
 using Meaning = std::pair<int, const char*>;
 
 constexpr std::array EXTRACTOR_CODES{
@@ -516,9 +524,12 @@ void LogReader::takeRefusal(Process& process, const Line& line,
     {
         addDetail(refusal, {"lookAt", service->second});
     }
-    if (refusal.detail("gpgmeError") == "Invalid crypto engine")
+    for (const auto& [telling, lookAt] : FAULTS)
     {
-        addDetail(refusal, {"lookAt", "gpg --version"});
+        if (tellingOf(refusal).starts_with(telling))
+        {
+            addDetail(refusal, {"lookAt", lookAt});
+        }
     }
     addDetail(refusal, {"message", std::string(line.text)});
     addDetail(refusal, {"logged", std::string(line.origin)});
