@@ -292,7 +292,7 @@ Answer extract(const Request& request, const fs::path& destination,
         archive->totalSize(), [&destination, room]
         { return room - std::min(room, roomIn(destination)); });
     const auto unzip = [&] { return ValidateQOR::unZip(link, destination); };
-    const Answer answer = ask(request, unzip);
+    Answer answer = ask(request, unzip);
     const std::string missing = answer.verdict == Verdict::ACCEPTED
                                     ? missingIn(destination, listed)
                                     : "";
