@@ -103,6 +103,10 @@ make last.zip 1.12 --system-id 0A1B
 sed -i "s|\"next\": \"|&$inventory/113440/1_2e12|" state/models/113440.json
 expect 0 '^accepted: .*version 1.12' "$daemon" last.zip
 expect 1 . "${model[@]}" "$inventory/113440/1_2e11"
+"$velmora" inventory add "$inventory/113440/1_2e13" --detail1 x --purpose BMC >/dev/null
+sed -i "s|\"next\": \"|&$inventory/113440/1_2e13|" state/models/113440.json
+expect 0 '^accepted: .*version 1.12' "$daemon" last.zip
+expect 1 . "${model[@]}" "$inventory/113440/1_2e13"
 cp state/models/113440.json kept
 echo x >state/models/113440.json
 expect 3 '113440.json is damaged: restore it' "$daemon" last.zip

@@ -237,8 +237,13 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
     // Here a real daemon applies the files of unpacked/payload, and waits until
     // they are complete in the flash memory.
     const std::string path = objectOf(package);
-    const std::string killed = installed.next;
-    const bool isOwn = path == installed.object || path == killed;
+    const bool isOwn = path == installed.object || path == installed.next;
+    if (!installed.next.empty() && installed.next != path &&
+        installed.next != installed.object)
+    {
+        // A run that was killed may have published it. It is forgotten next.
+        ValidateQOR::deRegisterSWInv(installed.next);
+    }
     installed.version = package.version;
     installed.next = path;
     remember(models, package, installed);
@@ -252,11 +257,6 @@ Package update(const fs::path& source, const fs::path& stateDirectory)
         // What is there may be somebody else's.
         remember(models, package, installed);
         throw NotPublished(e.what());
-    }
-    if (!killed.empty() && path != killed && installed.object != killed)
-    {
-        // A run that was killed may have published it.
-        ValidateQOR::deRegisterSWInv(killed);
     }
     installed.object = path;
     remember(models, package, installed);
